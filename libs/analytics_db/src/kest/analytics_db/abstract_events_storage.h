@@ -1,0 +1,46 @@
+#pragma once
+
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include <kest/sql/db_result.h>
+#include <kest/utils/move_only_func.h>
+#include <kest/vms_common/zu_time_period_list.h>
+#include <kest/vms_common/zu_uuid.h>
+
+#include "filter.h"
+#include "object_metadata_packet.h"
+#include "object_track_ex.h"
+#include "result_code.h"
+#include "settings.h"
+
+namespace kest::analytics::db {
+
+using SaveErrorHandler = utils::MoveOnlyFunc<void(
+    kest::sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
+using LookupHandler = utils::MoveOnlyFunc<void(ResultCode, std::vector<ObjectTrackEx>)>;
+
+/** The analytics events storage: packets go in and are aggregated into tracks; searches come out. */
+class AbstractEventsStorage
+{
+public:
+    virtual ~AbstractEventsStorage() = default;
+
+    /** Opens or creates the database. On failure the storage stays not ready. */
+    virtual bool initialize(const Settings& settings) = 0;
+
+    /** Called on the storage's thread for every batch that could not be written. */
+    virtual void setOnSaveErrorHandler(SaveErrorHandler handler) = 0;
+
+    /** Whether saves and lookups are accepted now (initialised, write queue below its mark). */
+    virtual bool isReady() const = 0;
+
+    /** Queues a packet; never blocks. */
+    virtual void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) = 0;
+
+    /** Searches off the caller's thread; the handler is called exactly once, on the storage's thread. */
+    virtual void lookup(Filter filter, LookupHandler completionHandler) = 0;
+};
+
+}  // namespace kest::analytics::db

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QString>
+#include <chrono>
+#include <cstddef>
+
+#include <kest/sql/connection_options.h>
+
+class ZuSettings;
+
+namespace kest::analytics::db {
+
+/** Settings of the analytics events database (group "analyticsDb"). */
+class Settings
+{
+public:
+    /** "path": the database directory. Empty until loaded; the service fills in its default. */
+    QString path;
+    /** Connection tuning ("journalMode", "synchronous", "cacheSizeKb", "busyTimeoutMs"). */
+    kest::sql::ConnectionOptions connection;
+    /** "maxAgeDays": tracks last seen longer ago are deleted in the background; 0 keeps all. */
+    int maxAgeDays = 0;
+    /** "maxQueuedPackets": above this many packets waiting to be written, the storage is not ready. */
+    std::size_t maxQueuedPackets = 200'000;
+    /** "maxCommitDelayMs": how long an accepted packet may wait before its batch is committed. */
+    std::chrono::milliseconds maxCommitDelay{200};
+
+    /** Reads the group's keys; missing keys keep their defaults. */
+    void load(const ZuSettings& settings, const QString& group = "analyticsDb");
+};
+
+}  // namespace kest::analytics::db

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <QString>
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+#include <kest/network/socket_address.h>
+
+class ZuSettings;
+
+namespace kest::network::http::server {
+
+/** The HTTP server's settings: where it listens, its I/O threads and its limits per connection. */
+class Settings
+{
+public:
+    static constexpr int kDefaultBacklog = 1024;
+    static constexpr std::size_t kDefaultMaxHeaderBytes = 16 * 1024;
+    static constexpr std::size_t kDefaultMaxBodyBytes = 64 * 1024 * 1024;
+    static constexpr std::size_t kDefaultMaxConnections = 10000;
+    static constexpr std::chrono::milliseconds kDefaultRequestReadTimeout{30'000};
+    static constexpr std::chrono::milliseconds kDefaultIdleTimeout{60'000};
+
+    explicit Settings(QString group = "http");
+
+    /** "listenOn": comma-separated host:port; port 0 picks a free port; empty means none. */
+    std::vector<SocketAddress> endpoints{SocketAddress{"0.0.0.0", 8080}};
+    /** "backlog": the listen queue length. */
+    int listenBacklog = kDefaultBacklog;
+    /** "ioThreads": I/O threads of the server; 0 means one per core. */
+    unsigned ioThreads = 0;
+    /** "maxHeaderBytes": a larger request head is answered 431 and the connection closed. */
+    std::size_t maxHeaderBytes = kDefaultMaxHeaderBytes;
+    /** "maxBodyBytes": a larger body is answered 413 and the connection closed. */
+    std::size_t maxBodyBytes = kDefaultMaxBodyBytes;
+    /** "maxConnections": connections past this are closed as soon as accepted. */
+    std::size_t maxConnections = kDefaultMaxConnections;
+    /** "requestReadTimeoutMs": time to receive a whole request once it has begun. */
+    std::chrono::milliseconds requestReadTimeout = kDefaultRequestReadTimeout;
+    /** "idleTimeoutMs": a kept-alive connection with no new request is closed after this. */
+    std::chrono::milliseconds idleTimeout = kDefaultIdleTimeout;
+
+    /**
+     * Reads the keys of the group; missing keys keep their defaults. Throws
+     * std::invalid_argument naming the key when a value is malformed.
+     */
+    void load(const ZuSettings& settings);
+
+    const QString& group() const { return m_group; }
+
+private:
+    QString m_group;
+};
+
+}  // namespace kest::network::http::server
