@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include <kest/cloud/storage/model/errors_storage_model.h>
+
+namespace kest::cloud::storage::metadatadb {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr unsigned int kNoLimit = 4294967295u;
+
+const ZuUuid kDeviceA("{11111111-1111-1111-1111-111111111111}");
+const ZuUuid kDeviceB("{22222222-2222-2222-2222-222222222222}");
+const ZuUuid kDeviceC("{33333333-3333-3333-3333-333333333333}");
+
+class ErrorsStorageModelTest : public ::testing::Test
+{
+protected:
+    void save(const ZuUuid& device, ZuTimePeriodList periods,
+              kest::sql::DBResult result = kest::sql::DBResult::ioError)
+    {
+        m_model.saveErrors(result, {{device, std::move(periods)}});
+    }
+
+    std::vector<DbErrorData> all(std::chrono::milliseconds timestamp = 0ms)
+    {
+        return m_model.getErrors({}, timestamp, kNoLimit);
+    }
+
+    ErrorsStorageModel m_model;
+};
+
+TEST_F(ErrorsStorageModelTest, ReportsAreMergedPerDeviceWhateverTheResultCode)
+{
+    save(kDeviceA, {{1000, 1000}}, kest::sql::DBResult::ok);
+    save(kDeviceA, {{1500, 1000}, {5000, 100}}, kest::sql::DBResult::full);
+    save(kDeviceB, {{0, 10}});
+    m_model.saveErrors(kest::sql::DBResult::ioError, {});
+
+    const auto errors = m_model.getErrors({kDeviceA}, 0ms, kNoLimit);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(kDeviceA, errors[0].deviceId);
+    EXPECT_EQ((ZuTimePeriodList{{1000, 1500}, {5000, 100}}), errors[0].timePeriod);
+    EXPECT_EQ(2u, all().size());
+}
+
+TEST_F(ErrorsStorageModelTest, TimestampCutsAndSkipsWithoutChangingHistory)
+{
+    save(kDeviceA, {{1000, 2000}, {5000, 1000}});
+    save(kDeviceB, {{100, 900}});  // Ends at exactly 1000.
+    save(kDeviceC, {});
+
+    auto errors = m_model.getErrors({kDeviceA}, 2000ms, kNoLimit);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ((ZuTimePeriodList{{2000, 1000}, {5000, 1000}}), errors[0].timePeriod);
+
+    // Ending exactly at the timestamp is not "before" it: kept, but emptied by the cut.
+    errors = m_model.getErrors({kDeviceB}, 1000ms, kNoLimit);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_TRUE(errors[0].timePeriod.empty());
+    EXPECT_TRUE(m_model.getErrors({kDeviceB}, 1001ms, kNoLimit).empty());
+
+    // A device saved with no periods is reported at any timestamp.
+    errors = m_model.getErrors({kDeviceC}, 1'000'000ms, kNoLimit);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_TRUE(errors[0].timePeriod.empty());
+
+    errors = m_model.getErrors({kDeviceA}, 0ms, kNoLimit);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ((ZuTimePeriodList{{1000, 2000}, {5000, 1000}}), errors[0].timePeriod);
+}
+
+TEST_F(ErrorsStorageModelTest, SortedByLatestErrorEndAndTruncatedToCount)
+{
+    save(kDeviceA, {{8000, 1000}});  // Ends at 9000.
+    save(kDeviceB, {{6000, 1000}});  // Ends at 7000.
+    save(kDeviceC, {{500, 500}});    // Emptied by the cut below: sorts first.
+
+    auto errors = m_model.getErrors({}, 1000ms, kNoLimit);
+    ASSERT_EQ(3u, errors.size());
+    EXPECT_EQ(kDeviceC, errors[0].deviceId);
+    EXPECT_EQ(kDeviceB, errors[1].deviceId);
+    EXPECT_EQ(kDeviceA, errors[2].deviceId);
+
+    errors = m_model.getErrors({kDeviceA, kDeviceB}, 0ms, 1);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(kDeviceB, errors[0].deviceId);
+    EXPECT_TRUE(m_model.getErrors({}, 0ms, 0).empty());
+}
+
+TEST_F(ErrorsStorageModelTest, ClearForAllDevicesErasesEndedAndCutsTheRest)
+{
+    save(kDeviceA, {{1000, 1000}});                // Ends at 2000 < 3000: erased.
+    save(kDeviceB, {{1000, 1000}, {2500, 1000}});  // Cut to [3000, 3500).
+    save(kDeviceC, {});                            // Empty: erased.
+    m_model.clearData({}, 3000ms);
+
+    const auto errors = all();
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(kDeviceB, errors[0].deviceId);
+    EXPECT_EQ((ZuTimePeriodList{{3000, 500}}), errors[0].timePeriod);
+
+    // New reports after a clear start from the pruned history.
+    save(kDeviceA, {{10, 10}});
+    EXPECT_EQ(2u, all().size());
+}
+
+TEST_F(ErrorsStorageModelTest, ClearNamingEveryDeviceReturns)
+{
+    save(kDeviceA, {{1000, 1000}});
+    save(kDeviceB, {{5000, 1000}});
+    m_model.clearData({kDeviceA, kDeviceB, kDeviceC}, 3000ms);
+
+    const auto errors = all();
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(kDeviceB, errors[0].deviceId);
+}
+
+// A clear that names some devices must not return while another device is in the history. The
+// clear never ends, so it runs in a child process that a watchdog ends with a known code.
+TEST(ErrorsStorageModelDeathTest, ClearNamingSomeDevicesWaitsForTheOthers)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            auto* model = new ErrorsStorageModel();  // Outlives the stuck worker.
+            model->saveErrors(kest::sql::DBResult::ioError, {{kDeviceA, {{0, 10}}}});
+            model->saveErrors(kest::sql::DBResult::ioError, {{kDeviceB, {{0, 10}}}});
+            std::atomic<bool> returned{false};
+            std::thread([&] {
+                model->clearData({kDeviceA}, 100ms);
+                returned = true;
+            }).detach();
+            std::this_thread::sleep_for(300ms);
+            std::_Exit(returned ? 1 : 42);
+        },
+        ::testing::ExitedWithCode(42), "");
+}
+
+}  // namespace
+}  // namespace kest::cloud::storage::metadatadb
