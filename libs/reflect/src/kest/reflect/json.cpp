@@ -1,0 +1,98 @@
+#include "json.h"
+
+#include <rapidjson/error/en.h>
+
+namespace kest::reflect::json::detail {
+
+std::string ReadContext::description() const
+{
+    std::string path;
+    for (auto it = reversedPath.rbegin(); it != reversedPath.rend(); ++it) {
+        if (!path.empty() && !it->starts_with('['))
+            path += '.';
+        path += *it;
+    }
+    if (path.empty())
+        return std::string(message);
+    return path + ": " + std::string(message);
+}
+
+DeserializationResult parseDocument(std::string_view text, rapidjson::Document* document)
+{
+    static constexpr std::string_view kBom = "\xEF\xBB\xBF";
+    if (text.starts_with(kBom))
+        text.remove_prefix(kBom.size());
+
+    // Full precision, so that a double written by us is read back bit for bit.
+    document->Parse<rapidjson::kParseFullPrecisionFlag>(text.data(), text.size());
+    if (document->HasParseError()) {
+        return DeserializationResult::failure(
+            std::string(messages::kParseException) +
+            rapidjson::GetParseError_En(document->GetParseError()));
+    }
+    if (!document->IsObject() && !document->IsArray())
+        return DeserializationResult::failure(std::string(messages::kTopLevelNotContainer));
+    return {};
+}
+
+void writeDouble(Writer& writer, double value)
+{
+    // JSON has no NaN or infinity, and RapidJSON would silently write nothing for them.
+    if (std::isfinite(value))
+        writer.Double(value);
+    else
+        writer.Null();
+}
+
+bool readBool(const Value& value, bool* out, ReadContext& context)
+{
+    if (value.IsBool()) {
+        *out = value.GetBool();
+        return true;
+    }
+    if (value.IsString()) {
+        const std::string_view text(value.GetString(), value.GetStringLength());
+        if (text == "true" || text == "false") {
+            *out = text == "true";
+            return true;
+        }
+    }
+    return context.fail(messages::kBoolExpected);
+}
+
+bool readDouble(const Value& value, double* out, ReadContext& context)
+{
+    if (value.IsNumber()) {
+        *out = value.GetDouble();
+        return true;
+    }
+    if (value.IsString()) {
+        const char* begin = value.GetString();
+        const char* end = begin + value.GetStringLength();
+        double d = 0;
+        const auto [ptr, ec] = std::from_chars(begin, end, d);
+        if (ec == std::errc() && ptr == end && begin != end) {
+            *out = d;
+            return true;
+        }
+    }
+    return context.fail(messages::kFloatExpected);
+}
+
+bool readString(const Value& value, std::string* out, ReadContext& context)
+{
+    if (!value.IsString())
+        return context.fail(messages::kStringExpected);
+    out->assign(value.GetString(), value.GetStringLength());
+    return true;
+}
+
+bool readQString(const Value& value, QString* out, ReadContext& context)
+{
+    if (!value.IsString())
+        return context.fail(messages::kStringExpected);
+    *out = QString::fromUtf8(value.GetString(), static_cast<int>(value.GetStringLength()));
+    return true;
+}
+
+}  // namespace kest::reflect::json::detail
