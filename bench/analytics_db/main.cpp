@@ -1,0 +1,492 @@
+// Figures for the analytics events storage: ingest rate up to durable commit, search latencies on
+// a large store, and its size on disk. See README.md beside this file.
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <kest/analytics_db/events_storage.h>
+#include <kest/utils/log/logger.h>
+
+#include "latency_stats.h"
+#include "store_generator.h"
+#include "store_info.h"
+
+namespace fs = std::filesystem;
+using namespace std::chrono;
+using namespace kest::bench;
+using kest::analytics::db::EventsStorage;
+using kest::analytics::db::Filter;
+using kest::analytics::db::ObjectTrackEx;
+using kest::analytics::db::ResultCode;
+using kest::common::metadata::ObjectMetadataPacket;
+using kest::common::metadata::Rect;
+
+namespace {
+
+constexpr int kLookupLimit = 100;
+constexpr double kIngestGoalPacketsPerSecond = 50'000;
+constexpr double kLookupGoalMs = 20;
+constexpr double kFreeTextGoalMs = 50;
+
+struct Options
+{
+    std::int64_t tracks = 1'000'000;
+    std::uint64_t seed = 1;
+    fs::path dir;
+    bool fresh = false;
+    bool quick = false;
+    bool ingest = true;
+    int queries = 300;
+    std::int64_t ingestPackets = 300'000;
+};
+
+void printUsage()
+{
+    std::printf(
+        "usage: analytics_db_bench [--tracks N] [--dir PATH] [--fresh] [--quick]\n"
+        "                          [--queries N] [--ingest-packets N] [--no-ingest] [--seed N]\n"
+        "  --tracks N          tracks in the searched store (default 1000000)\n"
+        "  --dir PATH          where the stores live (default /tmp/analytics_db_bench/<params>);\n"
+        "                      a complete store of the same parameters there is reused\n"
+        "  --fresh             fill the store again even if one is there\n"
+        "  --quick             a small store and fewer queries, for a smoke run\n"
+        "  --queries N         queries of each kind (default 300)\n"
+        "  --ingest-packets N  packets of the ingest measurement (default 300000)\n"
+        "  --no-ingest         skip the ingest measurement\n");
+}
+
+bool parseOptions(int argc, char** argv, Options* options)
+{
+    bool tracksGiven = false, queriesGiven = false, ingestGiven = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
+        try {
+            if (arg == "--tracks") {
+                const char* v = value();
+                if (!v)
+                    return false;
+                options->tracks = std::stoll(v);
+                tracksGiven = true;
+            } else if (arg == "--dir") {
+                const char* v = value();
+                if (!v)
+                    return false;
+                options->dir = v;
+            } else if (arg == "--queries") {
+                const char* v = value();
+                if (!v)
+                    return false;
+                options->queries = std::stoi(v);
+                queriesGiven = true;
+            } else if (arg == "--ingest-packets") {
+                const char* v = value();
+                if (!v)
+                    return false;
+                options->ingestPackets = std::stoll(v);
+                ingestGiven = true;
+            } else if (arg == "--seed") {
+                const char* v = value();
+                if (!v)
+                    return false;
+                options->seed = std::stoull(v);
+            } else if (arg == "--fresh") {
+                options->fresh = true;
+            } else if (arg == "--quick") {
+                options->quick = true;
+            } else if (arg == "--no-ingest") {
+                options->ingest = false;
+            } else {
+                return false;
+            }
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+    if (options->quick) {
+        if (!tracksGiven)
+            options->tracks = 20'000;
+        if (!queriesGiven)
+            options->queries = 50;
+        if (!ingestGiven)
+            options->ingestPackets = 30'000;
+    }
+    if (options->tracks <= 0 || options->queries <= 0 || options->ingestPackets <= 0)
+        return false;
+    if (options->dir.empty()) {
+        options->dir = fs::temp_directory_path() / "analytics_db_bench" /
+                       ("tracks_" + std::to_string(options->tracks) + "_seed_" +
+                        std::to_string(options->seed));
+    }
+    return true;
+}
+
+double secondsSince(steady_clock::time_point start)
+{
+    return duration<double>(steady_clock::now() - start).count();
+}
+
+double toMs(nanoseconds value)
+{
+    return duration<double, std::milli>(value).count();
+}
+
+std::unique_ptr<EventsStorage> openStorage(const fs::path& path)
+{
+    fs::create_directories(path);
+    auto storage = std::make_unique<EventsStorage>();
+    kest::analytics::db::Settings settings;
+    settings.path = QString::fromStdString(path.string());
+    if (!storage->initialize(settings)) {
+        std::printf("cannot open the events storage in %s\n", path.c_str());
+        return nullptr;
+    }
+    return storage;
+}
+
+// The service refuses saves while the storage is not ready, so a client would wait the same way.
+void saveWhenReady(EventsStorage& storage, std::shared_ptr<const ObjectMetadataPacket> packet)
+{
+    while (!storage.isReady())
+        std::this_thread::sleep_for(microseconds(200));
+    storage.save(std::move(packet));
+}
+
+void measureIngest(const Options& options)
+{
+    const fs::path path = options.dir / "ingest";
+    fs::remove_all(path);
+
+    GeneratorOptions generatorOptions;
+    generatorOptions.seed = options.seed + 1;
+    generatorOptions.trackCount = std::numeric_limits<std::int64_t>::max();
+    generatorOptions.minObjectsPerPacket = generatorOptions.maxObjectsPerPacket = 5;
+    generatorOptions.quietPeriods = false;
+    StoreGenerator generator(generatorOptions, 0);
+    // Made beforehand so that generating does not take CPU from the writer while it is timed.
+    std::vector<std::shared_ptr<const ObjectMetadataPacket>> packets;
+    packets.reserve(options.ingestPackets);
+    for (std::int64_t i = 0; i < options.ingestPackets; ++i)
+        packets.push_back(generator.next());
+
+    auto storage = openStorage(path);
+    if (!storage)
+        return;
+    const auto start = steady_clock::now();
+    for (auto& packet : packets)
+        saveWhenReady(*storage, std::move(packet));
+    storage->flush();
+    const double seconds = secondsSince(start);
+    storage.reset();
+    fs::remove_all(path);
+
+    const double packetsPerSecond = options.ingestPackets / seconds;
+    std::printf("\n== Ingest into a new store (packets of 5 objects, %d devices)\n",
+                generatorOptions.deviceCount);
+    std::printf("%lld packets saved and committed in %.2f s\n",
+                static_cast<long long>(options.ingestPackets), seconds);
+    std::printf("  %10.0f packets/s   %10.0f objects/s   goal >= %.0f packets/s   %s\n",
+                packetsPerSecond, packetsPerSecond * 5, kIngestGoalPacketsPerSecond,
+                packetsPerSecond >= kIngestGoalPacketsPerSecond ? "met" : "MISSED");
+}
+
+bool fillStore(const Options& options, const fs::path& storePath, StoreInfo* info)
+{
+    fs::remove_all(storePath);
+    auto storage = openStorage(storePath);
+    if (!storage)
+        return false;
+
+    GeneratorOptions generatorOptions;
+    generatorOptions.seed = options.seed;
+    generatorOptions.trackCount = options.tracks;
+    StoreGenerator generator(generatorOptions);
+    std::printf("\n== Filling a store of %lld tracks in %s\n",
+                static_cast<long long>(options.tracks), storePath.c_str());
+    const auto start = steady_clock::now();
+    auto lastReport = start;
+    while (auto packet = generator.next()) {
+        saveWhenReady(*storage, std::move(packet));
+        if (steady_clock::now() - lastReport >= seconds(10)) {
+            lastReport = steady_clock::now();
+            const double elapsed = secondsSince(start);
+            std::printf("  %6.0f s: %lld packets, %lld tracks started (%.1f%%), %.0f packets/s\n",
+                        elapsed, static_cast<long long>(generator.packetsMade()),
+                        static_cast<long long>(generator.tracksStarted()),
+                        100.0 * generator.tracksStarted() / options.tracks,
+                        generator.packetsMade() / elapsed);
+            std::fflush(stdout);
+        }
+    }
+    storage->flush();
+    const double elapsed = secondsSince(start);
+
+    info->trackCount = options.tracks;
+    info->seed = options.seed;
+    info->packetCount = generator.packetsMade();
+    info->objectCount = generator.objectsMade();
+    info->firstTimeUs = generator.firstTimeUs();
+    info->lastTimeUs = generator.lastTimeUs();
+    info->fillSeconds = elapsed;
+    info->deviceIds = generator.deviceIds();
+    info->samples = generator.samples();
+    return true;
+}
+
+void printStore(const StoreInfo& info, bool reused)
+{
+    std::printf("\n== Store: %lld tracks, %lld packets, %lld objects, %zu devices, %.1f hours\n",
+                static_cast<long long>(info.trackCount), static_cast<long long>(info.packetCount),
+                static_cast<long long>(info.objectCount), info.deviceIds.size(),
+                (info.lastTimeUs - info.firstTimeUs) / 3.6e9);
+    std::printf("%s in %.0f s: %.0f packets/s, %.0f objects/s (mixed 1-10 objects per packet)\n",
+                reused ? "filled earlier" : "filled", info.fillSeconds,
+                info.packetCount / info.fillSeconds, info.objectCount / info.fillSeconds);
+}
+
+struct QueryKind
+{
+    std::string name;
+    double goalMs = kLookupGoalMs;
+    std::vector<Filter> filters;
+    /** Whether every query must find something, e.g. a search by a known track id. */
+    bool expectHit = false;
+};
+
+bool isPlate(const kest::common::metadata::Attribute& attribute)
+{
+    return attribute.name == "License Plate.Number";
+}
+
+std::vector<QueryKind> makeQueries(const Options& options, const StoreInfo& info)
+{
+    std::mt19937_64 random(options.seed + 100);
+    const auto uniform = [&](std::int64_t min, std::int64_t max) {
+        return std::uniform_int_distribution<std::int64_t>(min, max)(random);
+    };
+    const auto pickSample = [&]() -> const TrackSample& {
+        return info.samples[uniform(0, static_cast<std::int64_t>(info.samples.size()) - 1)];
+    };
+
+    QueryKind window{"device + time window, limit 100"};
+    QueryKind word{"free text: common word, limit 100", kFreeTextGoalMs};
+    QueryKind plate{"free text: plate number, limit 100", kFreeTextGoalMs};
+    QueryKind box{"device + bounding box, limit 100"};
+    QueryKind track{"track id", kLookupGoalMs, {}, true};
+    QueryKind fullTrack{"track id, full track", kLookupGoalMs, {}, true};
+
+    std::vector<const TrackSample*> plated;
+    for (const auto& sample : info.samples) {
+        if (std::any_of(sample.attributes.begin(), sample.attributes.end(), isPlate))
+            plated.push_back(&sample);
+    }
+
+    const std::int64_t spanMs = (info.lastTimeUs - info.firstTimeUs) / 1000;
+    const std::int64_t windowsMs[] = {10 * 60'000, 60 * 60'000, 6 * 60 * 60'000};
+    for (int i = 0; i < options.queries; ++i) {
+        Filter filter;
+        filter.maxObjectTracksToSelect = kLookupLimit;
+        filter.deviceIds = {info.deviceIds[uniform(0, info.deviceIds.size() - 1)]};
+        const std::int64_t lengthMs = std::min(windowsMs[i % 3], spanMs);
+        filter.timePeriod =
+            ZuTimePeriod(info.firstTimeUs / 1000 + uniform(0, spanMs - lengthMs), lengthMs);
+        window.filters.push_back(filter);
+
+        const TrackSample& sample = pickSample();
+        filter = Filter();
+        filter.maxObjectTracksToSelect = kLookupLimit;
+        std::vector<std::string> words;
+        for (const auto& attribute : sample.attributes) {
+            if (!isPlate(attribute))
+                words.push_back(attribute.value);
+        }
+        filter.freeText = words.empty() ? sample.typeId : words[uniform(0, words.size() - 1)];
+        word.filters.push_back(filter);
+
+        if (!plated.empty()) {
+            const TrackSample& owner = *plated[uniform(0, plated.size() - 1)];
+            filter.freeText =
+                std::find_if(owner.attributes.begin(), owner.attributes.end(), isPlate)->value;
+            plate.filters.push_back(filter);
+        }
+
+        // A region of interest around where a known object appeared.
+        filter = Filter();
+        filter.maxObjectTracksToSelect = kLookupLimit;
+        filter.deviceIds = {sample.deviceId};
+        const double centerX = sample.firstBox.x + sample.firstBox.width / 2;
+        const double centerY = sample.firstBox.y + sample.firstBox.height / 2;
+        filter.boundingBox = Rect{std::clamp(centerX - 0.1, 0.0, 0.8),
+                                  std::clamp(centerY - 0.1, 0.0, 0.8), 0.2, 0.2};
+        box.filters.push_back(filter);
+
+        filter = Filter();
+        filter.objectTrackId = pickSample().id;
+        track.filters.push_back(filter);
+        filter.objectTrackId = pickSample().id;
+        filter.needFullTrack = true;
+        fullTrack.filters.push_back(filter);
+    }
+    return {window, word, plate, box, track, fullTrack};
+}
+
+struct LookupResult
+{
+    ResultCode code = ResultCode::error;
+    std::size_t tracks = 0;
+    std::size_t positions = 0;
+};
+
+LookupResult lookup(EventsStorage& storage, Filter filter)
+{
+    std::promise<LookupResult> done;
+    auto future = done.get_future();
+    storage.lookup(std::move(filter),
+                   [&done](ResultCode code, std::vector<ObjectTrackEx> tracks) mutable {
+                       LookupResult result{code, tracks.size(), 0};
+                       for (const auto& track : tracks)
+                           result.positions += track.objectPositionSequence.size();
+                       done.set_value(result);
+                   });
+    return future.get();
+}
+
+void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds)
+{
+    std::printf("\n== Lookups, one at a time (milliseconds, from the call to its completion)\n");
+    std::printf("%-36s %8s %8s %8s %10s %10s %8s\n", "", "p50", "p99", "max", "goal p99",
+                "mean hits", "");
+    for (const auto& kind : kinds) {
+        if (kind.filters.empty())
+            continue;
+        // A few queries first, so that the figures do not include opening statements.
+        for (std::size_t i = 0; i < std::min<std::size_t>(5, kind.filters.size()); ++i)
+            lookup(storage, kind.filters[i]);
+
+        LatencyStats stats;
+        std::size_t hits = 0, positions = 0, failures = 0, misses = 0;
+        for (const auto& filter : kind.filters) {
+            const auto start = steady_clock::now();
+            const LookupResult result = lookup(storage, filter);
+            stats.add(steady_clock::now() - start);
+            if (result.code != ResultCode::ok)
+                ++failures;
+            if (result.tracks == 0)
+                ++misses;
+            hits += result.tracks;
+            positions += result.positions;
+        }
+        const double p99 = toMs(stats.percentile(99));
+        std::printf("%-36s %8.2f %8.2f %8.2f %7.0f ms %10.1f %8s\n", kind.name.c_str(),
+                    toMs(stats.percentile(50)), p99, toMs(stats.percentile(100)), kind.goalMs,
+                    static_cast<double>(hits) / kind.filters.size(),
+                    p99 <= kind.goalMs ? "met" : "MISSED");
+        if (positions > 0) {
+            std::printf("%-36s %.1f positions per query\n", "",
+                        static_cast<double>(positions) / kind.filters.size());
+        }
+        if (failures > 0 || (kind.expectHit && misses > 0) || misses == kind.filters.size()) {
+            std::printf("%-36s note: %zu of %zu queries failed, %zu found nothing\n", "", failures,
+                        kind.filters.size(), misses);
+        }
+        std::fflush(stdout);
+    }
+}
+
+bool isSqliteFile(const fs::path& file)
+{
+    char header[16] = {};
+    std::ifstream in(file, std::ios::binary);
+    return in.read(header, sizeof(header)) && std::memcmp(header, "SQLite format 3", 16) == 0;
+}
+
+// Folds what the write-ahead logs still hold into the databases, as a quiet store would be.
+void checkpoint(const fs::path& dir)
+{
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+        if (!entry.is_regular_file() || !isSqliteFile(entry.path()))
+            continue;
+        sqlite3* db = nullptr;
+        if (sqlite3_open_v2(entry.path().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) ==
+            SQLITE_OK) {
+            sqlite3_exec(db, "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr);
+        }
+        sqlite3_close(db);
+    }
+}
+
+void measureDisk(const fs::path& storePath, const StoreInfo& info)
+{
+    checkpoint(storePath);
+    std::uintmax_t bytes = 0;
+    std::printf("\n== Size on disk (write-ahead log checkpointed)\n");
+    for (const auto& entry : fs::recursive_directory_iterator(storePath)) {
+        if (!entry.is_regular_file())
+            continue;
+        bytes += entry.file_size();
+        std::printf("  %-40s %12.1f MB\n", fs::relative(entry.path(), storePath).c_str(),
+                    entry.file_size() / 1e6);
+    }
+    std::printf("total %.1f MB: %.0f bytes per track, %.0f bytes per object\n", bytes / 1e6,
+                static_cast<double>(bytes) / info.trackCount,
+                static_cast<double>(bytes) / info.objectCount);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    if (!parseOptions(argc, argv, &options)) {
+        printUsage();
+        return 2;
+    }
+    kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);
+    std::printf("analytics_db_bench: stores in %s\n", options.dir.c_str());
+    std::printf(
+        "goals: ingest >= %.0f packets/s of 5 objects; lookup p99 <= %.0f ms, free text "
+        "p99 <= %.0f ms, at 1M tracks\n",
+        kIngestGoalPacketsPerSecond, kLookupGoalMs, kFreeTextGoalMs);
+    fs::create_directories(options.dir);
+
+    if (options.ingest)
+        measureIngest(options);
+
+    const fs::path storePath = options.dir / "store";
+    const fs::path infoPath = options.dir / "bench_store.info";
+    StoreInfo info;
+    const bool reuse = !options.fresh && info.load(infoPath) && info.trackCount == options.tracks &&
+                       info.seed == options.seed && fs::exists(storePath);
+    if (!reuse) {
+        fs::remove(infoPath);
+        if (!fillStore(options, storePath, &info))
+            return 1;
+        info.save(infoPath);
+    }
+    printStore(info, reuse);
+    if (info.samples.empty() || info.deviceIds.empty()) {
+        std::printf("the store holds no tracks to search for\n");
+        return 1;
+    }
+
+    auto storage = openStorage(storePath);
+    if (!storage)
+        return 1;
+    measureLookups(*storage, makeQueries(options, info));
+    storage.reset();
+
+    measureDisk(storePath, info);
+    return 0;
+}
