@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <limits>
 #include <memory>
 #include <random>
 #include <string>
@@ -258,9 +259,9 @@ void printStore(const StoreInfo& info, bool reused)
 
 struct QueryKind
 {
-    std::string name;
+    std::string name = {};
     double goalMs = kLookupGoalMs;
-    std::vector<Filter> filters;
+    std::vector<Filter> filters = {};
     /** Whether every query must find something, e.g. a search by a known track id. */
     bool expectHit = false;
 };
@@ -280,12 +281,12 @@ std::vector<QueryKind> makeQueries(const Options& options, const StoreInfo& info
         return info.samples[uniform(0, static_cast<std::int64_t>(info.samples.size()) - 1)];
     };
 
-    QueryKind window{"device + time window, limit 100"};
-    QueryKind word{"free text: common word, limit 100", kFreeTextGoalMs};
-    QueryKind plate{"free text: plate number, limit 100", kFreeTextGoalMs};
-    QueryKind box{"device + bounding box, limit 100"};
-    QueryKind track{"track id", kLookupGoalMs, {}, true};
-    QueryKind fullTrack{"track id, full track", kLookupGoalMs, {}, true};
+    QueryKind window{.name = "device + time window, limit 100"};
+    QueryKind word{.name = "free text: common word, limit 100", .goalMs = kFreeTextGoalMs};
+    QueryKind plate{.name = "free text: plate number, limit 100", .goalMs = kFreeTextGoalMs};
+    QueryKind box{.name = "device + bounding box, limit 100"};
+    QueryKind track{.name = "track id", .expectHit = true};
+    QueryKind fullTrack{.name = "track id, full track", .expectHit = true};
 
     std::vector<const TrackSample*> plated;
     for (const auto& sample : info.samples) {
