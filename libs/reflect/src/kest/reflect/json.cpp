@@ -13,8 +13,8 @@ std::string ReadContext::description() const
         path += *it;
     }
     if (path.empty())
-        return std::string(message);
-    return path + ": " + std::string(message);
+        return message;
+    return path + ": " + message;
 }
 
 DeserializationResult parseDocument(std::string_view text, rapidjson::Document* document)

@@ -57,7 +57,7 @@ using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 /** Collects the message and, while unwinding, the path of a failed read. */
 struct ReadContext
 {
-    std::string_view message;
+    std::string message;
     std::vector<std::string> reversedPath;
 
     bool fail(std::string_view text)
@@ -73,6 +73,11 @@ struct ReadContext
     bool failInElement(std::size_t index)
     {
         reversedPath.push_back("[" + std::to_string(index) + "]");
+        return false;
+    }
+    bool fail(std::string_view text, std::string_view detail)
+    {
+        message = std::string(text) + std::string(detail);
         return false;
     }
     std::string description() const;
