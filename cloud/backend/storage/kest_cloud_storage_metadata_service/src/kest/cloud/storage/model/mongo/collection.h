@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+
+#include <mongoc/mongoc.h>
+
+#include "bulk_write.h"
+#include "cursor.h"
+#include "document.h"
+#include "write_result.h"
+
+namespace kest::cloud::storage::metadatadb::mongo {
+
+/** A collection handle of a leased client. Operations throw mongo::Error on failure. */
+class Collection
+{
+public:
+    explicit Collection(mongoc_collection_t* collection);
+    ~Collection();
+    Collection(Collection&& other) noexcept;
+    Collection& operator=(Collection&& other) noexcept;
+    Collection(const Collection&) = delete;
+    Collection& operator=(const Collection&) = delete;
+
+    mongoc_collection_t* get() const { return m_collection; }
+
+    /** Ordered, with the collection's write concern. */
+    BulkWrite createBulkWrite() const;
+
+    /** No result for an unacknowledged write. */
+    std::optional<WriteResult> updateOne(const Document& filter, const Document& update,
+                                         bool upsert) const;
+
+    /** Default options: no projection, sort or limit. */
+    Cursor find(const Document& filter) const;
+
+private:
+    mongoc_collection_t* m_collection = nullptr;
+};
+
+}  // namespace kest::cloud::storage::metadatadb::mongo

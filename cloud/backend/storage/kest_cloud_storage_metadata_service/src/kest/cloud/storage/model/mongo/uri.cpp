@@ -1,0 +1,38 @@
+#include "uri.h"
+
+#include <utility>
+
+#include "driver_instance.h"
+#include "error.h"
+
+namespace kest::cloud::storage::metadatadb::mongo {
+
+Uri::Uri(const std::string& text)
+{
+    DriverInstance::instance();
+    bson_error_t error{};
+    m_uri = mongoc_uri_new_with_error(text.c_str(), &error);
+    if (!m_uri)
+        throw Error(error);
+}
+
+Uri::~Uri()
+{
+    if (m_uri)
+        mongoc_uri_destroy(m_uri);
+}
+
+Uri::Uri(Uri&& other) noexcept : m_uri(std::exchange(other.m_uri, nullptr)) {}
+
+Uri& Uri::operator=(Uri&& other) noexcept
+{
+    std::swap(m_uri, other.m_uri);
+    return *this;
+}
+
+std::string Uri::toString() const
+{
+    return m_uri ? mongoc_uri_get_string(m_uri) : std::string();
+}
+
+}  // namespace kest::cloud::storage::metadatadb::mongo

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <QThreadPool>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "abstract_data_distribution_storage.h"
+#include "mongo/client_pool.h"
+#include "mongo/driver_instance.h"
+#include "mongo/pooled_client.h"
+
+namespace kest::cloud::storage::metadatadb {
+
+namespace conf {
+class MongoConnectionSettings;
+}
+
+/**
+ * The data-distribution storage in the shared MongoDB database "metadataStorage". Every
+ * operation runs on the storage's own thread pool with a client of its own from the pool.
+ */
+class MongoDataDistributionStorage : public AbstractDataDistributionStorage
+{
+public:
+    static const std::string kDataDistributionCollection;
+    static const std::string kHostsLoadCollection;
+    static const std::string kMappingCollection;
+    static const std::string kDeviceId;
+    static const std::string kHost;
+    static const std::string kStorageInfo;
+    static const std::string kTimeFrom;
+    static const std::string kTimeTill;
+    static const std::string kNode;
+    static const std::string kLongLoadMetric;
+    static const std::string kShortLoadMetric;
+    static const std::string kHostsInfoUpdateTime;
+    static const std::string kVmsId;
+    static const std::string kHealthStatus;
+    static const std::string kLastUpdateTime;
+    static const std::string kCurHosts;
+
+    /**
+     * Connects through "MongoDb/uri" when set, else through the URI built from the other keys.
+     * Throws std::runtime_error naming the setting when the driver rejects the URI.
+     */
+    explicit MongoDataDistributionStorage(const conf::MongoConnectionSettings& settings);
+    /** Throws std::runtime_error when the driver rejects the URI. */
+    explicit MongoDataDistributionStorage(const std::string& uri);
+    ~MongoDataDistributionStorage() override;
+
+    /** The connection string of the settings' separate keys; nothing is percent-encoded. */
+    static std::string buildUri(const conf::MongoConnectionSettings& settings);
+
+    void getStorageInfo(const std::vector<std::string>& deviceIds, const ZuTimePeriod& period,
+                        MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) override;
+    void saveDataAddress(const std::vector<DataInfo>& data, const std::string& host,
+                         MoveOnlyFunc<void(std::vector<DataInfo>)> handler) override;
+    void getInstancesLoad(MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler) override;
+    void saveInstanceLoad(const InstanseLoad& load) override;
+    void getDeviceInstancesMapping(std::chrono::system_clock::time_point since,
+                                   MoveOnlyFunc<void(bool, DeviceMapping)> handler) override;
+    void saveInstanceLoadSync(const InstanseLoad& load) override;
+
+    /** Blocks while the pool's maxPoolSize clients are in use. */
+    mongo::PooledClient getClient() const;
+    const std::string& dbName() const { return m_dbName; }
+
+protected:
+    /** Runs the task on the storage's thread pool, priority 0. */
+    void startTask(MoveOnlyFunc<void()> task);
+
+private:
+    MongoDataDistributionStorage(const std::string& uri, const std::string& source);
+
+    static const mongo::DriverInstance& m_instance;
+
+    std::unique_ptr<mongo::ClientPool> m_pool;
+    QThreadPool m_threadPool;
+    std::string m_dbName = "metadataStorage";
+};
+
+}  // namespace kest::cloud::storage::metadatadb

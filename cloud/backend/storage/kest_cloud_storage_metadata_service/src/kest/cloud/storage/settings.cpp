@@ -1,0 +1,51 @@
+#include "settings.h"
+
+#include <kest/branding/branding.h>
+#include <kest/utils/app_info.h>
+
+namespace kest::cloud::storage::metadatadb::conf {
+
+Settings::Settings()
+    : kest::utils::BasicServiceSettings(kest::utils::AppInfo::organizationNameForSettings(),
+                                        kest::branding::company(), kModuleName)
+{}
+
+Settings::~Settings() = default;
+
+QString Settings::dataDir() const
+{
+    const QString dataDir = settings().value("dataDir").toString();
+    if (!dataDir.isEmpty())
+        return dataDir;
+    return settings()
+        .value("varDir",
+               QString("/opt/%1/%2/var").arg(kest::branding::companyId(), QString(kModuleName)))
+        .toString();
+}
+
+kest::utils::log::Settings Settings::logging() const
+{
+    return m_logging;
+}
+
+void Settings::loadSettings()
+{
+    m_logging.load(settings(), "log");
+    m_httpServer.load(settings());
+    m_analyticsDb.load(settings());
+    if (m_analyticsDb.path.isEmpty())
+        m_analyticsDb.path = dataDir() + "/analytics_db";
+    m_ddsConnection.load(settings());
+}
+
+std::string Settings::additionalHelp() const
+{
+    return "  http/listenOn            host:port[,host:port...] to serve HTTP on\n"
+           "  analyticsDb/path         analytics events database directory\n"
+           "  MongoDb/instances        host:port[;host:port...] of the MongoDB deployment\n"
+           "  MongoDb/user, MongoDb/password, MongoDb/replicaSet\n"
+           "  MongoDb/minPoolSize, MongoDb/maxPoolSize\n"
+           "  MongoDb/uri              complete connection string; replaces the keys above\n";
+}
+
+}  // namespace kest::cloud::storage::metadatadb::conf
