@@ -1,0 +1,35 @@
+#include "builder.h"
+
+#include <stdexcept>
+
+#include "authentication_dispatcher.h"
+#include "http_server_shared_state.h"
+
+namespace kest::network::http::server {
+
+std::unique_ptr<MultiAddressHttpServer> Builder::buildOrThrow(
+    const Settings& settings, AuthenticationDispatcher* authenticationDispatcher,
+    AbstractMessageDispatcher* messageDispatcher)
+{
+    if (!messageDispatcher)
+        throw std::invalid_argument("The HTTP server needs a message dispatcher");
+    if (settings.maxHeaderBytes == 0)
+        throw std::invalid_argument("The HTTP header size limit must not be zero");
+
+    auto state = std::make_shared<HttpServerSharedState>(settings.ioThreads);
+    state->limits.maxHeaderBytes = settings.maxHeaderBytes;
+    state->limits.maxBodyBytes = settings.maxBodyBytes;
+    state->limits.requestReadTimeout = settings.requestReadTimeout;
+    state->limits.idleTimeout = settings.idleTimeout;
+    state->maxConnections = settings.maxConnections;
+    if (authenticationDispatcher) {
+        authenticationDispatcher->setNextDispatcher(messageDispatcher);
+        state->dispatcher = authenticationDispatcher;
+    } else {
+        state->dispatcher = messageDispatcher;
+    }
+    return std::make_unique<MultiAddressHttpServer>(
+        [state]() { return std::make_unique<HttpStreamSocketServer>(state); });
+}
+
+}  // namespace kest::network::http::server

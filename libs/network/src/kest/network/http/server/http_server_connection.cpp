@@ -1,0 +1,378 @@
+#include "http_server_connection.h"
+
+#include <array>
+#include <charconv>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/error.hpp>
+
+#include <kest/network/http/server/abstract_message_dispatcher.h>
+#include <kest/utils/assert.h>
+#include <kest/utils/log/log.h>
+
+namespace kest::network::http::server {
+
+namespace beast_http = boost::beast::http;
+using boost::beast::string_view;
+
+/** Parses one request straight into a Request, without an intermediate message object. */
+class RequestParser : public beast_http::basic_parser<true>
+{
+public:
+    Request request;
+
+private:
+    void on_request_impl(beast_http::verb, string_view method, string_view target, int version,
+                         boost::beast::error_code&) override
+    {
+        request.method.assign(method.data(), method.size());
+        request.setTarget(std::string(target.data(), target.size()));
+        request.version = static_cast<unsigned>(version);
+    }
+
+    void on_response_impl(int, string_view, int, boost::beast::error_code&) override {}
+
+    void on_field_impl(beast_http::field, string_view name, string_view value,
+                       boost::beast::error_code&) override
+    {
+        request.headers.emplace_back(std::string(name.data(), name.size()),
+                                     std::string(value.data(), value.size()));
+    }
+
+    void on_header_impl(boost::beast::error_code&) override {}
+
+    void on_body_init_impl(const boost::optional<std::uint64_t>& contentLength,
+                           boost::beast::error_code&) override
+    {
+        // The length was checked against the body limit before this is called.
+        if (contentLength)
+            request.body.reserve(static_cast<std::size_t>(*contentLength));
+    }
+
+    std::size_t on_body_impl(string_view body, boost::beast::error_code&) override
+    {
+        request.body.append(body.data(), body.size());
+        return body.size();
+    }
+
+    void on_chunk_header_impl(std::uint64_t, string_view, boost::beast::error_code&) override {}
+
+    std::size_t on_chunk_body_impl(std::uint64_t, string_view body,
+                                   boost::beast::error_code&) override
+    {
+        request.body.append(body.data(), body.size());
+        return body.size();
+    }
+
+    void on_finish_impl(boost::beast::error_code&) override {}
+};
+
+namespace {
+
+constexpr std::size_t kReadChunk = 16 * 1024;
+constexpr std::chrono::milliseconds kMaxLinger{2000};
+
+std::chrono::milliseconds checkPeriodFor(const HttpConnectionLimits& limits)
+{
+    auto shortest = std::min(limits.requestReadTimeout, limits.idleTimeout);
+    if (shortest <= std::chrono::milliseconds::zero())
+        shortest = std::max(limits.requestReadTimeout, limits.idleTimeout);
+    return std::clamp(shortest / 4, std::chrono::milliseconds(5), std::chrono::milliseconds(1000));
+}
+
+void appendNumber(std::string* out, std::size_t value)
+{
+    char digits[24];
+    const auto result = std::to_chars(digits, digits + sizeof(digits), value);
+    out->append(digits, result.ptr);
+}
+
+SocketAddress toSocketAddress(const boost::asio::ip::tcp::endpoint& endpoint)
+{
+    return SocketAddress{endpoint.address().to_string(), endpoint.port()};
+}
+
+}  // namespace
+
+HttpServerConnection::HttpServerConnection(
+    std::shared_ptr<aio::AioThread> thread, boost::asio::ip::tcp::socket socket,
+    const HttpConnectionLimits& limits, AbstractMessageDispatcher* dispatcher,
+    std::shared_ptr<std::atomic<std::size_t>> connectionCount, ClosedHandler closedHandler)
+    : m_thread(std::move(thread)),
+      m_socket(std::move(socket)),
+      m_limits(limits),
+      m_dispatcher(dispatcher),
+      m_connectionCount(std::move(connectionCount)),
+      m_closedHandler(std::move(closedHandler)),
+      m_checkPeriod(checkPeriodFor(limits))
+{}
+
+HttpServerConnection::~HttpServerConnection() = default;
+
+void HttpServerConnection::start()
+{
+    boost::system::error_code error;
+    const auto peer = m_socket->remote_endpoint(error);
+    if (!error)
+        m_peer = toSocketAddress(peer);
+    m_socket->set_option(boost::asio::ip::tcp::no_delay(true), error);
+    m_timer.emplace(m_thread->ioContext());
+    readRequest();
+}
+
+void HttpServerConnection::close()
+{
+    if (m_closed)
+        return;
+    m_closed = true;
+    boost::system::error_code ignored;
+    m_socket->shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+    m_socket->close(ignored);
+    // Destroyed now rather than with the connection, which a pending handler may keep alive
+    // beyond the life of the I/O thread's context.
+    m_socket.reset();
+    m_timer.reset();
+    m_connectionCount->fetch_sub(1, std::memory_order_relaxed);
+    if (!m_handlerPending)
+        m_handler.reset();
+    if (auto handler = std::move(m_closedHandler))
+        handler(this);
+}
+
+void HttpServerConnection::readRequest()
+{
+    m_parser = std::make_unique<RequestParser>();
+    m_parser->header_limit(static_cast<std::uint32_t>(
+        std::min<std::size_t>(m_limits.maxHeaderBytes, std::numeric_limits<std::uint32_t>::max())));
+    m_parser->body_limit(static_cast<std::uint64_t>(m_limits.maxBodyBytes));
+    m_parser->eager(true);
+    if (m_buffer.size() > 0) {
+        m_waitingForRequest = false;
+        setDeadline(Clock::now() + m_limits.requestReadTimeout);
+        parse();
+        return;
+    }
+    m_waitingForRequest = true;
+    setDeadline(Clock::now() + m_limits.idleTimeout);
+    readSome();
+}
+
+void HttpServerConnection::readSome()
+{
+    m_socket->async_read_some(
+        m_buffer.prepare(kReadChunk),
+        [self = shared_from_this()](const boost::system::error_code& error, std::size_t bytes) {
+            self->onRead(error, bytes);
+        });
+}
+
+void HttpServerConnection::onRead(const boost::system::error_code& error, std::size_t bytes)
+{
+    if (m_closed)
+        return;
+    if (error) {
+        KEST_VERBOSE(this, "Connection from %1 ends: %2", m_peer.toString(), error.message());
+        close();
+        return;
+    }
+    m_buffer.commit(bytes);
+    if (m_waitingForRequest) {
+        // The request has begun: from now on it has to arrive whole within the read timeout.
+        m_waitingForRequest = false;
+        setDeadline(Clock::now() + m_limits.requestReadTimeout);
+    }
+    parse();
+}
+
+void HttpServerConnection::parse()
+{
+    boost::beast::error_code error;
+    while (m_buffer.size() > 0 && !m_parser->is_done()) {
+        const std::size_t used = m_parser->put(m_buffer.data(), error);
+        m_buffer.consume(used);
+        if (error == beast_http::error::need_more) {
+            error = {};
+            break;
+        }
+        if (error || used == 0)
+            break;
+    }
+    if (error) {
+        KEST_DEBUG(this, "Bad request from %1: %2", m_peer.toString(), error.message());
+        if (error == beast_http::error::header_limit)
+            sendError(StatusCode::requestHeaderFieldsTooLarge);
+        else if (error == beast_http::error::body_limit)
+            sendError(StatusCode::payloadTooLarge);
+        else
+            sendError(StatusCode::badRequest);
+        return;
+    }
+    if (m_parser->is_done()) {
+        dispatch();
+        return;
+    }
+    readSome();
+}
+
+void HttpServerConnection::dispatch()
+{
+    m_keepAlive = m_parser->keep_alive();
+    Request request = std::move(m_parser->request);
+    m_parser.reset();
+    m_isHead = request.method == "HEAD";
+    // The handler may take as long as it needs; timeouts apply to the client only.
+    setDeadline(Clock::time_point::max());
+
+    auto completion = [self = shared_from_this()](RequestResult result) mutable {
+        HttpServerConnection* connection = self.get();
+        if (connection->m_thread->isInSelfThread() && connection->m_inDispatch) {
+            // Completed inside processRequest: finish once the dispatcher has returned.
+            connection->m_synchronousResult = std::move(result);
+            return;
+        }
+        boost::asio::post(connection->m_thread->ioContext(),
+                          [self = std::move(self), result = std::move(result)]() mutable {
+                              self->onResult(std::move(result));
+                          });
+    };
+
+    m_handlerPending = true;
+    m_inDispatch = true;
+    m_handler = m_dispatcher->dispatchRequest(RequestContext(std::move(request), m_peer),
+                                              std::move(completion));
+    m_inDispatch = false;
+    if (m_synchronousResult) {
+        RequestResult result = std::move(*m_synchronousResult);
+        m_synchronousResult.reset();
+        onResult(std::move(result));
+    }
+}
+
+void HttpServerConnection::onResult(RequestResult result)
+{
+    if (!KEST_ASSERT(m_handlerPending, "A request completed twice"))
+        return;
+    m_handlerPending = false;
+    m_handler.reset();
+    if (m_closed)
+        return;
+    sendResponse(std::move(result), m_keepAlive);
+}
+
+void HttpServerConnection::sendError(StatusCode::Value status)
+{
+    m_parser.reset();
+    m_buffer.clear();
+    m_isHead = false;
+    sendResponse(RequestResult(status), /*keepAlive*/ false);
+}
+
+void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
+{
+    m_closeAfterWrite = !keepAlive;
+    m_head.clear();
+    m_head.append("HTTP/1.1 ");
+    appendNumber(&m_head, static_cast<std::size_t>(result.statusCode));
+    m_head.push_back(' ');
+    m_head.append(StatusCode::toString(result.statusCode));
+    m_head.append("\r\n");
+    for (const auto& [name, value] : result.headers) {
+        m_head.append(name).append(": ").append(value).append("\r\n");
+    }
+    if (!result.body.empty() && !result.contentType.empty())
+        m_head.append("Content-Type: ").append(result.contentType).append("\r\n");
+    m_head.append("Content-Length: ");
+    appendNumber(&m_head, result.body.size());
+    m_head.append("\r\n");
+    if (!keepAlive)
+        m_head.append("Connection: close\r\n");
+    m_head.append("\r\n");
+    m_body = std::move(result.body);
+    if (m_isHead)
+        m_body.clear();
+
+    setDeadline(Clock::now() + m_limits.requestReadTimeout);
+    const std::array<boost::asio::const_buffer, 2> buffers{boost::asio::buffer(m_head),
+                                                           boost::asio::buffer(m_body)};
+    boost::asio::async_write(*m_socket, buffers,
+                             [self = shared_from_this()](const boost::system::error_code& error,
+                                                         std::size_t) { self->onWritten(error); });
+}
+
+void HttpServerConnection::onWritten(const boost::system::error_code& error)
+{
+    if (m_closed)
+        return;
+    if (error) {
+        close();
+        return;
+    }
+    if (m_closeAfterWrite) {
+        lingerAndClose();
+        return;
+    }
+    readRequest();
+}
+
+void HttpServerConnection::lingerAndClose()
+{
+    // Closing with unread input makes the kernel reset the connection, and the client may lose
+    // the answer it has not read yet: send FIN and drain what the client still sends.
+    boost::system::error_code ignored;
+    m_socket->shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
+    setDeadline(Clock::now() + std::min(m_limits.requestReadTimeout, kMaxLinger));
+    drain();
+}
+
+void HttpServerConnection::drain()
+{
+    m_buffer.clear();
+    m_socket->async_read_some(
+        m_buffer.prepare(kReadChunk),
+        [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
+            if (self->m_closed)
+                return;
+            if (error) {
+                self->close();
+                return;
+            }
+            self->drain();
+        });
+}
+
+void HttpServerConnection::setDeadline(Clock::time_point deadline)
+{
+    m_deadline = deadline;
+    if (!m_timerArmed)
+        armTimer();
+}
+
+void HttpServerConnection::armTimer()
+{
+    if (!m_timer)
+        return;
+    m_timerArmed = true;
+    const auto now = Clock::now();
+    const auto periodEnd = now + m_checkPeriod;
+    m_timer->expires_at(m_deadline < periodEnd ? m_deadline : periodEnd);
+    m_timer->async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+        self->onTimer(error);
+    });
+}
+
+void HttpServerConnection::onTimer(const boost::system::error_code& error)
+{
+    m_timerArmed = false;
+    if (m_closed || error)
+        return;
+    if (Clock::now() >= m_deadline) {
+        KEST_DEBUG(this, "Connection from %1 timed out", m_peer.toString());
+        close();
+        return;
+    }
+    armTimer();
+}
+
+}  // namespace kest::network::http::server

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+
+#include <kest/network/aio/aio_thread.h>
+#include <kest/network/http/abstract_request_handler.h>
+
+#include "http_server_shared_state.h"
+
+namespace kest::network::http::server {
+
+class RequestParser;
+
+/**
+ * One accepted HTTP/1.1 connection. Everything it does runs on its own I/O thread, which is its
+ * strand. It reads a request, hands it to the dispatcher, writes the answer, and starts over while
+ * the connection is kept alive.
+ */
+class HttpServerConnection : public std::enable_shared_from_this<HttpServerConnection>
+{
+public:
+    using ClosedHandler = std::function<void(HttpServerConnection*)>;
+
+    HttpServerConnection(std::shared_ptr<aio::AioThread> thread,
+                         boost::asio::ip::tcp::socket socket, const HttpConnectionLimits& limits,
+                         AbstractMessageDispatcher* dispatcher,
+                         std::shared_ptr<std::atomic<std::size_t>> connectionCount,
+                         ClosedHandler closedHandler);
+    ~HttpServerConnection();
+
+    /** On the connection's thread. */
+    void start();
+    /** On the connection's thread. Idempotent; a handler still pending is dropped when it
+     * completes. */
+    void close();
+
+    aio::AioThread* thread() const { return m_thread.get(); }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void readRequest();
+    void readSome();
+    void onRead(const boost::system::error_code& error, std::size_t bytes);
+    void parse();
+    void dispatch();
+    void onResult(RequestResult result);
+    void sendResponse(RequestResult result, bool keepAlive);
+    void sendError(StatusCode::Value status);
+    void onWritten(const boost::system::error_code& error);
+    void lingerAndClose();
+    void drain();
+    void setDeadline(Clock::time_point deadline);
+    void armTimer();
+    void onTimer(const boost::system::error_code& error);
+
+    std::shared_ptr<aio::AioThread> m_thread;
+    std::optional<boost::asio::ip::tcp::socket> m_socket;
+    std::optional<boost::asio::steady_timer> m_timer;
+    HttpConnectionLimits m_limits;
+    AbstractMessageDispatcher* m_dispatcher = nullptr;
+    std::shared_ptr<std::atomic<std::size_t>> m_connectionCount;
+    ClosedHandler m_closedHandler;
+    SocketAddress m_peer;
+
+    boost::beast::flat_buffer m_buffer;
+    std::unique_ptr<RequestParser> m_parser;
+    std::unique_ptr<AbstractRequestHandler> m_handler;
+    std::optional<RequestResult> m_synchronousResult;
+    std::string m_head;
+    std::string m_body;
+
+    Clock::time_point m_deadline = Clock::time_point::max();
+    std::chrono::milliseconds m_checkPeriod{1000};
+    bool m_timerArmed = false;
+    bool m_waitingForRequest = false;
+    bool m_inDispatch = false;
+    bool m_handlerPending = false;
+    bool m_keepAlive = true;
+    bool m_isHead = false;
+    bool m_closeAfterWrite = false;
+    bool m_closed = false;
+};
+
+}  // namespace kest::network::http::server

@@ -1,0 +1,250 @@
+#include "http_stream_socket_server.h"
+
+#include <future>
+#include <latch>
+#include <mutex>
+#include <unordered_map>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <kest/utils/log/log.h>
+
+#include "http_server_connection.h"
+#include "http_server_shared_state.h"
+
+namespace kest::network::http::server {
+
+using boost::asio::ip::tcp;
+
+namespace {
+
+constexpr std::chrono::milliseconds kAcceptRetryDelay{20};
+
+/** Runs `func` on `thread` and waits; inline when already there or when the thread has stopped. */
+void runOnThreadSync(aio::AioThread* thread, kest::utils::MoveOnlyFunc<void()> func)
+{
+    if (thread->isInSelfThread() || thread->isStopped()) {
+        func();
+        return;
+    }
+    std::promise<void> done;
+    auto future = done.get_future();
+    thread->post([&func, &done]() {
+        func();
+        done.set_value();
+    });
+    future.wait();
+}
+
+}  // namespace
+
+struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
+{
+    explicit Private(std::shared_ptr<HttpServerSharedState> state)
+        : state(std::move(state)),
+          acceptThread(this->state->threadPool.nextShared()),
+          acceptor(acceptThread->ioContext()),
+          retryTimer(acceptThread->ioContext())
+    {}
+
+    void acceptNext();
+    void onAccepted(const boost::system::error_code& error, tcp::socket socket,
+                    std::shared_ptr<aio::AioThread> thread);
+    void removeConnection(HttpServerConnection* connection);
+
+    std::shared_ptr<HttpServerSharedState> state;
+    std::shared_ptr<aio::AioThread> acceptThread;
+    tcp::acceptor acceptor;
+    boost::asio::steady_timer retryTimer;
+    SocketAddress address;
+    std::error_code lastError;
+    bool accepting = false;  //< On the accept thread.
+
+    mutable std::mutex mutex;
+    std::unordered_map<HttpServerConnection*, std::shared_ptr<HttpServerConnection>> connections;
+};
+
+void HttpStreamSocketServer::Private::acceptNext()
+{
+    auto thread = state->threadPool.nextShared();
+    auto& ioContext = thread->ioContext();
+    acceptor.async_accept(ioContext,
+                          [self = shared_from_this(), thread = std::move(thread)](
+                              const boost::system::error_code& error, tcp::socket socket) mutable {
+                              self->onAccepted(error, std::move(socket), std::move(thread));
+                          });
+}
+
+void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code& error,
+                                                 tcp::socket socket,
+                                                 std::shared_ptr<aio::AioThread> thread)
+{
+    if (!accepting)
+        return;
+    if (error) {
+        KEST_WARNING(this, "Accept has failed: %1", error.message());
+        // Out of descriptors and the like: retrying at once would only spin.
+        retryTimer.expires_after(kAcceptRetryDelay);
+        retryTimer.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+            if (!error && self->accepting)
+                self->acceptNext();
+        });
+        return;
+    }
+
+    auto& count = *state->connectionCount;
+    if (count.fetch_add(1, std::memory_order_relaxed) >= state->maxConnections) {
+        count.fetch_sub(1, std::memory_order_relaxed);
+        KEST_DEBUG(this, "Too many connections (%1): closing the new one", state->maxConnections);
+        boost::system::error_code ignored;
+        socket.close(ignored);
+        acceptNext();
+        return;
+    }
+
+    auto* threadPtr = thread.get();
+    auto connection = std::make_shared<HttpServerConnection>(
+        std::move(thread), std::move(socket), state->limits, state->dispatcher,
+        state->connectionCount, [weak = weak_from_this()](HttpServerConnection* connection) {
+            if (auto self = weak.lock())
+                self->removeConnection(connection);
+        });
+    {
+        std::lock_guard lock(mutex);
+        connections.emplace(connection.get(), connection);
+    }
+    threadPtr->post([connection = std::move(connection)]() { connection->start(); });
+    acceptNext();
+}
+
+void HttpStreamSocketServer::Private::removeConnection(HttpServerConnection* connection)
+{
+    std::shared_ptr<HttpServerConnection> removed;
+    std::lock_guard lock(mutex);
+    if (const auto it = connections.find(connection); it != connections.end()) {
+        // Released after the lock, as the connection may be destroyed with it.
+        removed = std::move(it->second);
+        connections.erase(it);
+    }
+}
+
+HttpStreamSocketServer::HttpStreamSocketServer(std::shared_ptr<HttpServerSharedState> sharedState)
+    : d(std::make_shared<Private>(std::move(sharedState)))
+{}
+
+HttpStreamSocketServer::~HttpStreamSocketServer()
+{
+    cancelAccepting();
+    closeAllConnections();
+    // Let the handlers of the cancelled operations, queued behind the cancellation, run now:
+    // they hold this server's state, which must not outlive the threads.
+    for (std::size_t i = 0; i < d->state->threadPool.size(); ++i)
+        runOnThreadSync(d->state->threadPool.thread(i), []() {});
+}
+
+bool HttpStreamSocketServer::bind(const SocketAddress& address)
+{
+    boost::system::error_code error;
+    tcp::endpoint endpoint;
+    const auto ip = boost::asio::ip::make_address(address.host, error);
+    if (!error) {
+        endpoint = tcp::endpoint(ip, address.port);
+    } else {
+        tcp::resolver resolver(d->acceptThread->ioContext());
+        const auto results = resolver.resolve(address.host, std::to_string(address.port), error);
+        if (error || results.empty()) {
+            d->lastError = error ? std::error_code(error)
+                                 : std::make_error_code(std::errc::address_not_available);
+            return false;
+        }
+        endpoint = results.begin()->endpoint();
+    }
+
+    d->acceptor.open(endpoint.protocol(), error);
+    if (!error)
+        d->acceptor.set_option(tcp::acceptor::reuse_address(true), error);
+    if (!error)
+        d->acceptor.bind(endpoint, error);
+    if (error) {
+        d->lastError = error;
+        boost::system::error_code ignored;
+        d->acceptor.close(ignored);
+        return false;
+    }
+    const auto local = d->acceptor.local_endpoint(error);
+    d->address = SocketAddress{local.address().to_string(), local.port()};
+    return true;
+}
+
+bool HttpStreamSocketServer::listen(int backlog)
+{
+    boost::system::error_code error;
+    d->acceptor.non_blocking(true, error);
+    if (!error)
+        d->acceptor.listen(backlog, error);
+    if (error) {
+        d->lastError = error;
+        KEST_ERROR(this, "Failed to listen address %1. %2", d->address.toString(), error.message());
+        return false;
+    }
+    runOnThreadSync(d->acceptThread.get(), [this]() {
+        d->accepting = true;
+        d->acceptNext();
+    });
+    return true;
+}
+
+SocketAddress HttpStreamSocketServer::address() const
+{
+    return d->address;
+}
+
+std::error_code HttpStreamSocketServer::lastError() const
+{
+    return d->lastError;
+}
+
+void HttpStreamSocketServer::cancelAccepting()
+{
+    runOnThreadSync(d->acceptThread.get(), [this]() {
+        d->accepting = false;
+        boost::system::error_code ignored;
+        d->retryTimer.cancel();
+        d->acceptor.close(ignored);
+    });
+}
+
+void HttpStreamSocketServer::closeAllConnections()
+{
+    std::vector<std::shared_ptr<HttpServerConnection>> connections;
+    {
+        std::lock_guard lock(d->mutex);
+        for (const auto& [key, connection] : d->connections)
+            connections.push_back(connection);
+    }
+    std::vector<std::shared_ptr<HttpServerConnection>> remote;
+    for (const auto& connection : connections) {
+        if (connection->thread()->isInSelfThread() || connection->thread()->isStopped())
+            connection->close();
+        else
+            remote.push_back(connection);
+    }
+    std::latch closed(static_cast<std::ptrdiff_t>(remote.size()));
+    for (const auto& connection : remote) {
+        connection->thread()->post([connection, &closed]() {
+            connection->close();
+            closed.count_down();
+        });
+    }
+    closed.wait();
+}
+
+std::size_t HttpStreamSocketServer::connectionCount() const
+{
+    std::lock_guard lock(d->mutex);
+    return d->connections.size();
+}
+
+}  // namespace kest::network::http::server

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <memory>
+#include <system_error>
+
+#include <kest/network/socket_address.h>
+
+namespace kest::network::http::server {
+
+struct HttpServerSharedState;
+
+/** One listening socket and the HTTP/1.1 connections it accepted. */
+class HttpStreamSocketServer
+{
+public:
+    explicit HttpStreamSocketServer(std::shared_ptr<HttpServerSharedState> sharedState);
+    ~HttpStreamSocketServer();
+
+    HttpStreamSocketServer(const HttpStreamSocketServer&) = delete;
+    HttpStreamSocketServer& operator=(const HttpStreamSocketServer&) = delete;
+
+    bool bind(const SocketAddress& address);
+    /** Switches the socket to non-blocking mode, listens and starts accepting. */
+    bool listen(int backlog);
+    /** The bound address, with the real port after binding port 0. */
+    SocketAddress address() const;
+    std::error_code lastError() const;
+
+    /** Cancels the pending accept and waits until no accept can complete. */
+    void cancelAccepting();
+    /** Closes every connection and waits, on each connection's thread, until it is closed. */
+    void closeAllConnections();
+
+    std::size_t connectionCount() const;
+
+private:
+    struct Private;
+    std::shared_ptr<Private> d;
+};
+
+}  // namespace kest::network::http::server
