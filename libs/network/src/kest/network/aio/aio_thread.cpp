@@ -1,0 +1,84 @@
+#include "aio_thread.h"
+
+#include <atomic>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+
+namespace kest::network::aio {
+
+namespace {
+thread_local AioThread* t_currentThread = nullptr;
+}  // namespace
+
+struct AioThread::Private
+{
+    boost::asio::io_context ioContext{1};
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> workGuard{
+        ioContext.get_executor()};
+    std::thread thread;
+    std::atomic<bool> stopped{false};
+};
+
+AioThread::AioThread() : d(std::make_unique<Private>())
+{
+    d->thread = std::thread([this]() {
+        t_currentThread = this;
+        d->ioContext.run();
+        t_currentThread = nullptr;
+    });
+}
+
+AioThread::~AioThread()
+{
+    stop();
+}
+
+void AioThread::stop()
+{
+    d->stopped = true;
+    d->workGuard.reset();
+    d->ioContext.stop();
+    if (d->thread.joinable()) {
+        if (isInSelfThread())
+            d->thread.detach();
+        else
+            d->thread.join();
+    }
+}
+
+void AioThread::post(kest::utils::MoveOnlyFunc<void()> func)
+{
+    boost::asio::post(d->ioContext, std::move(func));
+}
+
+void AioThread::dispatch(kest::utils::MoveOnlyFunc<void()> func)
+{
+    if (isInSelfThread())
+        func();
+    else
+        post(std::move(func));
+}
+
+bool AioThread::isInSelfThread() const
+{
+    return t_currentThread == this;
+}
+
+boost::asio::io_context& AioThread::ioContext()
+{
+    return d->ioContext;
+}
+
+bool AioThread::isStopped() const
+{
+    return d->stopped.load();
+}
+
+AioThread* AioThread::current()
+{
+    return t_currentThread;
+}
+
+}  // namespace kest::network::aio

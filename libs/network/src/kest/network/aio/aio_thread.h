@@ -1,0 +1,40 @@
+#pragma once
+
+#include <memory>
+#include <thread>
+
+#include "abstract_aio_thread.h"
+
+namespace boost::asio {
+class io_context;
+}  // namespace boost::asio
+
+namespace kest::network::aio {
+
+/** An I/O thread: one io_context run by one thread, so whatever runs on it needs no strand. */
+class AioThread : public AbstractAioThread
+{
+public:
+    AioThread();
+    /** Stops the thread; functions still queued are dropped without being called. */
+    ~AioThread() override;
+
+    void post(kest::utils::MoveOnlyFunc<void()> func) override;
+    void dispatch(kest::utils::MoveOnlyFunc<void()> func) override;
+    bool isInSelfThread() const override;
+    bool isStopped() const override;
+
+    /** Stops running and joins the thread; queued work is kept until destruction. Idempotent. */
+    void stop();
+
+    boost::asio::io_context& ioContext();
+
+    /** The I/O thread the caller runs on, or null. */
+    static AioThread* current();
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+
+}  // namespace kest::network::aio

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <kest/utils/move_only_func.h>
+
+#include "request_context.h"
+#include "request_result.h"
+
+namespace kest::network::http {
+
+/**
+ * The handler of one request; a new one is made for every request. The completion handler must be
+ * called exactly once, from any thread, possibly inside processRequest. The server keeps the
+ * handler alive until then and destroys it afterwards on the connection's I/O thread.
+ */
+class AbstractRequestHandler
+{
+public:
+    virtual ~AbstractRequestHandler() = default;
+
+    virtual void processRequest(
+        RequestContext requestContext,
+        kest::utils::MoveOnlyFunc<void(RequestResult)> completionHandler) = 0;
+};
+
+}  // namespace kest::network::http

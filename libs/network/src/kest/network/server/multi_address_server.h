@@ -1,0 +1,83 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+#include <kest/network/socket_address.h>
+
+namespace kest::network::server {
+
+/**
+ * One socket server per listening address. SocketServer provides bind(SocketAddress),
+ * listen(backlog), address(), lastError(), cancelAccepting() and closeAllConnections().
+ */
+template <typename SocketServer>
+class MultiAddressServer
+{
+public:
+    using Factory = std::function<std::unique_ptr<SocketServer>()>;
+
+    explicit MultiAddressServer(Factory factory) : m_factory(std::move(factory)) {}
+    ~MultiAddressServer() { stop(); }
+
+    MultiAddressServer(const MultiAddressServer&) = delete;
+    MultiAddressServer& operator=(const MultiAddressServer&) = delete;
+
+    /** Makes and binds a server per endpoint. On the first failure keeps its error and says false.
+     */
+    bool bind(const std::vector<SocketAddress>& endpoints)
+    {
+        for (const auto& endpoint : endpoints) {
+            auto server = m_factory();
+            if (!server->bind(endpoint)) {
+                m_lastError = server->lastError();
+                return false;
+            }
+            m_servers.push_back(std::move(server));
+        }
+        return true;
+    }
+
+    /** Starts accepting on every bound socket; false when any of them fails. */
+    bool listen(int backlog)
+    {
+        for (const auto& server : m_servers) {
+            if (!server->listen(backlog)) {
+                m_lastError = server->lastError();
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /** The addresses actually bound, with the real ports of those bound to port 0. */
+    std::vector<SocketAddress> endpoints() const
+    {
+        std::vector<SocketAddress> result;
+        for (const auto& server : m_servers)
+            result.push_back(server->address());
+        return result;
+    }
+
+    /** Stops accepting everywhere first, then closes every connection and waits for that. */
+    void stop()
+    {
+        for (const auto& server : m_servers)
+            server->cancelAccepting();
+        for (const auto& server : m_servers)
+            server->closeAllConnections();
+    }
+
+    std::error_code lastError() const { return m_lastError; }
+
+    const std::vector<std::unique_ptr<SocketServer>>& servers() const { return m_servers; }
+
+private:
+    Factory m_factory;
+    std::vector<std::unique_ptr<SocketServer>> m_servers;
+    std::error_code m_lastError;
+};
+
+}  // namespace kest::network::server
