@@ -1,0 +1,41 @@
+#pragma once
+
+// The URL-query form of a search filter, as instances send searches to each other, and its text
+// form for logs.
+//
+// Items, each written only when the field differs from its default:
+//   "deviceIds"                one item per device, UUID in simple form (braces are accepted)
+//   "objectTypeId"             one item per type
+//   "objectTrackId"            UUID
+//   "startTimeMs", "durationMs" the time period, decimal; a missing one keeps its default
+//   "boundingBox"              "x,y,width,height", decimal numbers
+//   "freeText"                 text
+//   "maxObjectTracksToSelect"  decimal
+//   "needFullTrack", "withBestShotOnly"  "true" or "false"
+//   "sortOrder"                "asc" or "desc"
+//   "analyticsEngineId"        UUID
+// Of a repeated single-valued item the last one counts; other items are ignored.
+
+#include <string>
+
+#include <QUrlQuery>
+
+#include <kest/network/rest/params.h>
+
+#include "filter.h"
+
+namespace kest::analytics::db {
+
+/** Appends the filter's items to `query`. */
+void serializeToUrlQuery(const Filter& filter, QUrlQuery* query);
+
+/**
+ * Reads a filter from request parameters; items that are missing keep their defaults. False,
+ * leaving `filter` untouched, when an item's value is malformed.
+ */
+bool deserializeFromParams(const kest::network::rest::Params& params, Filter* filter);
+
+/** The filter as compact JSON, for log lines. */
+std::string toString(const Filter& filter);
+
+}  // namespace kest::analytics::db

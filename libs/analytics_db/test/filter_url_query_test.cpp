@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include <kest/analytics_db/filter_url_query.h>
+#include <kest/analytics_db/result_code.h>
+
+namespace kest::analytics::db::test {
+
+using network::rest::Params;
+
+Filter everyFieldSet()
+{
+    Filter f;
+    f.deviceIds = {ZuUuid("{6c1b4a1e-3b1f-4a55-9d5e-7a1c2b3d4e5f}"),
+                   ZuUuid("{00000000-0000-0000-0000-000000000001}")};
+    f.objectTypeId = {"nx.base.Person", "", "a,b&c=d"};
+    f.objectTrackId = ZuUuid("{a0a0a0a0-b1b1-c2c2-d3d3-e4e4e4e4e4e4}");
+    f.timePeriod = ZuTimePeriod(std::numeric_limits<std::int64_t>::min(),
+                                std::numeric_limits<std::int64_t>::max());
+    f.boundingBox = common::metadata::Rect{0.1, 1e-300, -0.0, 1.0 / 3};
+    f.freeText = "50%41 a+b&c=d#e=f ü \"q\"";
+    f.maxObjectTracksToSelect = std::numeric_limits<int>::min();
+    f.needFullTrack = true;
+    f.sortOrder = SortOrder::asc;
+    f.withBestShotOnly = true;
+    f.analyticsEngineId = ZuUuid("{ffffffff-ffff-ffff-ffff-ffffffffffff}");
+    return f;
+}
+
+Filter readBack(const Filter& filter, bool throughText)
+{
+    QUrlQuery query;
+    serializeToUrlQuery(filter, &query);
+    if (throughText)
+        query = QUrlQuery(query.toString(QUrl::FullyEncoded));
+    Filter back;
+    back.freeText = "must be replaced";
+    EXPECT_TRUE(deserializeFromParams(Params::fromUrlQuery(query), &back))
+        << query.toString().toStdString();
+    return back;
+}
+
+TEST(FilterUrlQuery, EveryFieldSurvivesARoundTrip)
+{
+    Filter partial;
+    partial.timePeriod = ZuTimePeriod(1000, 0);
+    partial.boundingBox = common::metadata::Rect{};
+    partial.maxObjectTracksToSelect = std::numeric_limits<int>::max();
+    partial.freeText = " ";
+
+    for (const Filter& filter : {Filter(), everyFieldSet(), partial}) {
+        for (const bool throughText : {false, true}) {
+            const Filter back = readBack(filter, throughText);
+            EXPECT_EQ(back, filter) << toString(back) << "\n" << toString(filter);
+        }
+    }
+}
+
+TEST(FilterUrlQuery, DefaultsAreNotWritten)
+{
+    QUrlQuery query;
+    serializeToUrlQuery(Filter(), &query);
+    EXPECT_TRUE(query.isEmpty()) << query.toString().toStdString();
+
+    Filter f;
+    f.deviceIds = {ZuUuid("{6c1b4a1e-3b1f-4a55-9d5e-7a1c2b3d4e5f}")};
+    f.sortOrder = SortOrder::asc;
+    f.boundingBox = common::metadata::Rect{0.5, 0, 1, 0.25};
+    serializeToUrlQuery(f, &query);
+    EXPECT_EQ(
+        query.toString(QUrl::FullyEncoded).toStdString(),
+        "deviceIds=6c1b4a1e-3b1f-4a55-9d5e-7a1c2b3d4e5f&boundingBox=0.5,0,1,0.25&sortOrder=asc");
+}
+
+TEST(FilterUrlQuery, ReadingIsLenientAboutFormButNotValues)
+{
+    Params params;
+    params.insert("deviceIds", "{6c1b4a1e-3b1f-4a55-9d5e-7a1c2b3d4e5f}");
+    params.insert("startTimeMs", "5");
+    params.insert("maxObjectTracksToSelect", "1");
+    params.insert("maxObjectTracksToSelect", "7");
+    params.insert("internal_lookup", "true");
+    params.insert("format", "json");
+    Filter f;
+    ASSERT_TRUE(deserializeFromParams(params, &f));
+    EXPECT_EQ(f.deviceIds, std::set<ZuUuid>{ZuUuid("6c1b4a1e-3b1f-4a55-9d5e-7a1c2b3d4e5f")});
+    EXPECT_EQ(f.timePeriod, ZuTimePeriod(5, ZuTimePeriod::kInfiniteDuration));
+    EXPECT_EQ(f.maxObjectTracksToSelect, 7) << "the last of repeated items counts";
+}
+
+TEST(FilterUrlQuery, MalformedValuesAreRefused)
+{
+    const std::vector<std::pair<QString, QString>> cases = {
+        {"deviceIds", "camera-1"},
+        {"deviceIds", ""},
+        {"objectTrackId", "{6c1b4a1e-3b1f}"},
+        {"analyticsEngineId", "x"},
+        {"startTimeMs", "12ms"},
+        {"durationMs", ""},
+        {"startTimeMs", "9223372036854775808"},
+        {"maxObjectTracksToSelect", "2147483648"},
+        {"maxObjectTracksToSelect", "1.5"},
+        {"needFullTrack", "1"},
+        {"withBestShotOnly", "TRUE"},
+        {"sortOrder", "ascending"},
+        {"boundingBox", "1,2,3"},
+        {"boundingBox", "1,2,3,4,5"},
+        {"boundingBox", "1,2,,4"},
+        {"boundingBox", "1,2,3,x"},
+    };
+    for (const auto& [key, value] : cases) {
+        Params params;
+        params.insert(key, value);
+        Filter f = everyFieldSet();
+        EXPECT_FALSE(deserializeFromParams(params, &f))
+            << key.toStdString() << "=" << value.toStdString();
+        EXPECT_EQ(f, everyFieldSet()) << "left untouched on failure";
+    }
+}
+
+TEST(ResultCodeText, NamesEveryCode)
+{
+    EXPECT_EQ(toString(ResultCode::ok), "ok");
+    EXPECT_EQ(toString(ResultCode::retryLater), "retryLater");
+    EXPECT_EQ(toString(ResultCode::error), "error");
+    EXPECT_EQ(toString(static_cast<ResultCode>(9)), "unknown (9)");
+}
+
+}  // namespace kest::analytics::db::test
