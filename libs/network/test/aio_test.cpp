@@ -1,0 +1,161 @@
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <kest/network/aio/aio_thread_pool.h>
+#include <kest/network/aio/basic_pollable.h>
+#include <kest/network/aio/timer.h>
+
+namespace kest::network::aio {
+namespace {
+
+using namespace std::chrono_literals;
+
+class Recorder : public BasicPollable
+{
+public:
+    using BasicPollable::BasicPollable;
+
+    std::atomic<int> stops{0};
+    std::atomic<bool> stoppedInOwnThread{false};
+
+protected:
+    void stopWhileInAioThread() override
+    {
+        stoppedInOwnThread = isInSelfAioThread();
+        ++stops;
+    }
+};
+
+TEST(AioThread, PostRunsInOrderOnItsThreadDispatchInlineThere)
+{
+    AioThread thread;
+    std::vector<int> order;
+    std::promise<void> done;
+    thread.post([&]() {
+        EXPECT_TRUE(thread.isInSelfThread());
+        EXPECT_EQ(AioThread::current(), &thread);
+        thread.post([&]() { order.push_back(3); });
+        thread.dispatch([&]() { order.push_back(1); });  // inline: before the posted one
+        order.push_back(2);
+    });
+    thread.post([&]() { done.set_value(); });
+    done.get_future().wait();
+    std::promise<void> flushed;
+    thread.post([&]() { flushed.set_value(); });
+    flushed.get_future().wait();
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+    EXPECT_FALSE(thread.isInSelfThread());
+}
+
+TEST(AioThreadPool, ZeroMeansOnePerCoreAndRoundRobin)
+{
+    AioThreadPool pool(0);
+    EXPECT_EQ(pool.size(), std::max(1u, std::thread::hardware_concurrency()));
+    AioThreadPool two(2);
+    auto* first = two.next();
+    auto* second = two.next();
+    EXPECT_NE(first, second);
+    EXPECT_EQ(two.next(), first);
+}
+
+TEST(BasicPollable, StopRunsOnceOnBoundThreadSyncAlsoFromThatThread)
+{
+    AioThread thread;
+    Recorder pollable(&thread);
+    EXPECT_EQ(pollable.getAioThread(), &thread);
+
+    pollable.pleaseStopSync();
+    EXPECT_EQ(pollable.stops, 1);
+    EXPECT_TRUE(pollable.stoppedInOwnThread);
+
+    std::promise<int> inline_;
+    pollable.post([&]() {
+        pollable.pleaseStopSync();  // must not wait for itself
+        inline_.set_value(pollable.stops);
+    });
+    EXPECT_EQ(inline_.get_future().get(), 2);
+
+    std::promise<void> handlerDone;
+    pollable.pleaseStop([&]() {
+        EXPECT_TRUE(thread.isInSelfThread());
+        handlerDone.set_value();
+    });
+    handlerDone.get_future().wait();
+    EXPECT_EQ(pollable.stops, 3);
+}
+
+TEST(BasicPollable, RebindMovesWorkToTheNewThread)
+{
+    AioThread a;
+    AioThread b;
+    Recorder pollable(&a);
+    pollable.bindToAioThread(&b);
+    std::promise<bool> onB;
+    pollable.dispatch([&]() { onB.set_value(b.isInSelfThread()); });
+    EXPECT_TRUE(onB.get_future().get());
+}
+
+TEST(Timer, FiresOnceOnItsThread)
+{
+    AioThread thread;
+    Timer timer(&thread);
+    std::atomic<int> calls{0};
+    std::promise<bool> fired;
+    timer.start(20ms, [&]() {
+        ++calls;
+        fired.set_value(thread.isInSelfThread());
+    });
+    EXPECT_TRUE(fired.get_future().get());
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(Timer, NoCallAfterCancelOrRestart)
+{
+    AioThread thread;
+    Timer timer(&thread);
+    std::atomic<int> stale{0};
+    for (int i = 0; i < 200; ++i) {
+        // Cancel just when the timer is due, so that some completions are already queued.
+        timer.start(std::chrono::milliseconds(i % 2), [&]() { ++stale; });
+        std::this_thread::sleep_for(std::chrono::microseconds(900));
+        timer.cancelSync();
+        const int seen = stale;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        ASSERT_EQ(stale, seen) << "handler ran after cancelSync returned";
+    }
+
+    std::atomic<int> first{0};
+    std::atomic<int> second{0};
+    timer.start(10ms, [&]() { ++first; });
+    timer.start(20ms, [&]() { ++second; });  // replaces the first
+    std::this_thread::sleep_for(80ms);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 1);
+
+    std::atomic<int> afterStop{0};
+    timer.start(10ms, [&]() { ++afterStop; });
+    timer.pleaseStopSync();
+    std::this_thread::sleep_for(40ms);
+    EXPECT_EQ(afterStop, 0);
+}
+
+TEST(Timer, DestroyedWithPendingWaitNeverCalls)
+{
+    AioThread thread;
+    std::atomic<int> calls{0};
+    for (int i = 0; i < 50; ++i) {
+        Timer timer(&thread);
+        timer.start(0ms, [&]() { ++calls; });
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    const int seen = calls;
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(calls, seen);
+}
+
+}  // namespace
+}  // namespace kest::network::aio

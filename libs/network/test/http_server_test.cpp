@@ -1,0 +1,415 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <kest/network/http/server/authentication_dispatcher.h>
+#include <kest/network/http/server/builder.h>
+#include <kest/network/http/server/rest/message_dispatcher.h>
+
+namespace kest::network::http::server {
+namespace {
+
+using namespace std::chrono_literals;
+
+/** A blocking loopback client on a raw socket, with a timeout on every read. */
+class RawClient
+{
+public:
+    explicit RawClient(std::uint16_t port)
+    {
+        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        m_connected = ::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    }
+    ~RawClient() { ::close(m_fd); }
+    RawClient(const RawClient&) = delete;
+    RawClient& operator=(const RawClient&) = delete;
+
+    bool connected() const { return m_connected; }
+
+    bool send(std::string_view data)
+    {
+        while (!data.empty()) {
+            const ssize_t sent = ::send(m_fd, data.data(), data.size(), MSG_NOSIGNAL);
+            if (sent <= 0)
+                return false;
+            data.remove_prefix(static_cast<std::size_t>(sent));
+        }
+        return true;
+    }
+
+    /** One response: status (0 when none came), headers text, body by Content-Length. */
+    struct Response
+    {
+        int status = 0;
+        std::string head;
+        std::string body;
+    };
+
+    Response read(std::chrono::milliseconds timeout = 5s)
+    {
+        Response response;
+        std::size_t headEnd;
+        while ((headEnd = m_pending.find("\r\n\r\n")) == std::string::npos) {
+            if (!readMore(timeout))
+                return response;
+        }
+        response.head = m_pending.substr(0, headEnd + 4);
+        m_pending.erase(0, headEnd + 4);
+        response.status = std::atoi(response.head.c_str() + 9);
+        std::size_t length = 0;
+        if (const auto at = response.head.find("Content-Length: "); at != std::string::npos)
+            length = std::stoul(response.head.substr(at + 16));
+        if (!m_headOnly) {
+            while (m_pending.size() < length) {
+                if (!readMore(timeout))
+                    return response;
+            }
+            response.body = m_pending.substr(0, length);
+            m_pending.erase(0, length);
+        }
+        return response;
+    }
+
+    /** True when the server closed the connection (EOF or reset) within the timeout. */
+    bool closedByPeer(std::chrono::milliseconds timeout = 5s)
+    {
+        while (true) {
+            pollfd item{m_fd, POLLIN, 0};
+            if (::poll(&item, 1, static_cast<int>(timeout.count())) <= 0)
+                return false;
+            char buffer[4096];
+            const ssize_t got = ::recv(m_fd, buffer, sizeof(buffer), 0);
+            if (got <= 0)
+                return true;
+        }
+    }
+
+    void expectHeadOnly(bool value) { m_headOnly = value; }
+
+private:
+    bool readMore(std::chrono::milliseconds timeout)
+    {
+        pollfd item{m_fd, POLLIN, 0};
+        if (::poll(&item, 1, static_cast<int>(timeout.count())) <= 0)
+            return false;
+        char buffer[8192];
+        const ssize_t got = ::recv(m_fd, buffer, sizeof(buffer), 0);
+        if (got <= 0)
+            return false;
+        m_pending.append(buffer, static_cast<std::size_t>(got));
+        return true;
+    }
+
+    int m_fd = -1;
+    bool m_connected = false;
+    bool m_headOnly = false;
+    std::string m_pending;
+};
+
+std::string post(std::string_view path, std::string_view body, std::string_view extra = {})
+{
+    return "POST " + std::string(path) +
+           " HTTP/1.1\r\nHost: x\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
+           std::string(extra) + "\r\n" + std::string(body);
+}
+
+/** Echoes method, body and path parameters; completes from another thread on request. */
+class EchoHandler : public AbstractRequestHandler
+{
+public:
+    void processRequest(RequestContext context,
+                        kest::utils::MoveOnlyFunc<void(RequestResult)> completionHandler) override
+    {
+        RequestResult result(StatusCode::ok,
+                             context.request.method + ":" + context.request.body + ":" +
+                                 context.requestPathParams.getByName("id").value_or(""),
+                             "text/plain");
+        result.headers.emplace_back("X-Peer", context.clientEndpoint.host);
+        if (context.request.header("X-Async")) {
+            std::thread([result = std::move(result),
+                         handler = std::move(completionHandler)]() mutable {
+                std::this_thread::sleep_for(10ms);
+                handler(std::move(result));
+            }).detach();
+            return;
+        }
+        completionHandler(std::move(result));
+    }
+};
+
+/** Never completes on its own: the test holds the completion handler. */
+struct Parked
+{
+    std::mutex mutex;
+    std::vector<kest::utils::MoveOnlyFunc<void(RequestResult)>> handlers;
+    std::atomic<int> destroyed{0};
+};
+
+class ParkingHandler : public AbstractRequestHandler
+{
+public:
+    explicit ParkingHandler(Parked* parked) : m_parked(parked) {}
+    ~ParkingHandler() override { ++m_parked->destroyed; }
+
+    void processRequest(RequestContext,
+                        kest::utils::MoveOnlyFunc<void(RequestResult)> completionHandler) override
+    {
+        std::lock_guard lock(m_parked->mutex);
+        m_parked->handlers.push_back(std::move(completionHandler));
+    }
+
+private:
+    Parked* m_parked;
+};
+
+class HttpServerTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        settings.endpoints = {SocketAddress{"127.0.0.1", 0}};
+        settings.ioThreads = 2;
+        dispatcher.registerRequestProcessor("/echo/{id}",
+                                            []() { return std::make_unique<EchoHandler>(); });
+        dispatcher.registerRequestProcessor(
+            "/park", [this]() { return std::make_unique<ParkingHandler>(&parked); }, "POST");
+    }
+
+    void TearDown() override
+    {
+        if (server)
+            server->stop();
+        std::lock_guard lock(parked.mutex);
+        for (auto& handler : parked.handlers)
+            handler(RequestResult(StatusCode::ok));
+        parked.handlers.clear();
+    }
+
+    std::uint16_t start()
+    {
+        server = Builder::buildOrThrow(settings, &authentication, &dispatcher);
+        EXPECT_TRUE(server->bind(settings.endpoints));
+        EXPECT_TRUE(server->listen(settings.listenBacklog));
+        const auto endpoints = server->endpoints();
+        EXPECT_EQ(endpoints.size(), 1u);
+        EXPECT_NE(endpoints.at(0).port, 0);
+        return endpoints.at(0).port;
+    }
+
+    /** The server still answers a fresh client. */
+    void expectServing(std::uint16_t port)
+    {
+        RawClient client(port);
+        ASSERT_TRUE(client.send(post("/echo/ok", "alive")));
+        EXPECT_EQ(client.read().body, "POST:alive:ok");
+    }
+
+    Settings settings;
+    rest::MessageDispatcher dispatcher;
+    AuthenticationDispatcher authentication;
+    Parked parked;
+    std::unique_ptr<MultiAddressHttpServer> server;
+};
+
+TEST_F(HttpServerTest, KeepAliveServesSeveralRequestsIncludingHeadAndNotFound)
+{
+    const auto port = start();
+    RawClient client(port);
+    ASSERT_TRUE(client.connected());
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(client.send(post("/echo/" + std::to_string(i), "body" + std::to_string(i))));
+        const auto response = client.read();
+        EXPECT_EQ(response.status, 200);
+        EXPECT_EQ(response.body, "POST:body" + std::to_string(i) + ":" + std::to_string(i));
+        EXPECT_NE(response.head.find("Content-Type: text/plain\r\n"), std::string::npos);
+        EXPECT_NE(response.head.find("X-Peer: 127.0.0.1\r\n"), std::string::npos);
+    }
+    // Two requests in one write are answered in order.
+    ASSERT_TRUE(client.send(post("/echo/a", "1") + post("/echo/b", "2", "X-Async: 1\r\n")));
+    EXPECT_EQ(client.read().body, "POST:1:a");
+    EXPECT_EQ(client.read().body, "POST:2:b");
+
+    ASSERT_TRUE(client.send("GET /nothing HTTP/1.1\r\nHost: x\r\n\r\n"));
+    EXPECT_EQ(client.read().status, 404);
+
+    ASSERT_TRUE(client.send("HEAD /echo/h HTTP/1.1\r\nHost: x\r\n\r\n"));
+    client.expectHeadOnly(true);
+    const auto head = client.read();
+    EXPECT_EQ(head.status, 200);
+    EXPECT_NE(head.head.find("Content-Length: 7\r\n"), std::string::npos);  // "HEAD::h"
+    client.expectHeadOnly(false);
+    ASSERT_TRUE(client.send(post("/echo/after", "x", "Connection: close\r\n")));
+    EXPECT_EQ(client.read().body, "POST:x:after");  // no stray body bytes from HEAD
+    EXPECT_TRUE(client.closedByPeer());
+}
+
+TEST_F(HttpServerTest, PortInUseFailsBindWithError)
+{
+    const auto port = start();
+    auto other = Builder::buildOrThrow(settings, nullptr, &dispatcher);
+    EXPECT_FALSE(other->bind({SocketAddress{"127.0.0.1", port}}));
+    EXPECT_EQ(other->lastError(), std::errc::address_in_use);
+}
+
+TEST_F(HttpServerTest, OversizedHeaderAndBodyAreRefusedOthersStillServed)
+{
+    settings.maxHeaderBytes = 1024;
+    settings.maxBodyBytes = 100;
+    const auto port = start();
+
+    RawClient bigHeader(port);
+    ASSERT_TRUE(
+        bigHeader.send("GET /echo/x HTTP/1.1\r\nX-Big: " + std::string(4000, 'a') + "\r\n\r\n"));
+    EXPECT_EQ(bigHeader.read().status, 431);
+    EXPECT_TRUE(bigHeader.closedByPeer());
+
+    RawClient declaredBig(port);
+    ASSERT_TRUE(declaredBig.send(post("/echo/x", std::string(101, 'b'))));
+    EXPECT_EQ(declaredBig.read().status, 413);
+
+    RawClient chunkedBig(port);
+    ASSERT_TRUE(chunkedBig.send(
+        "POST /echo/x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "50\r\n" +
+        std::string(80, 'c') + "\r\n50\r\n" + std::string(80, 'c') + "\r\n0\r\n\r\n"));
+    EXPECT_EQ(chunkedBig.read().status, 413);
+
+    RawClient exact(port);
+    ASSERT_TRUE(exact.send(post("/echo/x", std::string(100, 'd'))));
+    EXPECT_EQ(exact.read().status, 200);
+    expectServing(port);
+}
+
+TEST_F(HttpServerTest, GarbageGets400AndServerGoesOn)
+{
+    const auto port = start();
+    for (const std::string& garbage :
+         {std::string("\x01\x02\x03 junk\r\n\r\n"), std::string("GET / HTTP/9.9\r\n\r\n"),
+          std::string("POST /echo/x HTTP/1.1\r\nContent-Length: -5\r\n\r\n")}) {
+        RawClient client(port);
+        ASSERT_TRUE(client.send(garbage));
+        EXPECT_EQ(client.read().status, 400) << garbage;
+        EXPECT_TRUE(client.closedByPeer());
+    }
+    {
+        RawClient halfAndGone(port);
+        ASSERT_TRUE(halfAndGone.send("POST /echo/x HTTP/1.1\r\nContent-Length: 10\r\n\r\nabc"));
+    }
+    expectServing(port);
+}
+
+TEST_F(HttpServerTest, SlowAndIdleClientsAreTimedOut)
+{
+    settings.requestReadTimeout = 200ms;
+    settings.idleTimeout = 300ms;
+    const auto port = start();
+
+    RawClient slow(port);
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(slow.send("POST /echo/x HTTP/1.1\r\nContent-Length: 10\r\n\r\nab"));
+    std::this_thread::sleep_for(100ms);
+    slow.send("c");  // trickling does not extend the deadline of the whole request
+    EXPECT_TRUE(slow.closedByPeer(2s));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 1s);
+
+    RawClient idle(port);
+    ASSERT_TRUE(idle.send(post("/echo/i", "")));
+    EXPECT_EQ(idle.read().status, 200);
+    EXPECT_FALSE(idle.closedByPeer(150ms));
+    EXPECT_TRUE(idle.closedByPeer(2s));
+}
+
+TEST_F(HttpServerTest, ConnectionsPastTheLimitAreClosedAtOnce)
+{
+    settings.maxConnections = 2;
+    const auto port = start();
+    RawClient first(port);
+    RawClient second(port);
+    ASSERT_TRUE(first.send(post("/echo/1", "")));
+    ASSERT_TRUE(second.send(post("/echo/2", "")));
+    EXPECT_EQ(first.read().status, 200);
+    EXPECT_EQ(second.read().status, 200);
+
+    RawClient third(port);
+    EXPECT_TRUE(third.closedByPeer(2s));
+}
+
+TEST_F(HttpServerTest, StopClosesIdleAndPendingConnectionsWithoutWaitingForHandlers)
+{
+    const auto port = start();
+    RawClient idle(port);
+    ASSERT_TRUE(idle.send(post("/echo/1", "")));
+    EXPECT_EQ(idle.read().status, 200);
+
+    RawClient pending(port);
+    ASSERT_TRUE(pending.send(post("/park", "")));
+    for (int i = 0; i < 200; ++i) {
+        std::lock_guard lock(parked.mutex);
+        if (!parked.handlers.empty())
+            break;
+        std::this_thread::sleep_for(5ms);
+    }
+
+    auto stopped = std::async(std::launch::async, [this]() { server->stop(); });
+    ASSERT_EQ(stopped.wait_for(5s), std::future_status::ready);
+    EXPECT_TRUE(idle.closedByPeer(1s));
+    EXPECT_TRUE(pending.closedByPeer(1s));
+    EXPECT_EQ(parked.destroyed, 0);  // still owed its completion
+
+    RawClient late(port);
+    EXPECT_FALSE(late.connected() && late.send(post("/echo/1", "")) && late.read(300ms).status);
+
+    std::lock_guard lock(parked.mutex);
+    ASSERT_EQ(parked.handlers.size(), 1u);
+    std::thread([handler = std::move(parked.handlers.front())]() mutable {
+        handler(RequestResult(StatusCode::ok));
+    }).join();
+    parked.handlers.clear();
+    for (int i = 0; i < 200 && parked.destroyed == 0; ++i)
+        std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(parked.destroyed, 1);
+}
+
+TEST_F(HttpServerTest, CompletionFromAnotherThreadReachesTheClientAndHandlerDies)
+{
+    const auto port = start();
+    RawClient client(port);
+    ASSERT_TRUE(client.send(post("/park", "")));
+    for (int i = 0; i < 200; ++i) {
+        std::lock_guard lock(parked.mutex);
+        if (!parked.handlers.empty())
+            break;
+        std::this_thread::sleep_for(5ms);
+    }
+    kest::utils::MoveOnlyFunc<void(RequestResult)> handler;
+    {
+        std::lock_guard lock(parked.mutex);
+        ASSERT_EQ(parked.handlers.size(), 1u);
+        handler = std::move(parked.handlers.front());
+        parked.handlers.clear();
+    }
+    EXPECT_EQ(parked.destroyed, 0);
+    std::thread([&]() {
+        handler(RequestResult(StatusCode::accepted, "later", "text/plain"));
+    }).join();
+    const auto response = client.read();
+    EXPECT_EQ(response.status, 202);
+    EXPECT_EQ(response.body, "later");
+    EXPECT_EQ(parked.destroyed, 1);
+}
+
+}  // namespace
+}  // namespace kest::network::http::server
