@@ -9,6 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include <kest/analytics_db/object_metadata_packet.h>
+#include <kest/analytics_db/object_track_ex.h>
+#include <kest/cloud/storage/model/db_error_data.h>
+#include <kest/reflect/json.h>
+
 namespace {
 
 using Route = std::pair<std::string, std::string>;  //< Method in upper case, path template.
@@ -79,6 +84,55 @@ void expectReferencesResolve(const QJsonObject& root, const QJsonValue& node, co
             expectReferencesResolve(root, it.value(), at + "/" + it.key().toStdString());
         }
     }
+}
+
+QJsonObject resolve(const QJsonObject& root, QJsonObject schema)
+{
+    for (;;) {
+        if (schema.contains("$ref")) {
+            QJsonValue target = root;
+            for (const auto& part : schema["$ref"].toString().mid(2).split('/'))
+                target = target.toObject().value(part);
+            schema = target.toObject();
+        } else if (schema["allOf"].toArray().size() == 1) {
+            schema = schema["allOf"].toArray()[0].toObject();
+        } else {
+            return schema;
+        }
+    }
+}
+
+// The keys the service writes must be the keys the description names, at every depth; `value`
+// is a record with every list non-empty, so that each nested record shows all its keys.
+void expectSameKeys(const QJsonObject& root, const QJsonValue& value, QJsonObject schema,
+                    const std::string& at)
+{
+    schema = resolve(root, schema);
+    if (value.isArray()) {
+        for (const auto& item : value.toArray())
+            expectSameKeys(root, item, schema["items"].toObject(), at + "[]");
+        return;
+    }
+    if (!value.isObject())
+        return;
+    const auto object = value.toObject();
+    const auto properties = schema["properties"].toObject();
+    EXPECT_EQ(object.keys(), properties.keys()) << at;
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        expectSameKeys(root, it.value(), properties[it.key()].toObject(),
+                       at + "." + it.key().toStdString());
+    }
+}
+
+QJsonValue toQJson(const std::string& json)
+{
+    const auto document = QJsonDocument::fromJson(QByteArray::fromStdString(json));
+    return document.isArray() ? QJsonValue(document.array()) : QJsonValue(document.object());
+}
+
+QJsonObject schemaRef(const char* name)
+{
+    return {{"$ref", QString("#/components/schemas/") + name}};
 }
 
 }  // namespace
@@ -163,4 +217,44 @@ TEST(ApiDocs, reference_documents_list_the_same_routes)
     }
     EXPECT_FALSE(xml.hasError()) << xml.errorString().toStdString();
     EXPECT_EQ(xmlRoutes, kServedRoutes);
+}
+
+TEST(ApiDocs, documented_records_have_the_keys_the_service_reads_and_writes)
+{
+    using namespace kest::analytics::db;
+    using namespace kest::common::metadata;
+    const auto openApi = readJsonResource(":/docs/api/v1/openapi.json");
+
+    ObjectTrackEx track;
+    track.attributes = {{"color", "red"}};
+    ObjectPosition position;
+    position.attributes = {{"speed", "5"}};
+    track.objectPositionSequence = {position};
+    expectSameKeys(openApi, toQJson(kest::reflect::json::serialize(std::vector{track})),
+                   {{"type", "array"}, {"items", schemaRef("ObjectTrackEx")}}, "tracks");
+
+    kest::cloud::storage::metadatadb::DbErrorData errors;
+    errors.timePeriod.push_back(ZuTimePeriod{1000, 2000});
+    expectSameKeys(openApi, toQJson(kest::reflect::json::serialize(errors)),
+                   schemaRef("DbErrorData"), "DbErrorData");
+
+    ObjectMetadataPacket packet;
+    ObjectMetadata object;
+    object.attributes = {{"color", "red"}};
+    packet.objectMetadataList = {object};
+    expectSameKeys(openApi, toQJson(kest::reflect::json::serialize(packet)),
+                   schemaRef("ObjectMetadataPacket"), "ObjectMetadataPacket");
+
+    // The example is what a reader tries first; it must be a body the service accepts.
+    const auto example = openApi["paths"]["/metadataDb/v1/data"]["post"]["requestBody"]["content"]
+                                ["application/json"]["example"];
+    std::vector<ObjectMetadataPacket> packets;
+    const auto result = kest::reflect::json::deserialize(
+        QJsonDocument(example.toArray()).toJson().toStdString(), &packets);
+    ASSERT_TRUE(result.success) << result.errorDescription;
+    ASSERT_EQ(packets.size(), 1u);
+    EXPECT_FALSE(packets[0].deviceId.isNull());
+    EXPECT_EQ(packets[0].streamIndex, StreamIndex::primary);
+    ASSERT_EQ(packets[0].objectMetadataList.size(), 1u);
+    EXPECT_EQ(packets[0].objectMetadataList[0].objectMetadataType, ObjectMetadataType::regular);
 }
