@@ -20,7 +20,8 @@ public:
     kest::sql::ConnectionOptions connection;
     /** "maxAgeDays": tracks last seen longer ago are deleted in the background; 0 keeps all. */
     int maxAgeDays = 0;
-    /** "maxQueuedPackets": above this many packets waiting to be written, the storage is not ready. */
+    /** "maxQueuedPackets": above this many packets waiting to be written, the storage is not ready.
+     */
     std::size_t maxQueuedPackets = 200'000;
     /** "maxCommitDelayMs": how long an accepted packet may wait before its batch is committed. */
     std::chrono::milliseconds maxCommitDelay{200};

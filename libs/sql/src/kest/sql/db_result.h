@@ -5,7 +5,8 @@
 namespace kest::sql {
 
 /** The outcome of a database operation, as save-error reports carry it. */
-enum class DBResult : int {
+enum class DBResult : int
+{
     ok = 0,
     statementError,
     ioError,
@@ -21,5 +22,8 @@ enum class DBResult : int {
 };
 
 std::string toString(DBResult result);
+
+/** The result for a SQLite result code (primary or extended); SQLITE_OK and SQLITE_DONE give ok. */
+DBResult fromSqliteCode(int code);
 
 }  // namespace kest::sql

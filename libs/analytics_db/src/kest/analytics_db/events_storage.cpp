@@ -1,0 +1,285 @@
+#include "events_storage.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <kest/utils/assert.h>
+#include <kest/utils/log/log.h>
+
+namespace kest::analytics::db {
+
+using sql::DBResult;
+using namespace std::chrono;
+
+EventsStorage::EventsStorage(Clock clock)
+    : m_clock(clock ? std::move(clock) : Clock([] { return system_clock::now(); }))
+{}
+
+EventsStorage::~EventsStorage()
+{
+    stop();
+}
+
+bool EventsStorage::initialize(const Settings& settings)
+{
+    if (m_initialized || m_writerThread.joinable()) {
+        KEST_ASSERT(false, "The events storage is initialized twice");
+        return false;
+    }
+    m_settings = settings;
+    if (settings.path.isEmpty()) {
+        KEST_ERROR(this, "Analytics database path is not set");
+        return false;
+    }
+    if (!QDir().mkpath(settings.path) || !QFileInfo(settings.path).isDir()) {
+        KEST_ERROR(this, "Cannot create analytics database directory %1", settings.path);
+        return false;
+    }
+    const std::string file = QDir(settings.path).filePath(kFileName).toStdString();
+
+    auto writer = std::make_unique<TrackWriter>();
+    if (const DBResult r = writer->open(file, settings.connection); r != DBResult::ok) {
+        KEST_ERROR(this, "Cannot open analytics database %1: %2 (%3)", file, r,
+                   writer->database().lastError());
+        return false;
+    }
+    std::vector<std::unique_ptr<TrackReader>> readers;
+    for (int i = 0; i < kLookupWorkers; ++i) {
+        auto reader = std::make_unique<TrackReader>();
+        if (const DBResult r = reader->open(file, settings.connection); r != DBResult::ok) {
+            KEST_ERROR(this, "Cannot open analytics database %1 for reading: %2", file, r);
+            return false;
+        }
+        readers.push_back(std::move(reader));
+    }
+
+    m_writer = std::move(writer);
+    m_readers = std::move(readers);
+    m_nextRetention = steady_clock::now();
+    m_writerThread = std::thread([this] { writerLoop(); });
+    for (int i = 0; i < kLookupWorkers; ++i)
+        m_lookupThreads.emplace_back([this, i] { lookupLoop(i); });
+    m_initialized = true;
+    KEST_INFO(this, "Analytics database %1 is open", file);
+    return true;
+}
+
+void EventsStorage::setOnSaveErrorHandler(SaveErrorHandler handler)
+{
+    m_notifier.setHandler(std::move(handler));
+}
+
+bool EventsStorage::isReady() const
+{
+    return m_initialized && !m_overloaded;
+}
+
+std::size_t EventsStorage::queuedPackets() const
+{
+    std::lock_guard lock(m_queueMutex);
+    return m_queue.size();
+}
+
+void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet)
+{
+    if (!packet)
+        return;
+    if (!m_initialized) {
+        reportFailure(DBResult::connectionError, {packet});
+        return;
+    }
+    bool wake = false;
+    {
+        std::unique_lock lock(m_queueMutex);
+        if (m_stopping) {
+            // Only reachable by a save racing the destructor: the writer is gone.
+            lock.unlock();
+            reportFailure(DBResult::cancelled, {packet});
+            return;
+        }
+        if (m_queue.empty())
+            m_oldestQueued = steady_clock::now();
+        m_queue.push_back(std::move(packet));
+        ++m_enqueued;
+        if (m_queue.size() > m_settings.maxQueuedPackets)
+            m_overloaded = true;
+        // Waking the writer on every packet would cost a system call each; it only needs to
+        // know about the first one (to start the delay) and about a full batch.
+        wake = m_queue.size() == 1 || m_queue.size() == kBatchPackets;
+    }
+    if (wake)
+        m_writerWake.notify_one();
+}
+
+void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
+{
+    if (!m_initialized) {
+        completionHandler(ResultCode::error, {});
+        return;
+    }
+    {
+        std::lock_guard lock(m_lookupMutex);
+        m_lookups.push_back({std::move(filter), std::move(completionHandler)});
+    }
+    m_lookupWake.notify_one();
+}
+
+void EventsStorage::flush()
+{
+    std::unique_lock lock(m_queueMutex);
+    if (!m_writerThread.joinable())
+        return;
+    const std::uint64_t target = m_enqueued;
+    m_flushTarget = std::max(m_flushTarget, target);
+    m_writerWake.notify_one();
+    m_progress.wait(lock, [&] { return m_done >= target; });
+}
+
+void EventsStorage::runOnWriter(utils::MoveOnlyFunc<void(sql::Database&)> task)
+{
+    {
+        std::lock_guard lock(m_queueMutex);
+        m_writerTasks.push_back(std::move(task));
+    }
+    m_writerWake.notify_one();
+}
+
+void EventsStorage::writerLoop()
+{
+    std::unique_lock lock(m_queueMutex);
+    for (;;) {
+        const auto batchDue = [&] {
+            return m_stopping || !m_writerTasks.empty() || m_queue.size() >= kBatchPackets ||
+                   (m_flushTarget > m_done && !m_queue.empty()) ||
+                   (!m_queue.empty() &&
+                    steady_clock::now() >= m_oldestQueued + m_settings.maxCommitDelay);
+        };
+        if (m_queue.empty()) {
+            m_writerWake.wait_for(lock, seconds(1), batchDue);
+        } else {
+            m_writerWake.wait_until(lock, m_oldestQueued + m_settings.maxCommitDelay, batchDue);
+        }
+        if (m_stopping && m_queue.empty() && m_writerTasks.empty())
+            return;
+
+        auto tasks = std::move(m_writerTasks);
+        m_writerTasks.clear();
+        std::vector<PacketPtr> batch;
+        if (batchDue() && !m_queue.empty()) {
+            if (m_queue.size() <= kMaxBatchPackets) {
+                batch.swap(m_queue);
+            } else {
+                batch.assign(std::make_move_iterator(m_queue.begin()),
+                             std::make_move_iterator(m_queue.begin() + kMaxBatchPackets));
+                m_queue.erase(m_queue.begin(), m_queue.begin() + kMaxBatchPackets);
+                m_oldestQueued = steady_clock::now() - m_settings.maxCommitDelay;
+            }
+        }
+        lock.unlock();
+
+        for (auto& task : tasks)
+            task(m_writer->database());
+        if (!batch.empty())
+            writeBatch(batch);
+        const std::size_t written = batch.size();
+        batch.clear();  //< Packets are released outside the lock.
+        if (m_settings.maxAgeDays > 0 && steady_clock::now() >= m_nextRetention)
+            applyRetention();
+
+        lock.lock();
+        m_done += written;
+        if (m_overloaded && m_queue.size() < m_settings.maxQueuedPackets / 2)
+            m_overloaded = false;
+        m_progress.notify_all();
+    }
+}
+
+void EventsStorage::writeBatch(const std::vector<PacketPtr>& batch)
+{
+    const DBResult result = m_writer->write(batch);
+    if (result == DBResult::ok)
+        return;
+    KEST_ERROR(this, "Saving %1 packets to the analytics database failed: %2 (%3)", batch.size(),
+               result, m_writer->database().lastError());
+    reportFailure(result, batch);
+}
+
+void EventsStorage::reportFailure(DBResult result, const std::vector<PacketPtr>& packets)
+{
+    std::unordered_map<ZuUuid, ZuTimePeriodList> periods;
+    for (const auto& packet : packets)
+        periods[packet->deviceId].add(packet->timePeriod());
+    m_notifier.report(result, std::move(periods));
+}
+
+void EventsStorage::applyRetention()
+{
+    const std::int64_t nowUs = duration_cast<microseconds>(m_clock().time_since_epoch()).count();
+    const std::int64_t cutoffUs =
+        nowUs - duration_cast<microseconds>(days(m_settings.maxAgeDays)).count();
+    int deleted = 0;
+    const DBResult result = m_writer->deleteExpired(cutoffUs, kRetentionBatchRows, &deleted);
+    if (result != DBResult::ok) {
+        KEST_WARNING(this, "Deleting old tracks failed: %1 (%2)", result,
+                     m_writer->database().lastError());
+        m_nextRetention = steady_clock::now() + seconds(10);
+        return;
+    }
+    if (deleted > 0)
+        KEST_DEBUG(this, "Deleted %1 tracks last seen before %2 us", deleted, cutoffUs);
+    // A full batch means more is waiting: come back after the next write batch.
+    m_nextRetention = steady_clock::now() + (deleted == kRetentionBatchRows ? 0s : 1s);
+}
+
+void EventsStorage::lookupLoop(int worker)
+{
+    TrackReader& reader = *m_readers[worker];
+    std::unique_lock lock(m_lookupMutex);
+    for (;;) {
+        m_lookupWake.wait(lock, [&] { return m_lookupsStopping || !m_lookups.empty(); });
+        if (m_lookups.empty())
+            return;
+        LookupTask task = std::move(m_lookups.front());
+        m_lookups.pop_front();
+        lock.unlock();
+
+        std::vector<ObjectTrackEx> tracks;
+        const ResultCode code = reader.lookup(task.filter, &tracks);
+        if (code != ResultCode::ok) {
+            KEST_WARNING(this, "Analytics database lookup failed: %1", reader.lastError());
+            tracks.clear();
+        }
+        try {
+            task.handler(code, std::move(tracks));
+        } catch (const std::exception& e) {
+            KEST_ERROR(this, "Lookup handler threw: %1", e.what());
+        }
+        lock.lock();
+    }
+}
+
+void EventsStorage::stop()
+{
+    if (m_writerThread.joinable()) {
+        flush();
+        {
+            std::lock_guard lock(m_queueMutex);
+            m_stopping = true;
+        }
+        m_writerWake.notify_one();
+        m_writerThread.join();
+    }
+    {
+        std::lock_guard lock(m_lookupMutex);
+        m_lookupsStopping = true;
+    }
+    m_lookupWake.notify_all();
+    for (auto& thread : m_lookupThreads)
+        thread.join();
+    m_lookupThreads.clear();
+    m_initialized = false;
+    m_writer.reset();
+    m_readers.clear();
+}
+
+}  // namespace kest::analytics::db

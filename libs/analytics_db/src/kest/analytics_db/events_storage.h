@@ -1,0 +1,104 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <kest/sql/database.h>
+#include <kest/utils/mutex.h>
+
+#include "abstract_events_storage.h"
+#include "save_error_notifier.h"
+#include "track_reader.h"
+#include "track_writer.h"
+
+namespace kest::analytics::db {
+
+/**
+ * The analytics events storage on an embedded SQLite database ("events.sqlite" in the
+ * settings' directory). `save` queues; one writer thread aggregates the queue into tracks and
+ * commits it in batches; a few lookup workers search on their own connections. How a filter
+ * is applied is described in track_reader.h, how tracks are aggregated in track_aggregate.h.
+ */
+class EventsStorage : public AbstractEventsStorage
+{
+public:
+    using Clock = std::function<std::chrono::system_clock::time_point()>;
+
+    static constexpr const char* kFileName = "events.sqlite";
+    /** A batch is committed once this many packets are waiting, or after maxCommitDelay. */
+    static constexpr std::size_t kBatchPackets = 4096;
+    static constexpr std::size_t kMaxBatchPackets = 16384;
+    static constexpr int kLookupWorkers = 2;
+    /** Old tracks are deleted this many per transaction, between batches. */
+    static constexpr int kRetentionBatchRows = 300;
+
+    /** `clock` (wall time, for retention) defaults to the system clock. */
+    explicit EventsStorage(Clock clock = nullptr);
+    /** Commits everything queued, then stops the threads. */
+    ~EventsStorage() override;
+
+    bool initialize(const Settings& settings) override;
+    void setOnSaveErrorHandler(SaveErrorHandler handler) override;
+    bool isReady() const override;
+    void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) override;
+    void lookup(Filter filter, LookupHandler completionHandler) override;
+
+    /** Blocks until every packet queued before the call is committed or reported as failed. */
+    void flush();
+
+    /** Runs `task` on the writer thread with its connection before the next batch (tests). */
+    void runOnWriter(utils::MoveOnlyFunc<void(sql::Database&)> task);
+
+    std::size_t queuedPackets() const;
+
+private:
+    struct LookupTask
+    {
+        Filter filter;
+        LookupHandler handler;
+    };
+
+    void writerLoop();
+    void lookupLoop(int worker);
+    void writeBatch(const std::vector<PacketPtr>& batch);
+    void applyRetention();
+    void stop();
+    void reportFailure(sql::DBResult result, const std::vector<PacketPtr>& packets);
+
+    Clock m_clock;
+    Settings m_settings;
+    std::atomic<bool> m_initialized{false};
+    std::atomic<bool> m_overloaded{false};
+
+    mutable Mutex m_queueMutex;
+    std::condition_variable m_writerWake;
+    std::condition_variable m_progress;
+    std::vector<PacketPtr> m_queue;
+    std::chrono::steady_clock::time_point m_oldestQueued;
+    std::uint64_t m_enqueued = 0;
+    std::uint64_t m_done = 0;
+    std::uint64_t m_flushTarget = 0;
+    bool m_stopping = false;
+    std::deque<utils::MoveOnlyFunc<void(sql::Database&)>> m_writerTasks;
+
+    std::unique_ptr<TrackWriter> m_writer;
+    std::thread m_writerThread;
+    std::chrono::steady_clock::time_point m_nextRetention;
+
+    Mutex m_lookupMutex;
+    std::condition_variable m_lookupWake;
+    std::deque<LookupTask> m_lookups;
+    bool m_lookupsStopping = false;
+    std::vector<std::unique_ptr<TrackReader>> m_readers;
+    std::vector<std::thread> m_lookupThreads;
+
+    SaveErrorNotifier m_notifier;
+};
+
+}  // namespace kest::analytics::db

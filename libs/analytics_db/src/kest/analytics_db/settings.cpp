@@ -1,0 +1,25 @@
+#include "settings.h"
+
+#include <kest/utils/zu_settings.h>
+
+namespace kest::analytics::db {
+
+void Settings::load(const ZuSettings& settings, const QString& group)
+{
+    const QString prefix = group + "/";
+    path = settings.value(prefix + "path", path).toString();
+    connection.load(settings, group);
+
+    bool ok = false;
+    const int age = settings.value(prefix + "maxAgeDays").toInt(&ok);
+    if (ok && age >= 0)
+        maxAgeDays = age;
+    const qlonglong queued = settings.value(prefix + "maxQueuedPackets").toLongLong(&ok);
+    if (ok && queued > 0)
+        maxQueuedPackets = static_cast<std::size_t>(queued);
+    const qlonglong delay = settings.value(prefix + "maxCommitDelayMs").toLongLong(&ok);
+    if (ok && delay >= 0)
+        maxCommitDelay = std::chrono::milliseconds(delay);
+}
+
+}  // namespace kest::analytics::db

@@ -1,0 +1,70 @@
+#include "storage_schema.h"
+
+#include <kest/utils/log/log.h>
+
+namespace kest::analytics::db {
+
+namespace {
+
+constexpr const char* kCreateVersion1 = R"sql(
+CREATE TABLE device(id INTEGER PRIMARY KEY, guid BLOB NOT NULL UNIQUE);
+CREATE TABLE object_type(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);
+CREATE TABLE track(
+    id INTEGER PRIMARY KEY,
+    guid BLOB NOT NULL UNIQUE,
+    device INTEGER NOT NULL,
+    type INTEGER NOT NULL,
+    engine BLOB NOT NULL,
+    origin_us INTEGER NOT NULL,
+    first_us INTEGER NOT NULL,
+    last_us INTEGER NOT NULL,
+    grid BLOB NOT NULL,
+    best_us INTEGER NOT NULL,
+    best_kind INTEGER NOT NULL,
+    best_x REAL NOT NULL,
+    best_y REAL NOT NULL,
+    best_w REAL NOT NULL,
+    best_h REAL NOT NULL,
+    best_stream INTEGER NOT NULL,
+    attributes BLOB NOT NULL);
+CREATE INDEX track_device_first ON track(device, first_us);
+CREATE INDEX track_first ON track(first_us);
+CREATE TABLE track_position(track INTEGER NOT NULL, data BLOB NOT NULL);
+CREATE INDEX track_position_track ON track_position(track);
+CREATE VIRTUAL TABLE track_text USING fts5(
+    text, tokenize = 'unicode61 remove_diacritics 2', prefix = '2 3');
+CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);
+PRAGMA user_version = 1;
+)sql";
+
+}  // namespace
+
+sql::DBResult applySchema(sql::Database& db)
+{
+    auto version = db.prepare("PRAGMA user_version");
+    if (!version)
+        return db.lastResult();
+    const int current = version->step() ? static_cast<int>(version->int64(0)) : 0;
+    version.reset();
+
+    if (current > kSchemaVersion) {
+        KEST_ERROR("analytics_db", "Database schema version %1 is newer than supported %2", current,
+                   kSchemaVersion);
+        return sql::DBResult::logicError;
+    }
+    if (current == kSchemaVersion)
+        return sql::DBResult::ok;
+
+    // Each step upgrades one version inside its own transaction, so a crash leaves either
+    // the old or the new version.
+    if (current == 0) {
+        if (auto r = db.exec(std::string("BEGIN IMMEDIATE;") + kCreateVersion1 + "COMMIT;");
+            r != sql::DBResult::ok) {
+            db.exec("ROLLBACK");
+            return r;
+        }
+    }
+    return sql::DBResult::ok;
+}
+
+}  // namespace kest::analytics::db

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <kest/sql/database.h>
+
+namespace kest::analytics::db {
+
+/**
+ * The tables of the events database, versioned through PRAGMA user_version:
+ * - `device` and `object_type`: dictionaries, so that tracks carry small integer keys;
+ * - `track`: one row per track (its id as a 16-byte blob, times in microseconds, the grid as
+ *   32 bytes, attributes in the binary form of record_codec.h), indexed by (device, first_us),
+ *   first_us and the id;
+ * - `track_text`: FTS5 over the attribute names and values, its rowid the track row's id;
+ * - `track_position`: the position sequence, one chunk per track and written batch;
+ * - `meta`: numbers the storage keeps across restarts ("maxSpanUs").
+ */
+constexpr int kSchemaVersion = 1;
+
+/** Creates the tables or upgrades older ones; refuses a database of a newer version. */
+sql::DBResult applySchema(sql::Database& db);
+
+}  // namespace kest::analytics::db

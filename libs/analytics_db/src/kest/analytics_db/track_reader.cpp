@@ -1,0 +1,283 @@
+#include "track_reader.h"
+
+#include <sqlite3.h>
+
+#include <QString>
+#include <algorithm>
+#include <limits>
+
+#include <kest/utils/log/log.h>
+
+#include "bounding_box_grid.h"
+#include "record_codec.h"
+#include "track_aggregate.h"
+#include "track_row.h"
+
+namespace kest::analytics::db {
+
+using sql::DBResult;
+
+namespace {
+
+constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kMinTime = std::numeric_limits<std::int64_t>::min();
+
+std::int64_t msToUs(std::int64_t ms)
+{
+    if (ms > kMaxTime / 1000)
+        return kMaxTime;
+    if (ms < kMinTime / 1000)
+        return kMinTime;
+    return ms * 1000;
+}
+
+std::int64_t saturatingSub(std::int64_t a, std::int64_t b)
+{
+    std::int64_t out = 0;
+    return __builtin_sub_overflow(a, b, &out) ? kMinTime : out;
+}
+
+void gridHits(sqlite3_context* context, int, sqlite3_value** args)
+{
+    const auto bytes = [](sqlite3_value* v) {
+        const auto* data = static_cast<const char*>(sqlite3_value_blob(v));
+        return data ? std::string_view(data, sqlite3_value_bytes(v)) : std::string_view();
+    };
+    sqlite3_result_int(context, BoundingBoxGrid::bytesIntersect(bytes(args[0]), bytes(args[1])));
+}
+
+}  // namespace
+
+struct TrackReader::Query
+{
+    std::string sql;
+    std::vector<std::int64_t> devices;
+    std::vector<std::int64_t> types;
+    std::string trackId;
+    std::string engineId;
+    std::string gridMask;
+    std::string fts;
+    std::int64_t startUs = 0;
+    std::int64_t endUs = kMaxTime;
+    std::int64_t lowFirstUs = kMinTime;
+    std::int64_t limit = -1;
+    bool ascending = false;
+};
+
+DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions& options)
+{
+    if (auto r = m_db.open(file, options, /*create*/ false); r != DBResult::ok)
+        return r;
+    const int rc = sqlite3_create_function_v2(m_db.handle(), "grid_hits", 2,
+                                              SQLITE_UTF8 | SQLITE_DETERMINISTIC | SQLITE_INNOCUOUS,
+                                              nullptr, &gridHits, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK)
+        return m_db.fail(rc, "grid_hits");
+    return m_db.exec("PRAGMA query_only = 1");
+}
+
+std::string TrackReader::ftsQuery(const std::string& text)
+{
+    const QString input = QString::fromStdString(text);
+    std::string query;
+    QString word;
+    const auto flush = [&] {
+        if (word.isEmpty())
+            return;
+        if (!query.empty())
+            query += ' ';
+        query += '"' + word.toStdString() + "\"*";
+        word.clear();
+    };
+    for (const QChar c : input) {
+        if (c.isLetterOrNumber() || c.isMark())
+            word += c;
+        else
+            flush();
+    }
+    flush();
+    return query;
+}
+
+ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
+{
+    tracks->clear();
+    // One read transaction, so that every query below sees the same committed state.
+    if (m_db.exec("BEGIN") != DBResult::ok)
+        return ResultCode::error;
+    struct End
+    {
+        sql::Database& db;
+        ~End()
+        {
+            db.resetCached();
+            db.exec("COMMIT");
+        }
+    } end{m_db};
+
+    Query q;
+    bool matchesNothing = false;
+    if (keysOf(filter, &q, &matchesNothing) != DBResult::ok)
+        return ResultCode::error;
+    if (matchesNothing)
+        return ResultCode::ok;
+
+    std::vector<std::int64_t> rowIds;
+    if (q.devices.empty()) {
+        if (select(q, 0, tracks, &rowIds) != DBResult::ok)
+            return ResultCode::error;
+    } else {
+        // One index range per device, each already limited, then merged: cost follows the
+        // answer, not the number of tracks of the devices.
+        std::vector<std::pair<std::pair<std::int64_t, std::int64_t>, ObjectTrackEx>> merged;
+        for (const std::int64_t device : q.devices) {
+            std::vector<ObjectTrackEx> part;
+            std::vector<std::int64_t> partIds;
+            if (select(q, device, &part, &partIds) != DBResult::ok)
+                return ResultCode::error;
+            for (std::size_t i = 0; i < part.size(); ++i) {
+                merged.push_back({{part[i].firstAppearanceTimeUs, partIds[i]}, std::move(part[i])});
+            }
+        }
+        std::sort(merged.begin(), merged.end(), [&](const auto& a, const auto& b) {
+            return q.ascending ? a.first < b.first : b.first < a.first;
+        });
+        if (q.limit >= 0 && merged.size() > static_cast<std::size_t>(q.limit))
+            merged.resize(q.limit);
+        for (auto& [key, track] : merged) {
+            rowIds.push_back(key.second);
+            tracks->push_back(std::move(track));
+        }
+    }
+
+    if (filter.needFullTrack) {
+        for (std::size_t i = 0; i < tracks->size(); ++i) {
+            if (loadPositions(rowIds[i], &(*tracks)[i]) != DBResult::ok) {
+                tracks->clear();
+                return ResultCode::error;
+            }
+        }
+    }
+    return ResultCode::ok;
+}
+
+DBResult TrackReader::keysOf(const Filter& filter, Query* q, bool* matchesNothing)
+{
+    for (const ZuUuid& device : filter.deviceIds) {
+        auto* s = m_db.cached("SELECT id FROM device WHERE guid = ?");
+        if (!s)
+            return m_db.lastResult();
+        s->bindBlob(1, encodeUuid(device));
+        if (s->step())
+            q->devices.push_back(s->int64(0));
+        else if (s->result() != DBResult::ok)
+            return s->result();
+    }
+    if (!filter.deviceIds.empty() && q->devices.empty())
+        *matchesNothing = true;
+
+    for (const std::string& type : filter.objectTypeId) {
+        auto* s = m_db.cached("SELECT id FROM object_type WHERE name = ?");
+        if (!s)
+            return m_db.lastResult();
+        s->bindText(1, type);
+        if (s->step())
+            q->types.push_back(s->int64(0));
+        else if (s->result() != DBResult::ok)
+            return s->result();
+    }
+    if (!filter.objectTypeId.empty() && q->types.empty())
+        *matchesNothing = true;
+
+    std::int64_t maxSpan = 0;
+    if (auto* s = m_db.cached("SELECT value FROM meta WHERE key = 'maxSpanUs'")) {
+        if (s->step())
+            maxSpan = s->int64(0);
+        else if (s->result() != DBResult::ok)
+            return s->result();
+    } else {
+        return m_db.lastResult();
+    }
+
+    q->startUs = msToUs(filter.timePeriod.startTimeMs);
+    q->endUs = filter.timePeriod.isInfinite() ? kMaxTime : msToUs(filter.timePeriod.endTimeMs());
+    q->lowFirstUs = saturatingSub(q->startUs, maxSpan);
+    if (filter.timePeriod.durationMs < 0 && !filter.timePeriod.isInfinite())
+        *matchesNothing = true;
+    q->limit = filter.maxObjectTracksToSelect > 0 ? filter.maxObjectTracksToSelect : -1;
+    q->ascending = filter.sortOrder == SortOrder::asc;
+
+    std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.last_us >= ?3";
+    if (!filter.deviceIds.empty())
+        where += " AND t.device = ?4";
+    if (!filter.objectTrackId.isNull()) {
+        q->trackId = encodeUuid(filter.objectTrackId);
+        where += " AND t.guid = ?5";
+    }
+    if (!filter.analyticsEngineId.isNull()) {
+        q->engineId = encodeUuid(filter.analyticsEngineId);
+        where += " AND t.engine = ?6";
+    }
+    if (filter.boundingBox) {
+        q->gridMask = BoundingBoxGrid::ofRect(*filter.boundingBox).toBytes();
+        where += " AND grid_hits(t.grid, ?7)";
+    }
+    q->fts = ftsQuery(filter.freeText);
+    if (!q->fts.empty())
+        where += " AND t.id IN (SELECT rowid FROM track_text WHERE track_text MATCH ?8)";
+    if (filter.withBestShotOnly)
+        where += " AND t.best_us != 0";
+    if (!q->types.empty()) {
+        where += " AND t.type IN (";
+        for (std::size_t i = 0; i < q->types.size(); ++i)
+            where += (i ? ", ?" : "?") + std::to_string(10 + i);
+        where += ")";
+    }
+    const char* order = q->ascending ? "ASC" : "DESC";
+    q->sql = std::string("SELECT ") + kTrackColumns + " FROM " + kTrackTables + " WHERE " + where +
+             " ORDER BY t.first_us " + order + ", t.id " + order + " LIMIT ?9";
+    return DBResult::ok;
+}
+
+DBResult TrackReader::select(const Query& q, std::int64_t device, std::vector<ObjectTrackEx>* out,
+                             std::vector<std::int64_t>* rowIds)
+{
+    auto* s = m_db.cached(q.sql);
+    if (!s)
+        return m_db.lastResult();
+    s->bind(1, q.endUs);
+    s->bind(2, q.lowFirstUs);
+    s->bind(3, q.startUs);
+    s->bind(4, device);
+    if (!q.trackId.empty())
+        s->bindBlob(5, q.trackId);
+    if (!q.engineId.empty())
+        s->bindBlob(6, q.engineId);
+    if (!q.gridMask.empty())
+        s->bindBlob(7, q.gridMask);
+    if (!q.fts.empty())
+        s->bindText(8, q.fts);
+    s->bind(9, q.limit);
+    for (std::size_t i = 0; i < q.types.size(); ++i)
+        s->bind(static_cast<int>(10 + i), q.types[i]);
+    while (s->step()) {
+        std::int64_t rowId = 0;
+        out->push_back(readTrackRow(*s, &rowId).toTrack());
+        rowIds->push_back(rowId);
+    }
+    return s->result();
+}
+
+DBResult TrackReader::loadPositions(std::int64_t rowId, ObjectTrackEx* track)
+{
+    auto* s = m_db.cached("SELECT data FROM track_position WHERE track = ?");
+    if (!s)
+        return m_db.lastResult();
+    s->bind(1, rowId);
+    while (s->step())
+        decodePositions(s->blob(0), &track->objectPositionSequence);
+    sortPositions(&track->objectPositionSequence);
+    return s->result();
+}
+
+}  // namespace kest::analytics::db

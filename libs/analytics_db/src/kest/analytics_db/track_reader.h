@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <kest/sql/database.h>
+
+#include "filter.h"
+#include "object_track_ex.h"
+#include "result_code.h"
+
+namespace kest::analytics::db {
+
+/**
+ * Runs searches on its own read-only connection (WAL lets it read while the writer commits).
+ *
+ * How a `Filter` is applied:
+ * - time: a track covers [first, last] appearance, both ends included; the filter period
+ *   [start, start + duration) includes its start and excludes its end; they match when they
+ *   share an instant. An infinite duration has no end.
+ * - boundingBox: matches when a cell of the track's grid (see BoundingBoxGrid) is also a cell
+ *   of the box, so the test is as coarse as the grid.
+ * - freeText: split into words at every character that is not a letter or digit; each word
+ *   matches an attribute name or value word starting with it (prefix match, case and
+ *   diacritics ignored); all words must match, in any attributes of the track. Text without
+ *   any word selects everything.
+ * - sortOrder: by first appearance ("desc": latest first), ties by order of storing.
+ * - maxObjectTracksToSelect: 0 or negative means no limit.
+ * - devices, types, engine, track id, withBestShotOnly: exact matches; empty sets and null ids
+ *   select everything.
+ */
+class TrackReader
+{
+public:
+    sql::DBResult open(const std::string& file, const sql::ConnectionOptions& options);
+
+    ResultCode lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks);
+
+    const std::string& lastError() const { return m_db.lastError(); }
+
+    /** The words of `text` as an FTS5 query; empty when there is none. */
+    static std::string ftsQuery(const std::string& text);
+
+private:
+    struct Query;
+    sql::DBResult select(const Query& query, std::int64_t device, std::vector<ObjectTrackEx>* out,
+                         std::vector<std::int64_t>* rowIds);
+    sql::DBResult keysOf(const Filter& filter, Query* query, bool* matchesNothing);
+    sql::DBResult loadPositions(std::int64_t rowId, ObjectTrackEx* track);
+
+    sql::Database m_db;
+};
+
+}  // namespace kest::analytics::db

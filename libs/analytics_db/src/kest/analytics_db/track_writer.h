@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <kest/sql/database.h>
+
+#include "object_metadata_packet.h"
+#include "track_aggregate.h"
+
+namespace kest::analytics::db {
+
+using PacketPtr = std::shared_ptr<const common::metadata::ObjectMetadataPacket>;
+
+/**
+ * The writing side of the events database, used by one thread: merges a batch of packets into
+ * their tracks and commits the batch in one transaction. Recently written tracks stay in a
+ * bounded cache so that a track seen in every batch is not read back each time.
+ */
+class TrackWriter
+{
+public:
+    explicit TrackWriter(std::size_t cacheCapacity = 200'000);
+
+    sql::DBResult open(const std::string& file, const sql::ConnectionOptions& options);
+
+    /** All of the batch or nothing of it is stored. */
+    sql::DBResult write(const std::vector<PacketPtr>& packets);
+
+    /** Deletes at most `maxRows` tracks last seen before `cutoffUs`; `deleted` gets how many. */
+    sql::DBResult deleteExpired(std::int64_t cutoffUs, int maxRows, int* deleted);
+
+    /** The longest track (last minus first appearance) stored, which bounds search scans. */
+    const std::atomic<std::int64_t>& maxSpanUs() const { return m_maxSpanUs; }
+
+    sql::Database& database() { return m_db; }
+    std::size_t cachedTracks() const { return m_cache.size(); }
+
+private:
+    struct Pending
+    {
+        TrackAggregate track;
+        std::int64_t rowId = 0;
+        bool attributesChanged = false;
+        std::vector<ObjectPosition> positions;
+    };
+    struct Cached
+    {
+        TrackAggregate track;
+        std::int64_t rowId = 0;
+        std::list<ZuUuid>::iterator lru;
+    };
+
+    sql::DBResult loadTrack(const ZuUuid& id, Pending* pending);
+    sql::DBResult storeTrack(Pending& pending);
+    sql::DBResult deviceKey(const ZuUuid& id, std::int64_t* key);
+    sql::DBResult typeKey(const std::string& name, std::int64_t* key);
+    void remember(Pending&& pending);
+    void forget(const ZuUuid& id);
+
+    sql::Database m_db;
+    std::size_t m_cacheCapacity;
+    std::unordered_map<ZuUuid, Cached> m_cache;
+    std::list<ZuUuid> m_lru;
+    std::unordered_map<ZuUuid, std::int64_t> m_devices;
+    std::unordered_map<std::string, std::int64_t> m_types;
+    std::atomic<std::int64_t> m_maxSpanUs{0};
+};
+
+}  // namespace kest::analytics::db

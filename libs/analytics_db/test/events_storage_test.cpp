@@ -1,0 +1,504 @@
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <future>
+#include <thread>
+
+#include <kest/analytics_db/events_storage.h>
+
+namespace kest::analytics::db::test {
+
+using namespace std::chrono_literals;
+using common::metadata::Attribute;
+using common::metadata::ObjectMetadata;
+using common::metadata::ObjectMetadataPacket;
+using common::metadata::ObjectMetadataType;
+using common::metadata::Rect;
+
+const ZuUuid kDeviceA("{11111111-0000-0000-0000-000000000001}");
+const ZuUuid kDeviceB("{11111111-0000-0000-0000-000000000002}");
+const ZuUuid kEngine("{eeeeeeee-0000-0000-0000-000000000001}");
+const ZuUuid kOtherEngine("{eeeeeeee-0000-0000-0000-000000000002}");
+
+ZuUuid trackId(int n)
+{
+    return ZuUuid(QString("{aaaaaaaa-0000-0000-0000-%1}").arg(n, 12, 10, QChar('0')));
+}
+
+struct Obj
+{
+    Obj(int track, std::string type = "car", Rect box = {0.1, 0.1, 0.2, 0.2},
+        std::vector<Attribute> attributes = {},
+        ObjectMetadataType kind = ObjectMetadataType::regular, ZuUuid engine = kEngine)
+        : track(track),
+          type(std::move(type)),
+          box(box),
+          attributes(std::move(attributes)),
+          kind(kind),
+          engine(engine)
+    {}
+
+    int track;
+    std::string type;
+    Rect box;
+    std::vector<Attribute> attributes;
+    ObjectMetadataType kind;
+    ZuUuid engine;
+};
+
+std::shared_ptr<const ObjectMetadataPacket> packet(const ZuUuid& device, std::int64_t timestampUs,
+                                                   std::vector<Obj> objects)
+{
+    auto p = std::make_shared<ObjectMetadataPacket>();
+    p->deviceId = device;
+    p->timestampUs = timestampUs;
+    p->durationUs = 1000;
+    p->streamIndex = common::metadata::StreamIndex::primary;
+    for (const Obj& o : objects) {
+        p->objectMetadataList.push_back(
+            {trackId(o.track), o.type, o.kind, o.box, o.attributes, o.engine});
+    }
+    return p;
+}
+
+class EventsStorageTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(m_dir.isValid()); }
+
+    std::unique_ptr<EventsStorage> open(EventsStorage::Clock clock = nullptr)
+    {
+        auto storage = std::make_unique<EventsStorage>(std::move(clock));
+        m_settings.path = m_dir.path();
+        EXPECT_TRUE(storage->initialize(m_settings));
+        return storage;
+    }
+
+    static std::vector<ObjectTrackEx> find(EventsStorage& storage, Filter filter,
+                                           ResultCode expected = ResultCode::ok)
+    {
+        std::promise<std::pair<ResultCode, std::vector<ObjectTrackEx>>> done;
+        storage.lookup(std::move(filter), [&](ResultCode code, std::vector<ObjectTrackEx> tracks) {
+            done.set_value({code, std::move(tracks)});
+        });
+        auto [code, tracks] = done.get_future().get();
+        EXPECT_EQ(code, expected);
+        return tracks;
+    }
+
+    static std::vector<int> ids(const std::vector<ObjectTrackEx>& tracks)
+    {
+        std::vector<int> out;
+        for (const auto& t : tracks) {
+            for (int n = 0; n < 100; ++n) {
+                if (t.id == trackId(n))
+                    out.push_back(n);
+            }
+        }
+        return out;
+    }
+
+    QTemporaryDir m_dir;
+    Settings m_settings;
+};
+
+TEST_F(EventsStorageTest, PacketsOfATrackAggregateIntoOneTrack)
+{
+    auto storage = open();
+    storage->save(
+        packet(kDeviceA, 2'000'000, {{1, "car", {0.0, 0.0, 0.1, 0.1}, {{"color", "red"}}}}));
+    storage->save(
+        packet(kDeviceA, 1'000'000,
+               {{1, "car", {0.5, 0.5, 0.1, 0.1}, {{"color", "red"}, {"make", "Volvo"}}}}));
+    storage->save(packet(kDeviceA, 1'500'000,
+                         {{1, "car", {0.3, 0.3, 0.1, 0.1}, {}, ObjectMetadataType::bestShot}}));
+    storage->flush();
+
+    Filter filter;
+    filter.needFullTrack = true;
+    const auto tracks = find(*storage, filter);
+    ASSERT_EQ(tracks.size(), 1u);
+    const ObjectTrackEx& t = tracks[0];
+    EXPECT_EQ(t.id, trackId(1));
+    EXPECT_EQ(t.deviceId, kDeviceA);
+    EXPECT_EQ(t.objectTypeId, "car");
+    EXPECT_EQ(t.analyticsEngineId, kEngine);
+    EXPECT_EQ(t.firstAppearanceTimeUs, 1'000'000);
+    EXPECT_EQ(t.lastAppearanceTimeUs, 2'001'000);
+    EXPECT_EQ(t.attributes, (std::vector<Attribute>{{"color", "red"}, {"make", "Volvo"}}));
+    EXPECT_EQ(t.bestShot.timestampUs, 1'500'000);
+    EXPECT_EQ(t.bestShot.rect, (Rect{0.3, 0.3, 0.1, 0.1}));
+    // Cells 0 (0.0 to 0.1), 4 to 6 (0.3 to 0.4, the best shot) and 8 to 9 (0.5 to 0.6).
+    const std::string& grid = t.objectPosition.boundingBoxGrid;
+    ASSERT_EQ(grid.size(), 64u);
+    EXPECT_EQ(grid.substr(0, 4), "c000");
+    EXPECT_EQ(grid.substr(4 * 4, 4), "0e00");
+    EXPECT_EQ(grid.substr(7 * 4, 4), "0000");
+    EXPECT_EQ(grid.substr(8 * 4, 4), "00c0");
+    // Best shots are not sightings; the sequence is in time order.
+    ASSERT_EQ(t.objectPositionSequence.size(), 2u);
+    EXPECT_EQ(t.objectPositionSequence[0].timestampUs, 1'000'000);
+    EXPECT_EQ(t.objectPositionSequence[1].timestampUs, 2'000'000);
+    EXPECT_EQ(t.objectPositionSequence[1].deviceId, kDeviceA);
+
+    filter.needFullTrack = false;
+    EXPECT_TRUE(find(*storage, filter).at(0).objectPositionSequence.empty());
+}
+
+TEST_F(EventsStorageTest, ArrivalOrderAndRestartsDoNotChangeTheTrack)
+{
+    std::vector<std::shared_ptr<const ObjectMetadataPacket>> packets;
+    for (int i = 0; i < 6; ++i) {
+        const auto kind =
+            i == 2 ? ObjectMetadataType::externalBestShot
+                   : (i == 4 ? ObjectMetadataType::bestShot : ObjectMetadataType::regular);
+        packets.push_back(packet(
+            kDeviceA, 1'000'000 + i * 100'000,
+            {{1,
+              i == 0 ? "" : (i % 2 ? "person" : "human"),
+              {0.1 * i, 0.05, 0.1, 0.3},
+              {{"n", std::to_string(i % 3)}},
+              kind},
+             {2, "car", {0.9 - 0.1 * i, 0.5, 0.05, 0.05}, {{"plate", "AB" + std::to_string(i)}}}}));
+    }
+    Filter filter;
+    filter.needFullTrack = true;
+    filter.sortOrder = SortOrder::asc;
+
+    std::vector<ObjectTrackEx> inOrder;
+    {
+        auto storage = open();
+        for (const auto& p : packets)
+            storage->save(p);
+        storage->flush();
+        inOrder = find(*storage, filter);
+    }
+    const auto byId = [](std::vector<ObjectTrackEx>& tracks) {
+        std::sort(tracks.begin(), tracks.end(), [](auto& a, auto& b) { return a.id < b.id; });
+    };
+    byId(inOrder);
+    ASSERT_EQ(inOrder.size(), 2u);
+    EXPECT_EQ(inOrder[0].objectTypeId, "person");           //< The earliest non-empty type.
+    EXPECT_EQ(inOrder[0].bestShot.timestampUs, 1'200'000);  //< External beats the later one.
+
+    ASSERT_TRUE(m_dir.remove());
+    ASSERT_TRUE(QDir().mkpath(m_dir.path()));
+    for (int i = 5; i >= 0; --i) {
+        // Reopen the same directory between packets: the writer's cache starts empty.
+        auto storage = open();
+        storage->save(packets[i]);
+        if (i == 3)
+            storage->save(packets[i]);  //< A duplicate adds a position, nothing else.
+    }
+    auto storage = open();
+    auto reversed = find(*storage, filter);
+    byId(reversed);
+    ASSERT_EQ(reversed.size(), 2u);
+    auto& seq = reversed[0].objectPositionSequence;
+    ASSERT_EQ(seq.size(), 5u);
+    seq.erase(std::adjacent_find(seq.begin(), seq.end()));
+    EXPECT_EQ(reversed[0], inOrder[0]);
+    reversed[1].objectPositionSequence.erase(reversed[1].objectPositionSequence.begin() + 3);
+    EXPECT_EQ(reversed[1], inOrder[1]);
+}
+
+TEST_F(EventsStorageTest, EachFilterFieldSelects)
+{
+    auto storage = open();
+    // Track 1: device A, car, 10 s to 12 s, left top, red, with best shot.
+    storage->save(
+        packet(kDeviceA, 10'000'000, {{1, "car", {0.0, 0.0, 0.25, 0.25}, {{"color", "red"}}}}));
+    storage->save(packet(kDeviceA, 11'999'000,
+                         {{1,
+                           "car",
+                           {0.0, 0.0, 0.25, 0.25},
+                           {{"make", "Škoda Octavia"}},
+                           ObjectMetadataType::bestShot}}));
+    // Track 2: device B, person, 20 s, right bottom, other engine.
+    storage->save(packet(kDeviceB, 20'000'000,
+                         {{2,
+                           "person",
+                           {0.8, 0.8, 0.1, 0.1},
+                           {{"clothes", "red jacket"}},
+                           ObjectMetadataType::regular,
+                           kOtherEngine}}));
+    // Track 3: device B, car, 30 s, middle.
+    storage->save(
+        packet(kDeviceB, 30'000'000, {{3, "car", {0.45, 0.45, 0.1, 0.1}, {{"color", "blue"}}}}));
+    storage->flush();
+
+    const auto period = [](std::int64_t start, std::int64_t duration) {
+        return ZuTimePeriod(start, duration);
+    };
+    struct Case
+    {
+        const char* name;
+        std::function<void(Filter&)> set;
+        std::vector<int> expected;  //< Newest first.
+    };
+    const std::vector<Case> cases = {
+        {"everything", [](Filter&) {}, {3, 2, 1}},
+        {"device", [](Filter& f) { f.deviceIds = {kDeviceB}; }, {3, 2}},
+        {"two devices",
+         [](Filter& f) {
+             f.deviceIds = {kDeviceA, kDeviceB};
+         },
+         {3, 2, 1}},
+        {"unknown device", [](Filter& f) { f.deviceIds = {trackId(99)}; }, {}},
+        {"type", [](Filter& f) { f.objectTypeId = {"car"}; }, {3, 1}},
+        {"types",
+         [](Filter& f) {
+             f.objectTypeId = {"person", "bike"};
+         },
+         {2}},
+        {"unknown type", [](Filter& f) { f.objectTypeId = {"bike"}; }, {}},
+        {"track id", [](Filter& f) { f.objectTrackId = trackId(2); }, {2}},
+        {"engine", [](Filter& f) { f.analyticsEngineId = kOtherEngine; }, {2}},
+        {"best shot only", [](Filter& f) { f.withBestShotOnly = true; }, {1}},
+        // Track 1 covers [10 000 000, 12 000 000] us; the period excludes its end.
+        {"period ending at first", [&](Filter& f) { f.timePeriod = period(9000, 1000); }, {}},
+        {"period ending after first", [&](Filter& f) { f.timePeriod = period(9000, 1001); }, {1}},
+        {"period starting at last", [&](Filter& f) { f.timePeriod = period(12000, 1); }, {1}},
+        {"period starting after last", [&](Filter& f) { f.timePeriod = period(12001, 5000); }, {}},
+        {"period inside track", [&](Filter& f) { f.timePeriod = period(10500, 10); }, {1}},
+        {"infinite period from 20 s", [&](Filter& f) { f.timePeriod = period(20000, -1); }, {3, 2}},
+        {"box over top left",
+         [](Filter& f) {
+             f.boundingBox = Rect{0.1, 0.1, 0.05, 0.05};
+         },
+         {1}},
+        {"box over bottom right",
+         [](Filter& f) {
+             f.boundingBox = Rect{0.7, 0.7, 0.3, 0.3};
+         },
+         {2}},
+        // Track 1 ends at x = 0.25, a cell border, so a box from there does not touch it.
+        {"box touching border",
+         [](Filter& f) {
+             f.boundingBox = Rect{0.25, 0.0, 0.1, 0.1};
+         },
+         {}},
+        {"box just over border",
+         [](Filter& f) {
+             f.boundingBox = Rect{0.24, 0.0, 0.1, 0.1};
+         },
+         {1}},
+        {"text value", [](Filter& f) { f.freeText = "red"; }, {2, 1}},
+        {"text name", [](Filter& f) { f.freeText = "clothes"; }, {2}},
+        {"text prefix, any case", [](Filter& f) { f.freeText = "BLU"; }, {3}},
+        {"text without diacritics", [](Filter& f) { f.freeText = "skoda"; }, {1}},
+        {"text words all needed", [](Filter& f) { f.freeText = "red jack"; }, {2}},
+        {"text words across attributes", [](Filter& f) { f.freeText = "octavia color:red"; }, {1}},
+        {"text not found", [](Filter& f) { f.freeText = "green"; }, {}},
+        {"text of punctuation only", [](Filter& f) { f.freeText = "\"*-"; }, {3, 2, 1}},
+        {"combined",
+         [](Filter& f) {
+             f.deviceIds = {kDeviceB};
+             f.objectTypeId = {"car", "person"};
+             f.freeText = "red";
+         },
+         {2}},
+    };
+    for (const Case& c : cases) {
+        Filter filter;
+        c.set(filter);
+        EXPECT_EQ(ids(find(*storage, filter)), c.expected) << c.name;
+    }
+}
+
+TEST_F(EventsStorageTest, SortAndLimit)
+{
+    auto storage = open();
+    for (int i = 0; i < 6; ++i)
+        storage->save(packet(i % 2 ? kDeviceA : kDeviceB, (10 + i) * 1'000'000, {{i}}));
+    storage->flush();
+
+    struct Case
+    {
+        SortOrder order;
+        int limit;
+        std::set<ZuUuid> devices;
+        std::vector<int> expected;
+    };
+    const std::vector<Case> cases = {
+        {SortOrder::desc, 0, {}, {5, 4, 3, 2, 1, 0}},
+        {SortOrder::asc, 0, {}, {0, 1, 2, 3, 4, 5}},
+        {SortOrder::desc, 2, {}, {5, 4}},
+        {SortOrder::asc, 2, {}, {0, 1}},
+        {SortOrder::asc, -1, {}, {0, 1, 2, 3, 4, 5}},
+        {SortOrder::desc, 3, {kDeviceA, kDeviceB}, {5, 4, 3}},
+        {SortOrder::asc, 3, {kDeviceA, kDeviceB}, {0, 1, 2}},
+        {SortOrder::desc, 0, {kDeviceA}, {5, 3, 1}},
+    };
+    for (const Case& c : cases) {
+        Filter filter;
+        filter.sortOrder = c.order;
+        filter.maxObjectTracksToSelect = c.limit;
+        filter.deviceIds = c.devices;
+        EXPECT_EQ(ids(find(*storage, filter)), c.expected)
+            << static_cast<int>(c.order) << " " << c.limit << " " << c.devices.size();
+    }
+}
+
+TEST_F(EventsStorageTest, FailedBatchReachesTheHandlerWithPeriodsPerDevice)
+{
+    auto storage = open();
+    std::promise<std::pair<sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>>> reported;
+    storage->setOnSaveErrorHandler([&](sql::DBResult result, auto periods) {
+        reported.set_value({result, std::move(periods)});
+    });
+    storage->save(packet(kDeviceA, 1'000'000, {{1}}));
+    storage->flush();
+
+    // The file may not grow any more: the next batch fails with SQLITE_FULL.
+    storage->runOnWriter(
+        [](sql::Database& db) { db.exec("PRAGMA max_page_count = " + std::to_string(1)); });
+    std::string padding(20'000, 'x');
+    storage->save(packet(kDeviceA, 5'000'500, {{2, "car", {}, {{"big", padding}}}}));
+    storage->save(packet(kDeviceB, 7'000'000, {{3}}));
+    storage->save(packet(kDeviceA, 6'000'000, {{4}}));
+    storage->save(packet(kDeviceA, 9'000'000, {{5}}));
+    storage->flush();
+
+    auto future = reported.get_future();
+    ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+    auto [result, periods] = future.get();
+    EXPECT_EQ(result, sql::DBResult::full);
+    ASSERT_EQ(periods.size(), 2u);
+    // Packets of 1 ms each; the first rounded outwards to whole milliseconds.
+    EXPECT_EQ(periods[kDeviceA], (ZuTimePeriodList{{5000, 2}, {6000, 1}, {9000, 1}}));
+    EXPECT_EQ(periods[kDeviceB], (ZuTimePeriodList{{7000, 1}}));
+    // Nothing of the failed batch is stored, and the storage goes on afterwards.
+    EXPECT_EQ(ids(find(*storage, Filter())), std::vector<int>{1});
+    storage->runOnWriter([](sql::Database& db) { db.exec("PRAGMA max_page_count = 1000000"); });
+    storage->save(packet(kDeviceA, 9'000'000, {{5}}));
+    storage->flush();
+    EXPECT_EQ(ids(find(*storage, Filter())), (std::vector<int>{5, 1}));
+}
+
+TEST_F(EventsStorageTest, BlockedErrorHandlerDoesNotStallWritesAndReportsAreMerged)
+{
+    auto storage = open();
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::promise<void> entered;
+    std::atomic<bool> first{true};
+    std::mutex mutex;
+    std::vector<std::unordered_map<ZuUuid, ZuTimePeriodList>> reports;
+    storage->setOnSaveErrorHandler([&](sql::DBResult, auto periods) {
+        if (first.exchange(false))
+            entered.set_value();
+        released.wait();
+        std::lock_guard lock(mutex);
+        reports.push_back(std::move(periods));
+    });
+    const auto failOneBatch = [&](std::int64_t timeMs) {
+        storage->runOnWriter([](sql::Database& db) { db.exec("PRAGMA query_only = 1"); });
+        storage->save(packet(kDeviceA, timeMs * 1000, {{1}}));
+        storage->flush();
+        storage->runOnWriter([](sql::Database& db) { db.exec("PRAGMA query_only = 0"); });
+    };
+    failOneBatch(1000);  //< The handler takes it and blocks.
+    ASSERT_EQ(entered.get_future().wait_for(5s), std::future_status::ready);
+    failOneBatch(2000);  //< These two wait and are merged.
+    failOneBatch(3000);
+
+    // The writer is not held up by the blocked handler.
+    storage->save(packet(kDeviceB, 4'000'000, {{7}}));
+    storage->flush();
+    EXPECT_EQ(ids(find(*storage, Filter())), std::vector<int>{7});
+
+    release.set_value();
+    storage.reset();  //< Delivers what is pending before it returns.
+    ASSERT_GE(reports.size(), 2u);
+    ZuTimePeriodList all;
+    for (const auto& r : reports)
+        ZuTimePeriodList::unionTimePeriods(all, r.at(kDeviceA));
+    EXPECT_EQ(all, (ZuTimePeriodList{{1000, 1}, {2000, 1}, {3000, 1}}));
+    EXPECT_EQ(reports.back().at(kDeviceA), (ZuTimePeriodList{{2000, 1}, {3000, 1}}));
+}
+
+TEST_F(EventsStorageTest, NotReadyPastTheHighWaterMarkUntilDrained)
+{
+    m_settings.maxQueuedPackets = 10;
+    m_settings.maxCommitDelay = 10s;
+    auto storage = open();
+    std::promise<void> release;
+    auto released = release.get_future();
+    storage->runOnWriter([&](sql::Database&) { released.wait(); });
+    std::this_thread::sleep_for(50ms);
+
+    for (int i = 0; i < 10; ++i)
+        storage->save(packet(kDeviceA, 1'000'000 + i, {{1}}));
+    EXPECT_TRUE(storage->isReady());
+    storage->save(packet(kDeviceA, 2'000'000, {{1}}));
+    EXPECT_FALSE(storage->isReady());
+
+    release.set_value();
+    storage->flush();
+    EXPECT_TRUE(storage->isReady());
+    EXPECT_EQ(find(*storage, Filter()).size(), 1u);
+}
+
+TEST_F(EventsStorageTest, InitializeFailureLeavesTheStorageNotReady)
+{
+    const QString file = m_dir.filePath("plain_file");
+    {
+        QFile f(file);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("x");
+    }
+    const auto fails = [&](const QString& path) {
+        EventsStorage storage;
+        Settings settings;
+        settings.path = path;
+        EXPECT_FALSE(storage.initialize(settings)) << path.toStdString();
+        EXPECT_FALSE(storage.isReady());
+        find(storage, Filter(), ResultCode::error);
+        std::promise<sql::DBResult> reported;
+        storage.setOnSaveErrorHandler([&](sql::DBResult r, auto) { reported.set_value(r); });
+        storage.save(packet(kDeviceA, 1000, {{1}}));
+        auto future = reported.get_future();
+        EXPECT_EQ(future.wait_for(5s), std::future_status::ready);
+    };
+    fails(file);  //< The directory is a regular file.
+    fails("");
+
+    // A file that is not a database.
+    const QString dir = m_dir.filePath("corrupt");
+    ASSERT_TRUE(QDir().mkpath(dir));
+    QFile f(dir + "/" + EventsStorage::kFileName);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(QByteArray(8192, 'z'));
+    f.close();
+    fails(dir);
+}
+
+TEST_F(EventsStorageTest, RetentionDeletesOnlyOldTracks)
+{
+    const auto now = std::chrono::system_clock::time_point(std::chrono::hours(24 * 365 * 50));
+    const auto us = [&](std::chrono::system_clock::duration ago) {
+        return std::chrono::duration_cast<std::chrono::microseconds>((now - ago).time_since_epoch())
+            .count();
+    };
+    m_settings.maxAgeDays = 2;
+    auto storage = open([&] { return now; });
+    storage->save(packet(kDeviceA, us(72h), {{1}}));  //< Old.
+    storage->save(packet(kDeviceA, us(49h), {{2}}));  //< Old.
+    storage->save(packet(kDeviceA, us(72h), {{3}}));  //< Started long ago, still seen:
+    storage->save(packet(kDeviceA, us(1h), {{3}}));   //< kept.
+    storage->save(packet(kDeviceA, us(47h), {{4}}));
+    storage->flush();
+
+    std::vector<int> left;
+    for (int i = 0; i < 50; ++i) {
+        left = ids(find(*storage, Filter()));
+        if (left.size() == 2)
+            break;
+        std::this_thread::sleep_for(100ms);
+    }
+    EXPECT_EQ(left, (std::vector<int>{4, 3}));
+}
+
+}  // namespace kest::analytics::db::test
