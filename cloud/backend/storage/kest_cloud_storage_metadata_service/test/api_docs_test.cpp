@@ -117,7 +117,8 @@ void expectSameKeys(const QJsonObject& root, const QJsonValue& value, QJsonObjec
         return;
     const auto object = value.toObject();
     const auto properties = schema["properties"].toObject();
-    EXPECT_EQ(object.keys(), properties.keys()) << at;
+    EXPECT_EQ(object.keys().join(", ").toStdString(), properties.keys().join(", ").toStdString())
+        << "written vs documented keys of " << at;
     for (auto it = object.begin(); it != object.end(); ++it) {
         expectSameKeys(root, it.value(), properties[it.key()].toObject(),
                        at + "." + it.key().toStdString());
@@ -176,7 +177,7 @@ TEST(ApiDocs, openapi_error_body_matches_the_wire_format)
     QStringList required;
     for (const auto& field : result["required"].toArray())
         required << field.toString();
-    EXPECT_EQ(required, QStringList({"errorClass", "resultCode", "errorText", "errorDetail"}));
+    EXPECT_EQ(required.join(", ").toStdString(), "errorClass, resultCode, errorText, errorDetail");
     for (const auto& field : required)
         EXPECT_EQ(result["properties"][field]["type"].toString(), "string") << field.toStdString();
 
