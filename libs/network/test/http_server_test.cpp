@@ -256,6 +256,21 @@ TEST_F(HttpServerTest, KeepAliveServesSeveralRequestsIncludingHeadAndNotFound)
     EXPECT_TRUE(client.closedByPeer());
 }
 
+TEST_F(HttpServerTest, Http10KeepsAliveOnlyWhenAsked)
+{
+    const auto port = start();
+    RawClient client(port);
+    ASSERT_TRUE(client.send("GET /echo/k HTTP/1.0\r\nConnection: keep-alive\r\n\r\n"));
+    const auto kept = client.read();
+    EXPECT_EQ(kept.body, "GET::k");
+    EXPECT_NE(kept.head.find("Connection: keep-alive\r\n"), std::string::npos);
+    ASSERT_TRUE(client.send("GET /echo/c HTTP/1.0\r\n\r\n"));
+    const auto closing = client.read();
+    EXPECT_EQ(closing.body, "GET::c");
+    EXPECT_NE(closing.head.find("Connection: close\r\n"), std::string::npos);
+    EXPECT_TRUE(client.closedByPeer());
+}
+
 TEST_F(HttpServerTest, PortInUseFailsBindWithError)
 {
     const auto port = start();
@@ -286,6 +301,13 @@ TEST_F(HttpServerTest, OversizedHeaderAndBodyAreRefusedOthersStillServed)
         "50\r\n" +
         std::string(80, 'c') + "\r\n50\r\n" + std::string(80, 'c') + "\r\n0\r\n\r\n"));
     EXPECT_EQ(chunkedBig.read().status, 413);
+
+    RawClient waiting(port);
+    ASSERT_TRUE(
+        waiting.send("POST /echo/c HTTP/1.1\r\nContent-Length: 4\r\nExpect: 100-continue\r\n\r\n"));
+    EXPECT_EQ(waiting.read().status, 100);
+    ASSERT_TRUE(waiting.send("body"));
+    EXPECT_EQ(waiting.read().body, "POST:body:c");
 
     RawClient exact(port);
     ASSERT_TRUE(exact.send(post("/echo/x", std::string(100, 'd'))));

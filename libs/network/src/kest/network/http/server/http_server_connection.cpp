@@ -113,6 +113,8 @@ HttpServerConnection::~HttpServerConnection() = default;
 
 void HttpServerConnection::start()
 {
+    if (m_closed)  //< The server stopped before the connection got to start.
+        return;
     boost::system::error_code error;
     const auto peer = m_socket->remote_endpoint(error);
     if (!error)
@@ -148,6 +150,7 @@ void HttpServerConnection::readRequest()
         std::min<std::size_t>(m_limits.maxHeaderBytes, std::numeric_limits<std::uint32_t>::max())));
     m_parser->body_limit(static_cast<std::uint64_t>(m_limits.maxBodyBytes));
     m_parser->eager(true);
+    m_continueSent = false;
     if (m_buffer.size() > 0) {
         m_waitingForRequest = false;
         setDeadline(Clock::now() + m_limits.requestReadTimeout);
@@ -213,12 +216,33 @@ void HttpServerConnection::parse()
         dispatch();
         return;
     }
+    if (m_parser->is_header_done() && !m_continueSent) {
+        m_continueSent = true;
+        const auto expect = m_parser->request.header("Expect");
+        if (expect && equalsIgnoreCase(*expect, "100-continue")) {
+            // Clients such as curl hold a larger body back until they are told to go on.
+            static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+            boost::asio::async_write(
+                *m_socket, boost::asio::buffer(kContinue),
+                [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
+                    if (self->m_closed)
+                        return;
+                    if (error) {
+                        self->close();
+                        return;
+                    }
+                    self->readSome();
+                });
+            return;
+        }
+    }
     readSome();
 }
 
 void HttpServerConnection::dispatch()
 {
     m_keepAlive = m_parser->keep_alive();
+    m_http10 = m_parser->request.version == 10;
     Request request = std::move(m_parser->request);
     m_parser.reset();
     m_isHead = request.method == "HEAD";
@@ -288,6 +312,8 @@ void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
     m_head.append("\r\n");
     if (!keepAlive)
         m_head.append("Connection: close\r\n");
+    else if (m_http10)
+        m_head.append("Connection: keep-alive\r\n");
     m_head.append("\r\n");
     m_body = std::move(result.body);
     if (m_isHead)

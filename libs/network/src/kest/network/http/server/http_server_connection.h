@@ -88,6 +88,8 @@ private:
     bool m_keepAlive = true;
     bool m_isHead = false;
     bool m_closeAfterWrite = false;
+    bool m_continueSent = false;
+    bool m_http10 = false;
     bool m_closed = false;
 };
 

@@ -26,6 +26,7 @@ struct HttpServerSharedState
     explicit HttpServerSharedState(unsigned ioThreads) : threadPool(ioThreads) {}
 
     HttpConnectionLimits limits;
+    /** 0 means no limit. */
     std::size_t maxConnections = 0;
     AbstractMessageDispatcher* dispatcher = nullptr;
     aio::AioThreadPool threadPool;

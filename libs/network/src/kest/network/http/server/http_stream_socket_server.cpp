@@ -95,7 +95,8 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
     }
 
     auto& count = *state->connectionCount;
-    if (count.fetch_add(1, std::memory_order_relaxed) >= state->maxConnections) {
+    if (count.fetch_add(1, std::memory_order_relaxed) >= state->maxConnections &&
+        state->maxConnections > 0) {
         count.fetch_sub(1, std::memory_order_relaxed);
         KEST_DEBUG(this, "Too many connections (%1): closing the new one", state->maxConnections);
         boost::system::error_code ignored;

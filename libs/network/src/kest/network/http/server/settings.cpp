@@ -24,7 +24,7 @@ void readNumber(const ZuSettings& settings, const QString& key, T* out)
 
 }  // namespace
 
-Settings::Settings(QString group): m_group(std::move(group)) {}
+Settings::Settings(QString group) : m_group(std::move(group)) {}
 
 void Settings::load(const ZuSettings& settings)
 {
@@ -32,7 +32,7 @@ void Settings::load(const ZuSettings& settings)
     const QVariant listenOn = settings.value(prefix + "listenOn");
     if (!listenOn.isNull()) {
         endpoints.clear();
-        for (const QString& item: listenOn.toString().split(',', Qt::SkipEmptyParts)) {
+        for (const QString& item : listenOn.toString().split(',', Qt::SkipEmptyParts)) {
             const QString trimmed = item.trimmed();
             if (trimmed.isEmpty())
                 continue;
