@@ -1,0 +1,47 @@
+#include "model.h"
+
+#include <kest/cloud/storage/settings.h>
+#include <kest/utils/log/log.h>
+
+#include "abstract_data_distribution_storage.h"
+#include "data_distrib_storage_factory.h"
+#include "dd_provider_factory.h"
+#include "errors_storage_model.h"
+
+namespace kest::cloud::storage::metadatadb {
+
+Model::Model(const conf::Settings& settings)
+    : m_dataDistributionStorage(
+          DataDistribStorageFactory::instance().create(settings.ddsConnection())),
+      m_errorsStorageModel(std::make_unique<ErrorsStorageModel>()),
+      m_analyticsStorage(DdProviderFactory::instance().create())
+{
+    // A storage that fails to open only reports itself not ready: the service keeps answering
+    // so that callers learn why their data is refused.
+    if (m_analyticsStorage && !m_analyticsStorage->initialize(settings.analyticsDb()))
+        KEST_ERROR(this, "Failed to initialize analytics db at %1", settings.analyticsDb().path);
+}
+
+Model::~Model()
+{
+    m_analyticsStorage.reset();
+    m_errorsStorageModel.reset();
+    m_dataDistributionStorage.reset();
+}
+
+AbstractDataDistributionStorage* Model::getDDSModel() const
+{
+    return m_dataDistributionStorage.get();
+}
+
+ErrorsStorageModel* Model::getErrorStorageModel() const
+{
+    return m_errorsStorageModel.get();
+}
+
+kest::analytics::db::AbstractEventsStorage* Model::getAnalyticsStorage() const
+{
+    return m_analyticsStorage.get();
+}
+
+}  // namespace kest::cloud::storage::metadatadb

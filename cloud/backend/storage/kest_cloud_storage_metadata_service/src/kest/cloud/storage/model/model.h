@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+
+#include <kest/analytics_db/abstract_events_storage.h>
+
+namespace kest::cloud::storage::metadatadb {
+
+namespace conf {
+class Settings;
+}
+
+class AbstractDataDistributionStorage;
+class ErrorsStorageModel;
+
+/**
+ * Owns the service's storages: the shared data-distribution record, the save-error history and
+ * the local analytics events storage. Outlives the HTTP front end that uses them.
+ */
+class Model
+{
+public:
+    /** Throws when a storage cannot be created; whatever was created is released first. */
+    explicit Model(const conf::Settings& settings);
+    ~Model();
+
+    Model(const Model&) = delete;
+    Model& operator=(const Model&) = delete;
+
+    AbstractDataDistributionStorage* getDDSModel() const;
+    ErrorsStorageModel* getErrorStorageModel() const;
+    kest::analytics::db::AbstractEventsStorage* getAnalyticsStorage() const;
+
+private:
+    // Declared in the order of creation; the destructor releases them in reverse, so that the
+    // analytics storage, which may still report save errors while stopping, goes first.
+    std::unique_ptr<AbstractDataDistributionStorage> m_dataDistributionStorage;
+    std::unique_ptr<ErrorsStorageModel> m_errorsStorageModel;
+    std::unique_ptr<kest::analytics::db::AbstractEventsStorage> m_analyticsStorage;
+};
+
+}  // namespace kest::cloud::storage::metadatadb

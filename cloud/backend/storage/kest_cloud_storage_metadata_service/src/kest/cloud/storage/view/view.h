@@ -1,0 +1,97 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <kest/network/http/abstract_request_handler.h>
+#include <kest/network/http/server/authentication_dispatcher.h>
+#include <kest/network/http/server/builder.h>
+#include <kest/network/http/server/rest/message_dispatcher.h>
+#include <kest/network/socket_address.h>
+#include <kest/utils/assert.h>
+#include <kest/utils/move_only_func.h>
+
+namespace kest::analytics::db {
+class AbstractEventsStorage;
+}
+
+namespace kest::cloud::storage::metadatadb {
+
+namespace conf {
+class Settings;
+}
+
+class Model;
+class ErrorsStorageModel;
+
+/**
+ * The HTTP front end: binds the listening sockets, routes requests to a new controller each,
+ * and feeds the analytics storage's save-error reports into the errors history.
+ */
+class View
+{
+public:
+    static constexpr const char* kDataHandlerPath = "/metadataDb/v1/data";
+    static constexpr const char* kOptimalInstancePath = "/metadataDb/v1/optimalInstance";
+    static constexpr const char* kErrorHandlerPath = "/metadataDb/v1/dataSaveErrors/{deviceIds}";
+    static constexpr const char* kPingPath = "/metadataDb/ping";
+
+    /** Binds every configured endpoint. Throws std::runtime_error when that is impossible. */
+    View(const conf::Settings& settings, Model& model);
+    ~View();
+
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
+
+    /** Starts accepting. Throws std::system_error when a socket cannot listen. */
+    void start();
+    /** Stops accepting and closes every connection, waiting for each to close. */
+    void stop();
+
+    /** The addresses actually bound; a port 0 endpoint shows its real port. */
+    std::vector<kest::network::SocketAddress> httpEndpoints() const;
+
+    void respondOk(
+        kest::network::http::RequestContext requestContext,
+        kest::utils::MoveOnlyFunc<void(kest::network::http::RequestResult)> completionHandler);
+
+private:
+    void registerApiHandlers(Model& model);
+    void registerDbErrorsHandler(kest::analytics::db::AbstractEventsStorage* analyticsStorage,
+                                 ErrorsStorageModel* errorsStorageModel);
+    void startAcceptor();
+
+    /**
+     * Routes (path, method) to a new `Controller(arg)` per request. `arg` is kept by value in
+     * the route; pass objects that controllers share by pointer or with std::ref.
+     */
+    template <typename Controller, typename Arg>
+    void registerApiHandler(const char* path, const char* method, Arg&& arg)
+    {
+        registerRequestProcessor(
+            path,
+            [arg = std::decay_t<Arg>(std::forward<Arg>(
+                 arg))]() -> std::unique_ptr<kest::network::http::AbstractRequestHandler> {
+                return std::make_unique<Controller>(arg);
+            },
+            method);
+    }
+
+    template <typename... Args>
+    void registerRequestProcessor(Args&&... args)
+    {
+        KEST_ASSERT(
+            m_httpMessageDispatcher.registerRequestProcessor(std::forward<Args>(args)...),
+            "m_httpMessageDispatcher.registerRequestProcessor(std::forward<Args>(args)...)");
+    }
+
+    const conf::Settings& m_settings;
+    kest::network::http::server::rest::MessageDispatcher m_httpMessageDispatcher;
+    kest::network::http::server::AuthenticationDispatcher m_authenticationDispatcher;
+    std::unique_ptr<kest::network::http::server::MultiAddressHttpServer> m_multiAddressHttpServer;
+};
+
+}  // namespace kest::cloud::storage::metadatadb

@@ -1,0 +1,346 @@
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <regex>
+#include <set>
+
+#include <kest/analytics_db/events_storage.h>
+#include <kest/cloud/storage/test_launcher.h>
+#include <kest/utils/log/logger.h>
+
+#include "http_test_client.h"
+#include "storage_fakes.h"
+
+extern char** environ;
+
+namespace kest::cloud::storage::metadatadb::test {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+/** A fresh directory per test, removed afterwards. */
+class TemporaryDirectory
+{
+public:
+    TemporaryDirectory()
+    {
+        std::string pattern = (fs::temp_directory_path() / "metadata_service_test.XXXXXX").string();
+        m_path = ::mkdtemp(pattern.data());
+    }
+    ~TemporaryDirectory() { fs::remove_all(m_path); }
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+std::string mongoUri()
+{
+    const char* uri = std::getenv("KEST_TEST_MONGODB_URI");
+    // The data-distribution storage connects lazily: a start does not need a server.
+    return uri && *uri ? uri : "mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100";
+}
+
+class ServiceTest : public ::testing::Test
+{
+protected:
+    std::vector<std::string> serviceArgs(const std::string& listenOn = "127.0.0.1:0") const
+    {
+        return {"--http/listenOn=" + listenOn, "--dataDir=" + m_dataDir.path(),
+                "--MongoDb/uri=" + mongoUri()};
+    }
+
+    static bool start(Launcher* launcher, const std::vector<std::string>& args)
+    {
+        std::vector<const char*> argv;
+        for (const auto& arg : args)
+            argv.push_back(arg.c_str());
+        return launcher->startService(argv, /*waitUntilStarted*/ true);
+    }
+
+    TemporaryDirectory m_dataDir;
+};
+
+TEST_F(ServiceTest, StartsOnAnEphemeralPortAndStops)
+{
+    FakeStoragesGuard fakes;
+    Launcher launcher;
+    ASSERT_TRUE(start(&launcher, serviceArgs()));
+
+    const auto endpoints = launcher.moduleInstance()->httpEndpoints();
+    ASSERT_EQ(1u, endpoints.size());
+    EXPECT_NE(0, endpoints[0].port);
+    const auto ping = exchange(endpoints[0].port, "POST", "/metadataDb/ping");
+    ASSERT_TRUE(ping);
+    EXPECT_EQ(200, ping->status);
+
+    launcher.stop();
+    EXPECT_EQ(0, launcher.exitCode());
+    EXPECT_EQ("dds destroyed", fakes.log.events().back());
+}
+
+TEST_F(ServiceTest, StartWithoutEndpointFailsAndReleasesTheStorages)
+{
+    FakeStoragesGuard fakes;
+    std::atomic<bool> logged{false};
+    auto& logger = kest::utils::log::Logger::instance();
+    const int observer = logger.addObserver([&](auto, const std::string&, const std::string& text) {
+        if (text == "No HTTP address to listen")
+            logged = true;
+    });
+
+    Launcher launcher;
+    EXPECT_FALSE(start(&launcher, serviceArgs(/*listenOn*/ "")));
+    launcher.stop();
+    logger.removeObserver(observer);
+
+    EXPECT_TRUE(logged);
+    EXPECT_NE(0, launcher.exitCode().value_or(0));
+    EXPECT_EQ((std::vector<std::string>{"dds created", "analytics created", "analytics initialized",
+                                        "analytics destroyed", "dds destroyed"}),
+              fakes.log.events());
+}
+
+kest::common::metadata::ObjectMetadataPacket makePacket(const ZuUuid& deviceId,
+                                                        std::int64_t timestampUs,
+                                                        const ZuUuid& trackId)
+{
+    kest::common::metadata::ObjectMetadataPacket packet;
+    packet.deviceId = deviceId;
+    packet.timestampUs = timestampUs;
+    packet.durationUs = 1000;
+    packet.streamIndex = kest::common::metadata::StreamIndex::primary;
+    kest::common::metadata::ObjectMetadata object;
+    object.trackId = trackId;
+    object.typeId = "person";
+    object.objectMetadataType = kest::common::metadata::ObjectMetadataType::regular;
+    object.boundingBox = {0.1, 0.1, 0.2, 0.2};
+    packet.objectMetadataList.push_back(object);
+    return packet;
+}
+
+std::set<ZuUuid> lookupTracks(const std::string& databasePath, const ZuUuid& deviceId)
+{
+    kest::analytics::db::Settings settings;
+    settings.path = QString::fromStdString(databasePath);
+    kest::analytics::db::EventsStorage storage;
+    EXPECT_TRUE(storage.initialize(settings));
+    kest::analytics::db::Filter filter;
+    filter.deviceIds = {deviceId};
+    std::promise<std::vector<kest::analytics::db::ObjectTrackEx>> promise;
+    storage.lookup(filter, [&](auto code, std::vector<kest::analytics::db::ObjectTrackEx> tracks) {
+        EXPECT_EQ(kest::analytics::db::ResultCode::ok, code);
+        promise.set_value(std::move(tracks));
+    });
+    std::set<ZuUuid> ids;
+    for (const auto& track : promise.get_future().get())
+        ids.insert(track.id);
+    return ids;
+}
+
+// Whatever the analytics storage accepted before a stop is on disk after it: the service
+// tears its storage down, which writes out the queue, before it returns.
+TEST_F(ServiceTest, StopLosesNothingTheAnalyticsStorageAccepted)
+{
+    std::atomic<kest::analytics::db::AbstractEventsStorage*> storage{nullptr};
+    auto previousAnalytics = DdProviderFactory::instance().setCreateFunction(
+        [&]() -> std::unique_ptr<kest::analytics::db::AbstractEventsStorage> {
+            auto created = std::make_unique<kest::analytics::db::EventsStorage>();
+            storage = created.get();
+            return created;
+        });
+    EventLog ddsLog;
+    auto previousDds = DataDistribStorageFactory::instance().setCreateFunction(
+        [&](const conf::MongoConnectionSettings&)
+            -> std::unique_ptr<AbstractDataDistributionStorage> {
+            return std::make_unique<FakeDataDistributionStorage>(&ddsLog);
+        });
+
+    const ZuUuid device = ZuUuid::createUuid();
+    std::set<ZuUuid> saved;
+    {
+        Launcher launcher;
+        ASSERT_TRUE(start(&launcher, serviceArgs()));
+        ASSERT_TRUE(storage.load()->isReady());
+        const std::int64_t nowUs = std::chrono::duration_cast<std::chrono::microseconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count();
+        for (int i = 0; i < 2000; ++i) {
+            const ZuUuid track = ZuUuid::createUuid();
+            saved.insert(track);
+            storage.load()->save(std::make_shared<kest::common::metadata::ObjectMetadataPacket>(
+                makePacket(device, nowUs + i * 1000, track)));
+        }
+        launcher.stop();
+    }
+    DdProviderFactory::instance().setCreateFunction(std::move(previousAnalytics));
+    DataDistribStorageFactory::instance().setCreateFunction(std::move(previousDds));
+
+    EXPECT_EQ(saved, lookupTracks(m_dataDir.path() + "/analytics_db", device));
+}
+
+/** The path of the service executable: beside this test binary unless the environment says. */
+std::string serviceExecutable()
+{
+    if (const char* path = std::getenv("KEST_METADATA_STORAGE_EXE"))
+        return path;
+    return (fs::read_symlink("/proc/self/exe").parent_path() / "metadata_storage").string();
+}
+
+/** The service executable run as a child process, its standard error read through a pipe. */
+class ServiceProcess
+{
+public:
+    explicit ServiceProcess(std::vector<std::string> args)
+    {
+        int pipeFds[2];
+        ::pipe(pipeFds);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
+        args.insert(args.begin(), serviceExecutable());
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+            m_pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(pipeFds[1]);
+        m_output = pipeFds[0];
+    }
+
+    ~ServiceProcess()
+    {
+        if (m_pid > 0 && !m_exitStatus) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+        ::close(m_output);
+    }
+
+    bool started() const { return m_pid > 0; }
+
+    /** Reads output until `pattern` matches a line; the match, or nothing on timeout or exit. */
+    std::optional<std::smatch> waitForLine(const std::regex& pattern)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + 20s;
+        while (std::chrono::steady_clock::now() < deadline) {
+            for (std::size_t end; (end = m_text.find('\n', m_scanned)) != std::string::npos;) {
+                m_lines.push_back(m_text.substr(m_scanned, end - m_scanned));
+                m_scanned = end + 1;
+                std::smatch match;
+                if (std::regex_search(m_lines.back(), match, pattern))
+                    return match;
+            }
+            if (!readSome(100ms) && m_eof)
+                return std::nullopt;
+        }
+        return std::nullopt;
+    }
+
+    /** Waits for the process to end; its wait status. */
+    int wait()
+    {
+        int status = 0;
+        ::waitpid(m_pid, &status, 0);
+        m_exitStatus = status;
+        while (readSome(100ms)) {
+        }
+        return status;
+    }
+
+    void signal(int number) { ::kill(m_pid, number); }
+    const std::string& output() const { return m_text; }
+
+private:
+    bool readSome(std::chrono::milliseconds timeout)
+    {
+        pollfd pfd{m_output, POLLIN, 0};
+        if (::poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0)
+            return false;
+        char buffer[4096];
+        const ssize_t n = ::read(m_output, buffer, sizeof(buffer));
+        if (n <= 0) {
+            m_eof = true;
+            return false;
+        }
+        m_text.append(buffer, static_cast<std::size_t>(n));
+        return true;
+    }
+
+    pid_t m_pid = -1;
+    int m_output = -1;
+    std::string m_text;
+    std::size_t m_scanned = 0;
+    std::vector<std::string> m_lines;
+    bool m_eof = false;
+    std::optional<int> m_exitStatus;
+};
+
+class ServiceExecutableTest : public ServiceTest
+{
+protected:
+    void SetUp() override
+    {
+        if (!fs::exists(serviceExecutable()))
+            GTEST_SKIP() << "No service executable at " << serviceExecutable();
+    }
+};
+
+TEST_F(ServiceExecutableTest, ServesUntilSigtermThenExitsCleanly)
+{
+    ServiceProcess service(serviceArgs());
+    ASSERT_TRUE(service.started());
+    const auto listening =
+        service.waitForLine(std::regex(R"(HTTP server is listening on \{ 127\.0\.0\.1:(\d+) \})"));
+    ASSERT_TRUE(listening) << service.output();
+    const auto port = static_cast<std::uint16_t>(std::stoi((*listening)[1].str()));
+
+    const auto ping = exchange(port, "POST", "/metadataDb/ping");
+    ASSERT_TRUE(ping);
+    EXPECT_EQ(200, ping->status);
+
+    service.signal(SIGTERM);
+    const int status = service.wait();
+    ASSERT_TRUE(WIFEXITED(status)) << service.output();
+    EXPECT_EQ(0, WEXITSTATUS(status)) << service.output();
+}
+
+TEST_F(ServiceExecutableTest, FailedStartExitsNonZeroWithTheReason)
+{
+    ServiceProcess service(serviceArgs(/*listenOn*/ ""));
+    ASSERT_TRUE(service.started());
+    const int status = service.wait();
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_NE(0, WEXITSTATUS(status));
+    EXPECT_NE(std::string::npos, service.output().find("No HTTP address to listen"))
+        << service.output();
+}
+
+TEST_F(ServiceExecutableTest, HelpIsPrinted)
+{
+    ServiceProcess service({"-h"});
+    ASSERT_TRUE(service.started());
+    const int status = service.wait();
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_NE(std::string::npos, service.output().find("--configFile")) << service.output();
+}
+
+}  // namespace
+}  // namespace kest::cloud::storage::metadatadb::test
