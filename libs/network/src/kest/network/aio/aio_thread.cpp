@@ -32,7 +32,11 @@ AioThread::AioThread() : d(std::make_unique<Private>())
 
 AioThread::~AioThread()
 {
+    const bool inSelfThread = isInSelfThread();
     stop();
+    // The thread is still inside run() of this context: it must outlive that call.
+    if (inSelfThread)
+        (void)d.release();
 }
 
 void AioThread::stop()
