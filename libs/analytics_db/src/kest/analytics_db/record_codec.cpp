@@ -12,6 +12,8 @@ namespace {
 class Writer
 {
 public:
+    explicit Writer(std::string* out) : m_out(*out) {}
+
     template <typename T>
     void put(T value)
     {
@@ -24,7 +26,14 @@ public:
         put(static_cast<std::uint32_t>(text.size()));
         m_out.append(text);
     }
-    void putUuid(const ZuUuid& id) { m_out += encodeUuid(id); }
+    void putUuid(const ZuUuid& id)
+    {
+        const QUuid& u = id.toQUuid();
+        putBigEndian(u.data1, 4);
+        putBigEndian(u.data2, 2);
+        putBigEndian(u.data3, 2);
+        m_out.append(reinterpret_cast<const char*>(u.data4), 8);
+    }
     void putAttributes(const std::vector<Attribute>& attributes)
     {
         put(static_cast<std::uint32_t>(attributes.size()));
@@ -33,10 +42,15 @@ public:
             putString(a.value);
         }
     }
-    std::string take() { return std::move(m_out); }
 
 private:
-    std::string m_out;
+    void putBigEndian(std::uint32_t value, int bytes)
+    {
+        for (int i = bytes - 1; i >= 0; --i)
+            m_out += static_cast<char>((value >> (8 * i)) & 0xff);
+    }
+
+    std::string& m_out;
 };
 
 class Reader
@@ -62,6 +76,7 @@ public:
         m_in.remove_prefix(size);
         return true;
     }
+    bool atEnd() const { return m_in.empty(); }
     bool getUuid(ZuUuid* id)
     {
         if (m_in.size() < 16)
@@ -92,7 +107,10 @@ private:
 
 std::string encodeUuid(const ZuUuid& id)
 {
-    return id.toQUuid().toRfc4122().toStdString();
+    std::string out;
+    out.reserve(16);
+    Writer(&out).putUuid(id);
+    return out;
 }
 
 ZuUuid decodeUuid(std::string_view bytes)
@@ -104,9 +122,9 @@ ZuUuid decodeUuid(std::string_view bytes)
 
 std::string encodeAttributes(const std::vector<Attribute>& attributes)
 {
-    Writer w;
-    w.putAttributes(attributes);
-    return w.take();
+    std::string out;
+    Writer(&out).putAttributes(attributes);
+    return out;
 }
 
 std::vector<Attribute> decodeAttributes(std::string_view bytes)
@@ -116,30 +134,33 @@ std::vector<Attribute> decodeAttributes(std::string_view bytes)
     return out;
 }
 
+void appendPosition(std::string* chunk, const ZuUuid& deviceId, std::int64_t timestampUs,
+                    std::int64_t durationUs, const common::metadata::Rect& box,
+                    const std::vector<Attribute>& attributes)
+{
+    Writer w(chunk);
+    w.putUuid(deviceId);
+    w.put(timestampUs);
+    w.put(durationUs);
+    w.put(box.x);
+    w.put(box.y);
+    w.put(box.width);
+    w.put(box.height);
+    w.putAttributes(attributes);
+}
+
 std::string encodePositions(const std::vector<ObjectPosition>& positions)
 {
-    Writer w;
-    w.put(static_cast<std::uint32_t>(positions.size()));
-    for (const auto& p : positions) {
-        w.putUuid(p.deviceId);
-        w.put(p.timestampUs);
-        w.put(p.durationUs);
-        w.put(p.boundingBox.x);
-        w.put(p.boundingBox.y);
-        w.put(p.boundingBox.width);
-        w.put(p.boundingBox.height);
-        w.putAttributes(p.attributes);
-    }
-    return w.take();
+    std::string out;
+    for (const auto& p : positions)
+        appendPosition(&out, p.deviceId, p.timestampUs, p.durationUs, p.boundingBox, p.attributes);
+    return out;
 }
 
 void decodePositions(std::string_view bytes, std::vector<ObjectPosition>* out)
 {
     Reader r(bytes);
-    std::uint32_t count = 0;
-    if (!r.get(&count))
-        return;
-    for (std::uint32_t i = 0; i < count; ++i) {
+    while (!r.atEnd()) {
         ObjectPosition p;
         if (!r.getUuid(&p.deviceId) || !r.get(&p.timestampUs) || !r.get(&p.durationUs) ||
             !r.get(&p.boundingBox.x) || !r.get(&p.boundingBox.y) || !r.get(&p.boundingBox.width) ||

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,8 +23,12 @@ ZuUuid decodeUuid(std::string_view bytes);
 std::string encodeAttributes(const std::vector<common::metadata::Attribute>& attributes);
 std::vector<common::metadata::Attribute> decodeAttributes(std::string_view bytes);
 
+/** Appends one position to a chunk; a chunk is positions one after another. */
+void appendPosition(std::string* chunk, const ZuUuid& deviceId, std::int64_t timestampUs,
+                    std::int64_t durationUs, const common::metadata::Rect& box,
+                    const std::vector<common::metadata::Attribute>& attributes);
 std::string encodePositions(const std::vector<ObjectPosition>& positions);
-/** Appends the decoded positions to `out`. */
+/** Appends the decoded positions of a chunk to `out`. */
 void decodePositions(std::string_view bytes, std::vector<ObjectPosition>* out);
 
 /** The words free-text search finds: every attribute name and value, one attribute a line. */

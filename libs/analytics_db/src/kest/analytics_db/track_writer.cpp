@@ -46,8 +46,8 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
             }
             p.attributesChanged |= p.track.add(*packet, object);
             if (!object.isBestShot()) {
-                p.positions.push_back({packet->deviceId, packet->timestampUs, packet->durationUs,
-                                       object.boundingBox, object.attributes});
+                appendPosition(&p.positions, packet->deviceId, packet->timestampUs,
+                               packet->durationUs, object.boundingBox, object.attributes);
             }
         }
     }
@@ -171,7 +171,7 @@ DBResult TrackWriter::storeTrack(Pending& p)
         if (!pos)
             return m_db.lastResult();
         pos->bind(1, p.rowId);
-        pos->bindBlob(2, encodePositions(p.positions));
+        pos->bindBlob(2, p.positions);
         if (auto r = pos->exec(); r != DBResult::ok)
             return r;
     }

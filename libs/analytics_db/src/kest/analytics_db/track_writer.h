@@ -47,7 +47,8 @@ private:
         TrackAggregate track;
         std::int64_t rowId = 0;
         bool attributesChanged = false;
-        std::vector<ObjectPosition> positions;
+        /** Positions of this batch, in the chunk form of record_codec.h. */
+        std::string positions;
     };
     struct Cached
     {
