@@ -241,10 +241,10 @@ public:
         const auto deadline = std::chrono::steady_clock::now() + 20s;
         while (std::chrono::steady_clock::now() < deadline) {
             for (std::size_t end; (end = m_text.find('\n', m_scanned)) != std::string::npos;) {
-                m_lines.push_back(m_text.substr(m_scanned, end - m_scanned));
+                m_line = m_text.substr(m_scanned, end - m_scanned);
                 m_scanned = end + 1;
                 std::smatch match;
-                if (std::regex_search(m_lines.back(), match, pattern))
+                if (std::regex_search(m_line, match, pattern))
                     return match;
             }
             if (!readSome(100ms) && m_eof)
@@ -287,7 +287,7 @@ private:
     int m_output = -1;
     std::string m_text;
     std::size_t m_scanned = 0;
-    std::vector<std::string> m_lines;
+    std::string m_line;  // The match refers into it.
     bool m_eof = false;
     std::optional<int> m_exitStatus;
 };

@@ -42,6 +42,8 @@ std::string_view trim(std::string_view text)
 
 std::string toString(SerializationFormat format)
 {
+    if (format == SerializationFormat::unknown)
+        return "unknown";
     for (const auto& [value, name] : kNames) {
         if (value == format)
             return std::string(name);

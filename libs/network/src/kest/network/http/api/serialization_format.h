@@ -20,7 +20,7 @@ enum class SerializationFormat : int
     urlencoded = 7,
 };
 
-/** The format's name, or its number when it has no name. */
+/** The format's name ("unknown" for -1), or its number when it has no name. */
 std::string toString(SerializationFormat format);
 
 /** By name as above; nothing for an unknown name. */
