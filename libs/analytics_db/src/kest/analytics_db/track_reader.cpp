@@ -73,30 +73,37 @@ DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions
                                               nullptr, &gridHits, nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK)
         return m_db.fail(rc, "grid_hits");
+    const int rc2 = sqlite3_create_function_v2(m_db.handle(), "text_hits", 1, SQLITE_UTF8, this,
+                                               &TrackReader::textHits, nullptr, nullptr, nullptr);
+    if (rc2 != SQLITE_OK)
+        return m_db.fail(rc2, "text_hits");
+    if (!m_matcher.open(m_db.handle()))
+        return m_db.fail(SQLITE_ERROR, "fts5 tokenizer");
     return m_db.exec("PRAGMA query_only = 1");
 }
 
-std::string TrackReader::ftsQuery(const std::string& text)
+std::string TrackReader::ftsQuery(const std::vector<std::string>& words)
 {
-    const QString input = QString::fromStdString(text);
     std::string query;
-    QString word;
-    const auto flush = [&] {
-        if (word.isEmpty())
-            return;
+    for (const std::string& word : words) {
         if (!query.empty())
             query += ' ';
-        query += '"' + word.toStdString() + "\"*";
-        word.clear();
-    };
-    for (const QChar c : input) {
-        if (c.isLetterOrNumber() || c.isMark())
-            word += c;
-        else
-            flush();
+        query += '"' + word + "\"*";
     }
-    flush();
     return query;
+}
+
+void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
+{
+    auto* self = static_cast<TrackReader*>(sqlite3_user_data(context));
+    if (self->m_matcher.checks() >= kTextScanBudget) {
+        self->m_textBudgetExceeded = true;
+        sqlite3_result_error(context, "text scan budget exceeded", -1);
+        return;
+    }
+    const auto* data = static_cast<const char*>(sqlite3_value_blob(args[0]));
+    const std::string_view blob = data ? std::string_view(data, sqlite3_value_bytes(args[0])) : "";
+    sqlite3_result_int(context, self->m_matcher.matches(blob));
 }
 
 ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
@@ -115,17 +122,37 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
         }
     } end{m_db};
 
+    m_words = TextMatcher::words(filter.freeText);
+    const TextMode mode = m_words.empty() ? TextMode::none : TextMode::scan;
+    m_matcher.setQuery(m_words);
+    m_textBudgetExceeded = false;
+    DBResult result = run(filter, mode, tracks);
+    if (result != DBResult::ok && m_textBudgetExceeded) {
+        tracks->clear();
+        m_db.resetCached();
+        result = run(filter, TextMode::index, tracks);
+    }
+    if (result != DBResult::ok) {
+        tracks->clear();
+        return ResultCode::error;
+    }
+    return ResultCode::ok;
+}
+
+DBResult TrackReader::run(const Filter& filter, TextMode textMode,
+                          std::vector<ObjectTrackEx>* tracks)
+{
     Query q;
     bool matchesNothing = false;
-    if (keysOf(filter, &q, &matchesNothing) != DBResult::ok)
-        return ResultCode::error;
+    if (auto r = keysOf(filter, textMode, &q, &matchesNothing); r != DBResult::ok)
+        return r;
     if (matchesNothing)
-        return ResultCode::ok;
+        return DBResult::ok;
 
     std::vector<std::int64_t> rowIds;
     if (q.devices.empty()) {
-        if (select(q, 0, tracks, &rowIds) != DBResult::ok)
-            return ResultCode::error;
+        if (auto r = select(q, 0, tracks, &rowIds); r != DBResult::ok)
+            return r;
     } else {
         // One index range per device, each already limited, then merged: cost follows the
         // answer, not the number of tracks of the devices.
@@ -133,8 +160,8 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
         for (const std::int64_t device : q.devices) {
             std::vector<ObjectTrackEx> part;
             std::vector<std::int64_t> partIds;
-            if (select(q, device, &part, &partIds) != DBResult::ok)
-                return ResultCode::error;
+            if (auto r = select(q, device, &part, &partIds); r != DBResult::ok)
+                return r;
             for (std::size_t i = 0; i < part.size(); ++i) {
                 merged.push_back({{part[i].firstAppearanceTimeUs, partIds[i]}, std::move(part[i])});
             }
@@ -152,16 +179,15 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
 
     if (filter.needFullTrack) {
         for (std::size_t i = 0; i < tracks->size(); ++i) {
-            if (loadPositions(rowIds[i], &(*tracks)[i]) != DBResult::ok) {
-                tracks->clear();
-                return ResultCode::error;
-            }
+            if (auto r = loadPositions(rowIds[i], &(*tracks)[i]); r != DBResult::ok)
+                return r;
         }
     }
-    return ResultCode::ok;
+    return DBResult::ok;
 }
 
-DBResult TrackReader::keysOf(const Filter& filter, Query* q, bool* matchesNothing)
+DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
+                             bool* matchesNothing)
 {
     for (const ZuUuid& device : filter.deviceIds) {
         auto* s = m_db.cached("SELECT id FROM device WHERE guid = ?");
@@ -207,6 +233,7 @@ DBResult TrackReader::keysOf(const Filter& filter, Query* q, bool* matchesNothin
     q->limit = filter.maxObjectTracksToSelect > 0 ? filter.maxObjectTracksToSelect : -1;
     q->ascending = filter.sortOrder == SortOrder::asc;
 
+    bool textScan = false;
     std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.last_us >= ?3";
     if (!filter.deviceIds.empty())
         where += " AND t.device = ?4";
@@ -222,9 +249,13 @@ DBResult TrackReader::keysOf(const Filter& filter, Query* q, bool* matchesNothin
         q->gridMask = BoundingBoxGrid::ofRect(*filter.boundingBox).toBytes();
         where += " AND grid_hits(t.grid, ?7)";
     }
-    q->fts = ftsQuery(filter.freeText);
-    if (!q->fts.empty())
+    if (textMode == TextMode::index) {
+        q->fts = ftsQuery(m_words);
         where += " AND t.id IN (SELECT rowid FROM track_text WHERE track_text MATCH ?8)";
+    } else if (textMode == TextMode::scan) {
+        // Last, so that it runs only on rows that passed every other test.
+        textScan = true;
+    }
     if (filter.withBestShotOnly)
         where += " AND t.best_us != 0";
     if (!q->types.empty()) {
@@ -233,6 +264,8 @@ DBResult TrackReader::keysOf(const Filter& filter, Query* q, bool* matchesNothin
             where += (i ? ", ?" : "?") + std::to_string(10 + i);
         where += ")";
     }
+    if (textScan)
+        where += " AND text_hits(t.attributes)";
     const char* order = q->ascending ? "ASC" : "DESC";
     q->sql = std::string("SELECT ") + kTrackColumns + " FROM " + kTrackTables + " WHERE " + where +
              " ORDER BY t.first_us " + order + ", t.id " + order + " LIMIT ?9";

@@ -9,6 +9,10 @@
 #include "filter.h"
 #include "object_track_ex.h"
 #include "result_code.h"
+#include "text_matcher.h"
+
+struct sqlite3_context;
+struct sqlite3_value;
 
 namespace kest::analytics::db {
 
@@ -39,17 +43,36 @@ public:
 
     const std::string& lastError() const { return m_db.lastError(); }
 
-    /** The words of `text` as an FTS5 query; empty when there is none. */
-    static std::string ftsQuery(const std::string& text);
+    /** Words of free text as an FTS5 query: each word a prefix, all of them needed. */
+    static std::string ftsQuery(const std::vector<std::string>& words);
+
+    /**
+     * Free text is first checked row by row while walking the time index, which finds common
+     * words quickly; after this many rows without a full answer the full-text index is used.
+     */
+    static constexpr std::int64_t kTextScanBudget = 4000;
 
 private:
     struct Query;
+    enum class TextMode
+    {
+        none,
+        scan,
+        index
+    };
+
+    sql::DBResult run(const Filter& filter, TextMode textMode, std::vector<ObjectTrackEx>* tracks);
     sql::DBResult select(const Query& query, std::int64_t device, std::vector<ObjectTrackEx>* out,
                          std::vector<std::int64_t>* rowIds);
-    sql::DBResult keysOf(const Filter& filter, Query* query, bool* matchesNothing);
+    sql::DBResult keysOf(const Filter& filter, TextMode textMode, Query* query,
+                         bool* matchesNothing);
+    static void textHits(sqlite3_context* context, int, sqlite3_value** args);
     sql::DBResult loadPositions(std::int64_t rowId, ObjectTrackEx* track);
 
     sql::Database m_db;
+    TextMatcher m_matcher;
+    std::vector<std::string> m_words;
+    bool m_textBudgetExceeded = false;
 };
 
 }  // namespace kest::analytics::db

@@ -29,9 +29,16 @@ DBResult TrackWriter::open(const std::string& file, const sql::ConnectionOptions
 
 DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
 {
-    std::unordered_map<ZuUuid, Pending> pending;
+    // Reads of tracks not in the cache happen inside the write transaction too: outside it,
+    // each would take and drop the WAL read lock on its own.
+    sql::Transaction transaction(m_db);
+    DBResult result = transaction.beginResult();
+    std::unordered_map<ZuUuid, Pending, UuidHash> pending;
+    pending.reserve(packets.size() * 2);
     for (const auto& packet : packets) {
         for (const auto& object : packet->objectMetadataList) {
+            if (result != DBResult::ok)
+                break;
             if (object.trackId.isNull())
                 continue;
             auto [it, inserted] = pending.try_emplace(object.trackId);
@@ -40,8 +47,9 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
                 if (auto c = m_cache.find(object.trackId); c != m_cache.end()) {
                     p.track = c->second.track;
                     p.rowId = c->second.rowId;
-                } else if (auto r = loadTrack(object.trackId, &p); r != DBResult::ok) {
-                    return r;
+                    m_lru.splice(m_lru.begin(), m_lru, c->second.lru);
+                } else {
+                    result = loadTrack(object.trackId, &p);
                 }
             }
             p.attributesChanged |= p.track.add(*packet, object);
@@ -51,38 +59,30 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
             }
         }
     }
-    if (pending.empty()) {
-        m_db.resetCached();
-        return DBResult::ok;
-    }
 
     std::int64_t maxSpan = m_maxSpanUs;
+    for (auto it = pending.begin(); result == DBResult::ok && it != pending.end(); ++it) {
+        result = storeTrack(it->second);
+        maxSpan = std::max(maxSpan, it->second.track.lastUs - it->second.track.firstUs);
+    }
+    if (result == DBResult::ok && maxSpan > m_maxSpanUs) {
+        if (auto* s =
+                m_db.cached("INSERT OR REPLACE INTO meta(key, value) VALUES('maxSpanUs', ?)")) {
+            s->bind(1, maxSpan);
+            result = s->exec();
+        } else {
+            result = m_db.lastResult();
+        }
+    }
     m_db.resetCached();
-    {
-        sql::Transaction transaction(m_db);
-        DBResult result = transaction.beginResult();
-        for (auto it = pending.begin(); result == DBResult::ok && it != pending.end(); ++it) {
-            result = storeTrack(it->second);
-            maxSpan = std::max(maxSpan, it->second.track.lastUs - it->second.track.firstUs);
-        }
-        if (result == DBResult::ok && maxSpan > m_maxSpanUs) {
-            if (auto* s =
-                    m_db.cached("INSERT OR REPLACE INTO meta(key, value) VALUES('maxSpanUs', ?)")) {
-                s->bind(1, maxSpan);
-                result = s->exec();
-            } else {
-                result = m_db.lastResult();
-            }
-        }
-        m_db.resetCached();
-        if (result == DBResult::ok)
-            result = transaction.commit();
-        if (result != DBResult::ok) {
-            // Dictionary rows of this batch are rolled back too; the cache never saw the batch.
-            m_devices.clear();
-            m_types.clear();
-            return result;
-        }
+    if (result == DBResult::ok)
+        result = transaction.commit();
+    if (result != DBResult::ok) {
+        transaction.rollback();
+        // Dictionary rows of this batch are rolled back too; the cache never saw the batch.
+        m_devices.clear();
+        m_types.clear();
+        return result;
     }
     m_maxSpanUs = maxSpan;
     for (auto& [id, p] : pending)
@@ -92,8 +92,9 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
 
 DBResult TrackWriter::loadTrack(const ZuUuid& id, Pending* pending)
 {
-    auto* s = m_db.cached(std::string("SELECT ") + kTrackColumns + " FROM " + kTrackTables +
-                          " WHERE t.guid = ?");
+    static const std::string kSql =
+        std::string("SELECT ") + kTrackColumns + " FROM " + kTrackTables + " WHERE t.guid = ?";
+    auto* s = m_db.cached(kSql);
     if (!s)
         return m_db.lastResult();
     s->bindBlob(1, encodeUuid(id));

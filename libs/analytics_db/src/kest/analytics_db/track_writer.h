@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <list>
 #include <memory>
 #include <string>
@@ -16,6 +17,20 @@
 namespace kest::analytics::db {
 
 using PacketPtr = std::shared_ptr<const common::metadata::ObjectMetadataPacket>;
+
+/** A cheap hash for the writer's maps: ids are random already, so mixing two words is enough. */
+struct UuidHash
+{
+    std::size_t operator()(const ZuUuid& id) const noexcept
+    {
+        const QUuid& u = id.toQUuid();
+        std::uint64_t tail = 0;
+        std::memcpy(&tail, u.data4, sizeof(tail));
+        const std::uint64_t head =
+            (std::uint64_t(u.data1) << 32) ^ (std::uint64_t(u.data2) << 16) ^ u.data3;
+        return static_cast<std::size_t>((head ^ tail) * 0x9e3779b97f4a7c15ull);
+    }
+};
 
 /**
  * The writing side of the events database, used by one thread: merges a batch of packets into
@@ -66,9 +81,9 @@ private:
 
     sql::Database m_db;
     std::size_t m_cacheCapacity;
-    std::unordered_map<ZuUuid, Cached> m_cache;
+    std::unordered_map<ZuUuid, Cached, UuidHash> m_cache;
     std::list<ZuUuid> m_lru;
-    std::unordered_map<ZuUuid, std::int64_t> m_devices;
+    std::unordered_map<ZuUuid, std::int64_t, UuidHash> m_devices;
     std::unordered_map<std::string, std::int64_t> m_types;
     std::atomic<std::int64_t> m_maxSpanUs{0};
 };
