@@ -307,6 +307,54 @@ TEST_F(EventsStorageTest, EachFilterFieldSelects)
     }
 }
 
+TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
+{
+    // More tracks than a search checks one by one before it turns to the full-text index.
+    const int kTracks = static_cast<int>(TrackReader::kTextScanBudget) + 1000;
+    auto storage = open();
+    for (int i = 0; i < kTracks; ++i) {
+        std::vector<Attribute> attributes = {{"color", i % 2 ? "grey" : "green"}};
+        if (i == 10 || i == 20 || i == 30)
+            attributes.push_back({"note", "Rarität"});
+        auto p =
+            std::make_shared<ObjectMetadataPacket>(*packet(kDeviceA, 1'000'000 + i * 1000, {}));
+        p->objectMetadataList.push_back({ZuUuid::createUuid(),
+                                         "car",
+                                         ObjectMetadataType::regular,
+                                         {0.1, 0.1, 0.1, 0.1},
+                                         attributes,
+                                         kEngine});
+        storage->save(p);
+    }
+    storage->flush();
+
+    const auto times = [&](Filter filter) {
+        std::vector<std::int64_t> out;
+        for (const auto& t : find(*storage, filter))
+            out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
+        return out;
+    };
+    Filter filter;
+    filter.maxObjectTracksToSelect = 3;
+    filter.freeText = "gre";  //< Every track, found near the top of the time index.
+    EXPECT_EQ(times(filter), (std::vector<std::int64_t>{kTracks - 1, kTracks - 2, kTracks - 3}));
+    filter.freeText = "GREEN";
+    EXPECT_EQ(times(filter), (std::vector<std::int64_t>{kTracks - 2, kTracks - 4, kTracks - 6}));
+    // Rare words are far down the index: the full-text index answers, with the same rules.
+    filter.freeText = "raritat green";
+    EXPECT_EQ(times(filter), (std::vector<std::int64_t>{30, 20, 10}));
+    filter.freeText = "rarit grey";
+    EXPECT_EQ(times(filter), std::vector<std::int64_t>{});
+    filter.sortOrder = SortOrder::asc;
+    filter.maxObjectTracksToSelect = 2;
+    filter.freeText = "note";
+    EXPECT_EQ(times(filter), (std::vector<std::int64_t>{10, 20}));
+    // No limit: every match, whichever way it is found.
+    filter.maxObjectTracksToSelect = 0;
+    filter.freeText = "grey";
+    EXPECT_EQ(times(filter).size(), static_cast<std::size_t>(kTracks / 2));
+}
+
 TEST_F(EventsStorageTest, SortAndLimit)
 {
     auto storage = open();
