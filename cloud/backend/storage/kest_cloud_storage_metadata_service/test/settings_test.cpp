@@ -1,0 +1,55 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include <kest/cloud/storage/settings.h>
+
+namespace kest::cloud::storage::metadatadb::conf {
+namespace {
+
+void load(Settings& settings, std::vector<const char*> args)
+{
+    args.insert(args.begin(), "metadata_storage");
+    settings.load(static_cast<int>(args.size()), args.data());
+}
+
+TEST(SettingsTest, DataDirRules)
+{
+    Settings settings;
+    load(settings, {});
+    EXPECT_EQ(settings.dataDir(), "/opt/kest/metadata_storage/var");
+    EXPECT_EQ(settings.analyticsDb().path, "/opt/kest/metadata_storage/var/analytics_db");
+
+    load(settings, {"--dataDir="});
+    EXPECT_EQ(settings.dataDir(), "/opt/kest/metadata_storage/var");
+
+    load(settings, {"--varDir=/v"});
+    EXPECT_EQ(settings.dataDir(), "/v");
+
+    load(settings, {"--varDir=/v", "--dataDir=/d", "--analyticsDb/path=/elsewhere"});
+    EXPECT_EQ(settings.dataDir(), "/d");
+    EXPECT_EQ(settings.analyticsDb().path, "/elsewhere");
+}
+
+TEST(SettingsTest, LoadsEveryGroup)
+{
+    Settings settings;
+    load(settings, {"--log/level=verbose", "--http/listenOn=127.0.0.1:0",
+                    "--MongoDb/instances=h:27017", "--MongoDb/maxPoolSize=7"});
+    ASSERT_EQ(settings.logging().loggers.size(), 1u);
+    EXPECT_EQ(settings.logging().loggers[0].level, kest::utils::log::Level::verbose);
+    ASSERT_EQ(settings.httpServer().endpoints.size(), 1u);
+    EXPECT_EQ(settings.httpServer().endpoints[0].port, 0);
+    EXPECT_EQ(settings.ddsConnection().instances.size(), 1u);
+    EXPECT_EQ(settings.ddsConnection().maxPoolSize, 7u);
+}
+
+TEST(SettingsTest, BadInstancesStopLoading)
+{
+    Settings settings;
+    EXPECT_THROW(load(settings, {"--MongoDb/instances=justahost"}), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace kest::cloud::storage::metadatadb::conf
