@@ -29,7 +29,7 @@ CREATE TABLE track(
     attributes BLOB NOT NULL);
 CREATE INDEX track_device_first ON track(device, first_us);
 CREATE INDEX track_first ON track(first_us);
-CREATE INDEX track_best_shot_first ON track(first_us) WHERE best_us != 0;
+CREATE INDEX track_best_shot_first ON track(first_us) WHERE best_kind != 0;
 CREATE TABLE track_position(track INTEGER NOT NULL, data BLOB NOT NULL);
 CREATE INDEX track_position_track ON track_position(track);
 CREATE VIRTUAL TABLE track_text USING fts5(

@@ -257,7 +257,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         textScan = true;
     }
     if (filter.withBestShotOnly)
-        where += " AND t.best_us != 0";
+        where += " AND t.best_kind != 0";
     if (!q->types.empty()) {
         where += " AND t.type IN (";
         for (std::size_t i = 0; i < q->types.size(); ++i)

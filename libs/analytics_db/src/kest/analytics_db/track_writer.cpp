@@ -47,6 +47,7 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
                 if (auto c = m_cache.find(object.trackId); c != m_cache.end()) {
                     p.track = c->second.track;
                     p.rowId = c->second.rowId;
+                    p.stored = p.track;
                     m_lru.splice(m_lru.begin(), m_lru, c->second.lru);
                 } else {
                     result = loadTrack(object.trackId, &p);
@@ -98,8 +99,10 @@ DBResult TrackWriter::loadTrack(const ZuUuid& id, Pending* pending)
     if (!s)
         return m_db.lastResult();
     s->bindBlob(1, encodeUuid(id));
-    if (s->step())
+    if (s->step()) {
         pending->track = readTrackRow(*s, &pending->rowId);
+        pending->stored = pending->track;
+    }
     return s->result();
 }
 
@@ -113,16 +116,24 @@ DBResult TrackWriter::storeTrack(Pending& p)
     if (auto r = typeKey(t.typeId, &type); r != DBResult::ok)
         return r;
 
+    // Most updates only move the last appearance: the indexed columns (device, first_us,
+    // best_kind) are then left out, so that SQLite does not rewrite their index entries.
     const bool isNew = p.rowId == 0;
-    auto* s = m_db.cached(
-        isNew ? "INSERT INTO track(device, type, engine, origin_us, first_us, last_us, grid, "
-                "best_us, "
-                "best_kind, best_x, best_y, best_w, best_h, best_stream, attributes, guid) "
-                "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
-              : "UPDATE track SET device = ?, type = ?, engine = ?, origin_us = ?, first_us = ?, "
-                "last_us = ?, grid = ?, best_us = ?, best_kind = ?, best_x = ?, best_y = ?, best_w "
-                "= ?, "
-                "best_h = ?, best_stream = ?, attributes = ? WHERE id = ?");
+    const bool indexedChanged = isNew || p.stored.firstUs != t.firstUs ||
+                                p.stored.deviceId != t.deviceId ||
+                                p.stored.bestShotKind != t.bestShotKind;
+    auto* s = m_db.cached(isNew
+            ? "INSERT INTO track(device, type, engine, origin_us, first_us, last_us, grid, "
+              "best_us, best_kind, best_x, best_y, best_w, best_h, best_stream, attributes, guid) "
+              "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16)"
+        : indexedChanged
+            ? "UPDATE track SET device = ?1, type = ?2, engine = ?3, origin_us = ?4, "
+              "first_us = ?5, last_us = ?6, grid = ?7, best_us = ?8, best_kind = ?9, "
+              "best_x = ?10, best_y = ?11, best_w = ?12, best_h = ?13, best_stream = ?14, "
+              "attributes = ?15 WHERE id = ?16"
+            : "UPDATE track SET type = ?2, engine = ?3, origin_us = ?4, last_us = ?6, "
+              "grid = ?7, best_us = ?8, best_x = ?10, best_y = ?11, best_w = ?12, best_h = ?13, "
+              "best_stream = ?14, attributes = ?15 WHERE id = ?16");
     if (!s)
         return m_db.lastResult();
     s->bind(1, device);

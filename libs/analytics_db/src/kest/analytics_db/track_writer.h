@@ -62,6 +62,20 @@ private:
         TrackAggregate track;
         std::int64_t rowId = 0;
         bool attributesChanged = false;
+        /** The indexed values as stored before this batch. */
+        struct
+        {
+            std::int64_t firstUs = 0;
+            ZuUuid deviceId;
+            int bestShotKind = 0;
+
+            void operator=(const TrackAggregate& t)
+            {
+                firstUs = t.firstUs;
+                deviceId = t.deviceId;
+                bestShotKind = t.bestShotKind;
+            }
+        } stored;
         /** Positions of this batch, in the chunk form of record_codec.h. */
         std::string positions;
     };
