@@ -155,7 +155,10 @@ void EventsStorage::writerLoop()
                     steady_clock::now() >= m_oldestQueued + m_settings.maxCommitDelay);
         };
         if (m_queue.empty()) {
-            m_writerWake.wait_for(lock, seconds(1), batchDue);
+            // Idle: wake for retention, at once while old tracks are still waiting.
+            const bool retentionDue =
+                m_settings.maxAgeDays > 0 && steady_clock::now() >= m_nextRetention;
+            m_writerWake.wait_for(lock, retentionDue ? 0s : 1s, batchDue);
         } else {
             m_writerWake.wait_until(lock, m_oldestQueued + m_settings.maxCommitDelay, batchDue);
         }

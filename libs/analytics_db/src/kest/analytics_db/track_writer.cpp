@@ -122,7 +122,8 @@ DBResult TrackWriter::storeTrack(Pending& p)
     const bool indexedChanged = isNew || p.stored.firstUs != t.firstUs ||
                                 p.stored.deviceId != t.deviceId ||
                                 p.stored.bestShotKind != t.bestShotKind;
-    auto* s = m_db.cached(isNew
+    auto* s = m_db.cached(
+        isNew
             ? "INSERT INTO track(device, type, engine, origin_us, first_us, last_us, grid, "
               "best_us, best_kind, best_x, best_y, best_w, best_h, best_stream, attributes, guid) "
               "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16)"
