@@ -2,10 +2,14 @@
 
 #include <cmath>
 #include <future>
+#include <mutex>
 
 #include <kest/cloud/storage/model/data_distrib_storage_factory.h>
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
+#include <kest/utils/log/logger.h>
 #include <kest/utils/to_text.h>
+
+#include "mongo_test_fixture.h"
 
 namespace kest::cloud::storage::metadatadb {
 namespace {
@@ -76,6 +80,113 @@ TEST(MongoDataDistributionStorageTest, FieldNamesAreTheStoredOnes)
 {
     EXPECT_EQ(MongoDataDistributionStorage::kTimeTill, "TimesTill");
     EXPECT_EQ(MongoDataDistributionStorage::kMappingCollection, "DeviceIdsToInstancesMapping");
+}
+
+}  // namespace
+}  // namespace kest::cloud::storage::metadatadb
+
+namespace kest::cloud::storage::metadatadb {
+namespace {
+
+using Storage = MongoDataDistributionStorage;
+
+/** Collects the log lines of one test. */
+class LogCapture
+{
+public:
+    LogCapture()
+    {
+        m_id = kest::utils::log::Logger::instance().addObserver(
+            [this](kest::utils::log::Level, const std::string&, const std::string& message) {
+                std::lock_guard lock(m_mutex);
+                m_lines.push_back(message);
+            });
+    }
+    ~LogCapture() { kest::utils::log::Logger::instance().removeObserver(m_id); }
+
+    bool contains(const std::string& text) const
+    {
+        std::lock_guard lock(m_mutex);
+        for (const auto& line : m_lines) {
+            if (line.find(text) != std::string::npos)
+                return true;
+        }
+        return false;
+    }
+
+private:
+    int m_id = 0;
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+TEST(MongoSaveDataAddressTest, RequestPushesOneSpanPerItemWithUpsert)
+{
+    Storage storage("mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100");
+    const auto requests = storage.buildSaveRequest(
+        {{"dev1", ZuTimePeriod(1000, 500)}, {"dev1", ZuTimePeriod(3000, 10)}}, "node-a");
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_TRUE(requests[1].upsert);
+    EXPECT_EQ(requests[1].filter.view().getString("DeviceId"), "dev1");
+    const auto span = requests[1].update.view().getDocument("$push").getDocument("StorageInfo");
+    EXPECT_EQ(span.getDateTimeMs("TimeFrom"), 3000);
+    EXPECT_EQ(span.getDateTimeMs("TimesTill"), 3010);
+    EXPECT_EQ(span.getString("Node"), "node-a");
+}
+
+TEST(MongoSaveDataAddressTest, FailureHandsBackTheWholeBatch)
+{
+    LogCapture log;
+    const std::vector<DataInfo> data{{"dev-x", ZuTimePeriod(1, 2)}, {"dev-y", ZuTimePeriod(3, 4)}};
+    {
+        Storage storage("mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=200&connectTimeoutMS=200");
+        std::promise<std::vector<DataInfo>> failed;
+        storage.saveDataAddress(data, "node",
+                                [&](std::vector<DataInfo> items) { failed.set_value(items); });
+        auto future = failed.get_future();
+        ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        EXPECT_EQ(future.get(), data);
+
+        // An empty batch is refused by the driver and lands in the same path.
+        std::vector<DataInfo> empty{{"marker", {}}};
+        storage.saveDataAddressSync({}, "node",
+                                    [&](std::vector<DataInfo> items) { empty = items; });
+        EXPECT_TRUE(empty.empty());
+    }
+    EXPECT_TRUE(log.contains("exception while saving data( { deviceId: dev-x, time period: "));
+    EXPECT_TRUE(log.contains(") to MongoDb, "));
+}
+
+class MongoSaveDataAddressLiveTest : public MongoTest
+{};
+
+TEST_F(MongoSaveDataAddressLiveTest, SavedSpansReadBack)
+{
+    Storage storage(m_uri);
+    const std::string first = uniqueName("dev");
+    const std::string second = uniqueName("dev");
+    const std::string node = uniqueName("node");
+    bool handlerCalled = false;
+    LogCapture log;
+    storage.saveDataAddressSync(
+        {{first, ZuTimePeriod(10'000, 5'000)}, {second, ZuTimePeriod(20'000, 1)}}, node,
+        [&](std::vector<DataInfo>) { handlerCalled = true; });
+    EXPECT_FALSE(handlerCalled);
+    EXPECT_FALSE(log.contains("saving data"));
+
+    const auto client = storage.getClient();
+    const auto collection = client.collection("metadataStorage", "dataDistribution");
+    mongo::Document filter;
+    filter.appendString("DeviceId", first);
+    auto cursor = collection.find(filter);
+    const auto doc = cursor.next();
+    ASSERT_TRUE(doc);
+    const auto spans = doc->getDocumentArray("StorageInfo");
+    ASSERT_EQ(spans.size(), 1u);
+    EXPECT_EQ(spans[0].getDateTimeMs("TimeFrom"), 10'000);
+    EXPECT_EQ(spans[0].getDateTimeMs("TimesTill"), 15'000);
+    EXPECT_EQ(spans[0].getString("Node"), node);
+    EXPECT_FALSE(cursor.next());
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 #include "mongo_data_distribution_storage.h"
 
 #include <QRunnable>
+#include <functional>
 #include <stdexcept>
 
 #include <kest/cloud/storage/mongo_connection_settings.h>
+#include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
 #include "mongo/error.h"
@@ -112,10 +114,77 @@ void MongoDataDistributionStorage::getStorageInfo(
 }
 
 void MongoDataDistributionStorage::saveDataAddress(
-    const std::vector<DataInfo>& data, const std::string& /*host*/,
+    const std::vector<DataInfo>& data, const std::string& host,
     MoveOnlyFunc<void(std::vector<DataInfo>)> handler)
 {
-    startTask([data, handler = std::move(handler)]() mutable { handler(std::move(data)); });
+    startTask(buildSaveTask(data, host, std::move(handler)));
+}
+
+void MongoDataDistributionStorage::saveDataAddressSync(
+    const std::vector<DataInfo>& data, const std::string& host,
+    MoveOnlyFunc<void(std::vector<DataInfo>)> handler) const
+{
+    auto task = buildSaveTask(data, host, std::move(handler));
+    if (!KEST_ASSERT(static_cast<bool>(task), "save task is empty"))
+        throw std::bad_function_call();
+    task();
+}
+
+std::vector<mongo::UpdateOne> MongoDataDistributionStorage::buildSaveRequest(
+    const std::vector<DataInfo>& data, const std::string& host) const
+{
+    std::vector<mongo::UpdateOne> requests;
+    requests.reserve(data.size());
+    for (const DataInfo& item : data) {
+        mongo::UpdateOne request;
+        request.upsert = true;
+        request.filter.appendString(kDeviceId, item.deviceId);
+        mongo::Document span;
+        span.appendDateTime(kTimeFrom, item.timePeriod.startTimeMs)
+            .appendDateTime(kTimeTill, item.timePeriod.endTimeMs())
+            .appendString(kNode, host);
+        mongo::Document push;
+        push.appendDocument(kStorageInfo, span);
+        request.update.appendDocument("$push", push);
+        requests.push_back(std::move(request));
+    }
+    return requests;
+}
+
+kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildSaveTask(
+    const std::vector<DataInfo>& data, const std::string& host,
+    MoveOnlyFunc<void(std::vector<DataInfo>)> handler) const
+{
+    return [this, requests = buildSaveRequest(data, host), data,
+            handler = std::move(handler)]() mutable {
+        bool failed = false;
+        try {
+            const mongo::PooledClient client = getClient();
+            const mongo::Collection collection =
+                client.collection(m_dbName, kDataDistributionCollection);
+            mongo::BulkWrite bulk = collection.createBulkWrite();
+            for (const auto& request : requests)
+                bulk.append(request);
+            if (const auto result = bulk.execute()) {
+                if (result->modified + result->upserted != static_cast<std::int64_t>(data.size())) {
+                    KEST_WARNING(
+                        this,
+                        "possible problems while saving data( %1 ) to MongoDB, inserted(%2) + "
+                        "upserted(%3) != num of items to save(%4)",
+                        data, result->modified, result->upserted, data.size());
+                }
+            } else {
+                KEST_ERROR(this, "saving data( %1 ) to MongoDB failed", data);
+                failed = true;
+            }
+        } catch (const std::exception& e) {
+            KEST_ERROR(this, "exception while saving data( %1 ) to MongoDb, %2", data, e.what());
+            failed = true;
+        }
+        // Outside the try block: a throwing handler must not be called a second time.
+        if (failed)
+            handler(data);
+    };
 }
 
 void MongoDataDistributionStorage::getInstancesLoad(

@@ -9,6 +9,7 @@
 #include "mongo/client_pool.h"
 #include "mongo/driver_instance.h"
 #include "mongo/pooled_client.h"
+#include "mongo/update_one.h"
 
 namespace kest::cloud::storage::metadatadb {
 
@@ -61,6 +62,17 @@ public:
     void getDeviceInstancesMapping(std::chrono::system_clock::time_point since,
                                    MoveOnlyFunc<void(bool, DeviceMapping)> handler) override;
     void saveInstanceLoadSync(const InstanseLoad& load) override;
+
+    /** Runs the save on the calling thread; the handler hears only of failure. */
+    void saveDataAddressSync(const std::vector<DataInfo>& data, const std::string& host,
+                             MoveOnlyFunc<void(std::vector<DataInfo>)> handler) const;
+
+    /** One upserting "$push" of a span to its device's document per item, in order. */
+    std::vector<mongo::UpdateOne> buildSaveRequest(const std::vector<DataInfo>& data,
+                                                   const std::string& host) const;
+    /** All spans of the call in one ordered bulk write. */
+    MoveOnlyFunc<void()> buildSaveTask(const std::vector<DataInfo>& data, const std::string& host,
+                                       MoveOnlyFunc<void(std::vector<DataInfo>)> handler) const;
 
     /** Blocks while the pool's maxPoolSize clients are in use. */
     mongo::PooledClient getClient() const;

@@ -5,6 +5,7 @@
 #include <mongoc/mongoc.h>
 
 #include "document.h"
+#include "update_one.h"
 #include "write_result.h"
 
 namespace kest::cloud::storage::metadatadb::mongo {
@@ -22,6 +23,10 @@ public:
 
     /** Throws mongo::Error when the driver refuses the operation (an update without "$"). */
     void updateOne(const Document& filter, const Document& update, bool upsert);
+    void append(const UpdateOne& operation)
+    {
+        updateOne(operation.filter, operation.update, operation.upsert);
+    }
 
     /**
      * Sends the queued operations; can be called once. No result for an unacknowledged write.

@@ -72,6 +72,15 @@ std::chrono::system_clock::time_point DocumentView::getTimePoint(std::string_vie
             std::chrono::milliseconds(getDateTimeMs(key))));
 }
 
+DocumentView DocumentView::getDocument(std::string_view key) const
+{
+    bson_iter_t iter = findTyped(m_data, m_length, key, BSON_TYPE_DOCUMENT);
+    std::uint32_t length = 0;
+    const std::uint8_t* data = nullptr;
+    bson_iter_document(&iter, &length, &data);
+    return DocumentView(data, length);
+}
+
 std::vector<DocumentView> DocumentView::getDocumentArray(std::string_view key) const
 {
     bson_iter_t iter = findTyped(m_data, m_length, key, BSON_TYPE_ARRAY);

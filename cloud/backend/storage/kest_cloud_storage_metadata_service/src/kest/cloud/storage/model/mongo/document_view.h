@@ -26,6 +26,7 @@ public:
     /** Milliseconds since the Unix epoch. */
     std::int64_t getDateTimeMs(std::string_view key) const;
     std::chrono::system_clock::time_point getTimePoint(std::string_view key) const;
+    DocumentView getDocument(std::string_view key) const;
     /** Every element must be a document. */
     std::vector<DocumentView> getDocumentArray(std::string_view key) const;
     /** Any numeric type, as servers differ in how they send counts. */
