@@ -1,6 +1,7 @@
 #include "track_aggregate.h"
 
 #include <algorithm>
+#include <limits>
 #include <tuple>
 
 namespace kest::analytics::db {
@@ -29,7 +30,9 @@ bool TrackAggregate::add(const ObjectMetadataPacket& packet, const ObjectMetadat
     if (id.isNull())
         id = object.trackId;
     const std::int64_t start = packet.timestampUs;
-    const std::int64_t end = start + std::max<std::int64_t>(packet.durationUs, 0);
+    std::int64_t end = 0;
+    if (__builtin_add_overflow(start, std::max<std::int64_t>(packet.durationUs, 0), &end))
+        end = std::numeric_limits<std::int64_t>::max();
     firstUs = std::min(firstUs, start);
     lastUs = std::max(lastUs, end);
     takeOrigin(start, packet.deviceId, object.typeId, object.analyticsEngineId);

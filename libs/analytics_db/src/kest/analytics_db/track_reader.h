@@ -22,7 +22,7 @@ namespace kest::analytics::db {
  * How a `Filter` is applied:
  * - time: a track covers [first, last] appearance, both ends included; the filter period
  *   [start, start + duration) includes its start and excludes its end; they match when they
- *   share an instant. An infinite duration has no end.
+ *   share an instant. An infinite duration has no end; any other negative one selects nothing.
  * - boundingBox: matches when a cell of the track's grid (see BoundingBoxGrid) is also a cell
  *   of the box, so the test is as coarse as the grid.
  * - freeText: split into words at every character that is not a letter or digit; each word
@@ -33,6 +33,10 @@ namespace kest::analytics::db {
  * - maxObjectTracksToSelect: 0 or negative means no limit.
  * - devices, types, engine, track id, withBestShotOnly: exact matches; empty sets and null ids
  *   select everything.
+ * Indexes: the track id is a key; each device is an index range on (device, first appearance),
+ * merged; otherwise the first-appearance index, bounded below by the longest track stored.
+ * Types, engine, box and common words are tested on the rows of that range until the limit is
+ * reached; rare words go through FTS5.
  */
 class TrackReader
 {
