@@ -392,10 +392,15 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds)
 
         LatencyStats stats;
         std::size_t hits = 0, positions = 0, failures = 0, misses = 0;
+        // The words behind the slowest text searches say which kind of word the index misjudges.
+        std::vector<std::pair<double, std::string>> slowestWords;
         for (const auto& filter : kind.filters) {
             const auto start = steady_clock::now();
             const LookupResult result = lookup(storage, filter);
-            stats.add(steady_clock::now() - start);
+            const nanoseconds elapsed = steady_clock::now() - start;
+            stats.add(elapsed);
+            if (!filter.freeText.empty())
+                slowestWords.emplace_back(toMs(elapsed), filter.freeText);
             if (result.code != ResultCode::ok)
                 ++failures;
             if (result.tracks == 0)
@@ -408,6 +413,15 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds)
                     toMs(stats.percentile(50)), p99, toMs(stats.percentile(100)), kind.goalMs,
                     static_cast<double>(hits) / kind.filters.size(),
                     p99 <= kind.goalMs ? "met" : "MISSED");
+        if (!slowestWords.empty()) {
+            const auto count = std::min<std::size_t>(5, slowestWords.size());
+            std::partial_sort(slowestWords.begin(), slowestWords.begin() + count,
+                              slowestWords.end(), std::greater<>());
+            std::printf("%-36s slowest:", "");
+            for (std::size_t i = 0; i < count; ++i)
+                std::printf(" \"%s\" %.1f ms%s", slowestWords[i].second.c_str(),
+                            slowestWords[i].first, i + 1 < count ? "," : "\n");
+        }
         if (positions > 0) {
             std::printf("%-36s %.1f positions per query\n", "",
                         static_cast<double>(positions) / kind.filters.size());
