@@ -203,6 +203,77 @@ TEST_F(EventsStorageTest, ArrivalOrderAndRestartsDoNotChangeTheTrack)
     EXPECT_EQ(reversed[1], inOrder[1]);
 }
 
+/** Position chunks as schema version 1 stored them: every field of every position. */
+std::string positionsVersion1(const std::vector<ObjectPosition>& positions)
+{
+    std::string out;
+    const auto put = [&](auto value) {
+        out.append(reinterpret_cast<const char*>(&value), sizeof(value));
+    };
+    for (const auto& p : positions) {
+        out += p.deviceId.toQUuid().toRfc4122().toStdString();
+        put(p.timestampUs);
+        put(p.durationUs);
+        put(p.boundingBox.x);
+        put(p.boundingBox.y);
+        put(p.boundingBox.width);
+        put(p.boundingBox.height);
+        put(static_cast<std::uint32_t>(p.attributes.size()));
+        for (const auto& a : p.attributes) {
+            put(static_cast<std::uint32_t>(a.name.size()));
+            out += a.name;
+            put(static_cast<std::uint32_t>(a.value.size()));
+            out += a.value;
+        }
+    }
+    return out;
+}
+
+TEST_F(EventsStorageTest, Version1PositionsAreRewrittenOnOpen)
+{
+    Filter filter;
+    filter.needFullTrack = true;
+    std::vector<ObjectTrackEx> before;
+    {
+        auto storage = open();
+        for (int i = 0; i < 3; ++i) {
+            storage->save(
+                packet(kDeviceA, 1'000'000 + i * 1000,
+                       {{1, "car", {0.1 * i, 0.1, 0.1, 0.1}, {{"k", std::to_string(i % 2)}}}}));
+            storage->flush();  //< A chunk per batch.
+        }
+        before = find(*storage, filter);
+    }
+    ASSERT_EQ(before.size(), 1u);
+    ASSERT_EQ(before[0].objectPositionSequence.size(), 3u);
+    {
+        sql::Database db;
+        ASSERT_EQ(db.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        auto* update = db.cached("UPDATE track_position SET data = ?");
+        update->bindBlob(1, positionsVersion1({before[0].objectPositionSequence[1]}));
+        ASSERT_EQ(update->exec(), sql::DBResult::ok);
+        ASSERT_EQ(db.exec("PRAGMA user_version = 1"), sql::DBResult::ok);
+    }
+    auto storage = open();
+    auto after = find(*storage, filter);
+    ASSERT_EQ(after.size(), 1u);
+    std::vector<ObjectPosition> expected(3, before[0].objectPositionSequence[1]);
+    EXPECT_EQ(after[0].objectPositionSequence, expected);
+    storage.reset();
+
+    // A database from a newer version is left alone.
+    {
+        sql::Database db;
+        ASSERT_EQ(db.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        ASSERT_EQ(db.exec("PRAGMA user_version = 99"), sql::DBResult::ok);
+    }
+    EventsStorage newer;
+    EXPECT_FALSE(newer.initialize(m_settings));
+    EXPECT_FALSE(newer.isReady());
+}
+
 TEST_F(EventsStorageTest, EachFilterFieldSelects)
 {
     auto storage = open();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numeric>
 
 #include <kest/analytics_db/bounding_box_grid.h>
@@ -140,9 +141,19 @@ TEST(BoundingBoxGrid, CellsOfBoxes)
 
 TEST(RecordCodec, PositionsRoundTripAndTruncationKeepsWholeEntries)
 {
+    const ZuUuid a = ZuUuid::createUuid();
+    const ZuUuid b = ZuUuid::createUuid();
+    const std::vector<Attribute> red = {{"color", "red"}, {"", ""}};
+    const std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+    const std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+    // Devices and attributes repeat, change and change back; times jump both ways, to extremes.
     std::vector<ObjectPosition> positions = {
-        {ZuUuid::createUuid(), 10, 5, {0.1, 0.2, 0.3, 0.4}, {{"n", "v"}, {"", ""}}},
-        {ZuUuid::createUuid(), -7, 0, {}, {}},
+        {a, 1'700'000'000'000'000, 500, {0.1, 0.2, 0.3, 0.4}, red},
+        {a, 1'700'000'000'100'000, 500, {0.11, 0.2, 0.3, 0.4}, red},
+        {b, 1'699'999'999'000'000, 0, {}, red},
+        {b, kMax, -1, {1, 1, 0, 0}, {}},
+        {a, kMin, kMin, {}, red},
+        {a, 0, kMax, {}, red},
     };
     const std::string bytes = encodePositions(positions);
     std::vector<ObjectPosition> decoded;
@@ -151,7 +162,14 @@ TEST(RecordCodec, PositionsRoundTripAndTruncationKeepsWholeEntries)
 
     decoded.clear();
     decodePositions(std::string_view(bytes).substr(0, bytes.size() - 1), &decoded);
-    EXPECT_EQ(decoded, std::vector<ObjectPosition>{positions[0]});
+    EXPECT_EQ(decoded, std::vector<ObjectPosition>(positions.begin(), positions.end() - 1));
+
+    // A track's usual chunk: same device and attributes, close times.
+    std::vector<ObjectPosition> steady;
+    for (int i = 0; i < 100; ++i)
+        steady.push_back(
+            {a, 1'700'000'000'000'000 + i * 400'000, 400'000, {0.5, 0.5, 0.1, 0.1}, red});
+    EXPECT_LT(encodePositions(steady).size(), 100u * 40);
 
     const ZuUuid id = ZuUuid::createUuid();
     EXPECT_EQ(decodeUuid(encodeUuid(id)), id);

@@ -21,6 +21,16 @@ public:
         std::memcpy(bytes, &value, sizeof(T));
         m_out.append(bytes, sizeof(T));
     }
+    void putVarint(std::int64_t signedValue)
+    {
+        auto value = (static_cast<std::uint64_t>(signedValue) << 1) ^
+                     static_cast<std::uint64_t>(signedValue >> 63);
+        while (value >= 0x80) {
+            m_out += static_cast<char>((value & 0x7f) | 0x80);
+            value >>= 7;
+        }
+        m_out += static_cast<char>(value);
+    }
     void putString(std::string_view text)
     {
         put(static_cast<std::uint32_t>(text.size()));
@@ -77,6 +87,23 @@ public:
         return true;
     }
     bool atEnd() const { return m_in.empty(); }
+    bool getVarint(std::int64_t* out)
+    {
+        std::uint64_t value = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            if (m_in.empty())
+                return false;
+            const auto byte = static_cast<std::uint8_t>(m_in.front());
+            m_in.remove_prefix(1);
+            value |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+            if (!(byte & 0x80)) {
+                *out =
+                    static_cast<std::int64_t>(value >> 1) ^ -static_cast<std::int64_t>(value & 1);
+                return true;
+            }
+        }
+        return false;
+    }
     bool getUuid(ZuUuid* id)
     {
         if (m_in.size() < 16)
@@ -134,30 +161,83 @@ std::vector<Attribute> decodeAttributes(std::string_view bytes)
     return out;
 }
 
-void appendPosition(std::string* chunk, const ZuUuid& deviceId, std::int64_t timestampUs,
-                    std::int64_t durationUs, const common::metadata::Rect& box,
-                    const std::vector<Attribute>& attributes)
+namespace {
+constexpr std::uint8_t kDeviceFollows = 1;
+constexpr std::uint8_t kAttributesFollow = 2;
+}  // namespace
+
+void PositionChunk::append(const ZuUuid& deviceId, std::int64_t timestampUs,
+                           std::int64_t durationUs, const common::metadata::Rect& box,
+                           const std::vector<Attribute>& attributes)
 {
-    Writer w(chunk);
-    w.putUuid(deviceId);
-    w.put(timestampUs);
-    w.put(durationUs);
+    std::uint8_t flags = 0;
+    if (!m_started || deviceId != m_deviceId)
+        flags |= kDeviceFollows;
+    if (!m_started || attributes != m_attributes)
+        flags |= kAttributesFollow;
+    Writer w(&m_bytes);
+    w.put(flags);
+    // Modular arithmetic: any two times round-trip exactly, near ones take a byte or three.
+    w.putVarint(static_cast<std::int64_t>(static_cast<std::uint64_t>(timestampUs) -
+                                          static_cast<std::uint64_t>(m_timestampUs)));
+    w.putVarint(durationUs);
     w.put(box.x);
     w.put(box.y);
     w.put(box.width);
     w.put(box.height);
-    w.putAttributes(attributes);
+    if (flags & kDeviceFollows)
+        w.putUuid(deviceId);
+    if (flags & kAttributesFollow) {
+        w.putAttributes(attributes);
+        m_attributes = attributes;
+    }
+    m_started = true;
+    m_deviceId = deviceId;
+    m_timestampUs = timestampUs;
 }
 
 std::string encodePositions(const std::vector<ObjectPosition>& positions)
 {
-    std::string out;
+    PositionChunk chunk;
     for (const auto& p : positions)
-        appendPosition(&out, p.deviceId, p.timestampUs, p.durationUs, p.boundingBox, p.attributes);
-    return out;
+        chunk.append(p.deviceId, p.timestampUs, p.durationUs, p.boundingBox, p.attributes);
+    return chunk.bytes();
 }
 
 void decodePositions(std::string_view bytes, std::vector<ObjectPosition>* out)
+{
+    Reader r(bytes);
+    ObjectPosition previous;
+    while (!r.atEnd()) {
+        ObjectPosition p;
+        std::uint8_t flags = 0;
+        std::int64_t delta = 0;
+        if (!r.get(&flags) || !r.getVarint(&delta))
+            return;
+        p.timestampUs = static_cast<std::int64_t>(static_cast<std::uint64_t>(previous.timestampUs) +
+                                                  static_cast<std::uint64_t>(delta));
+        if (!r.getVarint(&p.durationUs) || !r.get(&p.boundingBox.x) || !r.get(&p.boundingBox.y) ||
+            !r.get(&p.boundingBox.width) || !r.get(&p.boundingBox.height)) {
+            return;
+        }
+        if (flags & kDeviceFollows) {
+            if (!r.getUuid(&p.deviceId))
+                return;
+        } else {
+            p.deviceId = previous.deviceId;
+        }
+        if (flags & kAttributesFollow) {
+            if (!r.getAttributes(&p.attributes))
+                return;
+        } else {
+            p.attributes = previous.attributes;
+        }
+        previous = p;
+        out->push_back(std::move(p));
+    }
+}
+
+void decodePositionsV1(std::string_view bytes, std::vector<ObjectPosition>* out)
 {
     Reader r(bytes);
     while (!r.atEnd()) {

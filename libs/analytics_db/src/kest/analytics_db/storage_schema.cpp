@@ -1,12 +1,15 @@
 #include "storage_schema.h"
 
+#include <kest/sql/transaction.h>
 #include <kest/utils/log/log.h>
+
+#include "record_codec.h"
 
 namespace kest::analytics::db {
 
 namespace {
 
-constexpr const char* kCreateVersion1 = R"sql(
+constexpr const char* kCreate = R"sql(
 CREATE TABLE device(id INTEGER PRIMARY KEY, guid BLOB NOT NULL UNIQUE);
 CREATE TABLE object_type(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);
 CREATE TABLE track(
@@ -35,8 +38,37 @@ CREATE INDEX track_position_track ON track_position(track);
 CREATE VIRTUAL TABLE track_text USING fts5(
     text, tokenize = 'unicode61 remove_diacritics 2', prefix = '2 3');
 CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);
-PRAGMA user_version = 1;
+PRAGMA user_version = 2;
 )sql";
+
+/** Rewrites the position chunks in the compact form; all or nothing. */
+sql::DBResult upgradeFrom1(sql::Database& db)
+{
+    KEST_INFO("analytics_db", "Upgrading the analytics database schema from version 1");
+    sql::Transaction transaction(db);
+    if (transaction.beginResult() != sql::DBResult::ok)
+        return transaction.beginResult();
+    auto select = db.prepare("SELECT rowid, data FROM track_position");
+    auto update = db.prepare("UPDATE track_position SET data = ? WHERE rowid = ?");
+    if (!select || !update)
+        return db.lastResult();
+    while (select->step()) {
+        std::vector<ObjectPosition> positions;
+        decodePositionsV1(select->blob(1), &positions);
+        update->reset();
+        update->bindBlob(1, encodePositions(positions));
+        update->bind(2, select->int64(0));
+        if (auto r = update->exec(); r != sql::DBResult::ok)
+            return r;
+    }
+    if (select->result() != sql::DBResult::ok)
+        return select->result();
+    select.reset();
+    update.reset();
+    if (auto r = db.exec("PRAGMA user_version = 2"); r != sql::DBResult::ok)
+        return r;
+    return transaction.commit();
+}
 
 }  // namespace
 
@@ -56,15 +88,16 @@ sql::DBResult applySchema(sql::Database& db)
     if (current == kSchemaVersion)
         return sql::DBResult::ok;
 
-    // Each step upgrades one version inside its own transaction, so a crash leaves either
-    // the old or the new version.
     if (current == 0) {
-        if (auto r = db.exec(std::string("BEGIN IMMEDIATE;") + kCreateVersion1 + "COMMIT;");
+        if (auto r = db.exec(std::string("BEGIN IMMEDIATE;") + kCreate + "COMMIT;");
             r != sql::DBResult::ok) {
             db.exec("ROLLBACK");
             return r;
         }
+        return sql::DBResult::ok;
     }
+    if (current == 1)
+        return upgradeFrom1(db);
     return sql::DBResult::ok;
 }
 

@@ -11,10 +11,11 @@ namespace kest::analytics::db {
  *   32 bytes, attributes in the binary form of record_codec.h), indexed by (device, first_us),
  *   first_us and the id;
  * - `track_text`: FTS5 over the attribute names and values, its rowid the track row's id;
- * - `track_position`: the position sequence, one chunk per track and written batch;
+ * - `track_position`: the position sequence, one chunk per track and written batch
+ *   (PositionChunk of record_codec.h; version 1 kept every field of every position);
  * - `meta`: numbers the storage keeps across restarts ("maxSpanUs").
  */
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 /** Creates the tables or upgrades older ones; refuses a database of a newer version. */
 sql::DBResult applySchema(sql::Database& db);

@@ -55,8 +55,8 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
             }
             p.attributesChanged |= p.track.add(*packet, object);
             if (!object.isBestShot()) {
-                appendPosition(&p.positions, packet->deviceId, packet->timestampUs,
-                               packet->durationUs, object.boundingBox, object.attributes);
+                p.positions.append(packet->deviceId, packet->timestampUs, packet->durationUs,
+                                   object.boundingBox, object.attributes);
             }
         }
     }
@@ -184,7 +184,7 @@ DBResult TrackWriter::storeTrack(Pending& p)
         if (!pos)
             return m_db.lastResult();
         pos->bind(1, p.rowId);
-        pos->bindBlob(2, p.positions);
+        pos->bindBlob(2, p.positions.bytes());
         if (auto r = pos->exec(); r != DBResult::ok)
             return r;
     }

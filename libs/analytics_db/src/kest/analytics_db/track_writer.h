@@ -12,6 +12,7 @@
 #include <kest/sql/database.h>
 
 #include "object_metadata_packet.h"
+#include "record_codec.h"
 #include "track_aggregate.h"
 
 namespace kest::analytics::db {
@@ -76,8 +77,8 @@ private:
                 bestShotKind = t.bestShotKind;
             }
         } stored;
-        /** Positions of this batch, in the chunk form of record_codec.h. */
-        std::string positions;
+        /** Positions of this batch. */
+        PositionChunk positions;
     };
     struct Cached
     {
