@@ -6,6 +6,7 @@
 #include <thread>
 
 #include <kest/analytics_db/events_storage.h>
+#include <kest/utils/zu_settings.h>
 
 namespace kest::analytics::db::test {
 
@@ -60,6 +61,30 @@ std::shared_ptr<const ObjectMetadataPacket> packet(const ZuUuid& device, std::in
             {trackId(o.track), o.type, o.kind, o.box, o.attributes, o.engine});
     }
     return p;
+}
+
+TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
+{
+    ZuSettings store;
+    store.setValue("analyticsDb/path", "/var/x");
+    store.setValue("analyticsDb/maxAgeDays", "30");
+    store.setValue("analyticsDb/maxCommitDelayMs", "50");
+    store.setValue("analyticsDb/maxQueuedPackets", "many");
+    store.setValue("analyticsDb/synchronous", "FULL");
+    store.setValue("other/maxAgeDays", "7");
+    Settings settings;
+    settings.load(store);
+    EXPECT_EQ(settings.path, "/var/x");
+    EXPECT_EQ(settings.maxAgeDays, 30);
+    EXPECT_EQ(settings.maxCommitDelay, 50ms);
+    EXPECT_EQ(settings.maxQueuedPackets, Settings().maxQueuedPackets);
+    EXPECT_EQ(settings.connection.synchronous, "FULL");
+    EXPECT_EQ(settings.connection.journalMode, "WAL");
+
+    Settings other;
+    other.load(store, "other");
+    EXPECT_EQ(other.maxAgeDays, 7);
+    EXPECT_TRUE(other.path.isEmpty());
 }
 
 class EventsStorageTest : public ::testing::Test
