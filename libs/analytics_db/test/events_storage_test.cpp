@@ -349,9 +349,39 @@ TEST_F(EventsStorageTest, EachFilterFieldSelects)
          },
          {2}},
         {"unknown type", [](Filter& f) { f.objectTypeId = {"bike"}; }, {}},
+        {"types merged and limited",
+         [](Filter& f) {
+             f.objectTypeId = {"car", "person"};
+             f.maxObjectTracksToSelect = 2;
+         },
+         {3, 2}},
+        {"types merged, oldest first",
+         [](Filter& f) {
+             f.objectTypeId = {"car", "person"};
+             f.sortOrder = SortOrder::asc;
+         },
+         {1, 2, 3}},
         {"track id", [](Filter& f) { f.objectTrackId = trackId(2); }, {2}},
+        {"track id and its type",
+         [](Filter& f) {
+             f.objectTrackId = trackId(3);
+             f.objectTypeId = {"car"};
+         },
+         {3}},
+        {"track id and another type",
+         [](Filter& f) {
+             f.objectTrackId = trackId(3);
+             f.objectTypeId = {"person"};
+         },
+         {}},
         {"engine", [](Filter& f) { f.analyticsEngineId = kOtherEngine; }, {2}},
         {"best shot only", [](Filter& f) { f.withBestShotOnly = true; }, {1}},
+        {"best shot only of types",
+         [](Filter& f) {
+             f.withBestShotOnly = true;
+             f.objectTypeId = {"car", "person"};
+         },
+         {1}},
         // Track 1 covers [10 000 000, 12 000 000] us; the period excludes its end.
         {"period ending at first", [&](Filter& f) { f.timePeriod = period(9000, 1000); }, {}},
         {"period ending after first", [&](Filter& f) { f.timePeriod = period(9000, 1001); }, {1}},

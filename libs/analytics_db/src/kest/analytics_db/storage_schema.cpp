@@ -33,12 +33,14 @@ CREATE TABLE track(
 CREATE INDEX track_device_first ON track(device, first_us);
 CREATE INDEX track_first ON track(first_us);
 CREATE INDEX track_best_shot_first ON track(first_us) WHERE best_kind != 0;
+CREATE INDEX track_type_first ON track(type, first_us);
+CREATE INDEX track_type_best_shot_first ON track(type, first_us) WHERE best_kind != 0;
 CREATE TABLE track_position(track INTEGER NOT NULL, data BLOB NOT NULL);
 CREATE INDEX track_position_track ON track_position(track);
 CREATE VIRTUAL TABLE track_text USING fts5(
     text, tokenize = 'unicode61 remove_diacritics 2', prefix = '2 3');
 CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);
-PRAGMA user_version = 2;
+PRAGMA user_version = 3;
 )sql";
 
 /** Rewrites the position chunks in the compact form; all or nothing. */
@@ -96,8 +98,23 @@ sql::DBResult applySchema(sql::Database& db)
         }
         return sql::DBResult::ok;
     }
-    if (current == 1)
-        return upgradeFrom1(db);
+    // Each step upgrades one version inside its own transaction.
+    if (current == 1) {
+        if (auto r = upgradeFrom1(db); r != sql::DBResult::ok)
+            return r;
+    }
+    if (current <= 2) {
+        if (auto r = db.exec("BEGIN IMMEDIATE;"
+                             "CREATE INDEX IF NOT EXISTS track_type_first ON track(type, first_us);"
+                             "CREATE INDEX IF NOT EXISTS track_type_best_shot_first "
+                             "ON track(type, first_us) WHERE best_kind != 0;"
+                             "PRAGMA user_version = 3;"
+                             "COMMIT;");
+            r != sql::DBResult::ok) {
+            db.exec("ROLLBACK");
+            return r;
+        }
+    }
     return sql::DBResult::ok;
 }
 

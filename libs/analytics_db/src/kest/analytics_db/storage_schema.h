@@ -9,13 +9,13 @@ namespace kest::analytics::db {
  * - `device` and `object_type`: dictionaries, so that tracks carry small integer keys;
  * - `track`: one row per track (its id as a 16-byte blob, times in microseconds, the grid as
  *   32 bytes, attributes in the binary form of record_codec.h), indexed by (device, first_us),
- *   first_us and the id;
+ *   (type, first_us), first_us, the last two again for tracks with a best shot, and the id;
  * - `track_text`: FTS5 over the attribute names and values, its rowid the track row's id;
  * - `track_position`: the position sequence, one chunk per track and written batch
  *   (PositionChunk of record_codec.h; version 1 kept every field of every position);
  * - `meta`: numbers the storage keeps across restarts ("maxSpanUs").
  */
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 
 /** Creates the tables or upgrades older ones; refuses a database of a newer version. */
 sql::DBResult applySchema(sql::Database& db);

@@ -52,6 +52,8 @@ struct TrackReader::Query
 {
     std::string sql;
     std::vector<std::int64_t> devices;
+    /** Values of ?4, one index range each: the devices, else the types, else one unused. */
+    std::vector<std::int64_t> partitions;
     std::vector<std::int64_t> types;
     std::string trackId;
     std::string engineId;
@@ -150,17 +152,17 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode,
         return DBResult::ok;
 
     std::vector<std::int64_t> rowIds;
-    if (q.devices.empty()) {
+    if (q.partitions.empty()) {
         if (auto r = select(q, 0, tracks, &rowIds); r != DBResult::ok)
             return r;
     } else {
-        // One index range per device, each already limited, then merged: cost follows the
-        // answer, not the number of tracks of the devices.
+        // One index range per device (or type), each already limited, then merged: cost
+        // follows the answer, not the number of tracks of the devices.
         std::vector<std::pair<std::pair<std::int64_t, std::int64_t>, ObjectTrackEx>> merged;
-        for (const std::int64_t device : q.devices) {
+        for (const std::int64_t partition : q.partitions) {
             std::vector<ObjectTrackEx> part;
             std::vector<std::int64_t> partIds;
-            if (auto r = select(q, device, &part, &partIds); r != DBResult::ok)
+            if (auto r = select(q, partition, &part, &partIds); r != DBResult::ok)
                 return r;
             for (std::size_t i = 0; i < part.size(); ++i) {
                 merged.push_back({{part[i].firstAppearanceTimeUs, partIds[i]}, std::move(part[i])});
@@ -235,8 +237,23 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
 
     bool textScan = false;
     std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.last_us >= ?3";
-    if (!filter.deviceIds.empty())
+    std::string tables = kTrackTables;
+    const bool byType =
+        filter.deviceIds.empty() && !q->types.empty() && filter.objectTrackId.isNull();
+    // Without statistics SQLite cannot tell a selective device from a common type, so the
+    // index of the partition is named.
+    if (!filter.deviceIds.empty()) {
         where += " AND t.device = ?4";
+        if (filter.objectTrackId.isNull())
+            tables.replace(tables.find("track t"), 7, "track t INDEXED BY track_device_first");
+        q->partitions = q->devices;
+    } else if (byType) {
+        where += " AND t.type = ?4";
+        tables.replace(tables.find("track t"), 7,
+                       filter.withBestShotOnly ? "track t INDEXED BY track_type_best_shot_first"
+                                               : "track t INDEXED BY track_type_first");
+        q->partitions = q->types;
+    }
     if (!filter.objectTrackId.isNull()) {
         q->trackId = encodeUuid(filter.objectTrackId);
         where += " AND t.guid = ?5";
@@ -258,7 +275,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     }
     if (filter.withBestShotOnly)
         where += " AND t.best_kind != 0";
-    if (!q->types.empty()) {
+    if (!q->types.empty() && !byType) {
         where += " AND t.type IN (";
         for (std::size_t i = 0; i < q->types.size(); ++i)
             where += (i ? ", ?" : "?") + std::to_string(10 + i);
@@ -267,13 +284,13 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     if (textScan)
         where += " AND text_hits(t.attributes)";
     const char* order = q->ascending ? "ASC" : "DESC";
-    q->sql = std::string("SELECT ") + kTrackColumns + " FROM " + kTrackTables + " WHERE " + where +
+    q->sql = std::string("SELECT ") + kTrackColumns + " FROM " + tables + " WHERE " + where +
              " ORDER BY t.first_us " + order + ", t.id " + order + " LIMIT ?9";
     return DBResult::ok;
 }
 
-DBResult TrackReader::select(const Query& q, std::int64_t device, std::vector<ObjectTrackEx>* out,
-                             std::vector<std::int64_t>* rowIds)
+DBResult TrackReader::select(const Query& q, std::int64_t partition,
+                             std::vector<ObjectTrackEx>* out, std::vector<std::int64_t>* rowIds)
 {
     auto* s = m_db.cached(q.sql);
     if (!s)
@@ -281,7 +298,7 @@ DBResult TrackReader::select(const Query& q, std::int64_t device, std::vector<Ob
     s->bind(1, q.endUs);
     s->bind(2, q.lowFirstUs);
     s->bind(3, q.startUs);
-    s->bind(4, device);
+    s->bind(4, partition);
     if (!q.trackId.empty())
         s->bindBlob(5, q.trackId);
     if (!q.engineId.empty())

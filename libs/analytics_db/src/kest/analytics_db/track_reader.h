@@ -34,9 +34,10 @@ namespace kest::analytics::db {
  * - devices, types, engine, track id, withBestShotOnly: exact matches; empty sets and null ids
  *   select everything.
  * Indexes: the track id is a key; each device is an index range on (device, first appearance),
- * merged; otherwise the first-appearance index, bounded below by the longest track stored.
- * Types, engine, box and common words are tested on the rows of that range until the limit is
- * reached; rare words go through FTS5.
+ * merged; without devices, each type is a range on (type, first appearance); otherwise the
+ * first-appearance index. Ranges are bounded below by the longest track stored. Engine, box and
+ * common words are tested on the rows of the range until the limit is reached; rare words go
+ * through FTS5.
  */
 class TrackReader
 {
@@ -66,8 +67,8 @@ private:
     };
 
     sql::DBResult run(const Filter& filter, TextMode textMode, std::vector<ObjectTrackEx>* tracks);
-    sql::DBResult select(const Query& query, std::int64_t device, std::vector<ObjectTrackEx>* out,
-                         std::vector<std::int64_t>* rowIds);
+    sql::DBResult select(const Query& query, std::int64_t partition,
+                         std::vector<ObjectTrackEx>* out, std::vector<std::int64_t>* rowIds);
     sql::DBResult keysOf(const Filter& filter, TextMode textMode, Query* query,
                          bool* matchesNothing);
     static void textHits(sqlite3_context* context, int, sqlite3_value** args);

@@ -116,11 +116,11 @@ DBResult TrackWriter::storeTrack(Pending& p)
     if (auto r = typeKey(t.typeId, &type); r != DBResult::ok)
         return r;
 
-    // Most updates only move the last appearance: the indexed columns (device, first_us,
+    // Most updates only move the last appearance: the indexed columns (device, type, first_us,
     // best_kind) are then left out, so that SQLite does not rewrite their index entries.
     const bool isNew = p.rowId == 0;
     const bool indexedChanged = isNew || p.stored.firstUs != t.firstUs ||
-                                p.stored.deviceId != t.deviceId ||
+                                p.stored.deviceId != t.deviceId || p.stored.typeId != t.typeId ||
                                 p.stored.bestShotKind != t.bestShotKind;
     auto* s = m_db.cached(
         isNew
@@ -132,7 +132,7 @@ DBResult TrackWriter::storeTrack(Pending& p)
               "first_us = ?5, last_us = ?6, grid = ?7, best_us = ?8, best_kind = ?9, "
               "best_x = ?10, best_y = ?11, best_w = ?12, best_h = ?13, best_stream = ?14, "
               "attributes = ?15 WHERE id = ?16"
-            : "UPDATE track SET type = ?2, engine = ?3, origin_us = ?4, last_us = ?6, "
+            : "UPDATE track SET engine = ?3, origin_us = ?4, last_us = ?6, "
               "grid = ?7, best_us = ?8, best_x = ?10, best_y = ?11, best_w = ?12, best_h = ?13, "
               "best_stream = ?14, attributes = ?15 WHERE id = ?16");
     if (!s)

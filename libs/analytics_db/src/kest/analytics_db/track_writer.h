@@ -68,11 +68,13 @@ private:
         {
             std::int64_t firstUs = 0;
             ZuUuid deviceId;
+            std::string typeId;
             int bestShotKind = 0;
 
             void operator=(const TrackAggregate& t)
             {
                 firstUs = t.firstUs;
+                typeId = t.typeId;
                 deviceId = t.deviceId;
                 bestShotKind = t.bestShotKind;
             }
