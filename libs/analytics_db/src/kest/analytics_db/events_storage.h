@@ -24,6 +24,12 @@ namespace kest::analytics::db {
  * settings' directory). `save` queues; one writer thread aggregates the queue into tracks and
  * commits it in batches; a few lookup workers search on their own connections. How a filter
  * is applied is described in track_reader.h, how tracks are aggregated in track_aggregate.h.
+ *
+ * A batch that cannot be committed is rolled back and its packets are reported, per device as
+ * the union of their periods, through the save-error handler on a thread of its own. Past
+ * maxQueuedPackets the storage is not ready until the queue is below half of it. Before a
+ * successful initialize, lookups complete at once (on the caller's thread) with an error and
+ * saves are reported as failed (connectionError).
  */
 class EventsStorage : public AbstractEventsStorage
 {
@@ -52,7 +58,10 @@ public:
     /** Blocks until every packet queued before the call is committed or reported as failed. */
     void flush();
 
-    /** Runs `task` on the writer thread with its connection before the next batch (tests). */
+    /**
+     * Runs `task` on the writer thread with its connection before the next batch (tests);
+     * only once initialized.
+     */
     void runOnWriter(utils::MoveOnlyFunc<void(sql::Database&)> task);
 
     std::size_t queuedPackets() const;
