@@ -481,6 +481,164 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
     EXPECT_EQ(times(filter).size(), static_cast<std::size_t>(kTracks / 2));
 }
 
+/**
+ * Stores whose row order strays from first-appearance order, searched by a word that takes the
+ * row id walk: the first tracks of the time index carry another word, more of them than the
+ * text scan checks.
+ */
+class RowOrderTextTest : public EventsStorageTest
+{
+protected:
+    static constexpr int kZebras = 300;
+    static constexpr std::int64_t kS = 1'000'000;
+
+    void saveZebra(EventsStorage& storage, int n, std::int64_t seconds)
+    {
+        auto p = packet(kDeviceA, seconds * kS, {});
+        auto copy = std::make_shared<ObjectMetadataPacket>(*p);
+        copy->objectMetadataList.push_back({trackId(1000 + n),
+                                            "animal",
+                                            ObjectMetadataType::regular,
+                                            {0.1, 0.1, 0.1, 0.1},
+                                            {{"kind", "zebra"}},
+                                            kEngine});
+        storage.save(copy);
+        storage.flush();  //< A batch each, so that batches add no disorder of their own.
+    }
+
+    /** The fillers share one first appearance, so that their batch adds no disorder either. */
+    static void saveFillers(EventsStorage& storage, std::int64_t seconds)
+    {
+        for (int i = 0; i < TrackReader::kTextScanBudget + 100; ++i) {
+            auto p = std::make_shared<ObjectMetadataPacket>(*packet(kDeviceB, seconds * kS, {}));
+            p->objectMetadataList.push_back({ZuUuid::createUuid(),
+                                             "car",
+                                             ObjectMetadataType::regular,
+                                             {0.5, 0.5, 0.1, 0.1},
+                                             {{"color", "grey"}},
+                                             kEngine});
+            storage.save(p);
+        }
+        storage.flush();
+    }
+
+    static std::vector<std::int64_t> seconds(const std::vector<ObjectTrackEx>& tracks)
+    {
+        std::vector<std::int64_t> out;
+        for (const auto& t : tracks)
+            out.push_back(t.firstAppearanceTimeUs / kS);
+        return out;
+    }
+
+    /**
+     * What a limited search must give: the head of the same search without a limit, which
+     * checks every FTS5 match. A reader that never scans takes the row id walk for any window.
+     */
+    void expectHeadOfUnlimited(Filter filter)
+    {
+        TrackReader reader;
+        ASSERT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        reader.setTextScanBudget(0);
+        std::vector<ObjectTrackEx> limited;
+        std::vector<ObjectTrackEx> all;
+        const int limit = filter.maxObjectTracksToSelect;
+        ASSERT_EQ(reader.lookup(filter, &limited), ResultCode::ok);
+        filter.maxObjectTracksToSelect = 0;
+        ASSERT_EQ(reader.lookup(filter, &all), ResultCode::ok);
+        if (all.size() > static_cast<std::size_t>(limit))
+            all.resize(limit);
+        EXPECT_EQ(seconds(limited), seconds(all))
+            << filter.timePeriod.startTimeMs << " +" << filter.timePeriod.durationMs << " order "
+            << static_cast<int>(filter.sortOrder) << " limit " << limit;
+    }
+
+    std::int64_t metaValue(const char* key)
+    {
+        sql::Database db;
+        EXPECT_EQ(db.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        auto* s = db.cached("SELECT value FROM meta WHERE key = ?");
+        s->bindText(1, key);
+        return s->step() ? s->int64(0) : -1;
+    }
+};
+
+TEST_F(RowOrderTextTest, TrackStoredBeforeEarlierOnesLeadsTheLatestFirst)
+{
+    auto storage = open();
+    saveZebra(*storage, kZebras, 10'400);  //< Stored first, yet the latest.
+    for (int i = 0; i < kZebras; ++i)
+        saveZebra(*storage, i, 10'000 + i);
+    saveFillers(*storage, 20'000);
+
+    Filter filter;
+    filter.freeText = "zebra";
+    filter.maxObjectTracksToSelect = 3;
+    EXPECT_EQ(seconds(find(*storage, filter)), (std::vector<std::int64_t>{10'400, 10'299, 10'298}));
+    EXPECT_EQ(metaValue("maxLagUs"), 400 * kS);
+
+    // Windows bound the walk by row id too; each answer is the head of the unlimited one.
+    for (const SortOrder order : {SortOrder::desc, SortOrder::asc}) {
+        for (const auto& [startS, durationS] : std::vector<std::pair<std::int64_t, std::int64_t>>{
+                 {10'050, 100}, {10'250, 200}, {9'000, 1'050}, {10'299, 1}, {10'400, 1}}) {
+            for (const int limit : {1, 5, 200}) {
+                filter.sortOrder = order;
+                filter.maxObjectTracksToSelect = limit;
+                filter.timePeriod = ZuTimePeriod(startS * 1000, durationS * 1000);
+                expectHeadOfUnlimited(filter);
+            }
+        }
+    }
+
+    // A store of the previous version learns the lag when opened, and answers alike.
+    storage.reset();
+    {
+        sql::Database db;
+        ASSERT_EQ(db.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        ASSERT_EQ(db.exec("DELETE FROM meta WHERE key != 'maxSpanUs'"), sql::DBResult::ok);
+        ASSERT_EQ(db.exec("PRAGMA user_version = 3"), sql::DBResult::ok);
+    }
+    storage = open();
+    EXPECT_EQ(metaValue("maxLagUs"), 400 * kS);
+    EXPECT_EQ(metaValue("maxFirstUs"), 20'000 * kS);
+    filter = {};
+    filter.freeText = "zebra";
+    filter.maxObjectTracksToSelect = 2;
+    EXPECT_EQ(seconds(find(*storage, filter)), (std::vector<std::int64_t>{10'400, 10'299}));
+}
+
+TEST_F(RowOrderTextTest, TrackExtendedBackLeadsTheEarliestFirst)
+{
+    auto storage = open();
+    saveFillers(*storage, 1);
+    for (int i = 0; i < kZebras; ++i)
+        saveZebra(*storage, i, 10'000 + i);
+    EXPECT_EQ(metaValue("maxLagUs"), 0);
+
+    Filter filter;
+    filter.freeText = "zebra";
+    filter.maxObjectTracksToSelect = 3;
+    filter.sortOrder = SortOrder::asc;
+    EXPECT_EQ(seconds(find(*storage, filter)), (std::vector<std::int64_t>{10'000, 10'001, 10'002}));
+
+    // The last stored track gets a packet from before every other: its row stays where it was.
+    saveZebra(*storage, kZebras - 1, 9'000);
+    EXPECT_EQ(seconds(find(*storage, filter)), (std::vector<std::int64_t>{9'000, 10'000, 10'001}));
+    // And a late new track, stored last.
+    saveZebra(*storage, kZebras, 8'000);
+    EXPECT_EQ(seconds(find(*storage, filter)), (std::vector<std::int64_t>{8'000, 9'000, 10'000}));
+    for (const SortOrder order : {SortOrder::asc, SortOrder::desc}) {
+        for (const auto& [startS, durationS] : std::vector<std::pair<std::int64_t, std::int64_t>>{
+                 {9'500, 600}, {10'200, 50}, {7'000, 1'000}, {10'290, 1'000}}) {
+            filter.sortOrder = order;
+            filter.timePeriod = ZuTimePeriod(startS * 1000, durationS * 1000);
+            expectHeadOfUnlimited(filter);
+        }
+    }
+}
+
 TEST_F(EventsStorageTest, SortAndLimit)
 {
     auto storage = open();

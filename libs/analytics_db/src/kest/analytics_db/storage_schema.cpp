@@ -1,5 +1,8 @@
 #include "storage_schema.h"
 
+#include <algorithm>
+#include <utility>
+
 #include <kest/sql/transaction.h>
 #include <kest/utils/log/log.h>
 
@@ -40,7 +43,8 @@ CREATE INDEX track_position_track ON track_position(track);
 CREATE VIRTUAL TABLE track_text USING fts5(
     text, tokenize = 'unicode61 remove_diacritics 2', prefix = '2 3');
 CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);
-PRAGMA user_version = 3;
+INSERT INTO meta(key, value) VALUES('maxLagUs', 0);
+PRAGMA user_version = 4;
 )sql";
 
 /** Rewrites the position chunks in the compact form; all or nothing. */
@@ -68,6 +72,42 @@ sql::DBResult upgradeFrom1(sql::Database& db)
     select.reset();
     update.reset();
     if (auto r = db.exec("PRAGMA user_version = 2"); r != sql::DBResult::ok)
+        return r;
+    return transaction.commit();
+}
+
+/** Computes the row order statistics of kMaxLagKey from the stored tracks. */
+sql::DBResult upgradeFrom3(sql::Database& db)
+{
+    KEST_INFO("analytics_db", "Upgrading the analytics database schema from version 3");
+    sql::Transaction transaction(db);
+    if (transaction.beginResult() != sql::DBResult::ok)
+        return transaction.beginResult();
+    auto select = db.prepare("SELECT first_us FROM track ORDER BY id");
+    if (!select)
+        return db.lastResult();
+    std::int64_t maxFirst = kNoFirstUs;
+    std::int64_t maxLag = 0;
+    while (select->step()) {
+        const std::int64_t first = select->int64(0);
+        maxFirst = std::max(maxFirst, first);
+        maxLag = std::max(maxLag, lagOf(maxFirst, first));
+    }
+    if (select->result() != sql::DBResult::ok)
+        return select->result();
+    select.reset();
+    auto insert = db.prepare("INSERT OR REPLACE INTO meta(key, value) VALUES(?, ?)");
+    if (!insert)
+        return db.lastResult();
+    for (const auto& [key, value] : {std::pair{kMaxFirstKey, maxFirst}, {kMaxLagKey, maxLag}}) {
+        insert->reset();
+        insert->bindText(1, key);
+        insert->bind(2, value);
+        if (auto r = insert->exec(); r != sql::DBResult::ok)
+            return r;
+    }
+    insert.reset();
+    if (auto r = db.exec("PRAGMA user_version = 4"); r != sql::DBResult::ok)
         return r;
     return transaction.commit();
 }
@@ -114,6 +154,10 @@ sql::DBResult applySchema(sql::Database& db)
             db.exec("ROLLBACK");
             return r;
         }
+    }
+    if (current <= 3) {
+        if (auto r = upgradeFrom3(db); r != sql::DBResult::ok)
+            return r;
     }
     return sql::DBResult::ok;
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <limits>
+
 #include <kest/sql/database.h>
 
 namespace kest::analytics::db {
@@ -13,9 +16,29 @@ namespace kest::analytics::db {
  * - `track_text`: FTS5 over the attribute names and values, its rowid the track row's id;
  * - `track_position`: the position sequence, one chunk per track and written batch
  *   (PositionChunk of record_codec.h; version 1 kept every field of every position);
- * - `meta`: numbers the storage keeps across restarts ("maxSpanUs").
+ * - `meta`: numbers the storage keeps across restarts ("maxSpanUs", kMaxFirstKey, kMaxLagKey).
  */
-constexpr int kSchemaVersion = 3;
+constexpr int kSchemaVersion = 4;
+
+/** The latest first appearance ever stored. */
+constexpr const char* kMaxFirstKey = "maxFirstUs";
+/**
+ * How far a track's first appearance ever fell behind the latest first appearance among the
+ * tracks stored before it (row ids follow storing). It bounds how much row id order can differ
+ * from first-appearance order; first appearances only move earlier, so it stays a bound.
+ */
+constexpr const char* kMaxLagKey = "maxLagUs";
+constexpr std::int64_t kNoFirstUs = std::numeric_limits<std::int64_t>::min();
+
+/** `latest - first`, never negative, saturating. */
+inline std::int64_t lagOf(std::int64_t latest, std::int64_t first)
+{
+    std::int64_t out = 0;
+    if (latest <= first)
+        return 0;
+    return __builtin_sub_overflow(latest, first, &out) ? std::numeric_limits<std::int64_t>::max()
+                                                       : out;
+}
 
 /** Creates the tables or upgrades older ones; refuses a database of a newer version. */
 sql::DBResult applySchema(sql::Database& db);

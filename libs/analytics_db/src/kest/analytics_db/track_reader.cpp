@@ -10,6 +10,7 @@
 
 #include "bounding_box_grid.h"
 #include "record_codec.h"
+#include "storage_schema.h"
 #include "track_aggregate.h"
 #include "track_row.h"
 
@@ -31,11 +32,22 @@ std::int64_t msToUs(std::int64_t ms)
     return ms * 1000;
 }
 
+/** For b >= 0. */
 std::int64_t saturatingSub(std::int64_t a, std::int64_t b)
 {
     std::int64_t out = 0;
     return __builtin_sub_overflow(a, b, &out) ? kMinTime : out;
 }
+
+/** For b >= 0. */
+std::int64_t saturatingAdd(std::int64_t a, std::int64_t b)
+{
+    std::int64_t out = 0;
+    return __builtin_add_overflow(a, b, &out) ? kMaxTime : out;
+}
+
+/** Parameter numbers of the type list, then of the device list of the row id walk. */
+constexpr int kFirstTypeParam = 100;
 
 void gridHits(sqlite3_context* context, int, sqlite3_value** args)
 {
@@ -64,6 +76,14 @@ struct TrackReader::Query
     std::int64_t lowFirstUs = kMinTime;
     std::int64_t limit = -1;
     bool ascending = false;
+    /** Of the row id walk: the row ids between these, both excluded, can match. */
+    std::int64_t lowRowId = kMinTime;
+    std::int64_t highRowId = kMaxTime;
+    /** kMaxLagKey of the storage; negative when a store does not know it. */
+    std::int64_t maxLagUs = -1;
+    bool walking = false;
+
+    int firstDeviceParam() const { return kFirstTypeParam + static_cast<int>(types.size()); }
 };
 
 DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions& options)
@@ -98,7 +118,7 @@ std::string TrackReader::ftsQuery(const std::vector<std::string>& words)
 void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
 {
     auto* self = static_cast<TrackReader*>(sqlite3_user_data(context));
-    if (self->m_matcher.checks() >= kTextScanBudget) {
+    if (self->m_matcher.checks() >= self->m_textScanBudget) {
         self->m_textBudgetExceeded = true;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
         return;
@@ -128,11 +148,17 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
     const TextMode mode = m_words.empty() ? TextMode::none : TextMode::scan;
     m_matcher.setQuery(m_words);
     m_textBudgetExceeded = false;
+    m_walkGaveUp = false;
     DBResult result = run(filter, mode, tracks);
     if (result != DBResult::ok && m_textBudgetExceeded) {
         tracks->clear();
         m_db.resetCached();
-        result = run(filter, TextMode::index, tracks);
+        result = run(filter, TextMode::rowWalk, tracks);
+        if (result == DBResult::ok && m_walkGaveUp) {
+            tracks->clear();
+            m_db.resetCached();
+            result = run(filter, TextMode::index, tracks);
+        }
     }
     if (result != DBResult::ok) {
         tracks->clear();
@@ -152,7 +178,17 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode,
         return DBResult::ok;
 
     std::vector<std::int64_t> rowIds;
-    if (q.partitions.empty()) {
+    if (textMode == TextMode::rowWalk) {
+        // Without a limit every match is needed anyway; without the lag nothing bounds the walk.
+        if (q.limit < 0 || q.maxLagUs < 0) {
+            m_walkGaveUp = true;
+            return DBResult::ok;
+        }
+        if (auto r = rowBounds(&q); r != DBResult::ok)
+            return r;
+        if (auto r = walk(q, tracks, &rowIds, &m_walkGaveUp); r != DBResult::ok || m_walkGaveUp)
+            return r;
+    } else if (q.partitions.empty()) {
         if (auto r = select(q, 0, tracks, &rowIds); r != DBResult::ok)
             return r;
     } else {
@@ -218,10 +254,15 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         *matchesNothing = true;
 
     std::int64_t maxSpan = 0;
-    if (auto* s = m_db.cached("SELECT value FROM meta WHERE key = 'maxSpanUs'")) {
-        if (s->step())
-            maxSpan = s->int64(0);
-        else if (s->result() != DBResult::ok)
+    if (auto* s = m_db.cached("SELECT key, value FROM meta WHERE key IN ('maxSpanUs', ?)")) {
+        s->bindText(1, kMaxLagKey);
+        while (s->step()) {
+            if (s->text(0) == kMaxLagKey)
+                q->maxLagUs = s->int64(1);
+            else
+                maxSpan = s->int64(1);
+        }
+        if (s->result() != DBResult::ok)
             return s->result();
     } else {
         return m_db.lastResult();
@@ -238,11 +279,27 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     bool textScan = false;
     std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.last_us >= ?3";
     std::string tables = kTrackTables;
+    const bool walking = textMode == TextMode::rowWalk;
     const bool byType =
-        filter.deviceIds.empty() && !q->types.empty() && filter.objectTrackId.isNull();
+        !walking && filter.deviceIds.empty() && !q->types.empty() && filter.objectTrackId.isNull();
     // Without statistics SQLite cannot tell a selective device from a common type, so the
     // index of the partition is named.
-    if (!filter.deviceIds.empty()) {
+    q->walking = walking;
+    if (walking) {
+        // CROSS JOIN keeps FTS5 outermost, so that rows come in row id order.
+        tables = std::string("track_text CROSS JOIN ") + kTrackTables;
+        where =
+            "track_text MATCH ?8 AND track_text.rowid > ?20 AND track_text.rowid < ?21 AND "
+            "t.id = track_text.rowid AND " +
+            where;
+        q->fts = ftsQuery(m_words);
+        if (!q->devices.empty()) {
+            where += " AND t.device IN (";
+            for (std::size_t i = 0; i < q->devices.size(); ++i)
+                where += (i ? ", ?" : "?") + std::to_string(q->firstDeviceParam() + i);
+            where += ")";
+        }
+    } else if (!filter.deviceIds.empty()) {
         where += " AND t.device = ?4";
         if (filter.objectTrackId.isNull())
             tables.replace(tables.find("track t"), 7, "track t INDEXED BY track_device_first");
@@ -278,23 +335,24 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     if (!q->types.empty() && !byType) {
         where += " AND t.type IN (";
         for (std::size_t i = 0; i < q->types.size(); ++i)
-            where += (i ? ", ?" : "?") + std::to_string(10 + i);
+            where += (i ? ", ?" : "?") + std::to_string(kFirstTypeParam + i);
         where += ")";
     }
     if (textScan)
         where += " AND text_hits(t.attributes)";
     const char* order = q->ascending ? "ASC" : "DESC";
     q->sql = std::string("SELECT ") + kTrackColumns + " FROM " + tables + " WHERE " + where +
-             " ORDER BY t.first_us " + order + ", t.id " + order + " LIMIT ?9";
+             (walking ? std::string(" ORDER BY track_text.rowid ") + order
+                      : std::string(" ORDER BY t.first_us ") + order + ", t.id " + order) +
+             " LIMIT ?9";
     return DBResult::ok;
 }
 
-DBResult TrackReader::select(const Query& q, std::int64_t partition,
-                             std::vector<ObjectTrackEx>* out, std::vector<std::int64_t>* rowIds)
+namespace {
+
+void bindQuery(sql::Statement* s, const TrackReader::Query& q, std::int64_t partition,
+               std::int64_t limit)
 {
-    auto* s = m_db.cached(q.sql);
-    if (!s)
-        return m_db.lastResult();
     s->bind(1, q.endUs);
     s->bind(2, q.lowFirstUs);
     s->bind(3, q.startUs);
@@ -307,15 +365,130 @@ DBResult TrackReader::select(const Query& q, std::int64_t partition,
         s->bindBlob(7, q.gridMask);
     if (!q.fts.empty())
         s->bindText(8, q.fts);
-    s->bind(9, q.limit);
+    s->bind(9, limit);
     for (std::size_t i = 0; i < q.types.size(); ++i)
-        s->bind(static_cast<int>(10 + i), q.types[i]);
+        s->bind(static_cast<int>(kFirstTypeParam + i), q.types[i]);
+    for (std::size_t i = 0; i < q.devices.size() && q.walking; ++i)
+        s->bind(static_cast<int>(q.firstDeviceParam() + i), q.devices[i]);
+}
+
+}  // namespace
+
+DBResult TrackReader::select(const Query& q, std::int64_t partition,
+                             std::vector<ObjectTrackEx>* out, std::vector<std::int64_t>* rowIds)
+{
+    auto* s = m_db.cached(q.sql);
+    if (!s)
+        return m_db.lastResult();
+    bindQuery(s, q, partition, q.limit);
     while (s->step()) {
         std::int64_t rowId = 0;
         out->push_back(readTrackRow(*s, &rowId).toTrack());
         rowIds->push_back(rowId);
     }
     return s->result();
+}
+
+DBResult TrackReader::rowBounds(Query* q)
+{
+    // A row whose first appearance is at least the lag past the end has, with every row stored
+    // after it, a first appearance at or past the end; likewise before the start.
+    if (q->endUs != kMaxTime) {
+        auto* s = m_db.cached(
+            "SELECT min(id) FROM (SELECT id FROM track INDEXED BY track_first "
+            "WHERE first_us >= ? ORDER BY first_us LIMIT 16)");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, saturatingAdd(q->endUs, q->maxLagUs));
+        if (s->step() && !s->isNull(0))
+            q->highRowId = s->int64(0);
+        if (s->result() != DBResult::ok)
+            return s->result();
+    }
+    const std::int64_t low = saturatingSub(q->lowFirstUs, q->maxLagUs);
+    if (low != kMinTime) {
+        auto* s = m_db.cached(
+            "SELECT max(id) FROM (SELECT id FROM track INDEXED BY track_first "
+            "WHERE first_us < ? ORDER BY first_us DESC LIMIT 16)");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, low);
+        if (s->step() && !s->isNull(0))
+            q->lowRowId = s->int64(0);
+        if (s->result() != DBResult::ok)
+            return s->result();
+    }
+    return DBResult::ok;
+}
+
+DBResult TrackReader::walk(const Query& q, std::vector<ObjectTrackEx>* out,
+                           std::vector<std::int64_t>* rowIds, bool* gaveUp)
+{
+    struct Row
+    {
+        std::int64_t id = 0;
+        TrackAggregate track;
+    };
+    const auto before = [&q](const Row& a, const Row& b) {
+        const auto ka = std::pair(a.track.firstUs, a.id);
+        const auto kb = std::pair(b.track.firstUs, b.id);
+        return q.ascending ? ka < kb : kb < ka;
+    };
+    auto* s = m_db.cached(q.sql);
+    if (!s)
+        return m_db.lastResult();
+    const std::int64_t batch = std::max<std::int64_t>(2 * q.limit, 256);
+    const auto limit = static_cast<std::size_t>(q.limit);
+    std::vector<Row> best;
+    std::int64_t cursor = q.ascending ? q.lowRowId : q.highRowId;
+    // The first appearance reached by the walk, the latest one walking down, else the earliest:
+    // rows further on lie within the lag of it.
+    std::int64_t reached = q.ascending ? kMinTime : kMaxTime;
+    std::int64_t read = 0;
+    for (;;) {
+        s->reset();
+        bindQuery(s, q, 0, batch);
+        s->bind(20, q.ascending ? cursor : q.lowRowId);
+        s->bind(21, q.ascending ? q.highRowId : cursor);
+        std::int64_t rows = 0;
+        while (s->step()) {
+            Row row;
+            row.track = readTrackRow(*s, &row.id);
+            cursor = row.id;
+            reached = q.ascending ? std::max(reached, row.track.firstUs)
+                                  : std::min(reached, row.track.firstUs);
+            best.push_back(std::move(row));
+            ++rows;
+        }
+        if (s->result() != DBResult::ok)
+            return s->result();
+        read += rows;
+        if (best.size() >= limit) {
+            std::partial_sort(best.begin(), best.begin() + limit, best.end(), before);
+            best.resize(limit);
+        }
+        if (rows < batch)
+            break;
+        // Rows further on have larger ids walking up, smaller ones walking down, so a tie
+        // on first appearance ranks them after the rows found.
+        if (best.size() == limit) {
+            const std::int64_t worst = best.back().track.firstUs;
+            if (q.ascending ? worst <= saturatingSub(reached, q.maxLagUs)
+                            : worst >= saturatingAdd(reached, q.maxLagUs)) {
+                break;
+            }
+        }
+        if (read >= kRowWalkBudget) {
+            *gaveUp = true;
+            return DBResult::ok;
+        }
+    }
+    std::sort(best.begin(), best.end(), before);
+    for (Row& row : best) {
+        rowIds->push_back(row.id);
+        out->push_back(row.track.toTrack());
+    }
+    return DBResult::ok;
 }
 
 DBResult TrackReader::loadPositions(std::int64_t rowId, ObjectTrackEx* track)

@@ -36,8 +36,11 @@ namespace kest::analytics::db {
  * Indexes: the track id is a key; each device is an index range on (device, first appearance),
  * merged; without devices, each type is a range on (type, first appearance); otherwise the
  * first-appearance index. Ranges are bounded below by the longest track stored. Engine, box and
- * common words are tested on the rows of the range until the limit is reached; rare words go
- * through FTS5.
+ * common words are tested on the rows of the range until the limit is reached. Words that are
+ * not common enough for that go through FTS5, walked in row id order: row ids follow storing,
+ * which strays from first-appearance order by at most the lag the storage records (kMaxLagKey),
+ * so the walk stops once no row further on can beat the answer found. When the lag is too
+ * wide for that to end soon, every FTS5 match is checked.
  */
 class TrackReader
 {
@@ -56,19 +59,29 @@ public:
      * words quickly; after this many rows without a full answer the full-text index is used.
      */
     static constexpr std::int64_t kTextScanBudget = 4000;
+    /** Tests use it to take the other ways on small stores. */
+    void setTextScanBudget(std::int64_t checks) { m_textScanBudget = checks; }
+
+    /** Rows the row id walk may read before every FTS5 match is checked instead. */
+    static constexpr std::int64_t kRowWalkBudget = 20000;
+
+    struct Query;
 
 private:
-    struct Query;
     enum class TextMode
     {
         none,
         scan,
+        rowWalk,
         index
     };
 
     sql::DBResult run(const Filter& filter, TextMode textMode, std::vector<ObjectTrackEx>* tracks);
     sql::DBResult select(const Query& query, std::int64_t partition,
                          std::vector<ObjectTrackEx>* out, std::vector<std::int64_t>* rowIds);
+    sql::DBResult walk(const Query& query, std::vector<ObjectTrackEx>* out,
+                       std::vector<std::int64_t>* rowIds, bool* gaveUp);
+    sql::DBResult rowBounds(Query* query);
     sql::DBResult keysOf(const Filter& filter, TextMode textMode, Query* query,
                          bool* matchesNothing);
     static void textHits(sqlite3_context* context, int, sqlite3_value** args);
@@ -78,6 +91,8 @@ private:
     TextMatcher m_matcher;
     std::vector<std::string> m_words;
     bool m_textBudgetExceeded = false;
+    bool m_walkGaveUp = false;
+    std::int64_t m_textScanBudget = kTextScanBudget;
 };
 
 }  // namespace kest::analytics::db

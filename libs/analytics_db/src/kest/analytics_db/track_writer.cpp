@@ -19,12 +19,29 @@ DBResult TrackWriter::open(const std::string& file, const sql::ConnectionOptions
         return r;
     if (auto r = applySchema(m_db); r != DBResult::ok)
         return r;
-    auto span = m_db.prepare("SELECT value FROM meta WHERE key = 'maxSpanUs'");
-    if (!span)
+    auto meta = m_db.prepare("SELECT key, value FROM meta");
+    if (!meta)
         return m_db.lastResult();
-    if (span->step())
-        m_maxSpanUs = span->int64(0);
-    return span->result();
+    while (meta->step()) {
+        const std::string_view key = meta->text(0);
+        if (key == "maxSpanUs")
+            m_maxSpanUs = meta->int64(1);
+        else if (key == kMaxFirstKey)
+            m_maxFirstUs = meta->int64(1);
+        else if (key == kMaxLagKey)
+            m_maxLagUs = meta->int64(1);
+    }
+    return meta->result();
+}
+
+DBResult TrackWriter::storeMeta(const char* key, std::int64_t value)
+{
+    auto* s = m_db.cached("INSERT OR REPLACE INTO meta(key, value) VALUES(?, ?)");
+    if (!s)
+        return m_db.lastResult();
+    s->bindText(1, key);
+    s->bind(2, value);
+    return s->exec();
 }
 
 DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
@@ -61,20 +78,28 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
         }
     }
 
+    // Rows of a batch get their ids in no particular order, so the lag of each track whose
+    // first appearance is new is taken against the latest first appearance after the batch.
     std::int64_t maxSpan = m_maxSpanUs;
+    std::int64_t maxFirst = m_maxFirstUs;
+    std::int64_t maxLag = m_maxLagUs;
+    for (const auto& [id, p] : pending) {
+        if (p.rowId == 0 || p.stored.firstUs != p.track.firstUs)
+            maxFirst = std::max(maxFirst, p.track.firstUs);
+    }
     for (auto it = pending.begin(); result == DBResult::ok && it != pending.end(); ++it) {
-        result = storeTrack(it->second);
-        maxSpan = std::max(maxSpan, it->second.track.lastUs - it->second.track.firstUs);
+        Pending& p = it->second;
+        if (p.rowId == 0 || p.stored.firstUs != p.track.firstUs)
+            maxLag = std::max(maxLag, lagOf(maxFirst, p.track.firstUs));
+        result = storeTrack(p);
+        maxSpan = std::max(maxSpan, p.track.lastUs - p.track.firstUs);
     }
-    if (result == DBResult::ok && maxSpan > m_maxSpanUs) {
-        if (auto* s =
-                m_db.cached("INSERT OR REPLACE INTO meta(key, value) VALUES('maxSpanUs', ?)")) {
-            s->bind(1, maxSpan);
-            result = s->exec();
-        } else {
-            result = m_db.lastResult();
-        }
-    }
+    if (result == DBResult::ok && maxSpan > m_maxSpanUs)
+        result = storeMeta("maxSpanUs", maxSpan);
+    if (result == DBResult::ok && maxFirst != m_maxFirstUs)
+        result = storeMeta(kMaxFirstKey, maxFirst);
+    if (result == DBResult::ok && maxLag != m_maxLagUs)
+        result = storeMeta(kMaxLagKey, maxLag);
     m_db.resetCached();
     if (result == DBResult::ok)
         result = transaction.commit();
@@ -86,6 +111,8 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
         return result;
     }
     m_maxSpanUs = maxSpan;
+    m_maxFirstUs = maxFirst;
+    m_maxLagUs = maxLag;
     for (auto& [id, p] : pending)
         remember(std::move(p));
     return DBResult::ok;

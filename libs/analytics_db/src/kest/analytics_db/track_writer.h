@@ -13,6 +13,7 @@
 
 #include "object_metadata_packet.h"
 #include "record_codec.h"
+#include "storage_schema.h"
 #include "track_aggregate.h"
 
 namespace kest::analytics::db {
@@ -91,6 +92,7 @@ private:
 
     sql::DBResult loadTrack(const ZuUuid& id, Pending* pending);
     sql::DBResult storeTrack(Pending& pending);
+    sql::DBResult storeMeta(const char* key, std::int64_t value);
     sql::DBResult deviceKey(const ZuUuid& id, std::int64_t* key);
     sql::DBResult typeKey(const std::string& name, std::int64_t* key);
     void remember(Pending&& pending);
@@ -103,6 +105,9 @@ private:
     std::unordered_map<ZuUuid, std::int64_t, UuidHash> m_devices;
     std::unordered_map<std::string, std::int64_t> m_types;
     std::atomic<std::int64_t> m_maxSpanUs{0};
+    /** See kMaxLagKey: kept here so that a batch does not read them back. */
+    std::int64_t m_maxFirstUs = kNoFirstUs;
+    std::int64_t m_maxLagUs = 0;
 };
 
 }  // namespace kest::analytics::db
