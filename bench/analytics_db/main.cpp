@@ -298,6 +298,11 @@ std::vector<QueryKind> makeQueries(const Options& options, const StoreInfo& info
     QueryKind window{.name = "device + time window, limit 100"};
     QueryKind word{.name = "free text: common word, limit 100", .goalMs = kFreeTextGoalMs};
     QueryKind plate{.name = "free text: plate number, limit 100", .goalMs = kFreeTextGoalMs};
+    // The same words in shapes that walk the text matches otherwise: oldest first, and within
+    // one device and an hour around a track that has the word.
+    QueryKind oldestWord{.name = "free text: common word, oldest first", .goalMs = kFreeTextGoalMs};
+    QueryKind scopedWord{.name = "free text: common word, device + 1 h", .goalMs = kFreeTextGoalMs};
+    QueryKind deviceWord{.name = "free text: common word, one device", .goalMs = kFreeTextGoalMs};
     QueryKind box{.name = "device + bounding box, limit 100"};
     QueryKind track{.name = "track id", .expectHit = true};
     QueryKind fullTrack{.name = "track id, full track", .expectHit = true};
@@ -329,6 +334,17 @@ std::vector<QueryKind> makeQueries(const Options& options, const StoreInfo& info
         }
         filter.freeText = words.empty() ? sample.typeId : words[uniform(0, words.size() - 1)];
         word.filters.push_back(filter);
+        filter.sortOrder = kest::analytics::db::SortOrder::asc;
+        oldestWord.filters.push_back(filter);
+        filter.sortOrder = kest::analytics::db::SortOrder::desc;
+        filter.deviceIds = {sample.deviceId};
+        filter.timePeriod =
+            ZuTimePeriod(sample.firstAppearanceUs / 1000 - 30 * 60'000, 60 * 60'000);
+        scopedWord.filters.push_back(filter);
+        filter.timePeriod = Filter().timePeriod;
+        deviceWord.filters.push_back(filter);
+        filter.deviceIds.clear();
+        filter.timePeriod = Filter().timePeriod;
 
         if (!plated.empty()) {
             const TrackSample& owner = *plated[uniform(0, plated.size() - 1)];
@@ -354,7 +370,7 @@ std::vector<QueryKind> makeQueries(const Options& options, const StoreInfo& info
         filter.needFullTrack = true;
         fullTrack.filters.push_back(filter);
     }
-    return {window, word, plate, box, track, fullTrack};
+    return {window, word, oldestWord, scopedWord, deviceWord, plate, box, track, fullTrack};
 }
 
 struct LookupResult

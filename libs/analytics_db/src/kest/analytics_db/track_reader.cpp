@@ -180,7 +180,9 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode,
     std::vector<std::int64_t> rowIds;
     if (textMode == TextMode::rowWalk) {
         // Without a limit every match is needed anyway; without the lag nothing bounds the walk.
-        if (q.limit < 0 || q.maxLagUs < 0) {
+        // Devices have index ranges small enough to test against the set of all matches, while
+        // the walk would read matches of every device to find those of a few.
+        if (q.limit < 0 || q.maxLagUs < 0 || !q.devices.empty()) {
             m_walkGaveUp = true;
             return DBResult::ok;
         }
