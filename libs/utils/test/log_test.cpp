@@ -51,7 +51,8 @@ TEST(Logger, WritesToFileWithLevelFilterAndTooManyLine)
         ++written;
     }
     EXPECT_EQ(written, RateLimiter::kDefaultMaxPerWindow + 1);
-    EXPECT_NE(log.find("TOO MANY SIMILAR MESSAGES: tag: Accept has failed: boom"), std::string::npos);
+    EXPECT_NE(log.find("TOO MANY SIMILAR MESSAGES: tag: Accept has failed: boom"),
+              std::string::npos);
     EXPECT_NE(log.find("last"), std::string::npos);
 }
 

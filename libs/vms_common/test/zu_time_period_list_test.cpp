@@ -5,7 +5,8 @@
 TEST(ZuTimePeriod, EndTimesSaturateAndInfiniteHasNoEnd)
 {
     EXPECT_EQ(ZuTimePeriod(1000, 500).endTimeMs(), 1500);
-    EXPECT_EQ(ZuTimePeriod(1000, ZuTimePeriod::kInfiniteDuration).endTimeMs(), ZuTimePeriod::kMaxTimeMs);
+    EXPECT_EQ(ZuTimePeriod(1000, ZuTimePeriod::kInfiniteDuration).endTimeMs(),
+              ZuTimePeriod::kMaxTimeMs);
     EXPECT_EQ(ZuTimePeriod(ZuTimePeriod::kMaxTimeMs - 1, 10).endTimeMs(), ZuTimePeriod::kMaxTimeMs);
     EXPECT_TRUE(ZuTimePeriod(0, 10).intersects(ZuTimePeriod(9, 5)));
     EXPECT_FALSE(ZuTimePeriod(0, 10).intersects(ZuTimePeriod(10, 5)));

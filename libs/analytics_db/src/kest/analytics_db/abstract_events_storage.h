@@ -17,11 +17,12 @@
 
 namespace kest::analytics::db {
 
-using SaveErrorHandler = utils::MoveOnlyFunc<void(
-    kest::sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
+using SaveErrorHandler =
+    utils::MoveOnlyFunc<void(kest::sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 using LookupHandler = utils::MoveOnlyFunc<void(ResultCode, std::vector<ObjectTrackEx>)>;
 
-/** The analytics events storage: packets go in and are aggregated into tracks; searches come out. */
+/** The analytics events storage: packets go in and are aggregated into tracks; searches come out.
+ */
 class AbstractEventsStorage
 {
 public:
@@ -39,7 +40,8 @@ public:
     /** Queues a packet; never blocks. */
     virtual void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) = 0;
 
-    /** Searches off the caller's thread; the handler is called exactly once, on the storage's thread. */
+    /** Searches off the caller's thread; the handler is called exactly once, on the storage's
+     * thread. */
     virtual void lookup(Filter filter, LookupHandler completionHandler) = 0;
 };
 

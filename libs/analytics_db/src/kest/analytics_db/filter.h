@@ -35,7 +35,8 @@ struct Filter
 };
 
 BOOST_DESCRIBE_STRUCT(Filter, (),
-    (deviceIds, objectTypeId, objectTrackId, timePeriod, boundingBox, freeText,
-        maxObjectTracksToSelect, needFullTrack, sortOrder, withBestShotOnly, analyticsEngineId))
+                      (deviceIds, objectTypeId, objectTrackId, timePeriod, boundingBox, freeText,
+                       maxObjectTracksToSelect, needFullTrack, sortOrder, withBestShotOnly,
+                       analyticsEngineId))
 
 }  // namespace kest::analytics::db

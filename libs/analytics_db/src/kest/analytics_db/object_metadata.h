@@ -12,7 +12,8 @@
 
 namespace kest::common::metadata {
 
-/** One detected object in a packet: which track it belongs to, where it is and what it looks like. */
+/** One detected object in a packet: which track it belongs to, where it is and what it looks like.
+ */
 struct ObjectMetadata
 {
     ZuUuid trackId;
@@ -32,6 +33,7 @@ struct ObjectMetadata
 };
 
 BOOST_DESCRIBE_STRUCT(ObjectMetadata, (),
-    (trackId, typeId, objectMetadataType, boundingBox, attributes, analyticsEngineId))
+                      (trackId, typeId, objectMetadataType, boundingBox, attributes,
+                       analyticsEngineId))
 
 }  // namespace kest::common::metadata

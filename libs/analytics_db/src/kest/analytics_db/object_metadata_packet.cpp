@@ -12,7 +12,8 @@ std::int64_t floorDiv(std::int64_t a, std::int64_t b)
 ZuTimePeriod ObjectMetadataPacket::timePeriod() const
 {
     const std::int64_t startMs = floorDiv(timestampUs, 1000);
-    const std::int64_t endMs = -floorDiv(-(timestampUs + std::max<std::int64_t>(durationUs, 0)), 1000);
+    const std::int64_t endMs =
+        -floorDiv(-(timestampUs + std::max<std::int64_t>(durationUs, 0)), 1000);
     return ZuTimePeriod(startMs, endMs - startMs);
 }
 

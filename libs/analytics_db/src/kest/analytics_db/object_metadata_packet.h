@@ -28,6 +28,6 @@ struct ObjectMetadataPacket
 };
 
 BOOST_DESCRIBE_STRUCT(ObjectMetadataPacket, (),
-    (deviceId, timestampUs, durationUs, objectMetadataList, streamIndex))
+                      (deviceId, timestampUs, durationUs, objectMetadataList, streamIndex))
 
 }  // namespace kest::common::metadata

@@ -57,7 +57,7 @@ struct ObjectPosition
     friend bool operator==(const ObjectPosition&, const ObjectPosition&) = default;
 };
 BOOST_DESCRIBE_STRUCT(ObjectPosition, (),
-    (deviceId, timestampUs, durationUs, boundingBox, attributes))
+                      (deviceId, timestampUs, durationUs, boundingBox, attributes))
 
 /** An object track as searches return it: one object followed over time on one device. */
 struct ObjectTrackEx
@@ -76,7 +76,8 @@ struct ObjectTrackEx
     friend bool operator==(const ObjectTrackEx&, const ObjectTrackEx&) = default;
 };
 BOOST_DESCRIBE_STRUCT(ObjectTrackEx, (),
-    (id, deviceId, objectTypeId, attributes, firstAppearanceTimeUs, lastAppearanceTimeUs,
-        objectPosition, bestShot, analyticsEngineId, objectPositionSequence))
+                      (id, deviceId, objectTypeId, attributes, firstAppearanceTimeUs,
+                       lastAppearanceTimeUs, objectPosition, bestShot, analyticsEngineId,
+                       objectPositionSequence))
 
 }  // namespace kest::analytics::db

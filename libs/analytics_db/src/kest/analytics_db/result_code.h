@@ -5,7 +5,12 @@
 namespace kest::analytics::db {
 
 /** The outcome of a lookup. */
-enum class ResultCode : int { ok = 0, retryLater = 1, error = 2 };
+enum class ResultCode : int
+{
+    ok = 0,
+    retryLater = 1,
+    error = 2
+};
 
 std::string toString(ResultCode code);
 

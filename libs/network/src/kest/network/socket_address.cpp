@@ -19,7 +19,8 @@ std::optional<SocketAddress> SocketAddress::parse(std::string_view text)
         return std::nullopt;  // an IPv6 address needs brackets
     }
     unsigned port = 0;
-    const auto [end, error] = std::from_chars(portText.data(), portText.data() + portText.size(), port);
+    const auto [end, error] =
+        std::from_chars(portText.data(), portText.data() + portText.size(), port);
     if (portText.empty() || error != std::errc() || end != portText.data() + portText.size() ||
         port > 65535) {
         return std::nullopt;

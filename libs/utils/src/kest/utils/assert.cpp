@@ -15,7 +15,7 @@ void assertionFailed(const char* file, int line, const char* condition, const st
 {
     ++g_failures;
     KEST_LOG(log::Level::always, "assert", "ASSERTION FAILED: %1:%2 (%3) %4", file, line, condition,
-        message);
+             message);
     if (g_abort)
         std::abort();
 }

@@ -20,9 +20,9 @@ void setAbortOnAssertionFailure(bool value);
 
 }  // namespace kest::utils
 
-#define KEST_ASSERT(condition, ...)                                                       \
-    (static_cast<bool>(condition)                                                          \
-            ? true                                                                         \
-            : (::kest::utils::assertionFailed(__FILE__, __LINE__, #condition,              \
-                   std::string{__VA_ARGS__}),                                              \
-                  false))
+#define KEST_ASSERT(condition, ...)                                        \
+    (static_cast<bool>(condition)                                          \
+         ? true                                                            \
+         : (::kest::utils::assertionFailed(__FILE__, __LINE__, #condition, \
+                                           std::string{__VA_ARGS__}),      \
+            false))

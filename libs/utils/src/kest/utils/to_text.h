@@ -25,13 +25,19 @@ std::string toText(const T& value);
 namespace detail {
 
 template <typename T>
-concept HasAdlToString = requires(const T& v) {
-    { toString(v) } -> std::convertible_to<std::string>;
+concept HasAdlToString = requires(const T& v)
+{
+    {
+        toString(v)
+        } -> std::convertible_to<std::string>;
 };
 
 template <typename T>
-concept HasMemberToString = requires(const T& v) {
-    { v.toString() } -> std::convertible_to<std::string>;
+concept HasMemberToString = requires(const T& v)
+{
+    {
+        v.toString()
+        } -> std::convertible_to<std::string>;
 };
 
 template <typename T>
@@ -43,30 +49,24 @@ concept IsContainer = std::ranges::input_range<const T> && !IsStringLike<T> &&
 
 template <typename T>
 struct IsOptional : std::false_type
-{
-};
+{};
 template <typename T>
 struct IsOptional<std::optional<T>> : std::true_type
-{
-};
+{};
 
 template <typename T>
 struct IsPair : std::false_type
-{
-};
+{};
 template <typename A, typename B>
 struct IsPair<std::pair<A, B>> : std::true_type
-{
-};
+{};
 
 template <typename T>
 struct IsDuration : std::false_type
-{
-};
+{};
 template <typename R, typename P>
 struct IsDuration<std::chrono::duration<R, P>> : std::true_type
-{
-};
+{};
 
 std::string pointerToText(const void* p);
 std::string doubleToText(double v);

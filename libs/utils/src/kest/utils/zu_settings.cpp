@@ -10,7 +10,7 @@ bool ZuSettings::loadIniFile(const QString& path)
     QSettings file(path, QSettings::IniFormat);
     if (file.status() != QSettings::NoError)
         return false;
-    for (const auto& key: file.allKeys()) {
+    for (const auto& key : file.allKeys()) {
         // QSettings files keys of the top level under "General"; ours are top-level keys.
         QString name = key;
         if (name.startsWith(QLatin1String("General/")))

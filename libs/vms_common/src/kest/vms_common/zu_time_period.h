@@ -19,14 +19,12 @@ struct ZuTimePeriod
     std::int64_t durationMs = 0;
 
     ZuTimePeriod() = default;
-    ZuTimePeriod(std::int64_t startTimeMs, std::int64_t durationMs):
-        startTimeMs(startTimeMs), durationMs(durationMs)
-    {
-    }
-    ZuTimePeriod(std::chrono::milliseconds start, std::chrono::milliseconds duration):
-        startTimeMs(start.count()), durationMs(duration.count())
-    {
-    }
+    ZuTimePeriod(std::int64_t startTimeMs, std::int64_t durationMs)
+        : startTimeMs(startTimeMs), durationMs(durationMs)
+    {}
+    ZuTimePeriod(std::chrono::milliseconds start, std::chrono::milliseconds duration)
+        : startTimeMs(start.count()), durationMs(duration.count())
+    {}
 
     /** The period from `startMs` up to (not including) `endMs`. */
     static ZuTimePeriod fromInterval(std::int64_t startMs, std::int64_t endMs);

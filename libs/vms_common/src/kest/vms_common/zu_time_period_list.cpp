@@ -8,11 +8,12 @@ void ZuTimePeriodList::unionTimePeriods(ZuTimePeriodList& base, const ZuTimePeri
     all.reserve(base.size() + appending.size());
     all.insert(all.end(), base.m_periods.begin(), base.m_periods.end());
     all.insert(all.end(), appending.m_periods.begin(), appending.m_periods.end());
-    std::ranges::sort(all, [](const auto& a, const auto& b) { return a.startTimeMs < b.startTimeMs; });
+    std::ranges::sort(all,
+                      [](const auto& a, const auto& b) { return a.startTimeMs < b.startTimeMs; });
 
     std::vector<ZuTimePeriod> merged;
     merged.reserve(all.size());
-    for (const auto& period: all) {
+    for (const auto& period : all) {
         if (!merged.empty() && period.startTimeMs <= merged.back().endTimeMs()) {
             auto& last = merged.back();
             const auto end = std::max(last.endTimeMs(), period.endTimeMs());
@@ -35,7 +36,7 @@ void ZuTimePeriodList::excludeTimePeriod(const ZuTimePeriod& cut)
     const auto cutEnd = cut.endTimeMs();
     std::vector<ZuTimePeriod> result;
     result.reserve(m_periods.size() + 1);
-    for (const auto& period: m_periods) {
+    for (const auto& period : m_periods) {
         const auto start = period.startTimeMs;
         const auto end = period.endTimeMs();
         if (end <= cutStart || start >= cutEnd) {
@@ -55,7 +56,7 @@ void ZuTimePeriodList::excludeTimePeriod(const ZuTimePeriod& cut)
 std::string toString(const ZuTimePeriodList& list)
 {
     std::string out;
-    for (const auto& period: list) {
+    for (const auto& period : list) {
         out += out.empty() ? "{ " : ", ";
         out += toString(period);
     }

@@ -17,10 +17,11 @@ public:
     using iterator = std::vector<ZuTimePeriod>::iterator;
 
     ZuTimePeriodList() = default;
-    ZuTimePeriodList(std::initializer_list<ZuTimePeriod> periods): m_periods(periods) {}
-    explicit ZuTimePeriodList(std::vector<ZuTimePeriod> periods): m_periods(std::move(periods)) {}
+    ZuTimePeriodList(std::initializer_list<ZuTimePeriod> periods) : m_periods(periods) {}
+    explicit ZuTimePeriodList(std::vector<ZuTimePeriod> periods) : m_periods(std::move(periods)) {}
 
-    /** Makes `base` the union of itself and `appending`: sorted, overlapping and touching merged. */
+    /** Makes `base` the union of itself and `appending`: sorted, overlapping and touching merged.
+     */
     static void unionTimePeriods(ZuTimePeriodList& base, const ZuTimePeriodList& appending);
 
     /** Adds one period and keeps the list a union. */

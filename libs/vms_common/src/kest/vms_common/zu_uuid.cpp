@@ -12,9 +12,9 @@ QUuid parseQUuid(std::string_view text)
 
 }  // namespace
 
-ZuUuid::ZuUuid(std::string_view text): m_uuid(parseQUuid(text)) {}
+ZuUuid::ZuUuid(std::string_view text) : m_uuid(parseQUuid(text)) {}
 
-ZuUuid::ZuUuid(const QString& text): m_uuid(QUuid::fromString(text)) {}
+ZuUuid::ZuUuid(const QString& text) : m_uuid(QUuid::fromString(text)) {}
 
 ZuUuid ZuUuid::createUuid()
 {

@@ -13,11 +13,11 @@ class ZuUuid
 {
 public:
     ZuUuid() = default;
-    explicit ZuUuid(const QUuid& uuid): m_uuid(uuid) {}
+    explicit ZuUuid(const QUuid& uuid) : m_uuid(uuid) {}
     /** Lenient: text that is not a UUID, braced or simple, gives the null UUID. */
     explicit ZuUuid(std::string_view text);
-    explicit ZuUuid(const char* text): ZuUuid(std::string_view(text)) {}
-    explicit ZuUuid(const std::string& text): ZuUuid(std::string_view(text)) {}
+    explicit ZuUuid(const char* text) : ZuUuid(std::string_view(text)) {}
+    explicit ZuUuid(const std::string& text) : ZuUuid(std::string_view(text)) {}
     explicit ZuUuid(const QString& text);
 
     static ZuUuid createUuid();

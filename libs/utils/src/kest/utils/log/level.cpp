@@ -8,8 +8,8 @@
 namespace kest::utils::log {
 
 namespace {
-constexpr std::array<std::string_view, 7> kNames = {"none",    "always", "error",  "warning",
-                                                     "info",    "debug",  "verbose"};
+constexpr std::array<std::string_view, 7> kNames = {"none", "always", "error",  "warning",
+                                                    "info", "debug",  "verbose"};
 }
 
 std::string_view toString(Level level)

@@ -5,8 +5,18 @@
 
 namespace kest::utils::log {
 
-/** Log levels, from the most to the least important. A logger writes lines at or below its level. */
-enum class Level : int { none = 0, always = 1, error = 2, warning = 3, info = 4, debug = 5, verbose = 6 };
+/** Log levels, from the most to the least important. A logger writes lines at or below its level.
+ */
+enum class Level : int
+{
+    none = 0,
+    always = 1,
+    error = 2,
+    warning = 3,
+    info = 4,
+    debug = 5,
+    verbose = 6
+};
 
 std::string_view toString(Level level);
 

@@ -7,12 +7,12 @@
 #include "logger.h"
 #include "tag.h"
 
-#define KEST_LOG(level, tag, ...)                                                          \
-    do {                                                                                   \
-        if (::kest::utils::log::Logger::instance().isEnabled(level)) {                     \
-            ::kest::utils::log::Logger::instance().write(                                  \
+#define KEST_LOG(level, tag, ...)                                                                \
+    do {                                                                                         \
+        if (::kest::utils::log::Logger::instance().isEnabled(level)) {                           \
+            ::kest::utils::log::Logger::instance().write(                                        \
                 level, ::kest::utils::log::Tag(tag).text(), ::kest::utils::format(__VA_ARGS__)); \
-        }                                                                                  \
+        }                                                                                        \
     } while (0)
 
 #define KEST_ALWAYS(tag, ...) KEST_LOG(::kest::utils::log::Level::always, tag, __VA_ARGS__)

@@ -33,7 +33,7 @@ public:
     {
         return level != Level::none &&
                (static_cast<int>(level) <= m_level.load(std::memory_order_relaxed) ||
-                   m_observerCount.load(std::memory_order_relaxed) > 0);
+                m_observerCount.load(std::memory_order_relaxed) > 0);
     }
 
     Level level() const { return static_cast<Level>(m_level.load()); }

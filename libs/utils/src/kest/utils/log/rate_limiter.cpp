@@ -8,13 +8,12 @@ namespace {
 constexpr std::size_t kMaxTrackedLines = 4096;
 }
 
-RateLimiter::RateLimiter(std::size_t maxPerWindow, std::chrono::milliseconds window):
-    m_maxPerWindow(maxPerWindow), m_window(window)
-{
-}
+RateLimiter::RateLimiter(std::size_t maxPerWindow, std::chrono::milliseconds window)
+    : m_maxPerWindow(maxPerWindow), m_window(window)
+{}
 
-RateLimiter::Verdict RateLimiter::check(
-    std::string_view line, std::chrono::steady_clock::time_point now)
+RateLimiter::Verdict RateLimiter::check(std::string_view line,
+                                        std::chrono::steady_clock::time_point now)
 {
     pruneIfLarge(now);
     auto& entry = m_entries[std::hash<std::string_view>()(line)];
@@ -35,7 +34,8 @@ void RateLimiter::pruneIfLarge(std::chrono::steady_clock::time_point now)
     // Lines that are all different must not grow the table without bound.
     if (m_entries.size() < kMaxTrackedLines)
         return;
-    std::erase_if(m_entries, [&](const auto& item) { return now - item.second.windowStart >= m_window; });
+    std::erase_if(m_entries,
+                  [&](const auto& item) { return now - item.second.windowStart >= m_window; });
     if (m_entries.size() >= kMaxTrackedLines)
         m_entries.clear();
 }

@@ -17,14 +17,18 @@ namespace kest::utils::log {
 class RateLimiter
 {
 public:
-    enum class Verdict { write, writeTooMany, drop };
+    enum class Verdict
+    {
+        write,
+        writeTooMany,
+        drop
+    };
 
     static constexpr std::size_t kDefaultMaxPerWindow = 10;
     static constexpr std::chrono::milliseconds kDefaultWindow{1000};
 
-    explicit RateLimiter(
-        std::size_t maxPerWindow = kDefaultMaxPerWindow,
-        std::chrono::milliseconds window = kDefaultWindow);
+    explicit RateLimiter(std::size_t maxPerWindow = kDefaultMaxPerWindow,
+                         std::chrono::milliseconds window = kDefaultWindow);
 
     Verdict check(std::string_view line, std::chrono::steady_clock::time_point now);
 

@@ -18,7 +18,8 @@ struct LoggerSettings
     std::string file;
 };
 
-/** The list of logger settings of a service, read from a settings group ("log/level", "log/file"). */
+/** The list of logger settings of a service, read from a settings group ("log/level", "log/file").
+ */
 class Settings
 {
 public:

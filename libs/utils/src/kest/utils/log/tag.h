@@ -9,13 +9,12 @@ namespace kest::utils::log {
 class Tag
 {
 public:
-    explicit Tag(std::string text): m_text(std::move(text)) {}
-    Tag(const char* text): m_text(text) {}
+    explicit Tag(std::string text) : m_text(std::move(text)) {}
+    Tag(const char* text) : m_text(text) {}
 
     template <typename T>
-    Tag(const T* object): m_text(fromObject(typeid(*object), object))
-    {
-    }
+    Tag(const T* object) : m_text(fromObject(typeid(*object), object))
+    {}
 
     const std::string& text() const { return m_text; }
 
