@@ -20,6 +20,8 @@
 #include <boost/describe/modifiers.hpp>
 #include <boost/mp11/algorithm.hpp>
 
+#include <kest/utils/type_traits.h>
+
 namespace kest::reflect::detail {
 
 /** A type that brings its own text form: `toString(const T&)` and `fromString(text, T*)` by ADL. */
@@ -41,19 +43,8 @@ template <typename T>
 concept DescribedRecord =
     std::is_class_v<T> && !std::is_union_v<T> && boost::describe::has_describe_members<T>::value;
 
-template <typename T>
-struct IsOptional : std::false_type
-{};
-template <typename T>
-struct IsOptional<std::optional<T>> : std::true_type
-{};
-
-template <typename T>
-struct IsDuration : std::false_type
-{};
-template <typename R, typename P>
-struct IsDuration<std::chrono::duration<R, P>> : std::true_type
-{};
+using kest::utils::IsDuration;
+using kest::utils::IsOptional;
 
 template <typename T>
 concept Integer = std::is_integral_v<T> && !std::same_as<T, bool>;

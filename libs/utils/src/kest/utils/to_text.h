@@ -12,6 +12,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "type_traits.h"
+
 namespace kest::utils {
 
 /**
@@ -47,26 +49,9 @@ template <typename T>
 concept IsContainer = std::ranges::input_range<const T> && !IsStringLike<T> &&
                       !std::same_as<T, QString> && !std::same_as<T, QByteArray>;
 
-template <typename T>
-struct IsOptional : std::false_type
-{};
-template <typename T>
-struct IsOptional<std::optional<T>> : std::true_type
-{};
-
-template <typename T>
-struct IsPair : std::false_type
-{};
-template <typename A, typename B>
-struct IsPair<std::pair<A, B>> : std::true_type
-{};
-
-template <typename T>
-struct IsDuration : std::false_type
-{};
-template <typename R, typename P>
-struct IsDuration<std::chrono::duration<R, P>> : std::true_type
-{};
+using utils::IsDuration;
+using utils::IsOptional;
+using utils::IsPair;
 
 std::string pointerToText(const void* p);
 std::string doubleToText(double v);
