@@ -37,10 +37,11 @@ namespace kest::analytics::db {
  * merged; without devices, each type is a range on (type, first appearance); otherwise the
  * first-appearance index. Ranges are bounded below by the longest track stored. Engine, box and
  * common words are tested on the rows of the range until the limit is reached. Words that are
- * not common enough for that go through FTS5, walked in row id order: row ids follow storing,
- * which strays from first-appearance order by at most the lag the storage records (kMaxLagKey),
- * so the walk stops once no row further on can beat the answer found. When the lag is too
- * wide for that to end soon, every FTS5 match is checked.
+ * not common enough for that go through FTS5. Without devices its matches are walked in row id
+ * order: row ids follow storing, which strays from first-appearance order by at most the lag the
+ * storage records (kMaxLagKey), so the walk stops once no row further on can beat the answer
+ * found. With devices, or when the lag is too wide for the walk to end soon, the index range is
+ * tested against the set of all FTS5 matches.
  */
 class TrackReader
 {
