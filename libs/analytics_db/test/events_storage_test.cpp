@@ -71,7 +71,8 @@ TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
     store.setValue("analyticsDb/maxCommitDelayMs", "50");
     store.setValue("analyticsDb/maxQueuedPackets", "many");
     store.setValue("analyticsDb/synchronous", "FULL");
-    store.setValue("other/maxAgeDays", "7");
+    store.setValue("other/maxAgeDays", "150000000");
+    store.setValue("other/maxCommitDelayMs", "9300000000000");
     Settings settings;
     settings.load(store);
     EXPECT_EQ(settings.path, "/var/x");
@@ -83,7 +84,9 @@ TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
 
     Settings other;
     other.load(store, "other");
-    EXPECT_EQ(other.maxAgeDays, 7);
+    // Ages and delays so large that time arithmetic would overflow are capped.
+    EXPECT_EQ(other.maxAgeDays, Settings::kMaxAgeDaysLimit);
+    EXPECT_EQ(other.maxCommitDelay, Settings::kMaxCommitDelayLimit);
     EXPECT_TRUE(other.path.isEmpty());
 }
 
@@ -753,24 +756,27 @@ TEST_F(EventsStorageTest, BlockedErrorHandlerDoesNotStallWritesAndReportsAreMerg
 
 TEST_F(EventsStorageTest, NotReadyPastTheHighWaterMarkUntilDrained)
 {
-    m_settings.maxQueuedPackets = 10;
-    m_settings.maxCommitDelay = 10s;
-    auto storage = open();
-    std::promise<void> release;
-    auto released = release.get_future();
-    storage->runOnWriter([&](sql::Database&) { released.wait(); });
-    std::this_thread::sleep_for(50ms);
+    // A mark of 1 has a low-water mark of 0: readiness must still come back.
+    for (const std::size_t mark : {std::size_t{1}, std::size_t{10}}) {
+        m_settings.maxQueuedPackets = mark;
+        m_settings.maxCommitDelay = 10s;
+        auto storage = open();
+        std::promise<void> release;
+        auto released = release.get_future();
+        storage->runOnWriter([&](sql::Database&) { released.wait(); });
+        std::this_thread::sleep_for(50ms);
 
-    for (int i = 0; i < 10; ++i)
-        storage->save(packet(kDeviceA, 1'000'000 + i, {{1}}));
-    EXPECT_TRUE(storage->isReady());
-    storage->save(packet(kDeviceA, 2'000'000, {{1}}));
-    EXPECT_FALSE(storage->isReady());
+        for (std::size_t i = 0; i < mark; ++i)
+            storage->save(packet(kDeviceA, 1'000'000 + i, {{1}}));
+        EXPECT_TRUE(storage->isReady()) << mark;
+        storage->save(packet(kDeviceA, 2'000'000, {{1}}));
+        EXPECT_FALSE(storage->isReady()) << mark;
 
-    release.set_value();
-    storage->flush();
-    EXPECT_TRUE(storage->isReady());
-    EXPECT_EQ(find(*storage, Filter()).size(), 1u);
+        release.set_value();
+        storage->flush();
+        EXPECT_TRUE(storage->isReady()) << mark;
+        EXPECT_EQ(find(*storage, Filter()).size(), 1u);
+    }
 }
 
 TEST_F(EventsStorageTest, InitializeFailureLeavesTheStorageNotReady)

@@ -127,7 +127,10 @@ TEST(Json, MalformedInputNamesTheFieldAndLeavesOutputUntouched)
 
 TEST(Json, SyntaxErrorsCarryTheParserMessage)
 {
-    for (const std::string input : {R"({"flag":)", "", R"({"a":1} x)", "[1,]"}) {
+    // A megabyte of opening brackets must not exhaust the stack.
+    const std::string deep(1'000'000, '[');
+    for (const std::string& input :
+         std::vector<std::string>{R"({"flag":)", "", R"({"a":1} x)", "[1,]", deep}) {
         Outer out;
         const auto result = json::deserialize(input, &out);
         EXPECT_FALSE(result) << input;

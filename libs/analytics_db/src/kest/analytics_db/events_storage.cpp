@@ -1,5 +1,7 @@
 #include "events_storage.h"
 
+#include <algorithm>
+
 #include <QDir>
 #include <QFileInfo>
 
@@ -27,6 +29,11 @@ bool EventsStorage::initialize(const Settings& settings)
         return false;
     }
     m_settings = settings;
+    // Settings may come from code as well as from a file: keep the time arithmetic in range.
+    m_settings.maxAgeDays = std::clamp(m_settings.maxAgeDays, 0, Settings::kMaxAgeDaysLimit);
+    m_settings.maxCommitDelay =
+        std::clamp(m_settings.maxCommitDelay, std::chrono::milliseconds::zero(),
+                   Settings::kMaxCommitDelayLimit);
     if (settings.path.isEmpty()) {
         KEST_ERROR(this, "Analytics database path is not set");
         return false;
@@ -191,7 +198,7 @@ void EventsStorage::writerLoop()
 
         lock.lock();
         m_done += written;
-        if (m_overloaded && m_queue.size() < m_settings.maxQueuedPackets / 2)
+        if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2)
             m_overloaded = false;
         m_progress.notify_all();
     }

@@ -25,12 +25,25 @@ const QString kAnalyticsEngineId = "analyticsEngineId";
 
 void addItem(QUrlQuery* query, const QString& key, const std::string& value)
 {
-    // QUrlQuery takes a literal "%xx" in a value as an escape, and other parsers take '+' for a
-    // blank; escaping both keeps free text intact whoever reads the query.
-    QString text = QString::fromStdString(value);
-    text.replace('%', "%25");
-    text.replace('+', "%2B");
-    query->addQueryItem(key, text);
+    // The service percent-decodes a whole query once before splitting it into items, and then
+    // decodes each item again. Characters that split or escape ("a&b", "50%41") are therefore
+    // escaped twice: "%2526" arrives as "%26" and is read as "&". QUrlQuery takes the "%25"
+    // we write as an escape of its own, so it puts exactly this on the wire.
+    static constexpr std::string_view kSpecial = "%&=+#;";
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string text;
+    text.reserve(value.size());
+    for (const char c : value) {
+        if (kSpecial.find(c) == std::string_view::npos) {
+            text += c;
+            continue;
+        }
+        const auto byte = static_cast<unsigned char>(c);
+        text += "%25";
+        text += kHex[byte >> 4];
+        text += kHex[byte & 0xF];
+    }
+    query->addQueryItem(key, QString::fromStdString(text));
 }
 
 std::string uuidText(const ZuUuid& id)

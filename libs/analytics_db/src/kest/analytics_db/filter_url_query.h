@@ -15,6 +15,8 @@
 //   "sortOrder"                "asc" or "desc"
 //   "analyticsEngineId"        UUID
 // Of a repeated single-valued item the last one counts; other items are ignored.
+// The service percent-decodes a query once before splitting it into items, so in text values
+// the characters % & = + # ; are escaped twice on the wire ("a&b" travels as "a%2526b").
 
 #include <string>
 

@@ -1,5 +1,7 @@
 #include "settings.h"
 
+#include <algorithm>
+
 #include <kest/utils/zu_settings.h>
 
 namespace kest::analytics::db {
@@ -13,13 +15,13 @@ void Settings::load(const ZuSettings& settings, const QString& group)
     bool ok = false;
     const int age = settings.value(prefix + "maxAgeDays").toInt(&ok);
     if (ok && age >= 0)
-        maxAgeDays = age;
+        maxAgeDays = std::min(age, kMaxAgeDaysLimit);
     const qlonglong queued = settings.value(prefix + "maxQueuedPackets").toLongLong(&ok);
     if (ok && queued > 0)
         maxQueuedPackets = static_cast<std::size_t>(queued);
     const qlonglong delay = settings.value(prefix + "maxCommitDelayMs").toLongLong(&ok);
     if (ok && delay >= 0)
-        maxCommitDelay = std::chrono::milliseconds(delay);
+        maxCommitDelay = std::min(std::chrono::milliseconds(delay), kMaxCommitDelayLimit);
 }
 
 }  // namespace kest::analytics::db

@@ -18,6 +18,11 @@ public:
     QString path;
     /** Connection tuning ("journalMode", "synchronous", "cacheSizeKb", "busyTimeoutMs"). */
     kest::sql::ConnectionOptions connection;
+    /** Larger ages are taken as this one (about 270 years), so the cutoff time cannot overflow. */
+    static constexpr int kMaxAgeDaysLimit = 100'000;
+    /** Longer commit delays are taken as this one; a day-long delay is a typo, not a setting. */
+    static constexpr std::chrono::milliseconds kMaxCommitDelayLimit{3'600'000};
+
     /** "maxAgeDays": tracks last seen longer ago are deleted in the background; 0 keeps all. */
     int maxAgeDays = 0;
     /** "maxQueuedPackets": above this many packets waiting to be written, the storage is not ready.

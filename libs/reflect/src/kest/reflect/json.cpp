@@ -23,8 +23,10 @@ DeserializationResult parseDocument(std::string_view text, rapidjson::Document* 
     if (text.starts_with(kBom))
         text.remove_prefix(kBom.size());
 
-    // Full precision, so that a double written by us is read back bit for bit.
-    document->Parse<rapidjson::kParseFullPrecisionFlag>(text.data(), text.size());
+    // Full precision, so that a double written by us is read back bit for bit. Iterative, so
+    // that a body of deeply nested brackets cannot exhaust the I/O thread's stack.
+    document->Parse<rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag>(
+        text.data(), text.size());
     if (document->HasParseError()) {
         return DeserializationResult::failure(
             std::string(messages::kParseException) +

@@ -46,7 +46,16 @@ public:
         setAutoDelete(true);
     }
 
-    void run() override { m_function(); }
+    void run() override
+    {
+        // An exception escaping a pool thread would end the process; tasks catch their own,
+        // and this is the last line for a throwing completion handler.
+        try {
+            m_function();
+        } catch (const std::exception& e) {
+            KEST_ERROR("MongoDataDistributionStorage", "A storage task failed: %1", e.what());
+        }
+    }
 
 private:
     kest::utils::MoveOnlyFunc<void()> m_function;
