@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -155,14 +157,27 @@ std::set<ZuUuid> lookupTracks(const std::string& databasePath, const ZuUuid& dev
 TEST_F(ServiceTest, StopLosesNothingTheAnalyticsStorageAccepted)
 {
     std::atomic<kest::analytics::db::AbstractEventsStorage*> storage{nullptr};
-    auto previousAnalytics = DdProviderFactory::instance().setCreateFunction(
+    // The fakes capture this frame: put the real creation functions back however the test ends.
+    struct FactoryRestorer
+    {
+        DdProviderFactory::CreateFunction analytics;
+        DataDistribStorageFactory::CreateFunction dds;
+        ~FactoryRestorer()
+        {
+            if (analytics)
+                DdProviderFactory::instance().setCreateFunction(std::move(analytics));
+            if (dds)
+                DataDistribStorageFactory::instance().setCreateFunction(std::move(dds));
+        }
+    } restorer;
+    restorer.analytics = DdProviderFactory::instance().setCreateFunction(
         [&]() -> std::unique_ptr<kest::analytics::db::AbstractEventsStorage> {
             auto created = std::make_unique<kest::analytics::db::EventsStorage>();
             storage = created.get();
             return created;
         });
     EventLog ddsLog;
-    auto previousDds = DataDistribStorageFactory::instance().setCreateFunction(
+    restorer.dds = DataDistribStorageFactory::instance().setCreateFunction(
         [&](const conf::MongoConnectionSettings&)
             -> std::unique_ptr<AbstractDataDistributionStorage> {
             return std::make_unique<FakeDataDistributionStorage>(&ddsLog);
@@ -185,8 +200,6 @@ TEST_F(ServiceTest, StopLosesNothingTheAnalyticsStorageAccepted)
         }
         launcher.stop();
     }
-    DdProviderFactory::instance().setCreateFunction(std::move(previousAnalytics));
-    DataDistribStorageFactory::instance().setCreateFunction(std::move(previousDds));
 
     EXPECT_EQ(saved, lookupTracks(m_dataDir.path() + "/analytics_db", device));
 }
@@ -257,7 +270,11 @@ public:
     int wait()
     {
         int status = 0;
-        ::waitpid(m_pid, &status, 0);
+        // Keep draining the output: a child blocked on a full pipe would never exit.
+        while (::waitpid(m_pid, &status, WNOHANG) == 0) {
+            if (!readSome(100ms) && m_eof)
+                std::this_thread::sleep_for(10ms);
+        }
         m_exitStatus = status;
         while (readSome(100ms)) {
         }

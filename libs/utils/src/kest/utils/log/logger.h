@@ -52,7 +52,9 @@ private:
 
     std::atomic<int> m_level{static_cast<int>(Level::info)};
     std::atomic<int> m_observerCount{0};
-    std::mutex m_mutex;
+    // Recursive, so that an observer may log: observers run under the lock, so that once
+    // removeObserver() returns the observer is never called again.
+    std::recursive_mutex m_mutex;
     std::FILE* m_file = nullptr;
     RateLimiter m_rateLimiter;
     std::map<int, Observer> m_observers;

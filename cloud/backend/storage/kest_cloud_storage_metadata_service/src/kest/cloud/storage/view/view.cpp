@@ -53,8 +53,9 @@ void View::start()
 {
     if (!m_multiAddressHttpServer->listen(m_settings.httpServer().listenBacklog)) {
         const std::error_code error = m_multiAddressHttpServer->lastError();
-        throw std::system_error(error,
-                                kest::utils::format("Cannot start listening: %1", error.message()));
+        // system_error appends ": " and the error's text itself, giving
+        // "Cannot start listening: <text>".
+        throw std::system_error(error, "Cannot start listening");
     }
     KEST_INFO(this, "HTTP server is listening on %1", httpEndpoints());
 }
