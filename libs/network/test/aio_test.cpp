@@ -98,6 +98,64 @@ TEST(BasicPollable, RebindMovesWorkToTheNewThread)
     EXPECT_TRUE(onB.get_future().get());
 }
 
+/** A thread that stops just as a function is queued, dropping it, as a real one may. */
+class StoppingOnPostThread : public AbstractAioThread
+{
+public:
+    void post(kest::utils::MoveOnlyFunc<void()>) override { stopped = true; }
+    void dispatch(kest::utils::MoveOnlyFunc<void()> func) override { post(std::move(func)); }
+    bool isInSelfThread() const override { return false; }
+    bool isStopped() const override { return stopped; }
+
+    std::atomic<bool> stopped{false};
+};
+
+TEST(AioThread, SurvivesThrowingHandlersAndSyncCallsNeverHangOnAStoppedThread)
+{
+    AioThread thread;
+    thread.post([]() { throw std::runtime_error("handler failure"); });
+    thread.post([]() { throw 42; });
+    std::promise<void> stillRunning;
+    thread.post([&]() { stillRunning.set_value(); });
+    ASSERT_EQ(stillRunning.get_future().wait_for(5s), std::future_status::ready);
+
+    Recorder onThread(&thread);
+    EXPECT_THROW(onThread.executeInAioThreadSync([]() { throw std::runtime_error("to caller"); }),
+                 std::runtime_error);
+
+    // The waiter must notice the stop and run the dropped function itself, exactly once.
+    struct Shared
+    {
+        StoppingOnPostThread stopping;
+        Recorder pollable{&stopping};
+        std::promise<int> ran;
+    };
+    auto shared = std::make_shared<Shared>();
+    std::thread([shared]() {
+        int calls = 0;
+        shared->pollable.executeInAioThreadSync([&]() { ++calls; });
+        shared->ran.set_value(calls);
+    }).detach();
+    auto ran = shared->ran.get_future();
+    ASSERT_EQ(ran.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(ran.get(), 1);
+
+    // The same race on a real thread: stopping while others wait on it.
+    for (int i = 0; i < 20; ++i) {
+        auto real = std::make_shared<AioThread>();
+        auto done = std::make_shared<std::promise<void>>();
+        std::thread([real, done]() {
+            Recorder pollable(real.get());
+            while (!real->isStopped())
+                pollable.executeInAioThreadSync([]() {});
+            done->set_value();
+        }).detach();
+        std::this_thread::sleep_for(std::chrono::microseconds(200 * (i % 5)));
+        real->stop();
+        ASSERT_EQ(done->get_future().wait_for(5s), std::future_status::ready) << i;
+    }
+}
+
 TEST(Timer, FiresOnceOnItsThread)
 {
     AioThread thread;

@@ -78,6 +78,8 @@ TEST_F(MessageDispatcherTest, PathParameterIsOneSegmentPossiblyEmpty)
     EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors/a/b").first, StatusCode::notFound);
     EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors").first, StatusCode::notFound);
     EXPECT_EQ(call("GET", "/prefix/metadataDb/v1/dataSaveErrors/a").first, StatusCode::notFound);
+    // A decoded NUL must not cut the path short for the matcher.
+    EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors/a%00/junk").first, StatusCode::notFound);
 }
 
 TEST_F(MessageDispatcherTest, DuplicateIsRefusedPerMethodOnly)

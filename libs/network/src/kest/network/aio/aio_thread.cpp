@@ -6,6 +6,8 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 
+#include <kest/utils/log/log.h>
+
 namespace kest::network::aio {
 
 namespace {
@@ -25,7 +27,17 @@ AioThread::AioThread() : d(std::make_unique<Private>())
 {
     d->thread = std::thread([this]() {
         t_currentThread = this;
-        d->ioContext.run();
+        // One failing handler must not take the process down with every other connection.
+        for (;;) {
+            try {
+                d->ioContext.run();
+                break;
+            } catch (const std::exception& e) {
+                KEST_ERROR(this, "A handler on the I/O thread has thrown: %1", e.what());
+            } catch (...) {
+                KEST_ERROR(this, "A handler on the I/O thread has thrown a non-exception");
+            }
+        }
         t_currentThread = nullptr;
     });
 }

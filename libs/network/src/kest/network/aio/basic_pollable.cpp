@@ -1,8 +1,7 @@
 #include "basic_pollable.h"
 
-#include <future>
-
 #include "aio_thread_pool.h"
+#include "run_sync.h"
 
 namespace kest::network::aio {
 
@@ -46,17 +45,7 @@ void BasicPollable::dispatch(kest::utils::MoveOnlyFunc<void()> func)
 
 void BasicPollable::executeInAioThreadSync(kest::utils::MoveOnlyFunc<void()> func)
 {
-    if (m_aioThread->isInSelfThread() || m_aioThread->isStopped()) {
-        func();
-        return;
-    }
-    std::promise<void> done;
-    auto future = done.get_future();
-    m_aioThread->post([&func, &done]() {
-        func();
-        done.set_value();
-    });
-    future.wait();
+    runInThreadSync(m_aioThread, std::move(func));
 }
 
 }  // namespace kest::network::aio

@@ -12,6 +12,8 @@
 #include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
+#include "settings.h"
+
 namespace kest::network::http::server {
 
 namespace beast_http = boost::beast::http;
@@ -73,13 +75,16 @@ namespace {
 
 constexpr std::size_t kReadChunk = 16 * 1024;
 constexpr std::chrono::milliseconds kMaxLinger{2000};
+constexpr std::chrono::milliseconds kMaxCheckPeriod{1000};
 
 std::chrono::milliseconds checkPeriodFor(const HttpConnectionLimits& limits)
 {
     auto shortest = std::min(limits.requestReadTimeout, limits.idleTimeout);
     if (shortest <= std::chrono::milliseconds::zero())
         shortest = std::max(limits.requestReadTimeout, limits.idleTimeout);
-    return std::clamp(shortest / 4, std::chrono::milliseconds(5), std::chrono::milliseconds(1000));
+    if (shortest <= std::chrono::milliseconds::zero())
+        return kMaxCheckPeriod;
+    return std::clamp(shortest / 4, std::chrono::milliseconds(5), kMaxCheckPeriod);
 }
 
 void appendNumber(std::string* out, std::size_t value)
@@ -87,6 +92,14 @@ void appendNumber(std::string* out, std::size_t value)
     char digits[24];
     const auto result = std::to_chars(digits, digits + sizeof(digits), value);
     out->append(digits, result.ptr);
+}
+
+/** Zero or less means no limit; a huge timeout is cut so that the sum cannot overflow. */
+std::chrono::steady_clock::time_point deadlineAfter(std::chrono::milliseconds timeout)
+{
+    if (timeout <= std::chrono::milliseconds::zero())
+        return std::chrono::steady_clock::time_point::max();
+    return std::chrono::steady_clock::now() + std::min(timeout, Settings::kMaxTimeout);
 }
 
 SocketAddress toSocketAddress(const boost::asio::ip::tcp::endpoint& endpoint)
@@ -153,12 +166,12 @@ void HttpServerConnection::readRequest()
     m_continueSent = false;
     if (m_buffer.size() > 0) {
         m_waitingForRequest = false;
-        setDeadline(Clock::now() + m_limits.requestReadTimeout);
+        setDeadline(deadlineAfter(m_limits.requestReadTimeout));
         parse();
         return;
     }
     m_waitingForRequest = true;
-    setDeadline(Clock::now() + m_limits.idleTimeout);
+    setDeadline(deadlineAfter(m_limits.idleTimeout));
     readSome();
 }
 
@@ -184,7 +197,7 @@ void HttpServerConnection::onRead(const boost::system::error_code& error, std::s
     if (m_waitingForRequest) {
         // The request has begun: from now on it has to arrive whole within the read timeout.
         m_waitingForRequest = false;
-        setDeadline(Clock::now() + m_limits.requestReadTimeout);
+        setDeadline(deadlineAfter(m_limits.requestReadTimeout));
     }
     parse();
 }
@@ -245,11 +258,22 @@ void HttpServerConnection::dispatch()
     m_http10 = m_parser->request.version == 10;
     Request request = std::move(m_parser->request);
     m_parser.reset();
+    if (request.path.find('\0') != std::string::npos) {
+        // Route matching sees C strings: "/ping%00junk" would pass for "/ping".
+        KEST_DEBUG(this, "Request from %1 has NUL in its path", m_peer.toString());
+        sendError(StatusCode::badRequest);
+        return;
+    }
     m_isHead = request.method == "HEAD";
     // The handler may take as long as it needs; timeouts apply to the client only.
     setDeadline(Clock::time_point::max());
 
-    auto completion = [self = shared_from_this()](RequestResult result) mutable {
+    // Shared by every copy of the completion, so that a second call is refused from any thread
+    // and can never be taken for the answer to a later request on this connection.
+    auto completed = std::make_shared<std::atomic<bool>>(false);
+    auto completion = [self = shared_from_this(), completed](RequestResult result) mutable {
+        if (!KEST_ASSERT(!completed->exchange(true), "A request completed twice"))
+            return;
         HttpServerConnection* connection = self.get();
         if (connection->m_thread->isInSelfThread() && connection->m_inDispatch) {
             // Completed inside processRequest: finish once the dispatcher has returned.
@@ -264,9 +288,22 @@ void HttpServerConnection::dispatch()
 
     m_handlerPending = true;
     m_inDispatch = true;
-    m_handler = m_dispatcher->dispatchRequest(RequestContext(std::move(request), m_peer),
-                                              std::move(completion));
+    bool failed = true;
+    try {
+        m_handler = m_dispatcher->dispatchRequest(RequestContext(std::move(request), m_peer),
+                                                  std::move(completion));
+        failed = false;
+    } catch (const std::exception& e) {
+        KEST_ERROR(this, "Handling a request from %1 has thrown: %2", m_peer.toString(), e.what());
+    } catch (...) {
+        KEST_ERROR(this, "Handling a request from %1 has thrown a non-exception",
+                   m_peer.toString());
+    }
     m_inDispatch = false;
+    // Claiming the completion makes a late call by the failed handler a refused second one;
+    // when it has already completed, that answer stands.
+    if (failed && !completed->exchange(true))
+        m_synchronousResult = RequestResult(StatusCode::internalServerError);
     if (m_synchronousResult) {
         RequestResult result = std::move(*m_synchronousResult);
         m_synchronousResult.reset();
@@ -319,7 +356,7 @@ void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
     if (m_isHead)
         m_body.clear();
 
-    setDeadline(Clock::now() + m_limits.requestReadTimeout);
+    setDeadline(deadlineAfter(m_limits.requestReadTimeout));
     const std::array<boost::asio::const_buffer, 2> buffers{boost::asio::buffer(m_head),
                                                            boost::asio::buffer(m_body)};
     boost::asio::async_write(*m_socket, buffers,
@@ -348,7 +385,10 @@ void HttpServerConnection::lingerAndClose()
     // the answer it has not read yet: send FIN and drain what the client still sends.
     boost::system::error_code ignored;
     m_socket->shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
-    setDeadline(Clock::now() + std::min(m_limits.requestReadTimeout, kMaxLinger));
+    const auto readTimeout = m_limits.requestReadTimeout;
+    setDeadline(deadlineAfter(readTimeout > std::chrono::milliseconds::zero()
+                                  ? std::min(readTimeout, kMaxLinger)
+                                  : kMaxLinger));
     drain();
 }
 

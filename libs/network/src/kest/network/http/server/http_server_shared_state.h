@@ -11,7 +11,7 @@ namespace kest::network::http::server {
 
 class AbstractMessageDispatcher;
 
-/** The limits that every connection applies. */
+/** The limits that every connection applies; a zero timeout means no limit. */
 struct HttpConnectionLimits
 {
     std::size_t maxHeaderBytes = 0;

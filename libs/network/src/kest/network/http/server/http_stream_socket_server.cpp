@@ -1,14 +1,15 @@
 #include "http_stream_socket_server.h"
 
-#include <future>
-#include <latch>
+#include <map>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <kest/network/aio/run_sync.h>
 #include <kest/utils/log/log.h>
 
 #include "http_server_connection.h"
@@ -21,22 +22,6 @@ using boost::asio::ip::tcp;
 namespace {
 
 constexpr std::chrono::milliseconds kAcceptRetryDelay{20};
-
-/** Runs `func` on `thread` and waits; inline when already there or when the thread has stopped. */
-void runOnThreadSync(aio::AioThread* thread, kest::utils::MoveOnlyFunc<void()> func)
-{
-    if (thread->isInSelfThread() || thread->isStopped()) {
-        func();
-        return;
-    }
-    std::promise<void> done;
-    auto future = done.get_future();
-    thread->post([&func, &done]() {
-        func();
-        done.set_value();
-    });
-    future.wait();
-}
 
 }  // namespace
 
@@ -142,7 +127,7 @@ HttpStreamSocketServer::~HttpStreamSocketServer()
     // Let the handlers of the cancelled operations, queued behind the cancellation, run now:
     // they hold this server's state, which must not outlive the threads.
     for (std::size_t i = 0; i < d->state->threadPool.size(); ++i)
-        runOnThreadSync(d->state->threadPool.thread(i), []() {});
+        aio::runInThreadSync(d->state->threadPool.thread(i), []() {});
 }
 
 bool HttpStreamSocketServer::bind(const SocketAddress& address)
@@ -190,7 +175,7 @@ bool HttpStreamSocketServer::listen(int backlog)
         KEST_ERROR(this, "Failed to listen address %1. %2", d->address.toString(), error.message());
         return false;
     }
-    runOnThreadSync(d->acceptThread.get(), [this]() {
+    aio::runInThreadSync(d->acceptThread.get(), [this]() {
         d->accepting = true;
         d->acceptNext();
     });
@@ -209,7 +194,7 @@ std::error_code HttpStreamSocketServer::lastError() const
 
 void HttpStreamSocketServer::cancelAccepting()
 {
-    runOnThreadSync(d->acceptThread.get(), [this]() {
+    aio::runInThreadSync(d->acceptThread.get(), [this]() {
         d->accepting = false;
         boost::system::error_code ignored;
         d->retryTimer.cancel();
@@ -225,21 +210,15 @@ void HttpStreamSocketServer::closeAllConnections()
         for (const auto& [key, connection] : d->connections)
             connections.push_back(connection);
     }
-    std::vector<std::shared_ptr<HttpServerConnection>> remote;
-    for (const auto& connection : connections) {
-        if (connection->thread()->isInSelfThread() || connection->thread()->isStopped())
-            connection->close();
-        else
-            remote.push_back(connection);
-    }
-    std::latch closed(static_cast<std::ptrdiff_t>(remote.size()));
-    for (const auto& connection : remote) {
-        connection->thread()->post([connection, &closed]() {
-            connection->close();
-            closed.count_down();
+    std::map<aio::AioThread*, std::vector<std::shared_ptr<HttpServerConnection>>> byThread;
+    for (auto& connection : connections)
+        byThread[connection->thread()].push_back(std::move(connection));
+    for (const auto& [thread, onThread] : byThread) {
+        aio::runInThreadSync(thread, [&onThread]() {
+            for (const auto& connection : onThread)
+                connection->close();
         });
     }
-    closed.wait();
 }
 
 std::size_t HttpStreamSocketServer::connectionCount() const

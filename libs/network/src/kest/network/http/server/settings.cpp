@@ -1,5 +1,6 @@
 #include "settings.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include <kest/utils/zu_settings.h>
@@ -51,11 +52,11 @@ void Settings::load(const ZuSettings& settings)
     qlonglong ms = 0;
     if (!settings.value(prefix + "requestReadTimeoutMs").isNull()) {
         readNumber(settings, prefix + "requestReadTimeoutMs", &ms);
-        requestReadTimeout = std::chrono::milliseconds(ms);
+        requestReadTimeout = std::min(std::chrono::milliseconds(ms), kMaxTimeout);
     }
     if (!settings.value(prefix + "idleTimeoutMs").isNull()) {
         readNumber(settings, prefix + "idleTimeoutMs", &ms);
-        idleTimeout = std::chrono::milliseconds(ms);
+        idleTimeout = std::min(std::chrono::milliseconds(ms), kMaxTimeout);
     }
 }
 

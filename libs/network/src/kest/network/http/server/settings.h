@@ -21,6 +21,8 @@ public:
     static constexpr std::size_t kDefaultMaxConnections = 10000;
     static constexpr std::chrono::milliseconds kDefaultRequestReadTimeout{30'000};
     static constexpr std::chrono::milliseconds kDefaultIdleTimeout{60'000};
+    /** Longer timeouts are cut to this, a day, which is as good as none for a connection. */
+    static constexpr std::chrono::milliseconds kMaxTimeout{24 * 60 * 60 * 1000};
 
     explicit Settings(QString group = "http");
 
@@ -36,9 +38,11 @@ public:
     std::size_t maxBodyBytes = kDefaultMaxBodyBytes;
     /** "maxConnections": connections past this are closed as soon as accepted. */
     std::size_t maxConnections = kDefaultMaxConnections;
-    /** "requestReadTimeoutMs": time to receive a whole request once it has begun. */
+    /** "requestReadTimeoutMs": time to receive a whole request once it has begun, and to send
+     * the answer; 0 means no limit. */
     std::chrono::milliseconds requestReadTimeout = kDefaultRequestReadTimeout;
-    /** "idleTimeoutMs": a kept-alive connection with no new request is closed after this. */
+    /** "idleTimeoutMs": a kept-alive connection with no new request is closed after this; 0 means
+     * no limit. */
     std::chrono::milliseconds idleTimeout = kDefaultIdleTimeout;
 
     /**

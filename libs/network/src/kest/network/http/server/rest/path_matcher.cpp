@@ -94,6 +94,9 @@ bool PathMatcher::add(const std::string& pathTemplate, RequestHandlerFactory fac
 
 std::optional<PathMatcher::Match> PathMatcher::match(const std::string& path) const
 {
+    // regexec stops at a NUL, so the rest of such a path would go unchecked.
+    if (path.find('\0') != std::string::npos)
+        return std::nullopt;
     regmatch_t groups[kMaxGroups];
     for (const auto& [pattern, entry] : m_entries) {
         const std::size_t groupCount = entry->regex.groupCount() + 1;
