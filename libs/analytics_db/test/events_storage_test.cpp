@@ -6,6 +6,8 @@
 #include <thread>
 
 #include <kest/analytics_db/events_storage.h>
+#include <kest/analytics_db/save_error_notifier.h>
+#include <kest/utils/log/log.h>
 #include <kest/utils/zu_settings.h>
 
 namespace kest::analytics::db::test {
@@ -61,6 +63,26 @@ std::shared_ptr<const ObjectMetadataPacket> packet(const ZuUuid& device, std::in
             {trackId(o.track), o.type, o.kind, o.box, o.attributes, o.engine});
     }
     return p;
+}
+
+// A report that no handler ever takes is still written down when the notifier stops.
+TEST(SaveErrorNotifier, ReportsWithoutAHandlerAreLoggedAtStop)
+{
+    std::vector<std::string> warnings;
+    auto& logger = utils::log::Logger::instance();
+    const int id = logger.addObserver(
+        [&](utils::log::Level level, const std::string&, const std::string& message) {
+            if (level == utils::log::Level::warning)
+                warnings.push_back(message);
+        });
+    {
+        SaveErrorNotifier notifier;
+        notifier.report(sql::DBResult::full, {{ZuUuid::createUuid(), ZuTimePeriodList{{5, 1}}}});
+    }
+    logger.removeObserver(id);
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_TRUE(warnings[0].starts_with("Unreported save error full for { {")) << warnings[0];
+    EXPECT_NE(warnings[0].find("(startTimeMs: 5, durationMs: 1)"), std::string::npos);
 }
 
 TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)

@@ -54,9 +54,12 @@ void SaveErrorNotifier::run()
     for (;;) {
         m_wake.wait(lock, [&] { return m_stopping || (m_hasHandler && !m_pending.empty()); });
         if (!m_hasHandler || m_pending.empty()) {
-            if (m_stopping)
-                return;
-            continue;
+            if (!m_stopping)
+                continue;
+            // Nobody will ever hear of these: leave them in the log rather than lose them.
+            for (const auto& [result, periods] : m_pending)
+                KEST_WARNING(this, "Unreported save error %1 for %2", result, periods);
+            return;
         }
         auto reports = std::move(m_pending);
         m_pending.clear();
@@ -64,8 +67,11 @@ void SaveErrorNotifier::run()
         {
             std::lock_guard handlerLock(m_handlerMutex);
             for (auto& [result, periods] : reports) {
-                if (!m_handler)
-                    break;
+                if (!m_handler) {
+                    // The handler was removed meanwhile: keep the report for the next one.
+                    report(result, std::move(periods));
+                    continue;
+                }
                 try {
                     m_handler(result, std::move(periods));
                 } catch (const std::exception& e) {

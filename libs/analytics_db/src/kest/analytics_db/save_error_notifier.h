@@ -20,11 +20,13 @@ class SaveErrorNotifier
 {
 public:
     SaveErrorNotifier();
-    /** Delivers what is pending (when a handler is set), then stops. */
+    /** Delivers what is pending (when a handler is set; otherwise logs it), then stops. */
     ~SaveErrorNotifier();
     SaveErrorNotifier(const SaveErrorNotifier&) = delete;
     SaveErrorNotifier& operator=(const SaveErrorNotifier&) = delete;
 
+    /** Replaces the handler. Not to be called from inside the handler, which runs under its lock.
+     */
     void setHandler(SaveErrorHandler handler);
     void report(sql::DBResult result, std::unordered_map<ZuUuid, ZuTimePeriodList> periods);
 
