@@ -4,9 +4,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -15,6 +17,7 @@
 #include <kest/network/http/server/builder.h>
 #include <kest/network/http/server/rest/message_dispatcher.h>
 #include <kest/utils/assert.h>
+#include <kest/utils/log/log.h>
 #include <kest/utils/zu_settings.h>
 
 namespace kest::network::http::server {
@@ -387,33 +390,96 @@ TEST_F(HttpServerTest, ConnectionsPastTheLimitAreClosedAtOnce)
     EXPECT_TRUE(third.closedByPeer(2s));
 }
 
-TEST_F(HttpServerTest, StopClosesIdleAndPendingConnectionsWithoutWaitingForHandlers)
+TEST_F(HttpServerTest, StopClosesIdleConnectionsAndLetsRequestsInFlightBeAnswered)
 {
+    settings.stopTimeout = 20s;
     const auto port = start();
     RawClient idle(port);
     ASSERT_TRUE(idle.send(post("/echo/1", "")));
     EXPECT_EQ(idle.read().status, 200);
 
-    RawClient pending(port);
-    ASSERT_TRUE(pending.send(post("/park", "")));
+    std::optional<RawClient> pending(std::in_place, port);
+    ASSERT_TRUE(pending->send(post("/park", "")));
     auto handlers = takeParked(1);
+    ASSERT_EQ(handlers.size(), 1u);
 
+    const auto stopBegan = std::chrono::steady_clock::now();
     auto stopped = std::async(std::launch::async, [this]() { server->stop(); });
-    ASSERT_EQ(stopped.wait_for(5s), std::future_status::ready);
-    EXPECT_TRUE(idle.closedByPeer(1s));
-    EXPECT_TRUE(pending.closedByPeer(1s));
-    EXPECT_EQ(parked.destroyed, 0);  // still owed its completion
-
+    EXPECT_TRUE(idle.closedByPeer(5s));
     RawClient late(port);
     EXPECT_FALSE(late.connected() && late.send(post("/echo/1", "")) && late.read(300ms).status);
 
-    ASSERT_EQ(handlers.size(), 1u);
-    std::thread([handler = std::move(handlers.front())]() mutable {
-        handler(RequestResult(StatusCode::ok));
-    }).join();
-    for (int i = 0; i < 200 && parked.destroyed == 0; ++i)
-        std::this_thread::sleep_for(5ms);
+    std::thread completer([&]() {
+        std::this_thread::sleep_until(stopBegan + 200ms);
+        handlers.front()(RequestResult(StatusCode::accepted, "finished", "text/plain"));
+    });
+    const auto response = pending->read();
+    EXPECT_EQ(response.status, 202);
+    EXPECT_EQ(response.body, "finished");
+    EXPECT_NE(response.head.find("Connection: close"), std::string::npos);
+    EXPECT_TRUE(pending->closedByPeer(5s));
+    pending.reset();  // as a client does on "Connection: close", which ends the server's linger
+    completer.join();
+
+    ASSERT_EQ(stopped.wait_for(10s), std::future_status::ready);
+    stopped.get();
+    // Returned only once the handler was done with and destroyed.
+    EXPECT_GE(std::chrono::steady_clock::now() - stopBegan, 200ms);
     EXPECT_EQ(parked.destroyed, 1);
+}
+
+TEST_F(HttpServerTest, StopGivesUpOnAHandlerAfterTheBoundAndItsLateCompletionIsDropped)
+{
+    ZuSettings stored;
+    stored.setValue("http/stopTimeoutMs", "400");
+    Settings loaded;
+    EXPECT_EQ(loaded.stopTimeout, Settings::kDefaultStopTimeout);
+    loaded.load(stored);
+    EXPECT_EQ(loaded.stopTimeout, 400ms);
+    settings.stopTimeout = loaded.stopTimeout;
+
+    const auto port = start();
+    RawClient first(port);
+    ASSERT_TRUE(first.send(post("/park", "")));
+    RawClient second(port);
+    ASSERT_TRUE(second.send(post("/park", "")));
+    auto handlers = takeParked(2);
+    ASSERT_EQ(handlers.size(), 2u);
+
+    std::mutex linesMutex;
+    std::vector<std::string> warnings;
+    auto& logger = kest::utils::log::Logger::instance();
+    const int observer = logger.addObserver(
+        [&](kest::utils::log::Level level, const std::string&, const std::string& message) {
+            std::lock_guard lock(linesMutex);
+            if (level == kest::utils::log::Level::warning)
+                warnings.push_back(message);
+        });
+    const auto stopBegan = std::chrono::steady_clock::now();
+    auto stopped = std::async(std::launch::async, [this]() { server->stop(); });
+    const bool ready = stopped.wait_for(20s) == std::future_status::ready;
+    const auto stopTook = std::chrono::steady_clock::now() - stopBegan;
+    logger.removeObserver(observer);
+    ASSERT_TRUE(ready);
+    EXPECT_GE(stopTook, 400ms);
+    EXPECT_EQ(std::count_if(warnings.begin(), warnings.end(),
+                            [](const std::string& line) {
+                                return line.find("2 request handler(s) still pending") !=
+                                       std::string::npos;
+                            }),
+              1)
+        << ::testing::PrintToString(warnings);
+    EXPECT_TRUE(first.closedByPeer(5s));
+    EXPECT_TRUE(second.closedByPeer(5s));
+    EXPECT_EQ(parked.destroyed, 0);  // still owed its completion
+
+    // Late completions neither reach a closed connection nor wait for a stopped thread: each
+    // handler is destroyed at once, on the completing thread, and exactly once.
+    std::thread([&]() { handlers[0](RequestResult(StatusCode::ok)); }).join();
+    EXPECT_EQ(parked.destroyed, 1);
+    server.reset();
+    std::thread([&]() { handlers[1](RequestResult(StatusCode::ok)); }).join();
+    EXPECT_EQ(parked.destroyed, 2);
 }
 
 TEST_F(HttpServerTest, CompletionFromAnotherThreadReachesTheClientAndHandlerDies)

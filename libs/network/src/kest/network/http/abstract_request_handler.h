@@ -10,7 +10,10 @@ namespace kest::network::http {
 /**
  * The handler of one request; a new one is made for every request. The completion handler must be
  * called exactly once, from any thread, possibly inside processRequest. The server keeps the
- * handler alive until then and destroys it afterwards on the connection's I/O thread.
+ * handler alive until then and destroys it afterwards on the connection's I/O thread, or, when
+ * the connection is closed by then, inside the completion call on the calling thread: the
+ * handler must not use itself once it has called the completion handler. A stopping server waits,
+ * within a bound, for the handlers still pending.
  */
 class AbstractRequestHandler
 {

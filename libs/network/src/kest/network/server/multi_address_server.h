@@ -1,17 +1,22 @@
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <system_error>
 #include <vector>
 
 #include <kest/network/socket_address.h>
+#include <kest/utils/log/log.h>
 
 namespace kest::network::server {
 
 /**
  * One socket server per listening address. SocketServer provides bind(SocketAddress),
- * listen(backlog), address(), lastError(), cancelAccepting() and closeAllConnections().
+ * listen(backlog), address(), lastError(), cancelAccepting(), closeIdleConnections(),
+ * waitUntilFinished(deadline) giving the number of handlers still pending, and
+ * closeAllConnections().
  */
 template <typename SocketServer>
 class MultiAddressServer
@@ -19,7 +24,10 @@ class MultiAddressServer
 public:
     using Factory = std::function<std::unique_ptr<SocketServer>()>;
 
-    explicit MultiAddressServer(Factory factory) : m_factory(std::move(factory)) {}
+    /** `stopTimeout` bounds how long stop() waits for the requests in flight. */
+    MultiAddressServer(Factory factory, std::chrono::milliseconds stopTimeout)
+        : m_factory(std::move(factory)), m_stopTimeout(stopTimeout)
+    {}
     ~MultiAddressServer() { stop(); }
 
     MultiAddressServer(const MultiAddressServer&) = delete;
@@ -61,11 +69,29 @@ public:
         return result;
     }
 
-    /** Stops accepting everywhere first, then closes every connection and waits for that. */
+    /**
+     * Stops accepting everywhere first and closes the idle connections. Then lets the requests in
+     * flight be answered, within the stop timeout, and closes every connection left. A handler
+     * pending past the timeout has its response dropped when it completes. Once stopped, does
+     * nothing.
+     */
     void stop()
     {
+        if (m_stopped)
+            return;
+        m_stopped = true;
         for (const auto& server : m_servers)
             server->cancelAccepting();
+        for (const auto& server : m_servers)
+            server->closeIdleConnections();
+        const auto deadline = std::chrono::steady_clock::now() + m_stopTimeout;
+        std::size_t pending = 0;
+        for (const auto& server : m_servers)
+            pending = std::max(pending, server->waitUntilFinished(deadline));
+        if (pending > 0) {
+            KEST_WARNING(this, "Stopping after %1 ms with %2 request handler(s) still pending",
+                         m_stopTimeout.count(), pending);
+        }
         for (const auto& server : m_servers)
             server->closeAllConnections();
     }
@@ -76,6 +102,8 @@ public:
 
 private:
     Factory m_factory;
+    std::chrono::milliseconds m_stopTimeout;
+    bool m_stopped = false;
     std::vector<std::unique_ptr<SocketServer>> m_servers;
     std::error_code m_lastError;
 };

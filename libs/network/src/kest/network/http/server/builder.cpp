@@ -29,7 +29,8 @@ std::unique_ptr<MultiAddressHttpServer> Builder::buildOrThrow(
         state->dispatcher = messageDispatcher;
     }
     return std::make_unique<MultiAddressHttpServer>(
-        [state]() { return std::make_unique<HttpStreamSocketServer>(state); });
+        [state]() { return std::make_unique<HttpStreamSocketServer>(state); },
+        settings.stopTimeout);
 }
 
 }  // namespace kest::network::http::server

@@ -112,12 +112,14 @@ SocketAddress toSocketAddress(const boost::asio::ip::tcp::endpoint& endpoint)
 HttpServerConnection::HttpServerConnection(
     std::shared_ptr<aio::AioThread> thread, boost::asio::ip::tcp::socket socket,
     const HttpConnectionLimits& limits, AbstractMessageDispatcher* dispatcher,
-    std::shared_ptr<std::atomic<std::size_t>> connectionCount, ClosedHandler closedHandler)
+    std::shared_ptr<std::atomic<std::size_t>> connectionCount,
+    std::shared_ptr<PendingHandlers> pendingHandlers, ClosedHandler closedHandler)
     : m_thread(std::move(thread)),
       m_socket(std::move(socket)),
       m_limits(limits),
       m_dispatcher(dispatcher),
       m_connectionCount(std::move(connectionCount)),
+      m_pendingHandlers(std::move(pendingHandlers)),
       m_closedHandler(std::move(closedHandler)),
       m_checkPeriod(checkPeriodFor(limits))
 {}
@@ -142,6 +144,10 @@ void HttpServerConnection::close()
     if (m_closed)
         return;
     m_closed = true;
+    {
+        std::lock_guard lock(m_completionMutex);
+        m_refusesCompletions = true;
+    }
     boost::system::error_code ignored;
     m_socket->shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
     m_socket->close(ignored);
@@ -150,10 +156,15 @@ void HttpServerConnection::close()
     m_socket.reset();
     m_timer.reset();
     m_connectionCount->fetch_sub(1, std::memory_order_relaxed);
-    if (!m_handlerPending)
-        m_handler.reset();
     if (auto handler = std::move(m_closedHandler))
         handler(this);
+}
+
+void HttpServerConnection::closeWhenIdle()
+{
+    m_closeWhenIdle = true;
+    if (!m_closed && !m_handlerPending && !m_writing)
+        close();
 }
 
 void HttpServerConnection::readRequest()
@@ -274,24 +285,24 @@ void HttpServerConnection::dispatch()
     auto completion = [self = shared_from_this(), completed](RequestResult result) mutable {
         if (!KEST_ASSERT(!completed->exchange(true), "A request completed twice"))
             return;
-        HttpServerConnection* connection = self.get();
-        if (connection->m_thread->isInSelfThread() && connection->m_inDispatch) {
+        if (self->m_thread->isInSelfThread() && self->m_inDispatch) {
             // Completed inside processRequest: finish once the dispatcher has returned.
-            connection->m_synchronousResult = std::move(result);
+            self->m_synchronousResult = std::move(result);
             return;
         }
-        boost::asio::post(connection->m_thread->ioContext(),
-                          [self = std::move(self), result = std::move(result)]() mutable {
-                              self->onResult(std::move(result));
-                          });
+        // By copy: this closure may be destroyed with the handler that owns it.
+        onCompletion(self, std::move(result));
     };
 
+    m_pendingHandlers->add();
     m_handlerPending = true;
     m_inDispatch = true;
     bool failed = true;
     try {
-        m_handler = m_dispatcher->dispatchRequest(RequestContext(std::move(request), m_peer),
-                                                  std::move(completion));
+        auto handler = m_dispatcher->dispatchRequest(RequestContext(std::move(request), m_peer),
+                                                     std::move(completion));
+        std::lock_guard lock(m_completionMutex);
+        m_handler = std::move(handler);
         failed = false;
     } catch (const std::exception& e) {
         KEST_ERROR(this, "Handling a request from %1 has thrown: %2", m_peer.toString(), e.what());
@@ -311,15 +322,50 @@ void HttpServerConnection::dispatch()
     }
 }
 
+void HttpServerConnection::onCompletion(std::shared_ptr<HttpServerConnection> self,
+                                        RequestResult result)
+{
+    std::unique_ptr<AbstractRequestHandler> dropped;
+    {
+        std::lock_guard lock(self->m_completionMutex);
+        // A stopped thread never runs what is posted to it: the closure would keep the
+        // connection, which keeps the thread and so the closure, alive for good.
+        if (!self->m_refusesCompletions && !self->m_thread->isStopped()) {
+            auto* thread = self->m_thread.get();
+            boost::asio::post(thread->ioContext(),
+                              [self = std::move(self), result = std::move(result)]() mutable {
+                                  self->onResult(std::move(result));
+                              });
+            return;
+        }
+        dropped = std::move(self->m_handler);
+    }
+    KEST_DEBUG(self.get(), "Dropping the response to %1: the connection is closed",
+               self->m_peer.toString());
+    self->releaseHandler(std::move(dropped));
+}
+
+void HttpServerConnection::releaseHandler(std::unique_ptr<AbstractRequestHandler> handler)
+{
+    // Destroyed before it is counted out, so that a stopped server has no handler left at all.
+    handler.reset();
+    m_pendingHandlers->remove();
+}
+
 void HttpServerConnection::onResult(RequestResult result)
 {
     if (!KEST_ASSERT(m_handlerPending, "A request completed twice"))
         return;
     m_handlerPending = false;
-    m_handler.reset();
+    std::unique_ptr<AbstractRequestHandler> handler;
+    {
+        std::lock_guard lock(m_completionMutex);
+        handler = std::move(m_handler);
+    }
+    releaseHandler(std::move(handler));
     if (m_closed)
         return;
-    sendResponse(std::move(result), m_keepAlive);
+    sendResponse(std::move(result), m_keepAlive && !m_closeWhenIdle);
 }
 
 void HttpServerConnection::sendError(StatusCode::Value status)
@@ -355,6 +401,7 @@ void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
     m_body = std::move(result.body);
     if (m_isHead)
         m_body.clear();
+    m_writing = true;
 
     setDeadline(deadlineAfter(m_limits.requestReadTimeout));
     const std::array<boost::asio::const_buffer, 2> buffers{boost::asio::buffer(m_head),
@@ -366,13 +413,14 @@ void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
 
 void HttpServerConnection::onWritten(const boost::system::error_code& error)
 {
+    m_writing = false;
     if (m_closed)
         return;
     if (error) {
         close();
         return;
     }
-    if (m_closeAfterWrite) {
+    if (m_closeAfterWrite || m_closeWhenIdle) {
         lingerAndClose();
         return;
     }

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -34,14 +35,20 @@ public:
                          boost::asio::ip::tcp::socket socket, const HttpConnectionLimits& limits,
                          AbstractMessageDispatcher* dispatcher,
                          std::shared_ptr<std::atomic<std::size_t>> connectionCount,
+                         std::shared_ptr<PendingHandlers> pendingHandlers,
                          ClosedHandler closedHandler);
     ~HttpServerConnection();
 
     /** On the connection's thread. */
     void start();
     /** On the connection's thread. Idempotent; a handler still pending is dropped when it
-     * completes. */
+     * completes, on the thread completing it. */
     void close();
+    /**
+     * On the connection's thread. Closes now when no request is in flight; otherwise once the
+     * response to the current request is written, with "Connection: close".
+     */
+    void closeWhenIdle();
 
     aio::AioThread* thread() const { return m_thread.get(); }
 
@@ -54,6 +61,10 @@ private:
     void parse();
     void dispatch();
     void onResult(RequestResult result);
+    /** Any thread: the handler has completed outside processRequest. */
+    static void onCompletion(std::shared_ptr<HttpServerConnection> self, RequestResult result);
+    /** Any thread; the handler was taken out of the connection, or is null. */
+    void releaseHandler(std::unique_ptr<AbstractRequestHandler> handler);
     void sendResponse(RequestResult result, bool keepAlive);
     void sendError(StatusCode::Value status);
     void onWritten(const boost::system::error_code& error);
@@ -69,12 +80,19 @@ private:
     HttpConnectionLimits m_limits;
     AbstractMessageDispatcher* m_dispatcher = nullptr;
     std::shared_ptr<std::atomic<std::size_t>> m_connectionCount;
+    std::shared_ptr<PendingHandlers> m_pendingHandlers;
     ClosedHandler m_closedHandler;
     SocketAddress m_peer;
 
+    // Completions come from any thread: once the connection is closed, or its thread stopped,
+    // nothing may be posted to it.
+    std::mutex m_completionMutex;
+    bool m_refusesCompletions = false;  //< Guarded by m_completionMutex.
+    /** Taken by a completion refused by a closed connection: guarded by m_completionMutex. */
+    std::unique_ptr<AbstractRequestHandler> m_handler;
+
     boost::beast::flat_buffer m_buffer;
     std::unique_ptr<RequestParser> m_parser;
-    std::unique_ptr<AbstractRequestHandler> m_handler;
     std::optional<RequestResult> m_synchronousResult;
     std::string m_head;
     std::string m_body;
@@ -85,6 +103,8 @@ private:
     bool m_waitingForRequest = false;
     bool m_inDispatch = false;
     bool m_handlerPending = false;
+    bool m_writing = false;
+    bool m_closeWhenIdle = false;
     bool m_keepAlive = true;
     bool m_isHead = false;
     bool m_closeAfterWrite = false;

@@ -1,5 +1,6 @@
 #include "http_stream_socket_server.h"
 
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <unordered_map>
@@ -38,6 +39,8 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
     void onAccepted(const boost::system::error_code& error, tcp::socket socket,
                     std::shared_ptr<aio::AioThread> thread);
     void removeConnection(HttpServerConnection* connection);
+    template <typename Action>
+    void forEachConnection(Action action);
 
     std::shared_ptr<HttpServerSharedState> state;
     std::shared_ptr<aio::AioThread> acceptThread;
@@ -49,6 +52,7 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
 
     mutable std::mutex mutex;
     std::unordered_map<HttpServerConnection*, std::shared_ptr<HttpServerConnection>> connections;
+    std::condition_variable connectionRemoved;
 };
 
 void HttpStreamSocketServer::Private::acceptNext()
@@ -93,7 +97,8 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
     auto* threadPtr = thread.get();
     auto connection = std::make_shared<HttpServerConnection>(
         std::move(thread), std::move(socket), state->limits, state->dispatcher,
-        state->connectionCount, [weak = weak_from_this()](HttpServerConnection* connection) {
+        state->connectionCount, state->pendingHandlers,
+        [weak = weak_from_this()](HttpServerConnection* connection) {
             if (auto self = weak.lock())
                 self->removeConnection(connection);
         });
@@ -108,11 +113,34 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
 void HttpStreamSocketServer::Private::removeConnection(HttpServerConnection* connection)
 {
     std::shared_ptr<HttpServerConnection> removed;
-    std::lock_guard lock(mutex);
-    if (const auto it = connections.find(connection); it != connections.end()) {
-        // Released after the lock, as the connection may be destroyed with it.
-        removed = std::move(it->second);
-        connections.erase(it);
+    {
+        std::lock_guard lock(mutex);
+        if (const auto it = connections.find(connection); it != connections.end()) {
+            // Released after the lock, as the connection may be destroyed with it.
+            removed = std::move(it->second);
+            connections.erase(it);
+        }
+    }
+    connectionRemoved.notify_all();
+}
+
+template <typename Action>
+void HttpStreamSocketServer::Private::forEachConnection(Action action)
+{
+    std::vector<std::shared_ptr<HttpServerConnection>> snapshot;
+    {
+        std::lock_guard lock(mutex);
+        for (const auto& [key, connection] : connections)
+            snapshot.push_back(connection);
+    }
+    std::map<aio::AioThread*, std::vector<std::shared_ptr<HttpServerConnection>>> byThread;
+    for (auto& connection : snapshot)
+        byThread[connection->thread()].push_back(std::move(connection));
+    for (const auto& [thread, onThread] : byThread) {
+        aio::runInThreadSync(thread, [&onThread, &action]() {
+            for (const auto& connection : onThread)
+                action(connection.get());
+        });
     }
 }
 
@@ -202,23 +230,24 @@ void HttpStreamSocketServer::cancelAccepting()
     });
 }
 
+void HttpStreamSocketServer::closeIdleConnections()
+{
+    d->forEachConnection([](HttpServerConnection* connection) { connection->closeWhenIdle(); });
+}
+
+std::size_t HttpStreamSocketServer::waitUntilFinished(
+    std::chrono::steady_clock::time_point deadline)
+{
+    const std::size_t pending = d->state->pendingHandlers->waitForNone(deadline);
+    // The handlers' responses are still being written.
+    std::unique_lock lock(d->mutex);
+    d->connectionRemoved.wait_until(lock, deadline, [this]() { return d->connections.empty(); });
+    return pending == 0 ? 0 : d->state->pendingHandlers->count();
+}
+
 void HttpStreamSocketServer::closeAllConnections()
 {
-    std::vector<std::shared_ptr<HttpServerConnection>> connections;
-    {
-        std::lock_guard lock(d->mutex);
-        for (const auto& [key, connection] : d->connections)
-            connections.push_back(connection);
-    }
-    std::map<aio::AioThread*, std::vector<std::shared_ptr<HttpServerConnection>>> byThread;
-    for (auto& connection : connections)
-        byThread[connection->thread()].push_back(std::move(connection));
-    for (const auto& [thread, onThread] : byThread) {
-        aio::runInThreadSync(thread, [&onThread]() {
-            for (const auto& connection : onThread)
-                connection->close();
-        });
-    }
+    d->forEachConnection([](HttpServerConnection* connection) { connection->close(); });
 }
 
 std::size_t HttpStreamSocketServer::connectionCount() const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <system_error>
 
@@ -28,6 +29,16 @@ public:
 
     /** Cancels the pending accept and waits until no accept can complete. */
     void cancelAccepting();
+    /**
+     * Closes the connections with no request in flight; the others close once their current
+     * response is written. Waits until each connection's thread has seen to it.
+     */
+    void closeIdleConnections();
+    /**
+     * Waits until no request handler of the server's I/O threads is pending and every connection
+     * of this server is closed, or until the deadline. Says how many handlers are still pending.
+     */
+    std::size_t waitUntilFinished(std::chrono::steady_clock::time_point deadline);
     /** Closes every connection and waits, on each connection's thread, until it is closed. */
     void closeAllConnections();
 

@@ -58,6 +58,10 @@ void Settings::load(const ZuSettings& settings)
         readNumber(settings, prefix + "idleTimeoutMs", &ms);
         idleTimeout = std::min(std::chrono::milliseconds(ms), kMaxTimeout);
     }
+    if (!settings.value(prefix + "stopTimeoutMs").isNull()) {
+        readNumber(settings, prefix + "stopTimeoutMs", &ms);
+        stopTimeout = std::min(std::chrono::milliseconds(ms), kMaxTimeout);
+    }
 }
 
 }  // namespace kest::network::http::server

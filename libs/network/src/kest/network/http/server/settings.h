@@ -21,6 +21,7 @@ public:
     static constexpr std::size_t kDefaultMaxConnections = 10000;
     static constexpr std::chrono::milliseconds kDefaultRequestReadTimeout{30'000};
     static constexpr std::chrono::milliseconds kDefaultIdleTimeout{60'000};
+    static constexpr std::chrono::milliseconds kDefaultStopTimeout{10'000};
     /** Longer timeouts are cut to this, a day, which is as good as none for a connection. */
     static constexpr std::chrono::milliseconds kMaxTimeout{24 * 60 * 60 * 1000};
 
@@ -44,6 +45,10 @@ public:
     /** "idleTimeoutMs": a kept-alive connection with no new request is closed after this; 0 means
      * no limit. */
     std::chrono::milliseconds idleTimeout = kDefaultIdleTimeout;
+    /** "stopTimeoutMs": how long stopping waits for the requests in flight to be answered, since
+     * their handlers may use what the server's owner destroys next; past it their responses are
+     * dropped. 0 means not waiting at all. */
+    std::chrono::milliseconds stopTimeout = kDefaultStopTimeout;
 
     /**
      * Reads the keys of the group; missing keys keep their defaults. Throws
