@@ -126,6 +126,20 @@ HttpServerConnection::HttpServerConnection(
 
 HttpServerConnection::~HttpServerConnection() = default;
 
+auto HttpServerConnection::continueOrClose(void (HttpServerConnection::*next)())
+{
+    // Completion of an I/O step whose result only matters as success or failure.
+    return [self = shared_from_this(), next](const boost::system::error_code& error, std::size_t) {
+        if (self->m_closed)
+            return;
+        if (error) {
+            self->close();
+            return;
+        }
+        ((*self).*next)();
+    };
+}
+
 void HttpServerConnection::start()
 {
     if (m_closed)  //< The server stopped before the connection got to start.
@@ -246,17 +260,8 @@ void HttpServerConnection::parse()
         if (expect && equalsIgnoreCase(*expect, "100-continue")) {
             // Clients such as curl hold a larger body back until they are told to go on.
             static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
-            boost::asio::async_write(
-                *m_socket, boost::asio::buffer(kContinue),
-                [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
-                    if (self->m_closed)
-                        return;
-                    if (error) {
-                        self->close();
-                        return;
-                    }
-                    self->readSome();
-                });
+            boost::asio::async_write(*m_socket, boost::asio::buffer(kContinue),
+                                     continueOrClose(&HttpServerConnection::readSome));
             return;
         }
     }
@@ -443,17 +448,8 @@ void HttpServerConnection::lingerAndClose()
 void HttpServerConnection::drain()
 {
     m_buffer.clear();
-    m_socket->async_read_some(
-        m_buffer.prepare(kReadChunk),
-        [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
-            if (self->m_closed)
-                return;
-            if (error) {
-                self->close();
-                return;
-            }
-            self->drain();
-        });
+    m_socket->async_read_some(m_buffer.prepare(kReadChunk),
+                              continueOrClose(&HttpServerConnection::drain));
 }
 
 void HttpServerConnection::setDeadline(Clock::time_point deadline)

@@ -70,6 +70,8 @@ private:
     void onWritten(const boost::system::error_code& error);
     void lingerAndClose();
     void drain();
+    /** An I/O completion that closes on error and otherwise goes on with `next`. */
+    auto continueOrClose(void (HttpServerConnection::*next)());
     void setDeadline(Clock::time_point deadline);
     void armTimer();
     void onTimer(const boost::system::error_code& error);
