@@ -68,6 +68,40 @@ TEST_F(BasicServiceSettingsTest, CommandLineOverridesFileWhateverTheOrder)
     EXPECT_TRUE(m_settings.settings().value("extra").isNull());
 }
 
+TEST_F(BasicServiceSettingsTest, FileValuesAreReadAsWrittenLikeTheCommandLine)
+{
+    const QString path = writeFile(
+        "; a comment line\n"
+        "# another one\n"
+        "top = level value \n"
+        "[General]\n"
+        "general=g\n"
+        "[MongoDb]\n"
+        "instances=a:1;b:2 ; c:3\n"
+        "password=p;ss,word#1\n"
+        "quoted=\"h;1\":5\n"
+        "empty=\n"
+        "user=first\n"
+        "user=last\r\n"
+        "not a key line\n"
+        "[http\\server]\n"
+        "limits\\body=7\n");
+    const QByteArray path8 = path.toUtf8();
+    load(m_settings, {"-c", path8.constData()});
+    const ZuSettings& store = m_settings.settings();
+
+    EXPECT_EQ(store.value("top").toString(), "level value");
+    EXPECT_EQ(store.value("general").toString(), "g");
+    EXPECT_EQ(store.value("MongoDb/instances").toString(), "a:1;b:2 ; c:3");
+    EXPECT_EQ(store.value("MongoDb/password").toString(), "p;ss,word#1");
+    EXPECT_EQ(store.value("MongoDb/quoted").toString(), "\"h;1\":5");
+    EXPECT_TRUE(store.contains("MongoDb/empty"));
+    EXPECT_EQ(store.value("MongoDb/empty").toString(), "");
+    EXPECT_EQ(store.value("MongoDb/user").toString(), "last");
+    EXPECT_EQ(store.value("http/server/limits/body").toString(), "7");
+    EXPECT_EQ(store.allKeys().size(), 8);
+}
+
 TEST_F(BasicServiceSettingsTest, OverrideValueMayContainEqualsAndBeEmpty)
 {
     load(m_settings, {"--MongoDb/uri=mongodb://h/?a=b", "--dataDir="});

@@ -40,3 +40,16 @@ TEST(ZuTimePeriodList, ExclusionCutsSplitsAndDrops)
     infinite.excludeTimePeriod({0, 50});
     EXPECT_EQ(infinite, (ZuTimePeriodList{{50, ZuTimePeriod::kInfiniteDuration}}));
 }
+
+TEST(ZuTimePeriodList, EmptyCutChangesNothing)
+{
+    // Errors read with timestamp 0 cut at [0, 0): periods around 0 must come back whole.
+    const ZuTimePeriodList original{
+        {-1000, 3000}, {5000, 0}, {7000, ZuTimePeriod::kInfiniteDuration}};
+    for (const ZuTimePeriod cut :
+         {ZuTimePeriod(0, 0), ZuTimePeriod(5000, 0), ZuTimePeriod(9000, 0)}) {
+        ZuTimePeriodList list = original;
+        list.excludeTimePeriod(cut);
+        EXPECT_EQ(list, original) << toString(cut);
+    }
+}

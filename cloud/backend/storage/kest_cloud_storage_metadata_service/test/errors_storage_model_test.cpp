@@ -73,6 +73,12 @@ TEST_F(ErrorsStorageModelTest, TimestampCutsAndSkipsWithoutChangingHistory)
     errors = m_model.getErrors({kDeviceA}, 0ms, kNoLimit);
     ASSERT_EQ(1u, errors.size());
     EXPECT_EQ((ZuTimePeriodList{{1000, 2000}, {5000, 1000}}), errors[0].timePeriod);
+
+    // Timestamp 0 returns whole lists, even a period that contains the instant 0.
+    save(kDeviceB, {{-1000, 3000}});
+    errors = m_model.getErrors({kDeviceB}, 0ms, kNoLimit);
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ((ZuTimePeriodList{{-1000, 3000}}), errors[0].timePeriod);
 }
 
 TEST_F(ErrorsStorageModelTest, SortedByLatestErrorEndAndTruncatedToCount)

@@ -25,7 +25,7 @@ conf::DDSConnetionSettings load(std::initializer_list<std::pair<const char*, con
 TEST(MongoConnectionSettingsTest, InstancesAreTrimmedUnquotedAndEmptyEntriesSkipped)
 {
     const auto settings =
-        load({{"MongoDb/instances", " a : 27017;;\"b;c:1\":27018 ; c:27019x;  ;"}});
+        load({{"MongoDb/instances", ";; a : 27017;;\"b;c:1\":27018 ; c:27019x;"}});
     EXPECT_EQ(settings.instances, (Instances{{"a", 27017}, {"b;c:1", 27018}, {"c", 27019}}));
 
     EXPECT_TRUE(load({{"MongoDb/instances", ""}}).instances.empty());
@@ -34,7 +34,8 @@ TEST(MongoConnectionSettingsTest, InstancesAreTrimmedUnquotedAndEmptyEntriesSkip
 
 TEST(MongoConnectionSettingsTest, MalformedPortStopsLoading)
 {
-    for (const char* bad : {"a:27017;bare", "a:", "a: x1", "\"a:1\""})
+    // A blank entry is not an empty one: it is an entry without a port.
+    for (const char* bad : {"a:27017;bare", "a:", "a: x1", "\"a:1\"", "a:1; ;b:2", "a:1;\t"})
         EXPECT_THROW(load({{"MongoDb/instances", bad}}), std::invalid_argument) << bad;
     EXPECT_THROW(load({{"MongoDb/instances", "a:99999999999"}}), std::out_of_range);
     // A sign is read as std::stoi reads it.

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <QFile>
+#include <QTemporaryDir>
 #include <stdexcept>
 #include <vector>
 
@@ -49,6 +51,24 @@ TEST(SettingsTest, BadInstancesStopLoading)
 {
     Settings settings;
     EXPECT_THROW(load(settings, {"--MongoDb/instances=justahost"}), std::invalid_argument);
+
+    // The settings file reads a ";" as the command line does, so its second entry is seen too.
+    QTemporaryDir dir;
+    const QString path = dir.path() + "/metadata_storage.conf";
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[MongoDb]\ninstances=127.0.0.1:1;justahost\n");
+    file.close();
+    const QByteArray path8 = path.toUtf8();
+    EXPECT_THROW(load(settings, {"-c", path8.constData()}), std::invalid_argument);
+
+    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    file.write("[MongoDb]\ninstances=a:1;b:2\npassword=p;ss\n");
+    file.close();
+    load(settings, {"-c", path8.constData()});
+    EXPECT_EQ(settings.ddsConnection().instances,
+              (std::vector<std::pair<std::string, std::uint32_t>>{{"a", 1}, {"b", 2}}));
+    EXPECT_EQ(settings.ddsConnection().password, "p;ss");
 }
 
 }  // namespace

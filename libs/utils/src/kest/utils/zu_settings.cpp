@@ -1,27 +1,56 @@
 #include "zu_settings.h"
 
-#include <QFileInfo>
-#include <QSettings>
+#include <QFile>
+
+namespace {
+
+/**
+ * Reads an INI file as operators write it. QSettings' INI reader takes an unquoted ";" for the
+ * start of a comment and a "," for a list separator, which cuts "instances=a:1;b:2" to "a:1".
+ * Here a value is everything after the first "=" up to the end of the line, surrounding blanks
+ * trimmed, exactly as the same value on the command line. The rest is INI as usual: "[group]"
+ * sections ("[General]" is the top level), whole-line comments starting with ";" or "#",
+ * "\" or "/" as the group separator inside a key, and the last of repeated keys wins.
+ */
+void readIni(QIODevice& device, QMap<QString, QVariant>& map)
+{
+    QString group;
+    while (!device.atEnd()) {
+        const QString line = QString::fromUtf8(device.readLine()).trimmed();
+        if (line.isEmpty() || line.startsWith(QLatin1Char(';')) ||
+            line.startsWith(QLatin1Char('#'))) {
+            continue;
+        }
+        if (line.startsWith(QLatin1Char('[')) && line.endsWith(QLatin1Char(']'))) {
+            group = line.mid(1, line.size() - 2).trimmed();
+            group.replace(QLatin1Char('\\'), QLatin1Char('/'));
+            if (group.compare(QLatin1String("General"), Qt::CaseInsensitive) == 0)
+                group.clear();
+            continue;
+        }
+        const int equals = line.indexOf(QLatin1Char('='));
+        if (equals <= 0)
+            continue;  // Not a key: QSettings skips such lines too.
+        QString key = line.left(equals).trimmed();
+        key.replace(QLatin1Char('\\'), QLatin1Char('/'));
+        if (key.isEmpty())
+            continue;
+        map.insert(group.isEmpty() ? key : group + QLatin1Char('/') + key,
+                   line.mid(equals + 1).trimmed());
+    }
+}
+
+}  // namespace
 
 bool ZuSettings::loadIniFile(const QString& path)
 {
-    if (!QFileInfo(path).isReadable())
+    // Read directly rather than through QSettings, whose process-wide cache of parsed files can
+    // miss a rewrite of the same size within the same second.
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
         return false;
-    QSettings file(path, QSettings::IniFormat);
-    if (file.status() != QSettings::NoError)
-        return false;
-    for (const auto& key : file.allKeys()) {
-        // QSettings files keys of the top level under "General"; ours are top-level keys.
-        QString name = key;
-        if (name.startsWith(QLatin1String("General/")))
-            name = name.mid(8);
-        QVariant value = file.value(key);
-        // A value with commas comes back as a list; settings values are plain text.
-        if (value.userType() == QMetaType::QStringList)
-            value = value.toStringList().join(QLatin1Char(','));
-        m_values.insert(name, value);
-    }
-    return true;
+    readIni(file, m_values);
+    return file.error() == QFileDevice::NoError;
 }
 
 void ZuSettings::setValue(const QString& key, const QVariant& value)

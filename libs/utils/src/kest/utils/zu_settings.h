@@ -13,7 +13,11 @@
 class ZuSettings
 {
 public:
-    /** Reads every key of an INI file through QSettings. False when the file cannot be read. */
+    /**
+     * Reads every key of an INI settings file. Values are kept as written up to the end of the
+     * line (";" and "," included); comment lines start with ";" or "#". False when the file
+     * cannot be read.
+     */
     bool loadIniFile(const QString& path);
 
     /** Sets a key, replacing what the file gave (command-line overrides). */

@@ -34,6 +34,9 @@ void ZuTimePeriodList::excludeTimePeriod(const ZuTimePeriod& cut)
 {
     const auto cutStart = cut.startTimeMs;
     const auto cutEnd = cut.endTimeMs();
+    // An empty cut removes nothing; splitting at it would only break periods in two.
+    if (cutEnd <= cutStart)
+        return;
     std::vector<ZuTimePeriod> result;
     result.reserve(m_periods.size() + 1);
     for (const auto& period : m_periods) {

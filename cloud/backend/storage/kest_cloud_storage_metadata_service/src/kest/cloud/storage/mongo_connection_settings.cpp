@@ -58,7 +58,8 @@ std::vector<std::pair<std::string, std::uint32_t>> MongoConnectionSettings::pars
 {
     std::vector<std::pair<std::string, std::uint32_t>> result;
     for (const std::string& entry : splitOutsideQuotes(text, ';')) {
-        if (trimmed(entry).empty())
+        // Only empty entries are skipped; a blank one is an entry without a port and fails below.
+        if (entry.empty())
             continue;
         const std::vector<std::string> fields = splitOutsideQuotes(entry, ':');
         const std::string host = unquoted(trimmed(fields[0]));
