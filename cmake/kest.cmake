@@ -1,11 +1,23 @@
-# kest_add_library(NAME SOURCES ... DEPS ...): a platform library under libs/NAME,
-# exported as the target kest::NAME with its src/ directory as the include root.
+# kest_add_library(NAME SOURCES ... DEPS ...): a platform library under libs/NAME, built as the
+# shared library libkest_NAME and exported as the target kest::NAME with its src/ directory as
+# the include root. Shared, so that a host and the service modules it loads share one copy of
+# every process-wide object (the logger, factories, the I/O thread pool).
 function(kest_add_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
-  add_library(kest_${name} STATIC ${ARG_SOURCES})
+  add_library(kest_${name} SHARED ${ARG_SOURCES})
   add_library(kest::${name} ALIAS kest_${name})
-  target_include_directories(kest_${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src)
+  set_target_properties(kest_${name} PROPERTIES EXPORT_NAME ${name})
+  # Calls inside one library need not go through the PLT.
+  target_compile_options(kest_${name} PRIVATE -fno-semantic-interposition)
+  target_link_options(kest_${name} PRIVATE -Wl,--no-undefined)
+  target_include_directories(kest_${name} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/src>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(kest_${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  install(TARGETS kest_${name} EXPORT KestTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(DIRECTORY src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endfunction()
 
 # kest_add_test(NAME SOURCES ... DEPS ... [LABELS ...]): a GoogleTest executable

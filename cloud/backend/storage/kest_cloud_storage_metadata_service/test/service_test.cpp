@@ -2,12 +2,8 @@
 
 #include <thread>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -22,9 +18,8 @@
 #include <kest/utils/log/logger.h>
 
 #include "http_test_client.h"
+#include "service_process.h"
 #include "storage_fakes.h"
-
-extern char** environ;
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -212,103 +207,6 @@ std::string serviceExecutable()
     return (fs::read_symlink("/proc/self/exe").parent_path() / "metadata_storage").string();
 }
 
-/** The service executable run as a child process, its standard error read through a pipe. */
-class ServiceProcess
-{
-public:
-    explicit ServiceProcess(std::vector<std::string> args)
-    {
-        int pipeFds[2];
-        ::pipe(pipeFds);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
-        args.insert(args.begin(), serviceExecutable());
-        std::vector<char*> argv;
-        for (auto& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(pipeFds[1]);
-        m_output = pipeFds[0];
-    }
-
-    ~ServiceProcess()
-    {
-        if (m_pid > 0 && !m_exitStatus) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-        }
-        ::close(m_output);
-    }
-
-    bool started() const { return m_pid > 0; }
-
-    /** Reads output until `pattern` matches a line; the match, or nothing on timeout or exit. */
-    std::optional<std::smatch> waitForLine(const std::regex& pattern)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (std::chrono::steady_clock::now() < deadline) {
-            for (std::size_t end; (end = m_text.find('\n', m_scanned)) != std::string::npos;) {
-                m_line = m_text.substr(m_scanned, end - m_scanned);
-                m_scanned = end + 1;
-                std::smatch match;
-                if (std::regex_search(m_line, match, pattern))
-                    return match;
-            }
-            if (!readSome(100ms) && m_eof)
-                return std::nullopt;
-        }
-        return std::nullopt;
-    }
-
-    /** Waits for the process to end; its wait status. */
-    int wait()
-    {
-        int status = 0;
-        // Keep draining the output: a child blocked on a full pipe would never exit.
-        while (::waitpid(m_pid, &status, WNOHANG) == 0) {
-            if (!readSome(100ms) && m_eof)
-                std::this_thread::sleep_for(10ms);
-        }
-        m_exitStatus = status;
-        while (readSome(100ms)) {
-        }
-        return status;
-    }
-
-    void signal(int number) { ::kill(m_pid, number); }
-    const std::string& output() const { return m_text; }
-
-private:
-    bool readSome(std::chrono::milliseconds timeout)
-    {
-        pollfd pfd{m_output, POLLIN, 0};
-        if (::poll(&pfd, 1, static_cast<int>(timeout.count())) <= 0)
-            return false;
-        char buffer[4096];
-        const ssize_t n = ::read(m_output, buffer, sizeof(buffer));
-        if (n <= 0) {
-            m_eof = true;
-            return false;
-        }
-        m_text.append(buffer, static_cast<std::size_t>(n));
-        return true;
-    }
-
-    pid_t m_pid = -1;
-    int m_output = -1;
-    std::string m_text;
-    std::size_t m_scanned = 0;
-    std::string m_line;  // The match refers into it.
-    bool m_eof = false;
-    std::optional<int> m_exitStatus;
-};
-
 class ServiceExecutableTest : public ServiceTest
 {
 protected:
@@ -321,7 +219,7 @@ protected:
 
 TEST_F(ServiceExecutableTest, ServesUntilSigtermThenExitsCleanly)
 {
-    ServiceProcess service(serviceArgs());
+    ServiceProcess service(serviceExecutable(), serviceArgs());
     ASSERT_TRUE(service.started());
     const auto listening =
         service.waitForLine(std::regex(R"(HTTP server is listening on \{ 127\.0\.0\.1:(\d+) \})"));
@@ -340,7 +238,7 @@ TEST_F(ServiceExecutableTest, ServesUntilSigtermThenExitsCleanly)
 
 TEST_F(ServiceExecutableTest, FailedStartExitsNonZeroWithTheReason)
 {
-    ServiceProcess service(serviceArgs(/*listenOn*/ ""));
+    ServiceProcess service(serviceExecutable(), serviceArgs(/*listenOn*/ ""));
     ASSERT_TRUE(service.started());
     const int status = service.wait();
     ASSERT_TRUE(WIFEXITED(status));
@@ -351,7 +249,7 @@ TEST_F(ServiceExecutableTest, FailedStartExitsNonZeroWithTheReason)
 
 TEST_F(ServiceExecutableTest, HelpIsPrinted)
 {
-    ServiceProcess service({"-h"});
+    ServiceProcess service(serviceExecutable(), {"-h"});
     ASSERT_TRUE(service.started());
     const int status = service.wait();
     ASSERT_TRUE(WIFEXITED(status));
