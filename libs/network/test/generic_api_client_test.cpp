@@ -275,6 +275,7 @@ TEST_F(GenericApiClientTest, StoppingCancelsCallsInFlightAndNoHandlerRunsAfterwa
 
 TEST_F(GenericApiClientTest, RequestTimeoutThreadBindingAndMisuse)
 {
+    aio::AioThread other;  //< Outlives the client that moves to it.
     auto client = makeClient();
     client->setRequestTimeout(100ms);
     const auto started = std::chrono::steady_clock::now();
@@ -282,7 +283,6 @@ TEST_F(GenericApiClientTest, RequestTimeoutThreadBindingAndMisuse)
               std::make_tuple(StatusCode::internalServerError));
     EXPECT_LT(std::chrono::steady_clock::now() - started, 3s);
 
-    aio::AioThread other;
     client->bindToAioThread(&other);
     std::promise<bool> onOther;
     client->makeAsyncCallWithRetries<void>("GET", "/echo", {}, 1, [&](StatusCode::Value) {
