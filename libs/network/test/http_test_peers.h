@@ -55,9 +55,7 @@ public:
 
     struct Recorded
     {
-        std::string method;
         std::string path;
-        std::string query;
         std::string body;
         HttpHeaders headers;
         std::uint16_t clientPort = 0;
@@ -162,8 +160,8 @@ private:
         Responder responder;
         {
             std::lock_guard lock(m_mutex);
-            m_requests.push_back({request.method, request.path, request.query, request.body,
-                                  request.headers, context.clientEndpoint.port});
+            m_requests.push_back(
+                {request.path, request.body, request.headers, context.clientEndpoint.port});
             const auto name = context.requestPathParams.getByName("name").value_or("");
             if (const auto it = m_responders.find(name); it != m_responders.end())
                 responder = it->second;
