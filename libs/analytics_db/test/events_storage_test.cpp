@@ -3,10 +3,11 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <future>
+#include <set>
 #include <thread>
 
 #include <kest/analytics_db/events_storage.h>
-#include <kest/analytics_db/save_error_notifier.h>
+#include <kest/analytics_db/periods_notifier.h>
 #include <kest/utils/log/log.h>
 #include <kest/utils/zu_settings.h>
 
@@ -66,7 +67,7 @@ std::shared_ptr<const ObjectMetadataPacket> packet(const ZuUuid& device, std::in
 }
 
 // A report that no handler ever takes is still written down when the notifier stops.
-TEST(SaveErrorNotifier, ReportsWithoutAHandlerAreLoggedAtStop)
+TEST(PeriodsNotifier, ReportsWithoutAHandlerAreLoggedAtStop)
 {
     std::vector<std::string> warnings;
     auto& logger = utils::log::Logger::instance();
@@ -76,7 +77,7 @@ TEST(SaveErrorNotifier, ReportsWithoutAHandlerAreLoggedAtStop)
                 warnings.push_back(message);
         });
     {
-        SaveErrorNotifier notifier;
+        PeriodsNotifier notifier;
         notifier.report(sql::DBResult::full, {{ZuUuid::createUuid(), ZuTimePeriodList{{5, 1}}}});
     }
     logger.removeObserver(id);
@@ -774,6 +775,75 @@ TEST_F(EventsStorageTest, BlockedErrorHandlerDoesNotStallWritesAndReportsAreMerg
         ZuTimePeriodList::unionTimePeriods(all, r.at(kDeviceA));
     EXPECT_EQ(all, (ZuTimePeriodList{{1000, 1}, {2000, 1}, {3000, 1}}));
     EXPECT_EQ(reports.back().at(kDeviceA), (ZuTimePeriodList{{2000, 1}, {3000, 1}}));
+}
+
+// Commit reports carry what was committed, and only that, off the writer thread; flush() returns
+// once they are delivered. The counters follow the same packets.
+TEST_F(EventsStorageTest, CommittedBatchesAreReportedAndCounted)
+{
+    m_settings.maxCommitDelay = 10s;
+    auto storage = open();
+    storage->save(packet(kDeviceA, 500'000, {{9}}));  //< Before any handler: not reported.
+    storage->flush();
+
+    std::mutex mutex;
+    std::vector<std::unordered_map<ZuUuid, ZuTimePeriodList>> reports;
+    std::set<std::thread::id> reportThreads;
+    storage->setOnCommitHandler([&](std::unordered_map<ZuUuid, ZuTimePeriodList> periods) {
+        std::lock_guard lock(mutex);
+        reports.push_back(std::move(periods));
+        reportThreads.insert(std::this_thread::get_id());
+    });
+
+    // Hold the writer so that the queue is seen.
+    std::promise<std::thread::id> writerThread;
+    std::promise<void> release;
+    auto released = release.get_future();
+    storage->runOnWriter([&](sql::Database&) {
+        writerThread.set_value(std::this_thread::get_id());
+        released.wait();
+    });
+    const auto writerId = writerThread.get_future().get();
+    storage->save(packet(kDeviceA, 1'000'000, {{1}}));
+    storage->save(packet(kDeviceA, 1'001'000, {{1}}));  //< Touches the first: one period.
+    storage->save(packet(kDeviceA, 9'000'000, {{1}}));
+    storage->save(packet(kDeviceB, 2'000'000, {{2}}));
+    StorageStatistics statistics = storage->statistics();
+    EXPECT_EQ(statistics.packetsAccepted, 5u);
+    EXPECT_EQ(statistics.packetsCommitted, 1u);
+    EXPECT_EQ(statistics.queuedPackets, 4u);
+    EXPECT_EQ(statistics.maxQueuedPackets, m_settings.maxQueuedPackets);
+    release.set_value();
+    storage->flush();
+    {
+        std::lock_guard lock(mutex);
+        ASSERT_EQ(reports.size(), 1u);
+        EXPECT_EQ(reports[0].size(), 2u);
+        EXPECT_EQ(reports[0][kDeviceA], (ZuTimePeriodList{{1000, 2}, {9000, 1}}));
+        EXPECT_EQ(reports[0][kDeviceB], (ZuTimePeriodList{{2000, 1}}));
+        EXPECT_FALSE(reportThreads.contains(writerId));
+        EXPECT_FALSE(reportThreads.contains(std::this_thread::get_id()));
+    }
+
+    // A batch that fails is a save error, not a commit.
+    storage->runOnWriter([](sql::Database& db) { db.exec("PRAGMA query_only = 1"); });
+    storage->save(packet(kDeviceB, 3'000'000, {{3}}));
+    storage->flush();
+    storage->runOnWriter([](sql::Database& db) { db.exec("PRAGMA query_only = 0"); });
+    statistics = storage->statistics();
+    EXPECT_EQ(statistics.packetsAccepted, 6u);
+    EXPECT_EQ(statistics.packetsCommitted, 5u);
+    EXPECT_EQ(statistics.packetsFailed, 1u);
+    EXPECT_EQ(statistics.queuedPackets, 0u);
+    EXPECT_GT(statistics.storeBytes, 0u);
+    EXPECT_GT(statistics.diskAvailableBytes, 0u);
+
+    // Without a handler nothing more is reported.
+    storage->setOnCommitHandler(nullptr);
+    storage->save(packet(kDeviceB, 4'000'000, {{4}}));
+    storage->flush();
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(reports.size(), 1u);
 }
 
 TEST_F(EventsStorageTest, NotReadyPastTheHighWaterMarkUntilDrained)

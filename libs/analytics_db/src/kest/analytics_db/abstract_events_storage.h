@@ -14,12 +14,14 @@
 #include "object_track_ex.h"
 #include "result_code.h"
 #include "settings.h"
+#include "storage_statistics.h"
 
 namespace kest::analytics::db {
 
 using SaveErrorHandler =
     utils::MoveOnlyFunc<void(kest::sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 using LookupHandler = utils::MoveOnlyFunc<void(ResultCode, std::vector<ObjectTrackEx>)>;
+using CommitHandler = utils::MoveOnlyFunc<void(std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 
 /** The analytics events storage: packets go in and are aggregated into tracks; searches come out.
  */
@@ -43,6 +45,22 @@ public:
     /** Searches off the caller's thread; the handler is called exactly once, on the storage's
      * thread. */
     virtual void lookup(Filter filter, LookupHandler completionHandler) = 0;
+
+    /**
+     * After each committed batch the handler gets the periods of its packets per device, on a
+     * thread of the storage that is not the writer; a null handler stops the reports. Batches
+     * committed while no handler is set are not reported.
+     */
+    virtual void setOnCommitHandler(CommitHandler /*handler*/) {}
+
+    /**
+     * Blocks until every packet queued before the call is committed or reported as failed, and
+     * the commit handler has been told of those committed.
+     */
+    virtual void flush() {}
+
+    /** Cheap to call from any thread: the figures are kept in atomics. */
+    virtual StorageStatistics statistics() const { return {}; }
 };
 
 }  // namespace kest::analytics::db

@@ -1,6 +1,7 @@
 #include "events_storage.h"
 
 #include <algorithm>
+#include <filesystem>
 
 #include <QDir>
 #include <QFileInfo>
@@ -62,6 +63,9 @@ bool EventsStorage::initialize(const Settings& settings)
 
     m_writer = std::move(writer);
     m_readers = std::move(readers);
+    m_file = file;
+    m_maxQueuedPackets = m_settings.maxQueuedPackets;
+    measureStore();
     m_nextRetention = steady_clock::now();
     m_writerThread = std::thread([this] { writerLoop(); });
     for (int i = 0; i < kLookupWorkers; ++i)
@@ -79,6 +83,31 @@ void EventsStorage::setOnSaveErrorHandler(SaveErrorHandler handler)
 bool EventsStorage::isReady() const
 {
     return m_initialized && !m_overloaded;
+}
+
+void EventsStorage::setOnCommitHandler(CommitHandler handler)
+{
+    if (!handler) {
+        m_commitNotifier.setHandler(nullptr);
+        return;
+    }
+    m_commitNotifier.setHandler(
+        [handler = std::move(handler)](DBResult, PeriodsNotifier::Periods periods) mutable {
+            handler(std::move(periods));
+        });
+}
+
+StorageStatistics EventsStorage::statistics() const
+{
+    StorageStatistics result;
+    result.packetsAccepted = m_packetsAccepted.load(std::memory_order_relaxed);
+    result.packetsCommitted = m_packetsCommitted.load(std::memory_order_relaxed);
+    result.packetsFailed = m_packetsFailed.load(std::memory_order_relaxed);
+    result.queuedPackets = m_queuedPackets.load(std::memory_order_relaxed);
+    result.maxQueuedPackets = m_maxQueuedPackets.load(std::memory_order_relaxed);
+    result.storeBytes = m_storeBytes.load(std::memory_order_relaxed);
+    result.diskAvailableBytes = m_diskAvailableBytes.load(std::memory_order_relaxed);
+    return result;
 }
 
 std::size_t EventsStorage::queuedPackets() const
@@ -108,8 +137,10 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
             m_oldestQueued = steady_clock::now();
         m_queue.push_back(std::move(packet));
         ++m_enqueued;
+        m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
         if (m_queue.size() > m_settings.maxQueuedPackets)
             m_overloaded = true;
+        m_packetsAccepted.fetch_add(1, std::memory_order_relaxed);
         // Waking the writer on every packet would cost a system call each; it only needs to
         // know about the first one (to start the delay) and about a full batch.
         wake = m_queue.size() == 1 || m_queue.size() == kBatchPackets;
@@ -133,13 +164,17 @@ void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
 
 void EventsStorage::flush()
 {
-    std::unique_lock lock(m_queueMutex);
-    if (!m_writerThread.joinable())
-        return;
-    const std::uint64_t target = m_enqueued;
-    m_flushTarget = std::max(m_flushTarget, target);
-    m_writerWake.notify_one();
-    m_progress.wait(lock, [&] { return m_done >= target; });
+    {
+        std::unique_lock lock(m_queueMutex);
+        if (!m_writerThread.joinable())
+            return;
+        const std::uint64_t target = m_enqueued;
+        m_flushTarget = std::max(m_flushTarget, target);
+        m_writerWake.notify_one();
+        m_progress.wait(lock, [&] { return m_done >= target; });
+    }
+    // The batches are reported before the writer counts them done.
+    m_commitNotifier.waitUntilDelivered();
 }
 
 void EventsStorage::runOnWriter(utils::MoveOnlyFunc<void(sql::Database&)> task)
@@ -184,6 +219,7 @@ void EventsStorage::writerLoop()
                 m_queue.erase(m_queue.begin(), m_queue.begin() + kMaxBatchPackets);
                 m_oldestQueued = steady_clock::now() - m_settings.maxCommitDelay;
             }
+            m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
         }
         lock.unlock();
 
@@ -195,6 +231,8 @@ void EventsStorage::writerLoop()
         batch.clear();  //< Packets are released outside the lock.
         if (m_settings.maxAgeDays > 0 && steady_clock::now() >= m_nextRetention)
             applyRetention();
+        if (steady_clock::now() >= m_nextStoreMeasure)
+            measureStore();
 
         lock.lock();
         m_done += written;
@@ -207,8 +245,12 @@ void EventsStorage::writerLoop()
 void EventsStorage::writeBatch(const std::vector<PacketPtr>& batch)
 {
     const DBResult result = m_writer->write(batch);
-    if (result == DBResult::ok)
+    if (result == DBResult::ok) {
+        m_packetsCommitted.fetch_add(batch.size(), std::memory_order_relaxed);
+        if (m_commitNotifier.wantsReports())
+            m_commitNotifier.report(result, periodsByDevice(batch));
         return;
+    }
     KEST_ERROR(this, "Saving %1 packets to the analytics database failed: %2 (%3)", batch.size(),
                result, m_writer->database().lastError());
     reportFailure(result, batch);
@@ -216,10 +258,38 @@ void EventsStorage::writeBatch(const std::vector<PacketPtr>& batch)
 
 void EventsStorage::reportFailure(DBResult result, const std::vector<PacketPtr>& packets)
 {
-    std::unordered_map<ZuUuid, ZuTimePeriodList> periods;
+    m_packetsFailed.fetch_add(packets.size(), std::memory_order_relaxed);
+    m_notifier.report(result, periodsByDevice(packets));
+}
+
+std::unordered_map<ZuUuid, ZuTimePeriodList> EventsStorage::periodsByDevice(
+    const std::vector<PacketPtr>& packets)
+{
+    // One sort per device: adding the periods one by one would sort the list per packet.
+    std::unordered_map<ZuUuid, std::vector<ZuTimePeriod>> collected;
     for (const auto& packet : packets)
-        periods[packet->deviceId].add(packet->timePeriod());
-    m_notifier.report(result, std::move(periods));
+        collected[packet->deviceId].push_back(packet->timePeriod());
+    std::unordered_map<ZuUuid, ZuTimePeriodList> periods;
+    for (auto& [device, list] : collected)
+        ZuTimePeriodList::unionTimePeriods(periods[device], ZuTimePeriodList(std::move(list)));
+    return periods;
+}
+
+void EventsStorage::measureStore()
+{
+    namespace fs = std::filesystem;
+    std::error_code error;
+    std::uint64_t bytes = 0;
+    for (const char* suffix : {"", "-wal"}) {
+        const auto size = fs::file_size(m_file + suffix, error);
+        if (!error)
+            bytes += size;
+    }
+    m_storeBytes.store(bytes, std::memory_order_relaxed);
+    const auto space = fs::space(fs::path(m_file).parent_path(), error);
+    if (!error)
+        m_diskAvailableBytes.store(space.available, std::memory_order_relaxed);
+    m_nextStoreMeasure = steady_clock::now() + seconds(1);
 }
 
 void EventsStorage::applyRetention()

@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -13,7 +14,7 @@
 #include <kest/utils/mutex.h>
 
 #include "abstract_events_storage.h"
-#include "save_error_notifier.h"
+#include "periods_notifier.h"
 #include "track_reader.h"
 #include "track_writer.h"
 
@@ -26,7 +27,8 @@ namespace kest::analytics::db {
  * is applied is described in track_reader.h, how tracks are aggregated in track_aggregate.h.
  *
  * A batch that cannot be committed is rolled back and its packets are reported, per device as
- * the union of their periods, through the save-error handler on a thread of its own. Past
+ * the union of their periods, through the save-error handler on a thread of its own; a committed
+ * batch is reported the same way through the commit handler, on another thread. Past
  * maxQueuedPackets the storage is not ready until the queue is below half of it. Before a
  * successful initialize, lookups complete at once (on the caller's thread) with an error and
  * saves are reported as failed (connectionError).
@@ -54,9 +56,10 @@ public:
     bool isReady() const override;
     void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) override;
     void lookup(Filter filter, LookupHandler completionHandler) override;
-
-    /** Blocks until every packet queued before the call is committed or reported as failed. */
-    void flush();
+    void setOnCommitHandler(CommitHandler handler) override;
+    void flush() override;
+    /** The store's size and free space are measured by the writer, at most once a second. */
+    StorageStatistics statistics() const override;
 
     /**
      * Runs `task` on the writer thread with its connection before the next batch (tests);
@@ -79,6 +82,9 @@ private:
     void applyRetention();
     void stop();
     void reportFailure(sql::DBResult result, const std::vector<PacketPtr>& packets);
+    void measureStore();
+    static std::unordered_map<ZuUuid, ZuTimePeriodList> periodsByDevice(
+        const std::vector<PacketPtr>& packets);
 
     Clock m_clock;
     Settings m_settings;
@@ -99,6 +105,17 @@ private:
     std::unique_ptr<TrackWriter> m_writer;
     std::thread m_writerThread;
     std::chrono::steady_clock::time_point m_nextRetention;
+    std::chrono::steady_clock::time_point m_nextStoreMeasure;
+    std::string m_file;
+
+    // Written without a lock on the ingest path; read by statistics().
+    std::atomic<std::uint64_t> m_packetsAccepted{0};
+    std::atomic<std::uint64_t> m_packetsCommitted{0};
+    std::atomic<std::uint64_t> m_packetsFailed{0};
+    std::atomic<std::uint64_t> m_queuedPackets{0};
+    std::atomic<std::uint64_t> m_maxQueuedPackets{0};
+    std::atomic<std::uint64_t> m_storeBytes{0};
+    std::atomic<std::uint64_t> m_diskAvailableBytes{0};
 
     Mutex m_lookupMutex;
     std::condition_variable m_lookupWake;
@@ -107,7 +124,8 @@ private:
     std::vector<std::unique_ptr<TrackReader>> m_readers;
     std::vector<std::thread> m_lookupThreads;
 
-    SaveErrorNotifier m_notifier;
+    PeriodsNotifier m_commitNotifier{PeriodsNotifier::WithoutHandler::drop};
+    PeriodsNotifier m_notifier{PeriodsNotifier::WithoutHandler::keep};
 };
 
 }  // namespace kest::analytics::db

@@ -1,4 +1,4 @@
-#include "save_error_notifier.h"
+#include "periods_notifier.h"
 
 #include <algorithm>
 
@@ -6,9 +6,11 @@
 
 namespace kest::analytics::db {
 
-SaveErrorNotifier::SaveErrorNotifier() : m_thread([this] { run(); }) {}
+PeriodsNotifier::PeriodsNotifier(WithoutHandler withoutHandler)
+    : m_withoutHandler(withoutHandler), m_thread([this] { run(); })
+{}
 
-SaveErrorNotifier::~SaveErrorNotifier()
+PeriodsNotifier::~PeriodsNotifier()
 {
     {
         std::lock_guard lock(m_mutex);
@@ -18,7 +20,7 @@ SaveErrorNotifier::~SaveErrorNotifier()
     m_thread.join();
 }
 
-void SaveErrorNotifier::setHandler(SaveErrorHandler handler)
+void PeriodsNotifier::setHandler(Handler handler)
 {
     const bool hasHandler = static_cast<bool>(handler);
     {
@@ -30,12 +32,24 @@ void SaveErrorNotifier::setHandler(SaveErrorHandler handler)
         m_hasHandler = hasHandler;
     }
     m_wake.notify_all();
+    m_delivered.notify_all();
 }
 
-void SaveErrorNotifier::report(sql::DBResult result, Periods periods)
+bool PeriodsNotifier::wantsReports() const
+{
+    if (m_withoutHandler == WithoutHandler::keep)
+        return true;
+    std::lock_guard lock(m_mutex);
+    return m_hasHandler;
+}
+
+void PeriodsNotifier::report(sql::DBResult result, Periods periods)
 {
     {
         std::lock_guard lock(m_mutex);
+        if (!m_hasHandler && m_withoutHandler == WithoutHandler::drop)
+            return;
+        ++m_reportCount;
         auto it = std::find_if(m_pending.begin(), m_pending.end(),
                                [&](const auto& entry) { return entry.first == result; });
         if (it == m_pending.end()) {
@@ -48,21 +62,44 @@ void SaveErrorNotifier::report(sql::DBResult result, Periods periods)
     m_wake.notify_all();
 }
 
-void SaveErrorNotifier::run()
+void PeriodsNotifier::waitUntilDelivered()
 {
     std::unique_lock lock(m_mutex);
+    const std::uint64_t target = m_reportCount;
+    m_delivered.wait(lock,
+                     [&] { return m_deliveredCount >= target || !m_hasHandler || m_stopped; });
+}
+
+void PeriodsNotifier::run()
+{
+    const bool dropping = m_withoutHandler == WithoutHandler::drop;
+    std::unique_lock lock(m_mutex);
+    const auto markDelivered = [&](std::uint64_t count) {
+        m_deliveredCount = std::max(m_deliveredCount, count);
+        m_delivered.notify_all();
+    };
     for (;;) {
-        m_wake.wait(lock, [&] { return m_stopping || (m_hasHandler && !m_pending.empty()); });
+        m_wake.wait(
+            lock, [&] { return m_stopping || (!m_pending.empty() && (m_hasHandler || dropping)); });
+        if (!m_hasHandler && dropping && !m_pending.empty()) {
+            // The handler went away after these were made.
+            m_pending.clear();
+            markDelivered(m_reportCount);
+            continue;
+        }
         if (!m_hasHandler || m_pending.empty()) {
             if (!m_stopping)
                 continue;
             // Nobody will ever hear of these: leave them in the log rather than lose them.
             for (const auto& [result, periods] : m_pending)
                 KEST_WARNING(this, "Unreported save error %1 for %2", result, periods);
+            m_stopped = true;
+            markDelivered(m_reportCount);
             return;
         }
         auto reports = std::move(m_pending);
         m_pending.clear();
+        const std::uint64_t taken = m_reportCount;
         lock.unlock();
         {
             std::lock_guard handlerLock(m_handlerMutex);
@@ -75,11 +112,12 @@ void SaveErrorNotifier::run()
                 try {
                     m_handler(result, std::move(periods));
                 } catch (const std::exception& e) {
-                    KEST_ERROR(this, "Save error handler threw: %1", e.what());
+                    KEST_ERROR(this, "Periods report handler threw: %1", e.what());
                 }
             }
         }
         lock.lock();
+        markDelivered(taken);
     }
 }
 
