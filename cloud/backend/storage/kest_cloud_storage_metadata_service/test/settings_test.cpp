@@ -71,5 +71,30 @@ TEST(SettingsTest, BadInstancesStopLoading)
     EXPECT_EQ(settings.ddsConnection().password, "p;ss");
 }
 
+TEST(SettingsTest, ClusterIsOffUnlessAnUrlIsAdvertised)
+{
+    Settings settings;
+    load(settings, {});
+    EXPECT_FALSE(settings.cluster().enabled());
+    EXPECT_EQ(settings.cluster().dataAddressFlushInterval,
+              ClusterSettings::kDefaultDataAddressFlushInterval);
+    EXPECT_EQ(settings.cluster().peerTimeout, std::chrono::milliseconds(5000));
+
+    load(settings, {"--cluster/advertisedUrl= http://10.0.0.5:8080 ",
+                    "--cluster/dataAddressFlushIntervalMs=1", "--cluster/loadPublishIntervalMs=x",
+                    "--cluster/peerTimeoutMs=-5", "--cluster/nominalPacketsPerSecond=0"});
+    const ClusterSettings& cluster = settings.cluster();
+    EXPECT_TRUE(cluster.enabled());
+    EXPECT_EQ(cluster.advertisedUrl, "http://10.0.0.5:8080");
+    EXPECT_EQ(cluster.dataAddressFlushInterval, ClusterSettings::kMinInterval);
+    EXPECT_EQ(cluster.loadPublishInterval, ClusterSettings::kDefaultLoadPublishInterval);
+    EXPECT_EQ(cluster.peerTimeout, ClusterSettings::kDefaultPeerTimeout);
+    EXPECT_EQ(cluster.nominalPacketsPerSecond, ClusterSettings::kDefaultNominalPacketsPerSecond);
+
+    // Peers could not reach a node stored as anything but an HTTP URL: refuse to start.
+    EXPECT_THROW(load(settings, {"--cluster/advertisedUrl=10.0.0.5:8080"}), std::invalid_argument);
+    EXPECT_THROW(load(settings, {"--cluster/advertisedUrl=ftp://h/"}), std::invalid_argument);
+}
+
 }  // namespace
 }  // namespace kest::cloud::storage::metadatadb::conf

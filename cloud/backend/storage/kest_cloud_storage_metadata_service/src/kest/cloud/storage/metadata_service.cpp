@@ -3,6 +3,7 @@
 #include <kest/branding/branding.h>
 #include <kest/utils/assert.h>
 
+#include "model/cluster_presence.h"
 #include "model/model.h"
 #include "settings.h"
 #include "view/view.h"
@@ -39,8 +40,12 @@ int MetadataService::serviceMain(const kest::utils::AbstractServiceSettings& abs
     const auto& settings = static_cast<const conf::Settings&>(abstractSettings);
 
     // The view is declared after the model, so it goes first: no request can reach a storage
-    // that is being destroyed.
+    // that is being destroyed. The cluster presence, between them, records what the storage
+    // commits until the view is gone and the storage is drained.
     Model model(settings);
+    std::unique_ptr<ClusterPresence> clusterPresence;
+    if (settings.cluster().enabled())
+        clusterPresence = std::make_unique<ClusterPresence>(settings.cluster(), model);
     View view(settings, model);
     m_view = &view;
     view.start();

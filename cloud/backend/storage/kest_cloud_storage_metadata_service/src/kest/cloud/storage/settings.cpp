@@ -36,6 +36,7 @@ void Settings::loadSettings()
     if (m_analyticsDb.path.isEmpty())
         m_analyticsDb.path = dataDir() + "/analytics_db";
     m_ddsConnection.load(settings());
+    m_cluster.load(settings());
 }
 
 std::string Settings::additionalHelp() const
@@ -45,7 +46,9 @@ std::string Settings::additionalHelp() const
            "  MongoDb/instances        host:port[;host:port...] of the MongoDB deployment\n"
            "  MongoDb/user, MongoDb/password, MongoDb/replicaSet\n"
            "  MongoDb/minPoolSize, MongoDb/maxPoolSize\n"
-           "  MongoDb/uri              complete connection string; replaces the keys above\n";
+           "  MongoDb/uri              complete connection string; replaces the keys above\n"
+           "  cluster/advertisedUrl    this instance's base URL as peers reach it; when set, the\n"
+           "                           instance records its data addresses and load\n";
 }
 
 }  // namespace kest::cloud::storage::metadatadb::conf

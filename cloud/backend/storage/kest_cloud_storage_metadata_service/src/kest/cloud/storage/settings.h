@@ -7,6 +7,7 @@
 #include <kest/utils/basic_service_settings.h>
 #include <kest/utils/log/settings.h>
 
+#include "cluster_settings.h"
 #include "dds_connetion_settings.h"
 
 namespace kest::cloud::storage::metadatadb::conf {
@@ -27,6 +28,7 @@ public:
     const kest::network::http::server::Settings& httpServer() const { return m_httpServer; }
     const kest::analytics::db::Settings& analyticsDb() const { return m_analyticsDb; }
     const DDSConnetionSettings& ddsConnection() const { return m_ddsConnection; }
+    const ClusterSettings& cluster() const { return m_cluster; }
 
 protected:
     void loadSettings() override;
@@ -37,6 +39,7 @@ private:
     kest::network::http::server::Settings m_httpServer{"http"};
     kest::analytics::db::Settings m_analyticsDb;
     DDSConnetionSettings m_ddsConnection;
+    ClusterSettings m_cluster;
 };
 
 }  // namespace kest::cloud::storage::metadatadb::conf
