@@ -89,11 +89,17 @@ TEST_F(DataAddressRecorderTest, RetriesFailedSavesAndLogsFailedRetries)
     EXPECT_EQ(errors[0].find(b), std::string::npos) << "the new span failed for the first time";
     EXPECT_EQ(log.find(Level::warning, "Saving 1 data addresses failed").size(), 2u);
 
+    // A third failure is counted, not listed again.
     recorder.flush();
-    EXPECT_EQ(m_storage.items(2).size(), 2u);
+    m_storage.fail(2);
+    EXPECT_EQ(log.find(Level::error, "Saving data addresses failed again").size(), 2u);
+    EXPECT_EQ(log.find(Level::error, "Saving 1 data addresses is still failing").size(), 1u);
+
+    recorder.flush();
+    EXPECT_EQ(m_storage.items(3).size(), 2u);
     EXPECT_EQ(recorder.pendingSpans(), 0u);  //< Handed over; the storage did not complain.
     recorder.flush();
-    EXPECT_EQ(m_storage.saveCount(), 3u);
+    EXPECT_EQ(m_storage.saveCount(), 4u);
 }
 
 TEST_F(DataAddressRecorderTest, PendingRetriesAreBoundedDroppingTheOldest)

@@ -62,6 +62,7 @@ void DataAddressRecorder::onSaveFailed(State& state, const std::vector<DataInfo>
 {
     std::vector<DataInfo> first;
     std::vector<DataInfo> again;
+    std::size_t stillFailing = 0;
     std::vector<DataInfo> lost;
     std::vector<DataInfo> dropped;
     {
@@ -75,7 +76,12 @@ void DataAddressRecorder::onSaveFailed(State& state, const std::vector<DataInfo>
                 continue;
             }
             state.retries.push_back({failed[i], failures});
-            (failures == 1 ? first : again).push_back(failed[i]);
+            if (failures == 1)
+                first.push_back(failed[i]);
+            else if (failures == 2)
+                again.push_back(failed[i]);
+            else
+                ++stillFailing;
         }
         while (state.retries.size() > state.maxPendingSpans) {
             dropped.push_back(std::move(state.retries.front().item));
@@ -90,6 +96,11 @@ void DataAddressRecorder::onSaveFailed(State& state, const std::vector<DataInfo>
     }
     if (!again.empty())
         KEST_ERROR(state.tag, "Saving data addresses failed again, retrying: %1", again);
+    // Their spans were logged when they first failed again; an outage must not log them all at
+    // every flush.
+    if (stillFailing > 0) {
+        KEST_ERROR(state.tag, "Saving %1 data addresses is still failing, retrying", stillFailing);
+    }
     if (!lost.empty())
         KEST_ERROR(state.tag, "Saving data addresses failed while stopping, lost: %1", lost);
     if (!dropped.empty()) {

@@ -24,8 +24,9 @@ class AbstractDataDistributionStorage;
  * Committed periods are coalesced per device: a period within the flush interval F of a span
  * still open extends it, a longer silence opens another. Every F the open spans are saved and
  * closed, so a steady stream of one device gives one span per F. A save that fails is retried
- * with the next flush, and logged as an error when the retry fails too; retries go on while at
- * most maxPendingSpans wait, the oldest being dropped (and logged) past that.
+ * with the next flush, and logged as an error with its spans when the retry fails too (later
+ * failures only by their count); retries go on while at most maxPendingSpans wait, the oldest
+ * being dropped, and logged, past that.
  */
 class DataAddressRecorder
 {
