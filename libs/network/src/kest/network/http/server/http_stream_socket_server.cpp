@@ -1,5 +1,6 @@
 #include "http_stream_socket_server.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -22,7 +23,17 @@ using boost::asio::ip::tcp;
 
 namespace {
 
-constexpr std::chrono::milliseconds kAcceptRetryDelay{20};
+constexpr std::chrono::milliseconds kFirstAcceptRetryDelay{10};
+constexpr std::chrono::milliseconds kMaxAcceptRetryDelay{500};
+
+/** Errors that end when something is released, not by trying again at once. */
+bool isOutOfResources(const boost::system::error_code& error)
+{
+    return error == boost::asio::error::no_descriptors ||                  //< EMFILE
+           error == boost::system::errc::too_many_files_open_in_system ||  //< ENFILE
+           error == boost::asio::error::no_buffer_space ||                 //< ENOBUFS
+           error == boost::asio::error::no_memory;                         //< ENOMEM
+}
 
 }  // namespace
 
@@ -30,25 +41,31 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
 {
     explicit Private(std::shared_ptr<HttpServerSharedState> state)
         : state(std::move(state)),
-          acceptThread(this->state->threadPool.nextShared()),
+          acceptThread(this->state->threadPool.next()),
           acceptor(acceptThread->ioContext()),
           retryTimer(acceptThread->ioContext())
     {}
 
     void acceptNext();
     void onAccepted(const boost::system::error_code& error, tcp::socket socket,
-                    std::shared_ptr<aio::AioThread> thread);
+                    std::weak_ptr<aio::AioThread> thread);
+    void retryAccepting(const boost::system::error_code& error);
     void removeConnection(HttpServerConnection* connection);
     template <typename Action>
     void forEachConnection(Action action);
 
     std::shared_ptr<HttpServerSharedState> state;
-    std::shared_ptr<aio::AioThread> acceptThread;
+    aio::AioThread* acceptThread = nullptr;
     tcp::acceptor acceptor;
     boost::asio::steady_timer retryTimer;
     SocketAddress address;
     std::error_code lastError;
-    bool accepting = false;  //< On the accept thread.
+    // On the accept thread. Each completion holds this object, which owns the thread pool: a
+    // stop waits until none is outstanding, lest one be left queued on a stopped thread.
+    bool accepting = false;
+    bool acceptOutstanding = false;
+    bool retryOutstanding = false;
+    std::chrono::milliseconds retryDelay{0};
 
     mutable std::mutex mutex;
     std::unordered_map<HttpServerConnection*, std::shared_ptr<HttpServerConnection>> connections;
@@ -57,29 +74,41 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
 
 void HttpStreamSocketServer::Private::acceptNext()
 {
-    auto thread = state->threadPool.nextShared();
-    auto& ioContext = thread->ioContext();
+    auto thread = state->threadPool.nextWeak();
+    auto& ioContext = thread.lock()->ioContext();  //< The pool lives as long as this object.
+    acceptOutstanding = true;
     acceptor.async_accept(ioContext,
                           [self = shared_from_this(), thread = std::move(thread)](
                               const boost::system::error_code& error, tcp::socket socket) mutable {
+                              self->acceptOutstanding = false;
                               self->onAccepted(error, std::move(socket), std::move(thread));
                           });
 }
 
 void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code& error,
                                                  tcp::socket socket,
-                                                 std::shared_ptr<aio::AioThread> thread)
+                                                 std::weak_ptr<aio::AioThread> thread)
 {
     if (!accepting)
         return;
-    if (error) {
+    if (error && isOutOfResources(error)) {
+        // Out of descriptors and the like: trying again at once would only spin. The wait grows
+        // while the shortage lasts; the repeated warning is cut short by the logger.
         KEST_WARNING(this, "Accept has failed: %1", error.message());
-        // Out of descriptors and the like: retrying at once would only spin.
-        retryTimer.expires_after(kAcceptRetryDelay);
+        retryDelay = std::clamp(retryDelay * 2, kFirstAcceptRetryDelay, kMaxAcceptRetryDelay);
+        retryOutstanding = true;
+        retryTimer.expires_after(retryDelay);
         retryTimer.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
-            if (!error && self->accepting)
-                self->acceptNext();
+            self->retryOutstanding = false;
+            self->retryAccepting(error);
         });
+        return;
+    }
+    retryDelay = std::chrono::milliseconds::zero();
+    if (error) {
+        // A client that gave up before it was accepted, and the like: nothing to wait for.
+        KEST_DEBUG(this, "Accept has failed: %1", error.message());
+        acceptNext();
         return;
     }
 
@@ -94,7 +123,7 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
         return;
     }
 
-    auto* threadPtr = thread.get();
+    auto* threadPtr = thread.lock().get();
     auto connection = std::make_shared<HttpServerConnection>(
         std::move(thread), std::move(socket), state->limits, state->dispatcher,
         state->connectionCount, state->pendingHandlers,
@@ -108,6 +137,12 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
     }
     threadPtr->post([connection = std::move(connection)]() { connection->start(); });
     acceptNext();
+}
+
+void HttpStreamSocketServer::Private::retryAccepting(const boost::system::error_code& error)
+{
+    if (!error && accepting)
+        acceptNext();
 }
 
 void HttpStreamSocketServer::Private::removeConnection(HttpServerConnection* connection)
@@ -152,10 +187,7 @@ HttpStreamSocketServer::~HttpStreamSocketServer()
 {
     cancelAccepting();
     closeAllConnections();
-    // Let the handlers of the cancelled operations, queued behind the cancellation, run now:
-    // they hold this server's state, which must not outlive the threads.
-    for (std::size_t i = 0; i < d->state->threadPool.size(); ++i)
-        aio::runInThreadSync(d->state->threadPool.thread(i), []() {});
+    // What the closed connections still have queued on their threads goes with the thread pool.
 }
 
 bool HttpStreamSocketServer::bind(const SocketAddress& address)
@@ -203,7 +235,7 @@ bool HttpStreamSocketServer::listen(int backlog)
         KEST_ERROR(this, "Failed to listen address %1. %2", d->address.toString(), error.message());
         return false;
     }
-    aio::runInThreadSync(d->acceptThread.get(), [this]() {
+    aio::runInThreadSync(d->acceptThread, [this]() {
         d->accepting = true;
         d->acceptNext();
     });
@@ -222,12 +254,21 @@ std::error_code HttpStreamSocketServer::lastError() const
 
 void HttpStreamSocketServer::cancelAccepting()
 {
-    aio::runInThreadSync(d->acceptThread.get(), [this]() {
+    bool outstanding = true;
+    aio::runInThreadSync(d->acceptThread, [this, &outstanding]() {
         d->accepting = false;
         boost::system::error_code ignored;
         d->retryTimer.cancel();
         d->acceptor.close(ignored);
+        outstanding = d->acceptOutstanding || d->retryOutstanding;
     });
+    // The cancelled completions are queued behind the cancellation, though not always behind a
+    // call that the waiter makes as soon as it returns: ask until they have run.
+    while (outstanding && !d->acceptThread->isStopped()) {
+        aio::runInThreadSync(d->acceptThread, [this, &outstanding]() {
+            outstanding = d->acceptOutstanding || d->retryOutstanding;
+        });
+    }
 }
 
 void HttpStreamSocketServer::closeIdleConnections()
