@@ -26,14 +26,31 @@ namespace {
 constexpr std::chrono::milliseconds kFirstAcceptRetryDelay{10};
 constexpr std::chrono::milliseconds kMaxAcceptRetryDelay{500};
 
-/** Errors that end when something is released, not by trying again at once. */
-bool isOutOfResources(const boost::system::error_code& error)
+/**
+ * The open connections of one listening socket. Kept apart from the server's state because the
+ * connections' close handlers reach it from the I/O threads: holding the last reference to the
+ * thread pool's owner there would make a thread destroy its own pool.
+ */
+struct ConnectionSet
 {
-    return error == boost::asio::error::no_descriptors ||                  //< EMFILE
-           error == boost::system::errc::too_many_files_open_in_system ||  //< ENFILE
-           error == boost::asio::error::no_buffer_space ||                 //< ENOBUFS
-           error == boost::asio::error::no_memory;                         //< ENOMEM
-}
+    void remove(HttpServerConnection* connection)
+    {
+        std::shared_ptr<HttpServerConnection> removed;
+        {
+            std::lock_guard lock(mutex);
+            if (const auto it = connections.find(connection); it != connections.end()) {
+                // Released after the lock, as the connection may be destroyed with it.
+                removed = std::move(it->second);
+                connections.erase(it);
+            }
+        }
+        changed.notify_all();
+    }
+
+    mutable std::mutex mutex;
+    std::unordered_map<HttpServerConnection*, std::shared_ptr<HttpServerConnection>> connections;
+    std::condition_variable changed;
+};
 
 }  // namespace
 
@@ -50,7 +67,6 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
     void onAccepted(const boost::system::error_code& error, tcp::socket socket,
                     std::weak_ptr<aio::AioThread> thread);
     void retryAccepting(const boost::system::error_code& error);
-    void removeConnection(HttpServerConnection* connection);
     template <typename Action>
     void forEachConnection(Action action);
 
@@ -67,9 +83,7 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
     bool retryOutstanding = false;
     std::chrono::milliseconds retryDelay{0};
 
-    mutable std::mutex mutex;
-    std::unordered_map<HttpServerConnection*, std::shared_ptr<HttpServerConnection>> connections;
-    std::condition_variable connectionRemoved;
+    const std::shared_ptr<ConnectionSet> connections = std::make_shared<ConnectionSet>();
 };
 
 void HttpStreamSocketServer::Private::acceptNext()
@@ -91,10 +105,11 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
 {
     if (!accepting)
         return;
-    if (error && isOutOfResources(error)) {
-        // Out of descriptors and the like: trying again at once would only spin. The wait grows
-        // while the shortage lasts; the repeated warning is cut short by the logger.
+    if (error) {
+        // Repeats are cut short by the logger.
         KEST_WARNING(this, "Accept has failed: %1", error.message());
+        // Out of descriptors (EMFILE, ENFILE), buffers or memory, trying again at once would only
+        // spin: the wait grows while the failures last, and the first success ends it.
         retryDelay = std::clamp(retryDelay * 2, kFirstAcceptRetryDelay, kMaxAcceptRetryDelay);
         retryOutstanding = true;
         retryTimer.expires_after(retryDelay);
@@ -105,12 +120,6 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
         return;
     }
     retryDelay = std::chrono::milliseconds::zero();
-    if (error) {
-        // A client that gave up before it was accepted, and the like: nothing to wait for.
-        KEST_DEBUG(this, "Accept has failed: %1", error.message());
-        acceptNext();
-        return;
-    }
 
     auto& count = *state->connectionCount;
     if (count.fetch_add(1, std::memory_order_relaxed) >= state->maxConnections &&
@@ -127,13 +136,13 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
     auto connection = std::make_shared<HttpServerConnection>(
         std::move(thread), std::move(socket), state->limits, state->dispatcher,
         state->connectionCount, state->pendingHandlers,
-        [weak = weak_from_this()](HttpServerConnection* connection) {
-            if (auto self = weak.lock())
-                self->removeConnection(connection);
+        [weak = std::weak_ptr<ConnectionSet>(connections)](HttpServerConnection* connection) {
+            if (const auto set = weak.lock())
+                set->remove(connection);
         });
     {
-        std::lock_guard lock(mutex);
-        connections.emplace(connection.get(), connection);
+        std::lock_guard lock(connections->mutex);
+        connections->connections.emplace(connection.get(), connection);
     }
     threadPtr->post([connection = std::move(connection)]() { connection->start(); });
     acceptNext();
@@ -145,27 +154,13 @@ void HttpStreamSocketServer::Private::retryAccepting(const boost::system::error_
         acceptNext();
 }
 
-void HttpStreamSocketServer::Private::removeConnection(HttpServerConnection* connection)
-{
-    std::shared_ptr<HttpServerConnection> removed;
-    {
-        std::lock_guard lock(mutex);
-        if (const auto it = connections.find(connection); it != connections.end()) {
-            // Released after the lock, as the connection may be destroyed with it.
-            removed = std::move(it->second);
-            connections.erase(it);
-        }
-    }
-    connectionRemoved.notify_all();
-}
-
 template <typename Action>
 void HttpStreamSocketServer::Private::forEachConnection(Action action)
 {
     std::vector<std::shared_ptr<HttpServerConnection>> snapshot;
     {
-        std::lock_guard lock(mutex);
-        for (const auto& [key, connection] : connections)
+        std::lock_guard lock(connections->mutex);
+        for (const auto& [key, connection] : connections->connections)
             snapshot.push_back(connection);
     }
     std::map<aio::AioThread*, std::vector<std::shared_ptr<HttpServerConnection>>> byThread;
@@ -281,8 +276,9 @@ std::size_t HttpStreamSocketServer::waitUntilFinished(
 {
     const std::size_t pending = d->state->pendingHandlers->waitForNone(deadline);
     // The handlers' responses are still being written.
-    std::unique_lock lock(d->mutex);
-    d->connectionRemoved.wait_until(lock, deadline, [this]() { return d->connections.empty(); });
+    auto& set = *d->connections;
+    std::unique_lock lock(set.mutex);
+    set.changed.wait_until(lock, deadline, [&set]() { return set.connections.empty(); });
     return pending == 0 ? 0 : d->state->pendingHandlers->count();
 }
 
@@ -293,8 +289,8 @@ void HttpStreamSocketServer::closeAllConnections()
 
 std::size_t HttpStreamSocketServer::connectionCount() const
 {
-    std::lock_guard lock(d->mutex);
-    return d->connections.size();
+    std::lock_guard lock(d->connections->mutex);
+    return d->connections->connections.size();
 }
 
 }  // namespace kest::network::http::server

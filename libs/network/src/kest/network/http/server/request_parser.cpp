@@ -214,6 +214,8 @@ void RequestParser::commit(std::size_t size)
 
 void RequestParser::append(std::string_view bytes)
 {
+    if (bytes.empty())
+        return;
     const auto space = m_buffer.prepare(bytes.size());
     std::memcpy(space.data(), bytes.data(), bytes.size());
     m_buffer.commit(bytes.size());
