@@ -1,20 +1,25 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <future>
 #include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include <kest/network/aio/run_sync.h>
 #include <kest/network/http/server/authentication_dispatcher.h>
 #include <kest/network/http/server/builder.h>
+#include <kest/network/http/server/http_server_connection.h>
 #include <kest/network/http/server/rest/message_dispatcher.h>
 #include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
@@ -317,14 +322,14 @@ TEST_F(HttpServerTest, OversizedHeaderAndBodyAreRefusedOthersStillServed)
 
     RawClient chunkedBig(port);
     ASSERT_TRUE(chunkedBig.send(
-        "POST /echo/x HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "POST /echo/x HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
         "50\r\n" +
         std::string(80, 'c') + "\r\n50\r\n" + std::string(80, 'c') + "\r\n0\r\n\r\n"));
     EXPECT_EQ(chunkedBig.read().status, 413);
 
     RawClient waiting(port);
-    ASSERT_TRUE(
-        waiting.send("POST /echo/c HTTP/1.1\r\nContent-Length: 4\r\nExpect: 100-continue\r\n\r\n"));
+    ASSERT_TRUE(waiting.send(
+        "POST /echo/c HTTP/1.1\r\nHost: x\r\nContent-Length: 4\r\nExpect: 100-continue\r\n\r\n"));
     EXPECT_EQ(waiting.read().status, 100);
     ASSERT_TRUE(waiting.send("body"));
     EXPECT_EQ(waiting.read().body, "POST:body:c");
@@ -339,9 +344,9 @@ TEST_F(HttpServerTest, GarbageGets400AndServerGoesOn)
 {
     const auto port = start();
     for (const std::string& garbage :
-         {std::string("\x01\x02\x03 junk\r\n\r\n"), std::string("GET / HTTP/9.9\r\n\r\n"),
-          std::string("POST /echo/x HTTP/1.1\r\nContent-Length: -5\r\n\r\n"),
-          std::string("GET /echo/a%00junk HTTP/1.1\r\n\r\n")}) {
+         {std::string("\x01\x02\x03 junk\r\n\r\n"), std::string("GET / HTTP/x.y\r\n\r\n"),
+          std::string("POST /echo/x HTTP/1.1\r\nHost: x\r\nContent-Length: -5\r\n\r\n"),
+          std::string("GET /echo/a%00junk HTTP/1.1\r\nHost: x\r\n\r\n")}) {
         RawClient client(port);
         ASSERT_TRUE(client.send(garbage));
         EXPECT_EQ(client.read().status, 400) << garbage;
@@ -362,7 +367,7 @@ TEST_F(HttpServerTest, SlowAndIdleClientsAreTimedOut)
 
     RawClient slow(port);
     const auto started = std::chrono::steady_clock::now();
-    ASSERT_TRUE(slow.send("POST /echo/x HTTP/1.1\r\nContent-Length: 10\r\n\r\nab"));
+    ASSERT_TRUE(slow.send("POST /echo/x HTTP/1.1\r\nHost: x\r\nContent-Length: 10\r\n\r\nab"));
     std::this_thread::sleep_for(100ms);
     slow.send("c");  // trickling does not extend the deadline of the whole request
     EXPECT_TRUE(slow.closedByPeer(2s));
@@ -591,13 +596,167 @@ TEST_F(HttpServerTest, ZeroTimeoutsMeanNoLimitAndHugeOnesDoNotOverflow)
         EXPECT_EQ(client.read().body, "POST:a:1");
         EXPECT_FALSE(client.closedByPeer(300ms));
         // A request sent in parts is not cut off either.
-        ASSERT_TRUE(client.send("POST /echo/2 HTTP/1.1\r\nContent-Length: 1\r\n\r\n"));
+        ASSERT_TRUE(client.send("POST /echo/2 HTTP/1.1\r\nHost: x\r\nContent-Length: 1\r\n\r\n"));
         EXPECT_FALSE(client.closedByPeer(100ms));
         ASSERT_TRUE(client.send("b"));
         EXPECT_EQ(client.read().body, "POST:b:2");
         server->stop();
         server.reset();
     }
+}
+
+TEST_F(HttpServerTest, FramingLimitAndVersionFaultsAreAnsweredAndCloseTheConnection)
+{
+    settings.maxHeaderBytes = 1024;
+    settings.maxChunkLineBytes = 64;
+    const auto port = start();
+    const std::string chunked = "POST /echo/c HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: ";
+    struct Case
+    {
+        std::string name;
+        std::string request;
+        int status;
+        bool closes;
+    };
+    const std::vector<Case> cases = {
+        {"smuggling past a final non-chunked coding",
+         chunked +
+             "chunked, identity\r\n\r\n0\r\n\r\nGET /echo/smuggled HTTP/1.1\r\nHost: x\r\n\r\n",
+         400, true},
+        {"compressed body", chunked + "gzip, chunked\r\n\r\n0\r\n\r\n", 501, true},
+        {"chunk extension without end", chunked + "chunked\r\n\r\n1;" + std::string(8192, 'x'), 400,
+         true},
+        {"trailer without end", chunked + "chunked\r\n\r\n0\r\nX: " + std::string(8192, 'x'), 431,
+         true},
+        {"request line too long", "GET /" + std::string(4096, 'a'), 414, true},
+        {"HTTP/2.0", "GET /echo/v HTTP/2.0\r\nHost: x\r\n\r\n", 505, true},
+        {"HTTP/1.0 chunked",
+         "POST /echo/c HTTP/1.0\r\nConnection: keep-alive\r\n"
+         "Transfer-Encoding: chunked\r\n\r\n1\r\nz\r\n0\r\n\r\n",
+         200, true},
+        {"HTTP/1.2", "GET /echo/v HTTP/1.2\r\nHost: x\r\n\r\n", 200, false},
+        {"empty line first", "\r\nGET /echo/e HTTP/1.1\r\nHost: x\r\n\r\n", 200, false},
+        {"absolute form",
+         "POST http://127.0.0.1/echo/a HTTP/1.1\r\nHost: x\r\n"
+         "Content-Length: 0\r\n\r\n",
+         200, false},
+    };
+    for (const auto& [name, request, status, closes] : cases) {
+        SCOPED_TRACE(name);
+        RawClient client(port);
+        ASSERT_TRUE(client.send(request));
+        const auto response = client.read();
+        EXPECT_EQ(response.status, status);
+        if (status >= 400) {
+            // The answer says what was wrong.
+            EXPECT_NE(response.head.find("Content-Type: text/plain"), std::string::npos);
+            EXPECT_FALSE(response.body.empty());
+        }
+        if (closes) {
+            EXPECT_NE(response.head.find("Connection: close\r\n"), std::string::npos);
+            EXPECT_EQ(client.read(1s).status, 0);  // nothing more, smuggled or not
+            EXPECT_TRUE(client.closedByPeer());
+        } else {
+            ASSERT_TRUE(client.send(post("/echo/next", "n")));
+            EXPECT_EQ(client.read().body, "POST:n:next");
+        }
+    }
+    expectServing(port);
+}
+
+TEST_F(HttpServerTest, ContinueIsSentToHttp11ClientsOnly)
+{
+    const auto port = start();
+    RawClient old(port);
+    ASSERT_TRUE(
+        old.send("POST /echo/c HTTP/1.0\r\nContent-Length: 4\r\nExpect: 100-continue\r\n\r\n"));
+    EXPECT_EQ(old.read(300ms).status, 0);
+    ASSERT_TRUE(old.send("body"));
+    EXPECT_EQ(old.read().body, "POST:body:c");
+}
+
+TEST_F(HttpServerTest, AcceptBacksOffWhileOutOfDescriptors)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "The sanitizer runtimes need descriptors of their own to check the code";
+#endif
+    const auto port = start();
+    std::atomic<int> failures{0};
+    auto& logger = kest::utils::log::Logger::instance();
+    const int observer = logger.addObserver(
+        [&](kest::utils::log::Level, const std::string&, const std::string& message) {
+            if (message.starts_with("Accept has failed"))
+                ++failures;
+        });
+
+    // Use up every descriptor the process may have, but one for the client.
+    int highest = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        highest = std::max(highest, std::atoi(entry.path().filename().c_str()));
+    rlimit original{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
+    rlimit lowered = original;
+    lowered.rlim_cur = static_cast<rlim_t>(highest) + 16;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;)
+        fillers.push_back(fd);
+    ASSERT_FALSE(fillers.empty());
+    ::close(fillers.back());
+    fillers.pop_back();
+
+    std::optional<RawClient> client(std::in_place, port);
+    const bool connected = client->connected();
+    std::this_thread::sleep_for(700ms);
+    const int duringShortage = failures;
+    for (const int fd : fillers)
+        ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &original);
+
+    ASSERT_TRUE(connected);
+    // Retrying every few milliseconds would have failed dozens of times.
+    EXPECT_GE(duringShortage, 2);
+    EXPECT_LE(duringShortage, 10);
+    // Once descriptors are free again, the waiting client is served.
+    ASSERT_TRUE(client->send(post("/echo/late", "l")));
+    EXPECT_EQ(client->read().body, "POST:l:late");
+    logger.removeObserver(observer);
+}
+
+TEST(HttpServerConnection, WorkQueuedOnAStoppedThreadDoesNotKeepTheConnectionAlive)
+{
+    // A connection closed once its thread has stopped leaves its cancelled reads and waits
+    // queued there, holding the connection. Were the connection to own its thread, neither
+    // could ever be destroyed.
+    auto pool = std::make_unique<aio::AioThreadPool>(1);
+    auto thread = pool->nextWeak();
+    auto& ioContext = thread.lock()->ioContext();
+    boost::asio::ip::tcp::socket socket(ioContext);
+    std::optional<RawClient> client;
+    {
+        boost::asio::ip::tcp::acceptor acceptor(
+            ioContext, boost::asio::ip::tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
+        client.emplace(acceptor.local_endpoint().port());
+        ASSERT_TRUE(client->connected());
+        acceptor.accept(socket);
+    }
+
+    rest::MessageDispatcher dispatcher;
+    HttpConnectionLimits limits;
+    limits.request = {1024, 1024, 64};
+    auto connection = std::make_shared<HttpServerConnection>(
+        thread, std::move(socket), limits, &dispatcher,
+        std::make_shared<std::atomic<std::size_t>>(1), std::make_shared<PendingHandlers>(),
+        [](HttpServerConnection*) {});
+    std::weak_ptr<HttpServerConnection> watched = connection;
+    aio::runInThreadSync(connection->thread(), [&]() { connection->start(); });
+
+    pool->stop();
+    connection->close();
+    connection.reset();
+    EXPECT_FALSE(watched.expired());  //< Only the queued work holds it now.
+    pool.reset();
+    EXPECT_TRUE(watched.expired());
 }
 
 }  // namespace

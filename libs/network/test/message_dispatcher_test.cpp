@@ -72,9 +72,14 @@ TEST_F(MessageDispatcherTest, PathParameterIsOneSegmentPossiblyEmpty)
               "errors deviceIds={a},{b} path=/metadataDb/v1/dataSaveErrors/{a},{b}");
     EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors/").second,
               "errors deviceIds= path=/metadataDb/v1/dataSaveErrors/");
-    // The segment is decoded before matching, and a longer path is not the route.
-    EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors/a%20b").second,
-              "errors deviceIds=a b path=/metadataDb/v1/dataSaveErrors/a b");
+    // Routes match the path as sent; the parameter is decoded after, so that an encoded "/"
+    // neither splits the segment nor joins two into a route.
+    EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors/a%20b;%7Bc%7D").second,
+              "errors deviceIds=a b;{c} path=/metadataDb/v1/dataSaveErrors/a%20b;%7Bc%7D");
+    EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors/a%2Fb").second,
+              "errors deviceIds=a/b path=/metadataDb/v1/dataSaveErrors/a%2Fb");
+    EXPECT_EQ(call("GET", "/metadataDb/v1%2FdataSaveErrors/a").first, StatusCode::notFound);
+    EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors%2fa").first, StatusCode::notFound);
     EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors/a/b").first, StatusCode::notFound);
     EXPECT_EQ(call("GET", "/metadataDb/v1/dataSaveErrors").first, StatusCode::notFound);
     EXPECT_EQ(call("GET", "/prefix/metadataDb/v1/dataSaveErrors/a").first, StatusCode::notFound);
@@ -145,11 +150,22 @@ TEST(RequestTest, HeaderLookupIgnoresCaseAndTargetSplits)
 {
     Request request;
     request.headers = {{"Content-Type", "application/json"}, {"X-A", "1"}};
-    request.setTarget("/a%2Fb/c?format=json&x=%20");
+    EXPECT_TRUE(request.setTarget("/a%2Fb/c?format=json&x=%20"));
     EXPECT_EQ(request.header("content-type"), "application/json");
     EXPECT_FALSE(request.header("Content-Length"));
-    EXPECT_EQ(request.path, "/a/b/c");
+    EXPECT_EQ(request.path, "/a%2Fb/c");
     EXPECT_EQ(request.query, "format=json&x=%20");
+
+    EXPECT_TRUE(request.setTarget("HTTP://host:80/p/%7Bq%7D?r"));
+    EXPECT_EQ(request.path, "/p/%7Bq%7D");
+    EXPECT_EQ(request.query, "r");
+    EXPECT_TRUE(request.setTarget("https://host"));
+    EXPECT_EQ(request.path, "/");
+    EXPECT_TRUE(request.query.empty());
+    for (const char* refused : {"host:80", "mailto:a@b", "http:/p", "p"}) {
+        EXPECT_FALSE(request.setTarget(refused)) << refused;
+        EXPECT_TRUE(request.path.empty()) << refused;
+    }
     EXPECT_EQ(Request::percentDecode("%4"), "%4");
     EXPECT_EQ(Request::percentDecode("%zz%41"), "%zzA");
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 namespace kest::utils::log::test {
 
@@ -24,6 +25,23 @@ TEST(RateLimiter, BurstOfIdenticalLinesIsCutShortOncePerWindow)
     EXPECT_EQ(limiter.check("other", t0 + 2ms), RateLimiter::Verdict::write);
     // A new window lets the line through again.
     EXPECT_EQ(limiter.check("same", t0 + 1001ms), RateLimiter::Verdict::write);
+}
+
+TEST(RateLimiter, FloodOfDistinctLinesDoesNotResetARepeatingOne)
+{
+    // Under a flood of one-off lines (every client's address differs) a line that repeats, such
+    // as a failing accept, must still be cut short after its burst.
+    RateLimiter limiter(3, 1000ms);
+    const auto t0 = std::chrono::steady_clock::time_point{} + 1h;
+    int written = 0;
+    for (int i = 0; i < 100; ++i) {
+        const auto now = t0 + std::chrono::milliseconds(i);
+        if (limiter.check("accept failed", now) != RateLimiter::Verdict::drop)
+            ++written;
+        for (int j = 0; j < 100; ++j)
+            limiter.check("client " + std::to_string(i * 100 + j), now);
+    }
+    EXPECT_EQ(written, 4);
 }
 
 TEST(Logger, WritesToFileWithLevelFilterAndTooManyLine)
@@ -54,6 +72,29 @@ TEST(Logger, WritesToFileWithLevelFilterAndTooManyLine)
     EXPECT_NE(log.find("TOO MANY SIMILAR MESSAGES: tag: Accept has failed: boom"),
               std::string::npos);
     EXPECT_NE(log.find("last"), std::string::npos);
+}
+
+TEST(Logger, OneRecordIsOneLineWhateverItsText)
+{
+    const std::string path = ::testing::TempDir() + "/kest_log_escape_test.log";
+    std::remove(path.c_str());
+    Settings settings;
+    settings.loggers = {LoggerSettings{Level::info, path}};
+    Logger::instance().configure(settings);
+    KEST_INFO("tag\n", "No handler for GET /x\r\n2026-01-01 00:00:00.000 1 error   forged%1",
+              "\x1b[2J\t\x7f\xc2\x85\xe2\x80\xa8 é ok");
+    Logger::instance().configure(Settings{});
+
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(
+        lines[0].ends_with("tag\\n: No handler for GET /x\\r\\n2026-01-01 00:00:00.000 1 error   "
+                           "forged\\x1b[2J\\t\\x7f\\u0085\\u2028 é ok"))
+        << lines[0];
+    EXPECT_EQ(Logger::escapeControlCharacters("plain é text"), "plain é text");
 }
 
 TEST(Logger, ObserversSeeEveryLevelAndTagsNameTheObject)

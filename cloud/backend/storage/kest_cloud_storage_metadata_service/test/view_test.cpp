@@ -76,6 +76,30 @@ TEST_F(ViewTest, ListensOnTheRealPortAndAnswersPingOnPostOnly)
     EXPECT_EQ(404, response->status);
 }
 
+TEST_F(ViewTest, PingRoutesOnThePathAsSentAndFramingIsChecked)
+{
+    start();
+    const std::string port = std::to_string(m_port);
+    const auto status = [this](const std::string& raw) {
+        const auto response = exchangeRaw(m_port, raw);
+        return response ? response->status : 0;
+    };
+    // An encoded "/" is no path separator: this is no ping.
+    EXPECT_EQ(404,
+              status("POST /metadataDb%2fping HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"));
+    EXPECT_EQ(200, status("POST http://127.0.0.1:" + port +
+                          "/metadataDb/ping HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"));
+
+    // The bytes after a request with doubtful framing are never taken for another request.
+    const auto smuggled = exchangeRaw(
+        m_port,
+        "POST /metadataDb/ping HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked, identity\r\n"
+        "\r\n0\r\n\r\nPOST /metadataDb/ping HTTP/1.1\r\nHost: x\r\n\r\n");
+    ASSERT_TRUE(smuggled);
+    EXPECT_EQ(400, smuggled->status);
+    EXPECT_EQ(std::string::npos, smuggled->body.find("HTTP/1.1 200"));
+}
+
 TEST_F(ViewTest, OversizedRequestIsRefusedAndTheServerKeepsServing)
 {
     start({"--http/listenOn=127.0.0.1:0", "--http/maxBodyBytes=1024"});

@@ -6,6 +6,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 
+#include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
 namespace kest::network::aio {
@@ -46,9 +47,11 @@ AioThread::~AioThread()
 {
     const bool inSelfThread = isInSelfThread();
     stop();
-    // The thread is still inside run() of this context: it must outlive that call.
-    if (inSelfThread)
-        (void)d.release();
+    // The thread is still inside run() of this context: it must outlive that call, and so does
+    // whatever is queued there. Whoever let the last owner go on this thread has a bug.
+    if (KEST_ASSERT(!inSelfThread, "An I/O thread is destroyed on itself; its queue is leaked"))
+        return;
+    (void)d.release();
 }
 
 void AioThread::stop()

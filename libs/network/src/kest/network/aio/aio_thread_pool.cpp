@@ -26,10 +26,11 @@ void AioThreadPool::stop()
 
 AioThread* AioThreadPool::next()
 {
-    return nextShared().get();
+    const std::size_t index = m_next.fetch_add(1, std::memory_order_relaxed);
+    return m_threads[index % m_threads.size()].get();
 }
 
-std::shared_ptr<AioThread> AioThreadPool::nextShared()
+std::weak_ptr<AioThread> AioThreadPool::nextWeak()
 {
     const std::size_t index = m_next.fetch_add(1, std::memory_order_relaxed);
     return m_threads[index % m_threads.size()];

@@ -8,7 +8,11 @@
 
 namespace kest::network::aio {
 
-/** A fixed set of I/O threads handed out round-robin. */
+/**
+ * A fixed set of I/O threads handed out round-robin. The pool alone owns them: when it is
+ * destroyed, each thread is joined and its io_context destroyed together with whatever is still
+ * queued there, so nothing queued can keep a thread alive.
+ */
 class AioThreadPool
 {
 public:
@@ -24,10 +28,10 @@ public:
     AioThread* thread(std::size_t index) const { return m_threads[index].get(); }
     /** The next thread in turn. */
     AioThread* next();
-    /** The same thread shared, for objects that may outlive the pool's running. */
-    std::shared_ptr<AioThread> nextShared();
+    /** The same, for objects that may outlive the pool: they find the thread gone. */
+    std::weak_ptr<AioThread> nextWeak();
 
-    /** Stops every thread; objects still holding one keep it (stopped) alive. */
+    /** Stops every thread; what is queued on them is destroyed with the pool. */
     void stop();
 
     /** The process-wide pool, one thread per core, made on first use. */

@@ -1,5 +1,7 @@
 #include "request.h"
 
+#include <boost/url/parse.hpp>
+
 namespace kest::network::http {
 
 namespace {
@@ -42,16 +44,32 @@ std::optional<std::string_view> Request::header(std::string_view name) const
     return std::nullopt;
 }
 
-void Request::setTarget(std::string value)
+bool Request::setTarget(std::string value)
 {
     target = std::move(value);
-    const auto question = target.find('?');
-    const std::string_view rawPath = std::string_view(target).substr(0, question);
-    path = percentDecode(rawPath);
-    if (question == std::string::npos)
-        query.clear();
-    else
-        query.assign(target, question + 1);
+    path.clear();
+    query.clear();
+    if (target.starts_with('/')) {
+        const auto question = target.find('?');
+        path.assign(target, 0, question);
+        if (question != std::string::npos)
+            query.assign(target, question + 1);
+        return true;
+    }
+    if (target == "*") {
+        path = target;
+        return true;
+    }
+    // Proxies send the absolute form, and a server has to take it as well.
+    const auto uri = boost::urls::parse_absolute_uri(target);
+    if (!uri || !uri->has_authority() ||
+        (!equalsIgnoreCase(uri->scheme(), "http") && !equalsIgnoreCase(uri->scheme(), "https"))) {
+        return false;
+    }
+    const std::string_view encodedPath = uri->encoded_path();
+    path = encodedPath.empty() ? std::string("/") : std::string(encodedPath);
+    query = std::string_view(uri->encoded_query());
+    return true;
 }
 
 std::string Request::percentDecode(std::string_view text)

@@ -1,5 +1,6 @@
 #include "logger.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <thread>
@@ -45,7 +46,7 @@ void Logger::write(Level level, const std::string& tag, const std::string& messa
     if (level == Level::none || static_cast<int>(level) > m_level.load())
         return;
 
-    const std::string line = tag + ": " + message;
+    const std::string line = escapeControlCharacters(tag + ": " + message);
     const auto verdict = m_rateLimiter.check(line, std::chrono::steady_clock::now());
     if (verdict == RateLimiter::Verdict::drop)
         return;
@@ -67,6 +68,50 @@ void Logger::write(Level level, const std::string& tag, const std::string& messa
         verdict == RateLimiter::Verdict::writeTooMany ? RateLimiter::kTooManyPrefix.data() : "",
         line.c_str());
     std::fflush(out);
+}
+
+std::string Logger::escapeControlCharacters(std::string_view text)
+{
+    static constexpr char kHex[] = "0123456789abcdef";
+    const auto isPlain = [](unsigned char c) {
+        return c >= 0x20 && c != 0x7f && c != 0xc2 && c != 0xe2;
+    };
+    if (std::all_of(text.begin(), text.end(), isPlain))
+        return std::string(text);
+
+    std::string out;
+    out.reserve(text.size() + 16);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (isPlain(c)) {
+            out.push_back(static_cast<char>(c));
+            continue;
+        }
+        const auto next = [&](std::size_t offset) {
+            return i + offset < text.size() ? static_cast<unsigned char>(text[i + offset]) : 0;
+        };
+        if (c == 0xc2 && next(1) >= 0x80 && next(1) <= 0x9f) {
+            // The C1 controls in UTF-8; U+0085 is a line break to some readers.
+            out.append("\\u00").push_back(kHex[next(1) >> 4]);
+            out.push_back(kHex[next(1) & 0xf]);
+            i += 1;
+        } else if (c == 0xe2 && next(1) == 0x80 && (next(2) == 0xa8 || next(2) == 0xa9)) {
+            out.append(next(2) == 0xa8 ? "\\u2028" : "\\u2029");
+            i += 2;
+        } else if (c == '\r') {
+            out.append("\\r");
+        } else if (c == '\n') {
+            out.append("\\n");
+        } else if (c == '\t') {
+            out.append("\\t");
+        } else if (c < 0x20 || c == 0x7f) {
+            out.append("\\x").push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 0xf]);
+        } else {
+            out.push_back(static_cast<char>(c));  //< Any other UTF-8 that starts so.
+        }
+    }
+    return out;
 }
 
 int Logger::addObserver(Observer observer)

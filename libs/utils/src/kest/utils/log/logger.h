@@ -16,7 +16,9 @@ namespace kest::utils::log {
 
 /**
  * The process logger: one sink (a file or standard error) with a level, and a rate limiter
- * against floods of identical lines. Thread-safe; lines are written whole.
+ * against floods of identical lines. Thread-safe; lines are written whole, and a record is always
+ * one line: control characters in it are written escaped, so that text from a client can never
+ * forge a line of its own.
  */
 class Logger
 {
@@ -41,7 +43,15 @@ public:
 
     void write(Level level, const std::string& tag, const std::string& message);
 
-    /** Observers see every line at any level, before rate limiting. For tests and diagnostics. */
+    /**
+     * `text` with line breaks and other control characters written as escapes: "\r", "\n",
+     * "\t", "\x1b", and "\u0085", "\u2028", "\u2029" for the Unicode line breaks. Other text,
+     * UTF-8 included, is kept as it is.
+     */
+    static std::string escapeControlCharacters(std::string_view text);
+
+    /** Observers see every line at any level, unescaped and before rate limiting. For tests and
+     * diagnostics. */
     int addObserver(Observer observer);
     void removeObserver(int id);
 

@@ -31,11 +31,14 @@ RateLimiter::Verdict RateLimiter::check(std::string_view line,
 
 void RateLimiter::pruneIfLarge(std::chrono::steady_clock::time_point now)
 {
-    // Lines that are all different must not grow the table without bound.
+    // Lines that are all different must not grow the table without bound. Yet a flood of them
+    // must not make the table forget a line that repeats, or its burst would be written again:
+    // lines seen once in their window go first, and only then everything.
     if (m_entries.size() < kMaxTrackedLines)
         return;
-    std::erase_if(m_entries,
-                  [&](const auto& item) { return now - item.second.windowStart >= m_window; });
+    std::erase_if(m_entries, [&](const auto& item) {
+        return now - item.second.windowStart >= m_window || item.second.count <= 1;
+    });
     if (m_entries.size() >= kMaxTrackedLines)
         m_entries.clear();
 }

@@ -15,10 +15,13 @@ std::unique_ptr<MultiAddressHttpServer> Builder::buildOrThrow(
         throw std::invalid_argument("The HTTP server needs a message dispatcher");
     if (settings.maxHeaderBytes == 0)
         throw std::invalid_argument("The HTTP header size limit must not be zero");
+    if (settings.maxChunkLineBytes == 0)
+        throw std::invalid_argument("The HTTP chunk line size limit must not be zero");
 
     auto state = std::make_shared<HttpServerSharedState>(settings.ioThreads);
-    state->limits.maxHeaderBytes = settings.maxHeaderBytes;
-    state->limits.maxBodyBytes = settings.maxBodyBytes;
+    state->limits.request.maxHeaderBytes = settings.maxHeaderBytes;
+    state->limits.request.maxBodyBytes = settings.maxBodyBytes;
+    state->limits.request.maxChunkLineBytes = settings.maxChunkLineBytes;
     state->limits.requestReadTimeout = settings.requestReadTimeout;
     state->limits.idleTimeout = settings.idleTimeout;
     state->maxConnections = settings.maxConnections;

@@ -5,8 +5,6 @@
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
-#include <boost/beast/http/basic_parser.hpp>
-#include <boost/beast/http/error.hpp>
 
 #include <kest/network/http/server/abstract_message_dispatcher.h>
 #include <kest/utils/assert.h>
@@ -15,61 +13,6 @@
 #include "settings.h"
 
 namespace kest::network::http::server {
-
-namespace beast_http = boost::beast::http;
-using boost::beast::string_view;
-
-/** Parses one request straight into a Request, without an intermediate message object. */
-class RequestParser : public beast_http::basic_parser<true>
-{
-public:
-    Request request;
-
-private:
-    void on_request_impl(beast_http::verb, string_view method, string_view target, int version,
-                         boost::beast::error_code&) override
-    {
-        request.method.assign(method.data(), method.size());
-        request.setTarget(std::string(target.data(), target.size()));
-        request.version = static_cast<unsigned>(version);
-    }
-
-    void on_response_impl(int, string_view, int, boost::beast::error_code&) override {}
-
-    void on_field_impl(beast_http::field, string_view name, string_view value,
-                       boost::beast::error_code&) override
-    {
-        request.headers.emplace_back(std::string(name.data(), name.size()),
-                                     std::string(value.data(), value.size()));
-    }
-
-    void on_header_impl(boost::beast::error_code&) override {}
-
-    void on_body_init_impl(const boost::optional<std::uint64_t>& contentLength,
-                           boost::beast::error_code&) override
-    {
-        // The length was checked against the body limit before this is called.
-        if (contentLength)
-            request.body.reserve(static_cast<std::size_t>(*contentLength));
-    }
-
-    std::size_t on_body_impl(string_view body, boost::beast::error_code&) override
-    {
-        request.body.append(body.data(), body.size());
-        return body.size();
-    }
-
-    void on_chunk_header_impl(std::uint64_t, string_view, boost::beast::error_code&) override {}
-
-    std::size_t on_chunk_body_impl(std::uint64_t, string_view body,
-                                   boost::beast::error_code&) override
-    {
-        request.body.append(body.data(), body.size());
-        return body.size();
-    }
-
-    void on_finish_impl(boost::beast::error_code&) override {}
-};
 
 namespace {
 
@@ -110,17 +53,19 @@ SocketAddress toSocketAddress(const boost::asio::ip::tcp::endpoint& endpoint)
 }  // namespace
 
 HttpServerConnection::HttpServerConnection(
-    std::shared_ptr<aio::AioThread> thread, boost::asio::ip::tcp::socket socket,
+    std::weak_ptr<aio::AioThread> thread, boost::asio::ip::tcp::socket socket,
     const HttpConnectionLimits& limits, AbstractMessageDispatcher* dispatcher,
     std::shared_ptr<std::atomic<std::size_t>> connectionCount,
     std::shared_ptr<PendingHandlers> pendingHandlers, ClosedHandler closedHandler)
-    : m_thread(std::move(thread)),
+    : m_thread(thread.lock().get()),
+      m_threadRef(std::move(thread)),
       m_socket(std::move(socket)),
       m_limits(limits),
       m_dispatcher(dispatcher),
       m_connectionCount(std::move(connectionCount)),
       m_pendingHandlers(std::move(pendingHandlers)),
       m_closedHandler(std::move(closedHandler)),
+      m_parser(limits.request),
       m_checkPeriod(checkPeriodFor(limits))
 {}
 
@@ -138,6 +83,28 @@ auto HttpServerConnection::continueOrClose(void (HttpServerConnection::*next)())
         }
         ((*self).*next)();
     };
+}
+
+template <typename Step>
+void HttpServerConnection::guarded(Step step)
+{
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        if (m_closed)
+            return;
+        // Whatever the step was doing is lost; the client learns of it unless even the answer
+        // cannot be made.
+        try {
+            KEST_ERROR(this, "Out of memory serving %1", m_peer.toString());
+            if (!m_writing && !m_handlerPending) {
+                sendError(StatusCode::serviceUnavailable, "Out of memory");
+                return;
+            }
+        } catch (const std::bad_alloc&) {
+        }
+        close();
+    }
 }
 
 void HttpServerConnection::start()
@@ -183,13 +150,8 @@ void HttpServerConnection::closeWhenIdle()
 
 void HttpServerConnection::readRequest()
 {
-    m_parser = std::make_unique<RequestParser>();
-    m_parser->header_limit(static_cast<std::uint32_t>(
-        std::min<std::size_t>(m_limits.maxHeaderBytes, std::numeric_limits<std::uint32_t>::max())));
-    m_parser->body_limit(static_cast<std::uint64_t>(m_limits.maxBodyBytes));
-    m_parser->eager(true);
     m_continueSent = false;
-    if (m_buffer.size() > 0) {
+    if (m_parser.bufferedBytes() > 0) {
         m_waitingForRequest = false;
         setDeadline(deadlineAfter(m_limits.requestReadTimeout));
         parse();
@@ -203,7 +165,7 @@ void HttpServerConnection::readRequest()
 void HttpServerConnection::readSome()
 {
     m_socket->async_read_some(
-        m_buffer.prepare(kReadChunk),
+        m_parser.prepare(kReadChunk),
         [self = shared_from_this()](const boost::system::error_code& error, std::size_t bytes) {
             self->onRead(error, bytes);
         });
@@ -218,68 +180,46 @@ void HttpServerConnection::onRead(const boost::system::error_code& error, std::s
         close();
         return;
     }
-    m_buffer.commit(bytes);
+    m_parser.commit(bytes);
     if (m_waitingForRequest) {
         // The request has begun: from now on it has to arrive whole within the read timeout.
         m_waitingForRequest = false;
         setDeadline(deadlineAfter(m_limits.requestReadTimeout));
     }
-    parse();
+    guarded([this]() { parse(); });
 }
 
 void HttpServerConnection::parse()
 {
-    boost::beast::error_code error;
-    while (m_buffer.size() > 0 && !m_parser->is_done()) {
-        const std::size_t used = m_parser->put(m_buffer.data(), error);
-        m_buffer.consume(used);
-        if (error == beast_http::error::need_more) {
-            error = {};
-            break;
-        }
-        if (error || used == 0)
-            break;
-    }
-    if (error) {
-        KEST_DEBUG(this, "Bad request from %1: %2", m_peer.toString(), error.message());
-        if (error == beast_http::error::header_limit)
-            sendError(StatusCode::requestHeaderFieldsTooLarge);
-        else if (error == beast_http::error::body_limit)
-            sendError(StatusCode::payloadTooLarge);
-        else
-            sendError(StatusCode::badRequest);
-        return;
-    }
-    if (m_parser->is_done()) {
-        dispatch();
-        return;
-    }
-    if (m_parser->is_header_done() && !m_continueSent) {
-        m_continueSent = true;
-        const auto expect = m_parser->request.header("Expect");
-        if (expect && equalsIgnoreCase(*expect, "100-continue")) {
-            // Clients such as curl hold a larger body back until they are told to go on.
-            static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
-            boost::asio::async_write(*m_socket, boost::asio::buffer(kContinue),
-                                     continueOrClose(&HttpServerConnection::readSome));
+    switch (m_parser.parse()) {
+        case RequestParser::Result::request:
+            dispatch();
+            return;
+        case RequestParser::Result::failed: {
+            const auto& failure = m_parser.failure();
+            KEST_DEBUG(this, "Bad request from %1: %2", m_peer.toString(), failure.reason);
+            sendError(failure.status, failure.reason);
             return;
         }
+        case RequestParser::Result::needMore:
+            break;
+    }
+    if (!m_continueSent && m_parser.waitsForContinue()) {
+        // Clients such as curl hold a larger body back until they are told to go on.
+        m_continueSent = true;
+        static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+        boost::asio::async_write(*m_socket, boost::asio::buffer(kContinue),
+                                 continueOrClose(&HttpServerConnection::readSome));
+        return;
     }
     readSome();
 }
 
 void HttpServerConnection::dispatch()
 {
-    m_keepAlive = m_parser->keep_alive();
-    m_http10 = m_parser->request.version == 10;
-    Request request = std::move(m_parser->request);
-    m_parser.reset();
-    if (request.path.find('\0') != std::string::npos) {
-        // Route matching sees C strings: "/ping%00junk" would pass for "/ping".
-        KEST_DEBUG(this, "Request from %1 has NUL in its path", m_peer.toString());
-        sendError(StatusCode::badRequest);
-        return;
-    }
+    m_keepAlive = m_parser.keepAlive();
+    Request request = m_parser.takeRequest();
+    m_http10 = request.version == 10;
     m_isHead = request.method == "HEAD";
     // The handler may take as long as it needs; timeouts apply to the client only.
     setDeadline(Clock::time_point::max());
@@ -290,7 +230,8 @@ void HttpServerConnection::dispatch()
     auto completion = [self = shared_from_this(), completed](RequestResult result) mutable {
         if (!KEST_ASSERT(!completed->exchange(true), "A request completed twice"))
             return;
-        if (self->m_thread->isInSelfThread() && self->m_inDispatch) {
+        if (self->m_thread == aio::AioThread::current() && !self->m_threadRef.expired() &&
+            self->m_inDispatch) {
             // Completed inside processRequest: finish once the dispatcher has returned.
             self->m_synchronousResult = std::move(result);
             return;
@@ -333,14 +274,14 @@ void HttpServerConnection::onCompletion(std::shared_ptr<HttpServerConnection> se
     std::unique_ptr<AbstractRequestHandler> dropped;
     {
         std::lock_guard lock(self->m_completionMutex);
-        // A stopped thread never runs what is posted to it: the closure would keep the
-        // connection, which keeps the thread and so the closure, alive for good.
-        if (!self->m_refusesCompletions && !self->m_thread->isStopped()) {
-            auto* thread = self->m_thread.get();
-            boost::asio::post(thread->ioContext(),
-                              [self = std::move(self), result = std::move(result)]() mutable {
-                                  self->onResult(std::move(result));
-                              });
+        // A stopped thread never runs what is posted to it; a destroyed one is gone.
+        const auto thread = self->m_threadRef.lock();
+        if (!self->m_refusesCompletions && thread && !thread->isStopped()) {
+            // `self` is copied, not moved: should the pool go away meanwhile and `thread` be
+            // the last owner, the closure dies with it, and the connection must outlive the lock.
+            boost::asio::post(thread->ioContext(), [self, result = std::move(result)]() mutable {
+                self->onResult(std::move(result));
+            });
             return;
         }
         dropped = std::move(self->m_handler);
@@ -370,15 +311,18 @@ void HttpServerConnection::onResult(RequestResult result)
     releaseHandler(std::move(handler));
     if (m_closed)
         return;
-    sendResponse(std::move(result), m_keepAlive && !m_closeWhenIdle);
+    guarded([&]() { sendResponse(std::move(result), m_keepAlive && !m_closeWhenIdle); });
 }
 
-void HttpServerConnection::sendError(StatusCode::Value status)
+void HttpServerConnection::sendError(StatusCode::Value status, std::string_view reason)
 {
-    m_parser.reset();
-    m_buffer.clear();
     m_isHead = false;
-    sendResponse(RequestResult(status), /*keepAlive*/ false);
+    RequestResult result(status);
+    if (!reason.empty()) {
+        result.body.assign(reason).push_back('\n');
+        result.contentType = "text/plain";
+    }
+    sendResponse(std::move(result), /*keepAlive*/ false);
 }
 
 void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
@@ -429,7 +373,7 @@ void HttpServerConnection::onWritten(const boost::system::error_code& error)
         lingerAndClose();
         return;
     }
-    readRequest();
+    guarded([this]() { readRequest(); });
 }
 
 void HttpServerConnection::lingerAndClose()
@@ -447,8 +391,8 @@ void HttpServerConnection::lingerAndClose()
 
 void HttpServerConnection::drain()
 {
-    m_buffer.clear();
-    m_socket->async_read_some(m_buffer.prepare(kReadChunk),
+    // Read into the parser's free space and never committed: the input is thrown away.
+    m_socket->async_read_some(m_parser.prepare(kReadChunk),
                               continueOrClose(&HttpServerConnection::drain));
 }
 

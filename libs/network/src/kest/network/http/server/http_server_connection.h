@@ -10,16 +10,14 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
 
 #include <kest/network/aio/aio_thread.h>
 #include <kest/network/http/abstract_request_handler.h>
 
 #include "http_server_shared_state.h"
+#include "request_parser.h"
 
 namespace kest::network::http::server {
-
-class RequestParser;
 
 /**
  * One accepted HTTP/1.1 connection. Everything it does runs on its own I/O thread, which is its
@@ -31,9 +29,9 @@ class HttpServerConnection : public std::enable_shared_from_this<HttpServerConne
 public:
     using ClosedHandler = std::function<void(HttpServerConnection*)>;
 
-    HttpServerConnection(std::shared_ptr<aio::AioThread> thread,
-                         boost::asio::ip::tcp::socket socket, const HttpConnectionLimits& limits,
-                         AbstractMessageDispatcher* dispatcher,
+    /** `thread` belongs to the server's pool: the connection does not keep it alive. */
+    HttpServerConnection(std::weak_ptr<aio::AioThread> thread, boost::asio::ip::tcp::socket socket,
+                         const HttpConnectionLimits& limits, AbstractMessageDispatcher* dispatcher,
                          std::shared_ptr<std::atomic<std::size_t>> connectionCount,
                          std::shared_ptr<PendingHandlers> pendingHandlers,
                          ClosedHandler closedHandler);
@@ -50,7 +48,8 @@ public:
      */
     void closeWhenIdle();
 
-    aio::AioThread* thread() const { return m_thread.get(); }
+    /** Valid while the server that made the connection exists. */
+    aio::AioThread* thread() const { return m_thread; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -66,7 +65,11 @@ private:
     /** Any thread; the handler was taken out of the connection, or is null. */
     void releaseHandler(std::unique_ptr<AbstractRequestHandler> handler);
     void sendResponse(RequestResult result, bool keepAlive);
-    void sendError(StatusCode::Value status);
+    /** Answers a request that is not served, and closes. */
+    void sendError(StatusCode::Value status, std::string_view reason);
+    /** Runs a step of the connection; when memory runs out, answers 503 or at least closes. */
+    template <typename Step>
+    void guarded(Step step);
     void onWritten(const boost::system::error_code& error);
     void lingerAndClose();
     void drain();
@@ -76,7 +79,11 @@ private:
     void armTimer();
     void onTimer(const boost::system::error_code& error);
 
-    std::shared_ptr<aio::AioThread> m_thread;
+    // Not owned: a connection kept by a pending handler may outlive its thread, and owning it
+    // would make a cycle with anything of the connection's still queued on a stopped thread.
+    aio::AioThread* m_thread = nullptr;
+    /** For completions from other threads, which have to learn whether the thread is gone. */
+    std::weak_ptr<aio::AioThread> m_threadRef;
     std::optional<boost::asio::ip::tcp::socket> m_socket;
     std::optional<boost::asio::steady_timer> m_timer;
     HttpConnectionLimits m_limits;
@@ -93,8 +100,7 @@ private:
     /** Taken by a completion refused by a closed connection: guarded by m_completionMutex. */
     std::unique_ptr<AbstractRequestHandler> m_handler;
 
-    boost::beast::flat_buffer m_buffer;
-    std::unique_ptr<RequestParser> m_parser;
+    RequestParser m_parser;
     std::optional<RequestResult> m_synchronousResult;
     std::string m_head;
     std::string m_body;

@@ -9,6 +9,8 @@
 
 #include <kest/network/aio/aio_thread_pool.h>
 
+#include "request_parser.h"
+
 namespace kest::network::http::server {
 
 class AbstractMessageDispatcher;
@@ -16,8 +18,7 @@ class AbstractMessageDispatcher;
 /** The limits that every connection applies; a zero timeout means no limit. */
 struct HttpConnectionLimits
 {
-    std::size_t maxHeaderBytes = 0;
-    std::size_t maxBodyBytes = 0;
+    RequestLimits request;
     std::chrono::milliseconds requestReadTimeout{0};
     std::chrono::milliseconds idleTimeout{0};
 };

@@ -1,5 +1,6 @@
 #include "http_stream_socket_server.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -22,7 +23,34 @@ using boost::asio::ip::tcp;
 
 namespace {
 
-constexpr std::chrono::milliseconds kAcceptRetryDelay{20};
+constexpr std::chrono::milliseconds kFirstAcceptRetryDelay{10};
+constexpr std::chrono::milliseconds kMaxAcceptRetryDelay{500};
+
+/**
+ * The open connections of one listening socket. Kept apart from the server's state because the
+ * connections' close handlers reach it from the I/O threads: holding the last reference to the
+ * thread pool's owner there would make a thread destroy its own pool.
+ */
+struct ConnectionSet
+{
+    void remove(HttpServerConnection* connection)
+    {
+        std::shared_ptr<HttpServerConnection> removed;
+        {
+            std::lock_guard lock(mutex);
+            if (const auto it = connections.find(connection); it != connections.end()) {
+                // Released after the lock, as the connection may be destroyed with it.
+                removed = std::move(it->second);
+                connections.erase(it);
+            }
+        }
+        changed.notify_all();
+    }
+
+    mutable std::mutex mutex;
+    std::unordered_map<HttpServerConnection*, std::shared_ptr<HttpServerConnection>> connections;
+    std::condition_variable changed;
+};
 
 }  // namespace
 
@@ -30,58 +58,68 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
 {
     explicit Private(std::shared_ptr<HttpServerSharedState> state)
         : state(std::move(state)),
-          acceptThread(this->state->threadPool.nextShared()),
+          acceptThread(this->state->threadPool.next()),
           acceptor(acceptThread->ioContext()),
           retryTimer(acceptThread->ioContext())
     {}
 
     void acceptNext();
     void onAccepted(const boost::system::error_code& error, tcp::socket socket,
-                    std::shared_ptr<aio::AioThread> thread);
-    void removeConnection(HttpServerConnection* connection);
+                    std::weak_ptr<aio::AioThread> thread);
+    void retryAccepting(const boost::system::error_code& error);
     template <typename Action>
     void forEachConnection(Action action);
 
     std::shared_ptr<HttpServerSharedState> state;
-    std::shared_ptr<aio::AioThread> acceptThread;
+    aio::AioThread* acceptThread = nullptr;
     tcp::acceptor acceptor;
     boost::asio::steady_timer retryTimer;
     SocketAddress address;
     std::error_code lastError;
-    bool accepting = false;  //< On the accept thread.
+    // On the accept thread. Each completion holds this object, which owns the thread pool: a
+    // stop waits until none is outstanding, lest one be left queued on a stopped thread.
+    bool accepting = false;
+    bool acceptOutstanding = false;
+    bool retryOutstanding = false;
+    std::chrono::milliseconds retryDelay{0};
 
-    mutable std::mutex mutex;
-    std::unordered_map<HttpServerConnection*, std::shared_ptr<HttpServerConnection>> connections;
-    std::condition_variable connectionRemoved;
+    const std::shared_ptr<ConnectionSet> connections = std::make_shared<ConnectionSet>();
 };
 
 void HttpStreamSocketServer::Private::acceptNext()
 {
-    auto thread = state->threadPool.nextShared();
-    auto& ioContext = thread->ioContext();
+    auto thread = state->threadPool.nextWeak();
+    auto& ioContext = thread.lock()->ioContext();  //< The pool lives as long as this object.
+    acceptOutstanding = true;
     acceptor.async_accept(ioContext,
                           [self = shared_from_this(), thread = std::move(thread)](
                               const boost::system::error_code& error, tcp::socket socket) mutable {
+                              self->acceptOutstanding = false;
                               self->onAccepted(error, std::move(socket), std::move(thread));
                           });
 }
 
 void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code& error,
                                                  tcp::socket socket,
-                                                 std::shared_ptr<aio::AioThread> thread)
+                                                 std::weak_ptr<aio::AioThread> thread)
 {
     if (!accepting)
         return;
     if (error) {
+        // Repeats are cut short by the logger.
         KEST_WARNING(this, "Accept has failed: %1", error.message());
-        // Out of descriptors and the like: retrying at once would only spin.
-        retryTimer.expires_after(kAcceptRetryDelay);
+        // Out of descriptors (EMFILE, ENFILE), buffers or memory, trying again at once would only
+        // spin: the wait grows while the failures last, and the first success ends it.
+        retryDelay = std::clamp(retryDelay * 2, kFirstAcceptRetryDelay, kMaxAcceptRetryDelay);
+        retryOutstanding = true;
+        retryTimer.expires_after(retryDelay);
         retryTimer.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
-            if (!error && self->accepting)
-                self->acceptNext();
+            self->retryOutstanding = false;
+            self->retryAccepting(error);
         });
         return;
     }
+    retryDelay = std::chrono::milliseconds::zero();
 
     auto& count = *state->connectionCount;
     if (count.fetch_add(1, std::memory_order_relaxed) >= state->maxConnections &&
@@ -94,34 +132,26 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
         return;
     }
 
-    auto* threadPtr = thread.get();
+    auto* threadPtr = thread.lock().get();
     auto connection = std::make_shared<HttpServerConnection>(
         std::move(thread), std::move(socket), state->limits, state->dispatcher,
         state->connectionCount, state->pendingHandlers,
-        [weak = weak_from_this()](HttpServerConnection* connection) {
-            if (auto self = weak.lock())
-                self->removeConnection(connection);
+        [weak = std::weak_ptr<ConnectionSet>(connections)](HttpServerConnection* connection) {
+            if (const auto set = weak.lock())
+                set->remove(connection);
         });
     {
-        std::lock_guard lock(mutex);
-        connections.emplace(connection.get(), connection);
+        std::lock_guard lock(connections->mutex);
+        connections->connections.emplace(connection.get(), connection);
     }
     threadPtr->post([connection = std::move(connection)]() { connection->start(); });
     acceptNext();
 }
 
-void HttpStreamSocketServer::Private::removeConnection(HttpServerConnection* connection)
+void HttpStreamSocketServer::Private::retryAccepting(const boost::system::error_code& error)
 {
-    std::shared_ptr<HttpServerConnection> removed;
-    {
-        std::lock_guard lock(mutex);
-        if (const auto it = connections.find(connection); it != connections.end()) {
-            // Released after the lock, as the connection may be destroyed with it.
-            removed = std::move(it->second);
-            connections.erase(it);
-        }
-    }
-    connectionRemoved.notify_all();
+    if (!error && accepting)
+        acceptNext();
 }
 
 template <typename Action>
@@ -129,8 +159,8 @@ void HttpStreamSocketServer::Private::forEachConnection(Action action)
 {
     std::vector<std::shared_ptr<HttpServerConnection>> snapshot;
     {
-        std::lock_guard lock(mutex);
-        for (const auto& [key, connection] : connections)
+        std::lock_guard lock(connections->mutex);
+        for (const auto& [key, connection] : connections->connections)
             snapshot.push_back(connection);
     }
     std::map<aio::AioThread*, std::vector<std::shared_ptr<HttpServerConnection>>> byThread;
@@ -152,10 +182,7 @@ HttpStreamSocketServer::~HttpStreamSocketServer()
 {
     cancelAccepting();
     closeAllConnections();
-    // Let the handlers of the cancelled operations, queued behind the cancellation, run now:
-    // they hold this server's state, which must not outlive the threads.
-    for (std::size_t i = 0; i < d->state->threadPool.size(); ++i)
-        aio::runInThreadSync(d->state->threadPool.thread(i), []() {});
+    // What the closed connections still have queued on their threads goes with the thread pool.
 }
 
 bool HttpStreamSocketServer::bind(const SocketAddress& address)
@@ -203,7 +230,7 @@ bool HttpStreamSocketServer::listen(int backlog)
         KEST_ERROR(this, "Failed to listen address %1. %2", d->address.toString(), error.message());
         return false;
     }
-    aio::runInThreadSync(d->acceptThread.get(), [this]() {
+    aio::runInThreadSync(d->acceptThread, [this]() {
         d->accepting = true;
         d->acceptNext();
     });
@@ -222,12 +249,21 @@ std::error_code HttpStreamSocketServer::lastError() const
 
 void HttpStreamSocketServer::cancelAccepting()
 {
-    aio::runInThreadSync(d->acceptThread.get(), [this]() {
+    bool outstanding = true;
+    aio::runInThreadSync(d->acceptThread, [this, &outstanding]() {
         d->accepting = false;
         boost::system::error_code ignored;
         d->retryTimer.cancel();
         d->acceptor.close(ignored);
+        outstanding = d->acceptOutstanding || d->retryOutstanding;
     });
+    // The cancelled completions are queued behind the cancellation, though not always behind a
+    // call that the waiter makes as soon as it returns: ask until they have run.
+    while (outstanding && !d->acceptThread->isStopped()) {
+        aio::runInThreadSync(d->acceptThread, [this, &outstanding]() {
+            outstanding = d->acceptOutstanding || d->retryOutstanding;
+        });
+    }
 }
 
 void HttpStreamSocketServer::closeIdleConnections()
@@ -240,8 +276,9 @@ std::size_t HttpStreamSocketServer::waitUntilFinished(
 {
     const std::size_t pending = d->state->pendingHandlers->waitForNone(deadline);
     // The handlers' responses are still being written.
-    std::unique_lock lock(d->mutex);
-    d->connectionRemoved.wait_until(lock, deadline, [this]() { return d->connections.empty(); });
+    auto& set = *d->connections;
+    std::unique_lock lock(set.mutex);
+    set.changed.wait_until(lock, deadline, [&set]() { return set.connections.empty(); });
     return pending == 0 ? 0 : d->state->pendingHandlers->count();
 }
 
@@ -252,8 +289,8 @@ void HttpStreamSocketServer::closeAllConnections()
 
 std::size_t HttpStreamSocketServer::connectionCount() const
 {
-    std::lock_guard lock(d->mutex);
-    return d->connections.size();
+    std::lock_guard lock(d->connections->mutex);
+    return d->connections->connections.size();
 }
 
 }  // namespace kest::network::http::server

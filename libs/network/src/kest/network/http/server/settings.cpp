@@ -48,6 +48,7 @@ void Settings::load(const ZuSettings& settings)
     readNumber(settings, prefix + "ioThreads", &ioThreads);
     readNumber(settings, prefix + "maxHeaderBytes", &maxHeaderBytes);
     readNumber(settings, prefix + "maxBodyBytes", &maxBodyBytes);
+    readNumber(settings, prefix + "maxChunkLineBytes", &maxChunkLineBytes);
     readNumber(settings, prefix + "maxConnections", &maxConnections);
     qlonglong ms = 0;
     if (!settings.value(prefix + "requestReadTimeoutMs").isNull()) {

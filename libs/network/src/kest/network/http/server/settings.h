@@ -18,6 +18,7 @@ public:
     static constexpr int kDefaultBacklog = 1024;
     static constexpr std::size_t kDefaultMaxHeaderBytes = 16 * 1024;
     static constexpr std::size_t kDefaultMaxBodyBytes = 64 * 1024 * 1024;
+    static constexpr std::size_t kDefaultMaxChunkLineBytes = 4 * 1024;
     static constexpr std::size_t kDefaultMaxConnections = 10000;
     static constexpr std::chrono::milliseconds kDefaultRequestReadTimeout{30'000};
     static constexpr std::chrono::milliseconds kDefaultIdleTimeout{60'000};
@@ -33,10 +34,14 @@ public:
     int listenBacklog = kDefaultBacklog;
     /** "ioThreads": I/O threads of the server; 0 means one per core. */
     unsigned ioThreads = 0;
-    /** "maxHeaderBytes": a larger request head is answered 431 and the connection closed. */
+    /** "maxHeaderBytes": a larger request head, or trailer section after a chunked body, is
+     * answered 431 and the connection closed; a request line alone longer than this gets 414. */
     std::size_t maxHeaderBytes = kDefaultMaxHeaderBytes;
     /** "maxBodyBytes": a larger body is answered 413 and the connection closed. */
     std::size_t maxBodyBytes = kDefaultMaxBodyBytes;
+    /** "maxChunkLineBytes": a longer chunk-size line (with its extensions) in a chunked body is
+     * answered 400 and the connection closed. */
+    std::size_t maxChunkLineBytes = kDefaultMaxChunkLineBytes;
     /** "maxConnections": connections past this are closed as soon as accepted. */
     std::size_t maxConnections = kDefaultMaxConnections;
     /** "requestReadTimeoutMs": time to receive a whole request once it has begun, and to send

@@ -4,6 +4,7 @@
 
 #include <regex>
 
+#include <kest/network/http/request.h>
 #include <kest/utils/log/log.h>
 
 namespace kest::network::http::server::rest {
@@ -94,7 +95,8 @@ bool PathMatcher::add(const std::string& pathTemplate, RequestHandlerFactory fac
 
 std::optional<PathMatcher::Match> PathMatcher::match(const std::string& path) const
 {
-    // regexec stops at a NUL, so the rest of such a path would go unchecked.
+    // regexec stops at a NUL, so the rest of such a path would go unchecked. (A path as received
+    // has none; "%00" is three characters until a parameter is decoded.)
     if (path.find('\0') != std::string::npos)
         return std::nullopt;
     regmatch_t groups[kMaxGroups];
@@ -106,9 +108,12 @@ std::optional<PathMatcher::Match> PathMatcher::match(const std::string& path) co
         result.factory = &entry->factory;
         for (std::size_t i = 0; i < entry->parameterNames.size() && i + 1 < groupCount; ++i) {
             const regmatch_t& group = groups[i + 1];
+            // Matched still encoded and decoded only now, so that "%2F" stays inside its segment.
             std::string value;
-            if (group.rm_so >= 0)
-                value.assign(path, group.rm_so, group.rm_eo - group.rm_so);
+            if (group.rm_so >= 0) {
+                value = Request::percentDecode(
+                    std::string_view(path).substr(group.rm_so, group.rm_eo - group.rm_so));
+            }
             result.pathParams.add(entry->parameterNames[i], std::move(value));
         }
         return result;

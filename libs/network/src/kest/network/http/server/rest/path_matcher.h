@@ -36,7 +36,10 @@ public:
     /** False when the template is already registered, or does not make a valid pattern. */
     bool add(const std::string& pathTemplate, RequestHandlerFactory factory);
 
-    /** The first entry whose pattern matches the whole path, with its extracted parameters. */
+    /**
+     * The first entry whose pattern matches the whole path, with its extracted parameters. The
+     * path is matched as received, still percent-encoded; the parameters are then decoded.
+     */
     std::optional<Match> match(const std::string& path) const;
 
     /** The pattern a template compiles to: placeholders become "\([^/]*\)", anchored at both ends.
