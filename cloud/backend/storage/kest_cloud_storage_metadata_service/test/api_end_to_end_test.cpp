@@ -453,6 +453,12 @@ void runWriterGoesOnWhileAClearSpins()
     KeepAliveConnection saves(service.port());
     KeepAliveConnection searches(service.port());
     check(clear.connected() && saves.connected() && searches.connected(), "connections");
+    // Served once before the clear starts, so that each is accepted by then: the thread that
+    // accepts may be the one the clear takes.
+    for (KeepAliveConnection* connection : {&clear, &saves, &searches}) {
+        const auto ping = connection->request("POST", "/metadataDb/ping");
+        check(ping && ping->status == 200, "ping on each connection");
+    }
     check(clear.send("GET", "/metadataDb/v1/dataSaveErrors/" + toString(a) +
                                 "?clearData=true&timestamp=1500"),
           "clear request sent");
