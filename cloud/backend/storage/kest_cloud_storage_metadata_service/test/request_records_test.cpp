@@ -7,7 +7,6 @@
 #include <kest/cloud/storage/controller/errors_request_data.h>
 #include <kest/cloud/storage/controller/optimal_instance_request.h>
 #include <kest/reflect/json.h>
-#include <kest/reflect/urlencoded.h>
 
 namespace kest::cloud::storage::metadatadb {
 namespace {
@@ -72,27 +71,6 @@ TEST(DataRequestDataTest, OnlyFilterItemsCanFailTheQuery)
     load<DataRequestData>(query("maxObjectTracksToSelect=ten"), false);
 }
 
-TEST(DataRequestDataTest, JsonAndUrlEncodedForms)
-{
-    DataRequestData request;
-    ASSERT_TRUE(kest::reflect::json::deserialize(
-        R"({"filter":{"deviceIds":["11111111-1111-1111-1111-111111111111"],"freeText":"red",)"
-        R"("timePeriod":{"startTimeMs":5,"durationMs":10},"sortOrder":"asc"},)"
-        R"("internal_lookup":true})",
-        &request));
-    EXPECT_TRUE(request.internal_lookup);
-    EXPECT_EQ(std::set<ZuUuid>{kDeviceA}, request.filter.deviceIds);
-    EXPECT_EQ(ZuTimePeriod(5, 10), request.filter.timePeriod);
-    EXPECT_EQ(kest::analytics::db::SortOrder::asc, request.filter.sortOrder);
-
-    // The form carries the filter as one JSON parameter and the flag as a word.
-    DataRequestData fromForm;
-    ASSERT_TRUE(kest::reflect::urlencoded::deserialize(
-        kest::reflect::urlencoded::serialize(request), &fromForm));
-    EXPECT_EQ(request, fromForm);
-    EXPECT_FALSE(kest::reflect::urlencoded::deserialize("internal_lookup=1", &fromForm));
-}
-
 TEST(OptimalInstanceRequestTest, QueryKeysAndLenientIds)
 {
     OptimalInstanceRequest request{{kDeviceA, kDeviceB}, kVms};
@@ -115,16 +93,6 @@ TEST(OptimalInstanceRequestTest, QueryKeysAndLenientIds)
     EXPECT_EQ(R"({"deviceIds":["{11111111-1111-1111-1111-111111111111}"],)"
               R"("vmsId":"{33333333-3333-3333-3333-333333333333}"})",
               kest::reflect::json::serialize(OptimalInstanceRequest{{kDeviceA}, kVms}));
-}
-
-TEST(OptimalInstanceRequestTest, TextFormHasNoSeparatorBeforeTheDevices)
-{
-    EXPECT_EQ("vmsId: {33333333-3333-3333-3333-333333333333}",
-              toString(OptimalInstanceRequest{{}, kVms}));
-    EXPECT_EQ(
-        "vmsId: {33333333-3333-3333-3333-333333333333}deviceIds: "
-        "{11111111-1111-1111-1111-111111111111}, {22222222-2222-2222-2222-222222222222}",
-        toString(OptimalInstanceRequest{{kDeviceA, kDeviceB}, kVms}));
 }
 
 TEST(ErrorsRequestDataTest, TimestampIsReadOnlyWhenLongerThanTwoCharactersLikeStoul)
@@ -166,11 +134,6 @@ TEST(ErrorsRequestDataTest, WrittenQueryReadsBackEvenForSmallTimestamps)
     QUrlQuery written;
     serializeToUrlQuery(ErrorsRequestData{}, &written);
     EXPECT_TRUE(written.isEmpty());
-
-    EXPECT_EQ("timestamp: 1000 count: 5 clearData: true",
-              toString(ErrorsRequestData{1000ms, 5u, true}));
-    EXPECT_EQ("clearData: false", toString(ErrorsRequestData{{}, {}, false}));
-    EXPECT_EQ("", toString(ErrorsRequestData{}));
 }
 
 }  // namespace

@@ -14,11 +14,11 @@
 #include <charconv>
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
-
-#include <string>
 
 #include <rapidjson/reader.h>
 
@@ -361,6 +361,12 @@ class Sink final : public SinkBase<T>
 class Handler
 {
 public:
+    /**
+     * Deeper text is left to the document reader: the parser beneath recurses once per level,
+     * and stops as soon as a handler refuses.
+     */
+    static constexpr std::size_t kMaxDepth = 64;
+
     explicit Handler(ValueSink* root) : m_root(root) { m_frames.reserve(16); }
 
     bool Null()
@@ -429,12 +435,6 @@ public:
     }
     bool StartObject() { return begin(&ValueSink::beginObject); }
     bool StartArray() { return begin(&ValueSink::beginArray); }
-
-    /**
-     * Deeper text is left to the document reader: the parser beneath recurses once per level,
-     * and stops as soon as a handler refuses.
-     */
-    static constexpr std::size_t kMaxDepth = 64;
     bool EndObject(rapidjson::SizeType) { return end(); }
     bool EndArray(rapidjson::SizeType) { return end(); }
 
@@ -494,13 +494,13 @@ private:
     std::size_t m_skipDepth = 0;
 };
 
+/** The largest parse buffer an I/O thread keeps between requests. */
+constexpr std::size_t kKeptBufferBytes = 4 * 1024 * 1024;
+
 /**
  * Reads `text` (already without a byte-order mark) into `out`. False, with `out` in an
  * unspecified state, when the text is not in the plain form this reader takes.
  */
-/** The largest parse buffer an I/O thread keeps between requests. */
-constexpr std::size_t kKeptBufferBytes = 4 * 1024 * 1024;
-
 template <typename T>
 bool read(std::string_view text, T* out)
 {
