@@ -11,9 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <limits>
 #include <memory>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,8 +20,7 @@
 #include <kest/utils/log/logger.h>
 
 #include "latency_stats.h"
-#include "store_generator.h"
-#include "store_info.h"
+#include "searched_store.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
@@ -33,14 +30,10 @@ using kest::analytics::db::Filter;
 using kest::analytics::db::ObjectTrackEx;
 using kest::analytics::db::ResultCode;
 using kest::common::metadata::ObjectMetadataPacket;
-using kest::common::metadata::Rect;
 
 namespace {
 
-constexpr int kLookupLimit = 100;
 constexpr double kIngestGoalPacketsPerSecond = 50'000;
-constexpr double kLookupGoalMs = 20;
-constexpr double kFreeTextGoalMs = 50;
 
 struct Options
 {
@@ -128,9 +121,7 @@ bool parseOptions(int argc, char** argv, Options* options)
     if (options->tracks <= 0 || options->queries <= 0 || options->ingestPackets <= 0)
         return false;
     if (options->dir.empty()) {
-        options->dir = fs::temp_directory_path() / "analytics_db_bench" /
-                       ("tracks_" + std::to_string(options->tracks) + "_seed_" +
-                        std::to_string(options->seed));
+        options->dir = defaultBenchDir(options->tracks, options->seed);
     }
     return true;
 }
@@ -154,43 +145,13 @@ double toMs(nanoseconds value)
     return duration<double, std::milli>(value).count();
 }
 
-std::unique_ptr<EventsStorage> openStorage(const fs::path& path)
-{
-    fs::create_directories(path);
-    auto storage = std::make_unique<EventsStorage>();
-    kest::analytics::db::Settings settings;
-    settings.path = QString::fromStdString(path.string());
-    if (!storage->initialize(settings)) {
-        std::printf("cannot open the events storage in %s\n", path.c_str());
-        return nullptr;
-    }
-    return storage;
-}
-
-// The service refuses saves while the storage is not ready, so a client would wait the same way.
-void saveWhenReady(EventsStorage& storage, std::shared_ptr<const ObjectMetadataPacket> packet)
-{
-    while (!storage.isReady())
-        std::this_thread::sleep_for(microseconds(200));
-    storage.save(std::move(packet));
-}
-
 void measureIngest(const Options& options)
 {
     const fs::path path = options.dir / "ingest";
     fs::remove_all(path);
 
-    GeneratorOptions generatorOptions;
-    generatorOptions.seed = options.seed + 1;
-    generatorOptions.trackCount = std::numeric_limits<std::int64_t>::max();
-    generatorOptions.minObjectsPerPacket = generatorOptions.maxObjectsPerPacket = 5;
-    generatorOptions.quietPeriods = false;
-    StoreGenerator generator(generatorOptions, 0);
     // Made beforehand so that generating does not take CPU from the writer while it is timed.
-    std::vector<std::shared_ptr<const ObjectMetadataPacket>> packets;
-    packets.reserve(options.ingestPackets);
-    for (std::int64_t i = 0; i < options.ingestPackets; ++i)
-        packets.push_back(generator.next());
+    auto packets = makeIngestPackets(options.seed, options.ingestPackets);
 
     auto storage = openStorage(path);
     if (!storage)
@@ -207,7 +168,7 @@ void measureIngest(const Options& options)
 
     const double packetsPerSecond = options.ingestPackets / seconds;
     std::printf("\n== Ingest into a new store (packets of 5 objects, %d devices)\n",
-                generatorOptions.deviceCount);
+                GeneratorOptions().deviceCount);
     std::printf("%lld packets saved and committed in %.2f s\n",
                 static_cast<long long>(options.ingestPackets), seconds);
     std::printf("  %10.0f packets/s   %10.0f objects/s   goal >= %.0f packets/s   %s\n",
@@ -215,162 +176,6 @@ void measureIngest(const Options& options)
                 packetsPerSecond >= kIngestGoalPacketsPerSecond ? "met" : "MISSED");
     std::printf("  process CPU %.2f s (%.1f us per packet, all threads), %.0f%% of the wall time\n",
                 cpu, cpu * 1e6 / options.ingestPackets, 100 * cpu / seconds);
-}
-
-bool fillStore(const Options& options, const fs::path& storePath, StoreInfo* info)
-{
-    fs::remove_all(storePath);
-    auto storage = openStorage(storePath);
-    if (!storage)
-        return false;
-
-    GeneratorOptions generatorOptions;
-    generatorOptions.seed = options.seed;
-    generatorOptions.trackCount = options.tracks;
-    StoreGenerator generator(generatorOptions);
-    std::printf("\n== Filling a store of %lld tracks in %s\n",
-                static_cast<long long>(options.tracks), storePath.c_str());
-    const auto start = steady_clock::now();
-    auto lastReport = start;
-    while (auto packet = generator.next()) {
-        saveWhenReady(*storage, std::move(packet));
-        if (steady_clock::now() - lastReport >= seconds(10)) {
-            lastReport = steady_clock::now();
-            const double elapsed = secondsSince(start);
-            std::printf("  %6.0f s: %lld packets, %lld tracks started (%.1f%%), %.0f packets/s\n",
-                        elapsed, static_cast<long long>(generator.packetsMade()),
-                        static_cast<long long>(generator.tracksStarted()),
-                        100.0 * generator.tracksStarted() / options.tracks,
-                        generator.packetsMade() / elapsed);
-            std::fflush(stdout);
-        }
-    }
-    storage->flush();
-    const double elapsed = secondsSince(start);
-
-    info->trackCount = options.tracks;
-    info->seed = options.seed;
-    info->packetCount = generator.packetsMade();
-    info->objectCount = generator.objectsMade();
-    info->firstTimeUs = generator.firstTimeUs();
-    info->lastTimeUs = generator.lastTimeUs();
-    info->fillSeconds = elapsed;
-    info->deviceIds = generator.deviceIds();
-    info->samples = generator.samples();
-    return true;
-}
-
-void printStore(const StoreInfo& info, bool reused)
-{
-    std::printf("\n== Store: %lld tracks, %lld packets, %lld objects, %zu devices, %.1f hours\n",
-                static_cast<long long>(info.trackCount), static_cast<long long>(info.packetCount),
-                static_cast<long long>(info.objectCount), info.deviceIds.size(),
-                (info.lastTimeUs - info.firstTimeUs) / 3.6e9);
-    std::printf("%s in %.0f s: %.0f packets/s, %.0f objects/s (mixed 1-10 objects per packet)\n",
-                reused ? "filled earlier" : "filled", info.fillSeconds,
-                info.packetCount / info.fillSeconds, info.objectCount / info.fillSeconds);
-}
-
-struct QueryKind
-{
-    std::string name = {};
-    double goalMs = kLookupGoalMs;
-    std::vector<Filter> filters = {};
-    /** Whether every query must find something, e.g. a search by a known track id. */
-    bool expectHit = false;
-};
-
-bool isPlate(const kest::common::metadata::Attribute& attribute)
-{
-    return attribute.name == "License Plate.Number";
-}
-
-std::vector<QueryKind> makeQueries(const Options& options, const StoreInfo& info)
-{
-    std::mt19937_64 random(options.seed + 100);
-    const auto uniform = [&](std::int64_t min, std::int64_t max) {
-        return std::uniform_int_distribution<std::int64_t>(min, max)(random);
-    };
-    const auto pickSample = [&]() -> const TrackSample& {
-        return info.samples[uniform(0, static_cast<std::int64_t>(info.samples.size()) - 1)];
-    };
-
-    QueryKind window{.name = "device + time window, limit 100"};
-    QueryKind word{.name = "free text: common word, limit 100", .goalMs = kFreeTextGoalMs};
-    QueryKind plate{.name = "free text: plate number, limit 100", .goalMs = kFreeTextGoalMs};
-    // The same words in shapes that walk the text matches otherwise: oldest first, and within
-    // one device and an hour around a track that has the word.
-    QueryKind oldestWord{.name = "free text: common word, oldest first", .goalMs = kFreeTextGoalMs};
-    QueryKind scopedWord{.name = "free text: common word, device + 1 h", .goalMs = kFreeTextGoalMs};
-    QueryKind deviceWord{.name = "free text: common word, one device", .goalMs = kFreeTextGoalMs};
-    QueryKind box{.name = "device + bounding box, limit 100"};
-    QueryKind track{.name = "track id", .expectHit = true};
-    QueryKind fullTrack{.name = "track id, full track", .expectHit = true};
-
-    std::vector<const TrackSample*> plated;
-    for (const auto& sample : info.samples) {
-        if (std::any_of(sample.attributes.begin(), sample.attributes.end(), isPlate))
-            plated.push_back(&sample);
-    }
-
-    const std::int64_t spanMs = (info.lastTimeUs - info.firstTimeUs) / 1000;
-    const std::int64_t windowsMs[] = {10 * 60'000, 60 * 60'000, 6 * 60 * 60'000};
-    for (int i = 0; i < options.queries; ++i) {
-        Filter filter;
-        filter.maxObjectTracksToSelect = kLookupLimit;
-        filter.deviceIds = {info.deviceIds[uniform(0, info.deviceIds.size() - 1)]};
-        const std::int64_t lengthMs = std::min(windowsMs[i % 3], spanMs);
-        filter.timePeriod =
-            ZuTimePeriod(info.firstTimeUs / 1000 + uniform(0, spanMs - lengthMs), lengthMs);
-        window.filters.push_back(filter);
-
-        const TrackSample& sample = pickSample();
-        filter = Filter();
-        filter.maxObjectTracksToSelect = kLookupLimit;
-        std::vector<std::string> words;
-        for (const auto& attribute : sample.attributes) {
-            if (!isPlate(attribute))
-                words.push_back(attribute.value);
-        }
-        filter.freeText = words.empty() ? sample.typeId : words[uniform(0, words.size() - 1)];
-        word.filters.push_back(filter);
-        filter.sortOrder = kest::analytics::db::SortOrder::asc;
-        oldestWord.filters.push_back(filter);
-        filter.sortOrder = kest::analytics::db::SortOrder::desc;
-        filter.deviceIds = {sample.deviceId};
-        filter.timePeriod =
-            ZuTimePeriod(sample.firstAppearanceUs / 1000 - 30 * 60'000, 60 * 60'000);
-        scopedWord.filters.push_back(filter);
-        filter.timePeriod = Filter().timePeriod;
-        deviceWord.filters.push_back(filter);
-        filter.deviceIds.clear();
-        filter.timePeriod = Filter().timePeriod;
-
-        if (!plated.empty()) {
-            const TrackSample& owner = *plated[uniform(0, plated.size() - 1)];
-            filter.freeText =
-                std::find_if(owner.attributes.begin(), owner.attributes.end(), isPlate)->value;
-            plate.filters.push_back(filter);
-        }
-
-        // A region of interest around where a known object appeared.
-        filter = Filter();
-        filter.maxObjectTracksToSelect = kLookupLimit;
-        filter.deviceIds = {sample.deviceId};
-        const double centerX = sample.firstBox.x + sample.firstBox.width / 2;
-        const double centerY = sample.firstBox.y + sample.firstBox.height / 2;
-        filter.boundingBox = Rect{std::clamp(centerX - 0.1, 0.0, 0.8),
-                                  std::clamp(centerY - 0.1, 0.0, 0.8), 0.2, 0.2};
-        box.filters.push_back(filter);
-
-        filter = Filter();
-        filter.objectTrackId = pickSample().id;
-        track.filters.push_back(filter);
-        filter.objectTrackId = pickSample().id;
-        filter.needFullTrack = true;
-        fullTrack.filters.push_back(filter);
-    }
-    return {window, word, oldestWord, scopedWord, deviceWord, plate, box, track, fullTrack};
 }
 
 struct LookupResult
@@ -509,16 +314,12 @@ int main(int argc, char** argv)
     if (options.ingest)
         measureIngest(options);
 
-    const fs::path storePath = options.dir / "store";
-    const fs::path infoPath = options.dir / "bench_store.info";
+    const fs::path storePath = searchedStorePath(options.dir);
     StoreInfo info;
-    const bool reuse = !options.fresh && info.load(infoPath) && info.trackCount == options.tracks &&
-                       info.seed == options.seed && fs::exists(storePath);
-    if (!reuse) {
-        fs::remove(infoPath);
-        if (!fillStore(options, storePath, &info))
-            return 1;
-        info.save(infoPath);
+    bool reuse = false;
+    if (!prepareSearchedStore(options.dir, options.tracks, options.seed, options.fresh, &info,
+                              &reuse)) {
+        return 1;
     }
     printStore(info, reuse);
     if (info.samples.empty() || info.deviceIds.empty()) {
@@ -529,7 +330,7 @@ int main(int argc, char** argv)
     auto storage = openStorage(storePath);
     if (!storage)
         return 1;
-    measureLookups(*storage, makeQueries(options, info));
+    measureLookups(*storage, makeQueries(options.seed, options.queries, info));
     storage.reset();
 
     measureDisk(storePath, info);

@@ -2,6 +2,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QUrlQuery>
 #include <QXmlStreamReader>
 #include <set>
 #include <string>
@@ -11,6 +12,9 @@
 
 #include <kest/analytics_db/object_metadata_packet.h>
 #include <kest/analytics_db/object_track_ex.h>
+#include <kest/cloud/storage/controller/data_request_data.h>
+#include <kest/cloud/storage/controller/errors_request_data.h>
+#include <kest/cloud/storage/controller/optimal_instance_request.h>
 #include <kest/cloud/storage/model/db_error_data.h>
 #include <kest/reflect/json.h>
 
@@ -129,6 +133,29 @@ QJsonValue toQJson(const std::string& json)
 {
     const auto document = QJsonDocument::fromJson(QByteArray::fromStdString(json));
     return document.isArray() ? QJsonValue(document.array()) : QJsonValue(document.object());
+}
+
+/** The names of the operation's query parameters, "format" left out. */
+std::set<std::string> documentedQueryItems(const QJsonObject& openApi, const char* path)
+{
+    std::set<std::string> names;
+    for (const QJsonValue value : openApi["paths"][path]["get"]["parameters"].toArray()) {
+        const auto parameter = resolve(openApi, value.toObject());
+        if (parameter["in"].toString() == "query" && parameter["name"].toString() != "format")
+            names.insert(parameter["name"].toString().toStdString());
+    }
+    return names;
+}
+
+template <typename Record>
+std::set<std::string> writtenQueryItems(const Record& record)
+{
+    QUrlQuery query;
+    serializeToUrlQuery(record, &query);
+    std::set<std::string> names;
+    for (const auto& [name, value] : query.queryItems())
+        names.insert(name.toStdString());
+    return names;
 }
 
 QJsonObject schemaRef(const char* name)
@@ -258,4 +285,33 @@ TEST(ApiDocs, documented_records_have_the_keys_the_service_reads_and_writes)
     EXPECT_EQ(packets[0].streamIndex, StreamIndex::primary);
     ASSERT_EQ(packets[0].objectMetadataList.size(), 1u);
     EXPECT_EQ(packets[0].objectMetadataList[0].objectMetadataType, ObjectMetadataType::regular);
+}
+
+// Clients write their queries with the records' codecs; tools that follow the description must
+// send the same items.
+TEST(ApiDocs, documented_query_items_are_the_ones_the_records_write)
+{
+    using namespace kest::cloud::storage::metadatadb;
+    const auto openApi = readJsonResource(":/docs/api/v1/openapi.json");
+    const ZuUuid id = ZuUuid::createUuid();
+
+    DataRequestData data;
+    auto& filter = data.filter;
+    filter.deviceIds = {id};
+    filter.objectTypeId = {"car"};
+    filter.objectTrackId = id;
+    filter.timePeriod = ZuTimePeriod(1, 2);
+    filter.boundingBox = kest::common::metadata::Rect{0, 0, 1, 1};
+    filter.freeText = "red";
+    filter.maxObjectTracksToSelect = 5;
+    filter.needFullTrack = true;
+    filter.sortOrder = kest::analytics::db::SortOrder::asc;
+    filter.withBestShotOnly = true;
+    filter.analyticsEngineId = id;
+    EXPECT_EQ(writtenQueryItems(data), documentedQueryItems(openApi, "/metadataDb/v1/data"));
+
+    EXPECT_EQ(writtenQueryItems(OptimalInstanceRequest{{id}, id}),
+              documentedQueryItems(openApi, "/metadataDb/v1/optimalInstance"));
+    EXPECT_EQ(writtenQueryItems(ErrorsRequestData{std::chrono::milliseconds(1), 2u, true}),
+              documentedQueryItems(openApi, "/metadataDb/v1/dataSaveErrors/{deviceIds}"));
 }

@@ -182,7 +182,7 @@ TEST(ApiFrame, UndecodableInputIsABadRequestNamingTheTypeAndTheReason)
 TEST(ApiFrame, GetReadsTheQueryWithTheRecordsOwnReaderOrTheUrlEncodedOne)
 {
     Controller<QueryInput> withReader;
-    run(withReader, "GET", "/x?deviceIds=%7Ba%7D%3B%7Bb%7D&format=json", "application/json");
+    run(withReader, "GET", "/x?deviceIds=%7Ba%7D%3B%7Bb%7D&format=json");
     ASSERT_TRUE(withReader.received);
     EXPECT_EQ(1, withReader.received->readerCalls);
     EXPECT_EQ("{a};{b}", withReader.received->deviceIds);
@@ -196,6 +196,36 @@ TEST(ApiFrame, GetReadsTheQueryWithTheRecordsOwnReaderOrTheUrlEncodedOne)
     Controller<PlainInput> badQuery;
     response = run(badQuery, "GET", "/x?flag=yes");
     EXPECT_EQ(StatusCode::badRequest, response.result.statusCode);
+}
+
+TEST(ApiFrame, GetWithAContentTypeReadsTheQueryInThatFormat)
+{
+    // JSON travels percent-encoded in the query.
+    Controller<QueryInput> json;
+    auto response = run(json, "GET", "/x?%7B%22deviceIds%22%3A%22a%26b%22%7D", "application/json");
+    EXPECT_EQ(StatusCode::ok, response.result.statusCode);
+    ASSERT_TRUE(json.received);
+    EXPECT_EQ("a&b", json.received->deviceIds);
+    EXPECT_EQ(0, json.received->readerCalls);
+
+    // A form is read field by field, not by the record's own reader.
+    Controller<QueryInput> form;
+    response =
+        run(form, "GET", "/x?deviceIds=%7Ba%7D%3B%7Bb%7D", "application/x-www-form-urlencoded");
+    ASSERT_TRUE(form.received);
+    EXPECT_EQ("{a};{b}", form.received->deviceIds);
+    EXPECT_EQ(0, form.received->readerCalls);
+    EXPECT_EQ(SerializationFormat::urlencoded, form.inputFormat());
+
+    Controller<QueryInput> notJson;
+    response = run(notJson, "GET", "/x?deviceIds=a", "application/json");
+    EXPECT_EQ(StatusCode::badRequest, response.result.statusCode);
+    EXPECT_FALSE(notJson.received);
+
+    Controller<QueryInput> csv;
+    response = run(csv, "GET", "/x?deviceIds=a", "text/csv");
+    EXPECT_EQ(StatusCode::notAcceptable, response.result.statusCode);
+    EXPECT_EQ("Input format text/csv not supported", response.error.errorText());
 }
 
 TEST(ApiFrame, StatusFollowsTheErrorClass)

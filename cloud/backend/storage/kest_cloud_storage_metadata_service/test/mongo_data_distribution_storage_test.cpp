@@ -9,6 +9,7 @@
 #include <kest/utils/log/logger.h>
 #include <kest/utils/to_text.h>
 
+#include "log_capture.h"
 #include "mongo_test_fixture.h"
 
 namespace kest::cloud::storage::metadatadb {
@@ -90,35 +91,7 @@ namespace {
 
 using Storage = MongoDataDistributionStorage;
 
-/** Collects the log lines of one test. */
-class LogCapture
-{
-public:
-    LogCapture()
-    {
-        m_id = kest::utils::log::Logger::instance().addObserver(
-            [this](kest::utils::log::Level, const std::string&, const std::string& message) {
-                std::lock_guard lock(m_mutex);
-                m_lines.push_back(message);
-            });
-    }
-    ~LogCapture() { kest::utils::log::Logger::instance().removeObserver(m_id); }
-
-    bool contains(const std::string& text) const
-    {
-        std::lock_guard lock(m_mutex);
-        for (const auto& line : m_lines) {
-            if (line.find(text) != std::string::npos)
-                return true;
-        }
-        return false;
-    }
-
-private:
-    int m_id = 0;
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
-};
+using test::LogCapture;
 
 TEST(MongoSaveDataAddressTest, RequestPushesOneSpanPerItemWithUpsert)
 {

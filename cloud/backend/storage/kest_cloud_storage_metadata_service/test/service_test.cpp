@@ -20,28 +20,13 @@
 #include "http_test_client.h"
 #include "service_process.h"
 #include "storage_fakes.h"
+#include "temporary_directory.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-
-/** A fresh directory per test, removed afterwards. */
-class TemporaryDirectory
-{
-public:
-    TemporaryDirectory()
-    {
-        std::string pattern = (fs::temp_directory_path() / "metadata_service_test.XXXXXX").string();
-        m_path = ::mkdtemp(pattern.data());
-    }
-    ~TemporaryDirectory() { fs::remove_all(m_path); }
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
 
 std::string mongoUri()
 {

@@ -17,11 +17,17 @@ std::string ReadContext::description() const
     return path + ": " + message;
 }
 
-DeserializationResult parseDocument(std::string_view text, rapidjson::Document* document)
+std::string_view withoutByteOrderMark(std::string_view text)
 {
     static constexpr std::string_view kBom = "\xEF\xBB\xBF";
     if (text.starts_with(kBom))
         text.remove_prefix(kBom.size());
+    return text;
+}
+
+DeserializationResult parseDocument(std::string_view text, rapidjson::Document* document)
+{
+    text = withoutByteOrderMark(text);
 
     // Full precision, so that a double written by us is read back bit for bit. Iterative, so
     // that a body of deeply nested brackets cannot exhaust the I/O thread's stack.

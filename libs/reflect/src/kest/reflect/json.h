@@ -42,6 +42,7 @@
 #include <rapidjson/writer.h>
 
 #include "deserialization_result.h"
+#include "json_stream_reader.h"
 #include "messages.h"
 #include "traits.h"
 
@@ -72,7 +73,11 @@ struct ReadContext
     }
     bool failInElement(std::size_t index)
     {
-        reversedPath.push_back("[" + std::to_string(index) + "]");
+        // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) about "[" + std::string.
+        std::string element(1, '[');
+        element += std::to_string(index);
+        element += ']';
+        reversedPath.push_back(std::move(element));
         return false;
     }
     bool fail(std::string_view text, std::string_view detail)
@@ -83,6 +88,7 @@ struct ReadContext
     std::string description() const;
 };
 
+std::string_view withoutByteOrderMark(std::string_view text);
 DeserializationResult parseDocument(std::string_view text, rapidjson::Document* document);
 void writeDouble(Writer& writer, double value);
 bool readBool(const Value& value, bool* out, ReadContext& context);
@@ -349,14 +355,30 @@ DeserializationResult deserializeValue(const rapidjson::Value& value, T* out)
     return {};
 }
 
-/** Reads JSON text into `out`, which is left untouched on failure. */
+/** Reads JSON text into `out` through a parsed document; `out` is left untouched on failure. */
 template <typename T>
-DeserializationResult deserialize(std::string_view text, T* out)
+DeserializationResult deserializeDocument(std::string_view text, T* out)
 {
     rapidjson::Document document;
     if (auto parsed = detail::parseDocument(text, &document); !parsed)
         return parsed;
     return deserializeValue(document, out);
+}
+
+/**
+ * Reads JSON text into `out`, which is left untouched on failure. Text in the plain form is read
+ * straight into the record; anything else, failures included, through a document, as
+ * deserializeDocument() does, with the same outcome.
+ */
+template <typename T>
+DeserializationResult deserialize(std::string_view text, T* out)
+{
+    T result{};
+    if (stream::read(detail::withoutByteOrderMark(text), &result)) {
+        *out = std::move(result);
+        return {};
+    }
+    return deserializeDocument(text, out);
 }
 
 }  // namespace kest::reflect::json

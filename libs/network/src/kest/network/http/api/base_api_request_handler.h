@@ -150,17 +150,18 @@ protected:
     }
 
     /**
-     * The "Content-Type" of a request with a body. Requests without a body (GET) carry their
-     * input in the URL query, which is read by the record's own query reader.
+     * The "Content-Type" of the request. A request without a body (GET) carries its input in the
+     * URL query: without a Content-Type the record's own query reader reads it (form 6); with one,
+     * the query string is the input text in that format (JSON percent-decoded first).
      */
     bool getInputFormat(const Request& request, ApiRequestResult* error)
     {
-        if (!methodAllowsRequestBody(request.method)) {
+        const auto contentType = request.header("Content-Type");
+        if (!contentType && !methodAllowsRequestBody(request.method)) {
             m_inputFormat = SerializationFormat::urlQuery;
             return true;
         }
 
-        const auto contentType = request.header("Content-Type");
         const auto format =
             contentType ? serializationFormatFromContentType(*contentType) : std::nullopt;
         m_inputFormat = format.value_or(SerializationFormat::unknown);
@@ -178,12 +179,15 @@ protected:
     template <typename T>
     bool parseInput(const Request& request, T* input, ApiRequestResult* error)
     {
-        const std::string& text =
-            methodAllowsRequestBody(request.method) ? request.body : request.query;
-
+        const bool fromBody = methodAllowsRequestBody(request.method);
         kest::reflect::DeserializationResult result;
         try {
-            result = deserialize(text, input);
+            if (fromBody)
+                result = deserialize(request.body, input);
+            else if (m_inputFormat == SerializationFormat::json)
+                result = deserialize(Request::percentDecode(request.query), input);
+            else
+                result = deserialize(request.query, input);
         } catch (const std::exception& e) {
             result = kest::reflect::DeserializationResult::failure(e.what());
         }

@@ -116,10 +116,47 @@ void MongoDataDistributionStorage::startTask(MoveOnlyFunc<void()> task)
 }
 
 void MongoDataDistributionStorage::getStorageInfo(
-    const std::vector<std::string>& /*deviceIds*/, const ZuTimePeriod& /*period*/,
+    const std::vector<std::string>& deviceIds, const ZuTimePeriod& period,
     MoveOnlyFunc<void(bool, std::vector<std::string>)> handler)
 {
-    startTask([handler = std::move(handler)]() mutable { handler(false, {}); });
+    mongo::Document in;
+    in.appendStringArray("$in", deviceIds);
+    mongo::Document filter;
+    filter.appendDocument(kDeviceId, in);
+    startTask(buildGetDataInstancesTask(period, deviceIds, std::move(filter), std::move(handler)));
+}
+
+kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildGetDataInstancesTask(
+    const ZuTimePeriod& period, const std::vector<std::string>& deviceIds, mongo::Document filter,
+    MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) const
+{
+    return [this, period, deviceIds, filter = std::move(filter),
+            handler = std::move(handler)]() mutable {
+        std::vector<std::string> nodes;
+        bool ok = true;
+        try {
+            const mongo::PooledClient client = getClient();
+            const mongo::Collection collection =
+                client.collection(m_dbName, kDataDistributionCollection);
+            // The period is applied here, not in the query: spans are elements of one array.
+            mongo::Cursor cursor = collection.find(filter);
+            while (const auto document = cursor.next()) {
+                for (const mongo::DocumentView& span : document->getDocumentArray(kStorageInfo)) {
+                    if (period.startTimeMs >= span.getDateTimeMs(kTimeTill))
+                        continue;
+                    if (period.endTimeMs() <= span.getDateTimeMs(kTimeFrom))
+                        continue;
+                    nodes.push_back(span.getString(kNode));
+                }
+            }
+        } catch (const std::exception& e) {
+            KEST_ERROR(this, "(devices: %1, time period: %2) node lookup failed: %3", deviceIds,
+                       period, e.what());
+            nodes.clear();
+            ok = false;
+        }
+        handler(ok, std::move(nodes));
+    };
 }
 
 void MongoDataDistributionStorage::saveDataAddress(
@@ -199,24 +236,107 @@ kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildSaveTask(
 void MongoDataDistributionStorage::getInstancesLoad(
     MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler)
 {
-    startTask([handler = std::move(handler)]() mutable { handler(false, {}); });
+    startTask([this, handler = std::move(handler)]() mutable {
+        std::vector<InstanseLoad> loads;
+        bool ok = true;
+        try {
+            const mongo::PooledClient client = getClient();
+            const mongo::Collection collection = client.collection(m_dbName, kHostsLoadCollection);
+            mongo::Cursor cursor = collection.find(mongo::Document());
+            while (const auto document = cursor.next()) {
+                loads.push_back(
+                    InstanseLoad{.host = document->getString(kHost),
+                                 .shortLoadMetric = document->getDouble(kShortLoadMetric),
+                                 .longLoadMetric = document->getDouble(kLongLoadMetric)});
+            }
+        } catch (const std::exception& e) {
+            KEST_ERROR(this, "instances load metrics lookup failed");
+            KEST_DEBUG(this, "Load metrics lookup error: %1", e.what());
+            loads.clear();
+            ok = false;
+        }
+        handler(ok, std::move(loads));
+    });
 }
 
 void MongoDataDistributionStorage::saveInstanceLoad(const InstanseLoad& load)
 {
-    startTask([this, load]() { saveInstanceLoadSync(load); });
-}
-
-void MongoDataDistributionStorage::getDeviceInstancesMapping(
-    std::chrono::system_clock::time_point /*since*/,
-    MoveOnlyFunc<void(bool, DeviceMapping)> handler)
-{
-    startTask([handler = std::move(handler)]() mutable { handler(false, {}); });
+    startTask(buildSaveInstanceLoadTask(load));
 }
 
 void MongoDataDistributionStorage::saveInstanceLoadSync(const InstanseLoad& load)
 {
-    KEST_WARNING(this, "saving load metrics (%1) is not available yet", load);
+    auto task = buildSaveInstanceLoadTask(load);
+    if (!KEST_ASSERT(static_cast<bool>(task), "save load task is empty"))
+        throw std::bad_function_call();
+    task();
+}
+
+kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildSaveInstanceLoadTask(
+    const InstanseLoad& load)
+{
+    mongo::UpdateOne request;
+    request.filter.appendString(kHost, load.host);
+    mongo::Document set;
+    set.appendString(kHost, load.host)
+        .appendDouble(kLongLoadMetric, load.longLoadMetric)
+        .appendDouble(kShortLoadMetric, load.shortLoadMetric);
+    request.update.appendDocument("$set", set);
+    request.upsert = true;
+
+    return [this, request = std::move(request)]() {
+        try {
+            const mongo::PooledClient client = getClient();
+            const mongo::Collection collection = client.collection(m_dbName, kHostsLoadCollection);
+            const auto result =
+                collection.updateOne(request.filter, request.update, request.upsert);
+            if (!result) {
+                KEST_ERROR(this, "saving load metrics to MongoDB failed");
+            } else if (result->upserted + result->modified != 1) {
+                // Also when the figures are the ones already stored: nothing was modified.
+                KEST_WARNING(this, "possible problems while saving load metrics to MongoDB");
+            }
+        } catch (const std::exception& e) {
+            KEST_ERROR(this, "exception while saving load metrics to MongoDb, %1", e.what());
+        }
+    };
+}
+
+void MongoDataDistributionStorage::getDeviceInstancesMapping(
+    std::chrono::system_clock::time_point since, MoveOnlyFunc<void(bool, DeviceMapping)> handler)
+{
+    startTask([this, since, handler = std::move(handler)]() mutable {
+        DeviceMapping mapping;
+        bool ok = true;
+        try {
+            const mongo::PooledClient client = getClient();
+            const mongo::Collection collection = client.collection(m_dbName, kMappingCollection);
+            mongo::Document gte;
+            gte.appendDateTime("$gte", since);
+            mongo::Document filter;
+            filter.appendDocument(kHostsInfoUpdateTime, gte);
+            mongo::Cursor cursor = collection.find(filter);
+            while (const auto document = cursor.next()) {
+                std::string deviceId = document->getString(kDeviceId);
+                DeviceId2InstanceMapping::DeviceInfo info;
+                info.vmsId = document->getString(kVmsId);
+                info.hostsInfoUpdateTime = document->getTimePoint(kHostsInfoUpdateTime);
+                for (const mongo::DocumentView& host : document->getDocumentArray(kCurHosts)) {
+                    DeviceId2InstanceMapping::HostInfo hostInfo;
+                    hostInfo.healthStatus = host.getBool(kHealthStatus);
+                    hostInfo.lastUpdateTime = host.getTimePoint(kLastUpdateTime);
+                    hostInfo.host = host.getString(kHost);
+                    info.curHosts.push_back(std::move(hostInfo));
+                }
+                mapping.emplace_back(std::move(deviceId), std::move(info));
+            }
+        } catch (const std::exception& e) {
+            KEST_ERROR(this, "instances load metrics lookup failed with error :%1", e.what());
+            mapping.clear();
+            ok = false;
+        }
+        handler(ok, std::move(mapping));
+    });
 }
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -74,6 +74,16 @@ public:
     MoveOnlyFunc<void()> buildSaveTask(const std::vector<DataInfo>& data, const std::string& host,
                                        MoveOnlyFunc<void(std::vector<DataInfo>)> handler) const;
 
+    /**
+     * The nodes of the spans, in document then span order, that overlap `period`; the devices
+     * are already in `filter`. Ends are exclusive: a span that only touches the period is out.
+     */
+    MoveOnlyFunc<void()> buildGetDataInstancesTask(
+        const ZuTimePeriod& period, const std::vector<std::string>& deviceIds,
+        mongo::Document filter, MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) const;
+    /** One upserting "$set" of the host's two metrics. */
+    MoveOnlyFunc<void()> buildSaveInstanceLoadTask(const InstanseLoad& load);
+
     /** Blocks while the pool's maxPoolSize clients are in use. */
     mongo::PooledClient getClient() const;
     const std::string& dbName() const { return m_dbName; }

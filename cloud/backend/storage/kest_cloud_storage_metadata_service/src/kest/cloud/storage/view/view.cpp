@@ -1,9 +1,14 @@
 #include "view.h"
 
+#include <functional>
 #include <stdexcept>
 #include <system_error>
 
 #include <kest/analytics_db/abstract_events_storage.h>
+#include <kest/cloud/storage/controller/data_provider_controller.h>
+#include <kest/cloud/storage/controller/data_saver_controller.h>
+#include <kest/cloud/storage/controller/errors_provider_controller.h>
+#include <kest/cloud/storage/controller/instance_selector.h>
 #include <kest/cloud/storage/model/errors_storage_model.h>
 #include <kest/cloud/storage/model/model.h>
 #include <kest/cloud/storage/settings.h>
@@ -77,11 +82,11 @@ void View::respondOk(RequestContext /*requestContext*/,
     completionHandler(RequestResult(StatusCode::ok));
 }
 
-void View::registerApiHandlers(Model& /*model*/)
+void View::registerApiHandlers(Model& model)
 {
-    // The data saver (POST kDataHandlerPath, given model.getAnalyticsStorage()), the data
-    // provider (GET kDataHandlerPath, given std::ref(model)) and the instance selector
-    // (GET kOptimalInstancePath, given std::ref(model)) go here, in that order, ahead of the ping.
+    registerApiHandler<DataSaverController>(kDataHandlerPath, "POST", model.getAnalyticsStorage());
+    registerApiHandler<DataProviderController>(kDataHandlerPath, "GET", std::ref(model));
+    registerApiHandler<InstanceSelector>(kOptimalInstancePath, "GET", std::ref(model));
     registerApiHandler<PingHandler>(kPingPath, "POST", this);
 }
 
@@ -95,7 +100,7 @@ void View::registerDbErrorsHandler(kest::analytics::db::AbstractEventsStorage* a
                 errorsStorageModel->saveErrors(result, std::move(periodsByDevice));
             });
     }
-    // The errors provider (GET kErrorHandlerPath, given errorsStorageModel) is registered here.
+    registerApiHandler<ErrorsProviderController>(kErrorHandlerPath, "GET", errorsStorageModel);
 }
 
 void View::startAcceptor()

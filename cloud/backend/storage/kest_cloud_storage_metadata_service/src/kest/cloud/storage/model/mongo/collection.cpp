@@ -53,6 +53,21 @@ std::optional<WriteResult> Collection::updateOne(const Document& filter, const D
     return result;
 }
 
+std::int64_t Collection::deleteMany(const Document& filter) const
+{
+    bson_t reply;
+    bson_error_t error{};
+    const bool ok =
+        mongoc_collection_delete_many(m_collection, filter.get(), nullptr, &reply, &error);
+    const DocumentView view(bson_get_data(&reply), reply.len);
+    const std::int64_t deleted =
+        ok && view.has("deletedCount") ? view.getNumber("deletedCount") : 0;
+    bson_destroy(&reply);
+    if (!ok)
+        throw Error(error);
+    return deleted;
+}
+
 Cursor Collection::find(const Document& filter) const
 {
     return Cursor(mongoc_collection_find_with_opts(m_collection, filter.get(), nullptr, nullptr));

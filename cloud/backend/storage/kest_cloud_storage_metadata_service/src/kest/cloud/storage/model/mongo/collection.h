@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 
 #include <mongoc/mongoc.h>
@@ -30,6 +31,9 @@ public:
     /** No result for an unacknowledged write. */
     std::optional<WriteResult> updateOne(const Document& filter, const Document& update,
                                          bool upsert) const;
+
+    /** The number of documents removed. */
+    std::int64_t deleteMany(const Document& filter) const;
 
     /** Default options: no projection, sort or limit. */
     Cursor find(const Document& filter) const;

@@ -1,0 +1,39 @@
+#include "data_saver_controller.h"
+
+#include <memory>
+#include <unordered_set>
+
+#include <kest/utils/log/log.h>
+
+namespace kest::cloud::storage::metadatadb {
+
+using namespace kest::network::http;
+using kest::common::metadata::ObjectMetadataPacket;
+
+DataSaverController::DataSaverController(kest::analytics::db::AbstractEventsStorage* eventsStorage)
+    : m_eventsStorage(eventsStorage)
+{}
+
+void DataSaverController::processRequest(RequestContext /*requestContext*/,
+                                         std::vector<ObjectMetadataPacket> packets)
+{
+    // The device set exists only for the trace line; the ingest path does not pay for it.
+    if (kest::utils::log::Logger::instance().isEnabled(kest::utils::log::Level::verbose)) {
+        std::unordered_set<ZuUuid> deviceIds;
+        for (const auto& packet : packets)
+            deviceIds.insert(packet.deviceId);
+        KEST_VERBOSE(this, "procsessing save data request with deviceId: %1", deviceIds);
+    }
+
+    if (!m_eventsStorage || !m_eventsStorage->isReady()) {
+        KEST_ERROR(this, "analytics db in bad state");
+        requestCompleted(StatusCode::internalServerError, ApiRequestResult());
+        return;
+    }
+
+    for (auto& packet : packets)
+        m_eventsStorage->save(std::make_shared<const ObjectMetadataPacket>(std::move(packet)));
+    requestCompleted(ApiRequestResult());
+}
+
+}  // namespace kest::cloud::storage::metadatadb

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <vector>
+
+#include <kest/analytics_db/abstract_events_storage.h>
+#include <kest/analytics_db/object_metadata_packet.h>
+#include <kest/network/http/api/base_api_request_handler.h>
+
+namespace kest::cloud::storage::metadatadb {
+
+/**
+ * POST data: queues every packet into the analytics storage and answers 200 at once, before
+ * anything is written; later failures reach the save-error history instead.
+ */
+class DataSaverController : public kest::network::http::detail::BaseApiRequestHandler<
+                                std::vector<kest::common::metadata::ObjectMetadataPacket>,
+                                kest::network::http::AbstractApiRequestHandler<
+                                    std::vector<kest::common::metadata::ObjectMetadataPacket>>>
+{
+public:
+    explicit DataSaverController(kest::analytics::db::AbstractEventsStorage* eventsStorage);
+
+    void processRequest(kest::network::http::RequestContext requestContext,
+                        std::vector<kest::common::metadata::ObjectMetadataPacket> packets) override;
+
+private:
+    kest::analytics::db::AbstractEventsStorage* m_eventsStorage;
+};
+
+}  // namespace kest::cloud::storage::metadatadb
