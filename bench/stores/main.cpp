@@ -43,13 +43,13 @@ constexpr double kFreeTextJsonGoal = 100;  //< The JSON table's free-text p99 ov
 
 struct Options
 {
-    std::int64_t tracks = 50'000;
+    std::int64_t tracks = 30'000;
     std::uint64_t seed = 1;
     fs::path dir;
     bool quick = false;
     int queries = 100;
-    int minQueries = 10;
-    double shapeSeconds = 20;
+    int minQueries = 5;
+    double shapeSeconds = 15;
     std::string postgres;
     bool json = true;
     std::size_t chunkPackets = 16384;
@@ -60,15 +60,16 @@ void printUsage()
     std::printf(
         "usage: stores_bench [--quick] [--tracks N] [--queries N] [--shape-seconds S]\n"
         "                    [--postgres CONNINFO] [--no-json] [--dir PATH] [--seed N]\n"
-        "  --tracks N          tracks of the generated data set (default 50000)\n"
+        "  --tracks N          tracks of the generated data set (default 30000)\n"
         "  --queries N         searches of each shape per store (default 100)\n"
-        "  --shape-seconds S   a store's searches of one shape stop after S seconds, once 10\n"
-        "                      have run (default 20)\n"
+        "  --shape-seconds S   a store's searches of one shape stop after S seconds, once 5\n"
+        "                      have run (default 15)\n"
         "  --postgres CONN     a libpq connection string of a server to load (its tables\n"
         "                      tracks and track_positions are replaced); without it PostgreSQL\n"
         "                      is left out\n"
         "  --no-json           leave the SQLite JSON table out\n"
-        "  --quick             5000 tracks, 20 searches of each shape, 3 s per shape\n");
+        "  --quick             5000 tracks, 20 searches of each shape, 2 s per shape (3 at\n"
+        "                      least)\n");
 }
 
 bool parseOptions(int argc, char** argv, Options* options)
@@ -114,7 +115,8 @@ bool parseOptions(int argc, char** argv, Options* options)
         if (!queriesGiven)
             options->queries = 20;
         if (!secondsGiven)
-            options->shapeSeconds = 3;
+            options->shapeSeconds = 2;
+        options->minQueries = 3;
     }
     if (options->tracks <= 0 || options->queries <= 0 || options->shapeSeconds <= 0)
         return false;
