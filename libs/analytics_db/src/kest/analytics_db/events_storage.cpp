@@ -105,9 +105,33 @@ StorageStatistics EventsStorage::statistics() const
     result.packetsFailed = m_packetsFailed.load(std::memory_order_relaxed);
     result.queuedPackets = m_queuedPackets.load(std::memory_order_relaxed);
     result.maxQueuedPackets = m_maxQueuedPackets.load(std::memory_order_relaxed);
+    result.queuedBytes = m_queuedBytesFigure.load(std::memory_order_relaxed);
     result.storeBytes = m_storeBytes.load(std::memory_order_relaxed);
     result.diskAvailableBytes = m_diskAvailableBytes.load(std::memory_order_relaxed);
     return result;
+}
+
+std::size_t EventsStorage::packetBytes(const common::metadata::ObjectMetadataPacket& packet)
+{
+    // Every heap block costs its header too; strings up to 15 characters live inside the object.
+    constexpr std::size_t kBlock = 16;
+    const auto text = [](const std::string& s) {
+        return s.capacity() > 15 ? s.capacity() + 1 + kBlock : 0;
+    };
+    using common::metadata::Attribute;
+    using common::metadata::ObjectMetadata;
+    // The packet and the shared pointer's control block are one block (make_shared) or two.
+    std::size_t bytes = sizeof(packet) + 2 * kBlock + 16;
+    if (packet.objectMetadataList.capacity() > 0)
+        bytes += packet.objectMetadataList.capacity() * sizeof(ObjectMetadata) + kBlock;
+    for (const auto& object : packet.objectMetadataList) {
+        bytes += text(object.typeId);
+        if (object.attributes.capacity() > 0)
+            bytes += object.attributes.capacity() * sizeof(Attribute) + kBlock;
+        for (const auto& attribute : object.attributes)
+            bytes += text(attribute.name) + text(attribute.value);
+    }
+    return bytes;
 }
 
 std::size_t EventsStorage::queuedPackets() const
@@ -125,6 +149,7 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
         return;
     }
     bool wake = false;
+    const std::size_t bytes = packetBytes(*packet);
     {
         std::unique_lock lock(m_queueMutex);
         if (m_stopping) {
@@ -137,9 +162,13 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
             m_oldestQueued = steady_clock::now();
         m_queue.push_back(std::move(packet));
         ++m_enqueued;
+        m_queuedBytes += bytes;
         m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
-        if (m_queue.size() > m_settings.maxQueuedPackets)
+        m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
+        if (m_queue.size() > m_settings.maxQueuedPackets ||
+            m_queuedBytes > m_settings.maxQueuedBytes) {
             m_overloaded = true;
+        }
         m_packetsAccepted.fetch_add(1, std::memory_order_relaxed);
         // Waking the writer on every packet would cost a system call each; it only needs to
         // know about the first one (to start the delay) and about a full batch.
@@ -228,6 +257,10 @@ void EventsStorage::writerLoop()
         if (!batch.empty())
             writeBatch(batch);
         const std::size_t written = batch.size();
+        // Counted as queued until released: the batch holds its memory while it is written.
+        std::size_t writtenBytes = 0;
+        for (const auto& packet : batch)
+            writtenBytes += packetBytes(*packet);
         batch.clear();  //< Packets are released outside the lock.
         if (m_settings.maxAgeDays > 0 && steady_clock::now() >= m_nextRetention)
             applyRetention();
@@ -236,8 +269,12 @@ void EventsStorage::writerLoop()
 
         lock.lock();
         m_done += written;
-        if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2)
+        m_queuedBytes -= std::min(m_queuedBytes, writtenBytes);
+        m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
+        if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2 &&
+            m_queuedBytes <= m_settings.maxQueuedBytes / 2) {
             m_overloaded = false;
+        }
         m_progress.notify_all();
     }
 }

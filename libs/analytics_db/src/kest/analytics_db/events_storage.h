@@ -29,7 +29,8 @@ namespace kest::analytics::db {
  * A batch that cannot be committed is rolled back and its packets are reported, per device as
  * the union of their periods, through the save-error handler on a thread of its own; a committed
  * batch is reported the same way through the commit handler, on another thread. Past
- * maxQueuedPackets the storage is not ready until the queue is below half of it. Before a
+ * maxQueuedPackets, or maxQueuedBytes of packets not yet written, the storage is not ready until
+ * both are below half of their mark. Before a
  * successful initialize, lookups complete at once (on the caller's thread) with an error and
  * saves are reported as failed (connectionError).
  */
@@ -69,6 +70,9 @@ public:
 
     std::size_t queuedPackets() const;
 
+    /** What a queued packet costs in memory, about: its objects, strings and allocations. */
+    static std::size_t packetBytes(const common::metadata::ObjectMetadataPacket& packet);
+
 private:
     struct LookupTask
     {
@@ -97,6 +101,8 @@ private:
     std::vector<PacketPtr> m_queue;
     std::chrono::steady_clock::time_point m_oldestQueued;
     std::uint64_t m_enqueued = 0;
+    /** packetBytes() of the packets accepted and not yet written, the batch in hand included. */
+    std::size_t m_queuedBytes = 0;
     std::uint64_t m_done = 0;
     std::uint64_t m_flushTarget = 0;
     bool m_stopping = false;
@@ -113,6 +119,7 @@ private:
     std::atomic<std::uint64_t> m_packetsCommitted{0};
     std::atomic<std::uint64_t> m_packetsFailed{0};
     std::atomic<std::uint64_t> m_queuedPackets{0};
+    std::atomic<std::uint64_t> m_queuedBytesFigure{0};
     std::atomic<std::uint64_t> m_maxQueuedPackets{0};
     std::atomic<std::uint64_t> m_storeBytes{0};
     std::atomic<std::uint64_t> m_diskAvailableBytes{0};

@@ -145,11 +145,18 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
     } end{m_db};
 
     m_words = TextMatcher::words(filter.freeText);
-    const TextMode mode = m_words.empty() ? TextMode::none : TextMode::scan;
     m_matcher.setQuery(m_words);
     m_textBudgetExceeded = false;
     m_walkGaveUp = false;
-    DBResult result = run(filter, mode, tracks);
+    bool rare = false;
+    if (!m_words.empty()) {
+        if (isRareText(&rare) != DBResult::ok)
+            return ResultCode::error;
+    }
+    // Rare words start where a row by row test that found nothing would have gone next.
+    m_textBudgetExceeded = rare;
+    DBResult result = rare ? DBResult::error
+                           : run(filter, m_words.empty() ? TextMode::none : TextMode::scan, tracks);
     if (result != DBResult::ok && m_textBudgetExceeded) {
         tracks->clear();
         m_db.resetCached();
@@ -165,6 +172,22 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
         return ResultCode::error;
     }
     return ResultCode::ok;
+}
+
+DBResult TrackReader::isRareText(bool* rare)
+{
+    *rare = false;
+    if (m_rareTextMatches <= 0)
+        return DBResult::ok;
+    auto* s = m_db.cached(
+        "SELECT count(*) FROM (SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?)");
+    if (!s)
+        return m_db.lastResult();
+    s->bindText(1, ftsQuery(m_words));
+    s->bind(2, m_rareTextMatches);
+    if (s->step())
+        *rare = s->int64(0) < m_rareTextMatches;
+    return s->result();
 }
 
 DBResult TrackReader::run(const Filter& filter, TextMode textMode,
