@@ -154,10 +154,10 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
             return ResultCode::error;
     }
     // Rare words start where a row by row test that found nothing would have gone next.
-    m_textBudgetExceeded = rare;
-    DBResult result = rare ? DBResult::error
-                           : run(filter, m_words.empty() ? TextMode::none : TextMode::scan, tracks);
-    if (result != DBResult::ok && m_textBudgetExceeded) {
+    DBResult result = DBResult::ok;
+    if (!rare)
+        result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, tracks);
+    if (rare || (result != DBResult::ok && m_textBudgetExceeded)) {
         tracks->clear();
         m_db.resetCached();
         result = run(filter, TextMode::rowWalk, tracks);
