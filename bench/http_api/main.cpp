@@ -266,6 +266,26 @@ private:
     std::uint16_t m_port = 0;
 };
 
+/**
+ * How a client waits before resending a batch that the service refused because its storage is
+ * behind: 1 ms, doubling up to 32 ms while refusals last. Every refused request costs the service
+ * the reading of its whole body, so resending at a fixed short pace would take the CPU that the
+ * storage needs to catch up.
+ */
+class BackOff
+{
+public:
+    void reset() { m_delay = milliseconds(1); }
+    void wait()
+    {
+        std::this_thread::sleep_for(m_delay);
+        m_delay = std::min(m_delay * 2, milliseconds(32));
+    }
+
+private:
+    milliseconds m_delay{1};
+};
+
 double measureStorageIngest(const Options& options,
                             std::vector<std::shared_ptr<const ObjectMetadataPacket>> packets)
 {
@@ -318,17 +338,20 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
             threads.emplace_back([&, c] {
                 pthread_setname_np(pthread_self(), "bench client");
                 HttpConnection connection(service.port());
+                BackOff backOff;
                 for (std::size_t i; (i = next++) < requests.size();) {
                     for (;;) {
                         const auto sent = steady_clock::now();
                         const int status = connection.exchange(requests[i]);
                         stats[c].add(steady_clock::now() - sent);
-                        if (status == 200)
+                        if (status == 200) {
+                            backOff.reset();
                             break;
+                        }
                         // 500: the storage's queue is full; a client backs off and resends.
                         if (status == 500) {
                             ++refused;
-                            std::this_thread::sleep_for(milliseconds(1));
+                            backOff.wait();
                             continue;
                         }
                         ++failed;
@@ -382,13 +405,15 @@ void feedIngest(const Options& options, const std::vector<std::string>& requests
     for (int c = 0; c < options.connections; ++c) {
         threads.emplace_back([&] {
             HttpConnection connection(options.port);
+            BackOff backOff;
             while (steady_clock::now() < end) {
                 const int status = connection.exchange(requests[next++ % requests.size()]);
                 if (status == 200) {
                     ++accepted;
+                    backOff.reset();
                 } else if (status == 500) {
                     ++refused;
-                    std::this_thread::sleep_for(milliseconds(1));
+                    backOff.wait();
                 } else {
                     ++failed;
                     std::this_thread::sleep_for(milliseconds(10));

@@ -161,6 +161,7 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
         if (m_queue.empty())
             m_oldestQueued = steady_clock::now();
         m_queue.push_back(std::move(packet));
+        m_queueBytes.push_back(bytes);
         ++m_enqueued;
         m_queuedBytes += bytes;
         m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
@@ -239,13 +240,27 @@ void EventsStorage::writerLoop()
         auto tasks = std::move(m_writerTasks);
         m_writerTasks.clear();
         std::vector<PacketPtr> batch;
+        // Counted as queued until released: the batch holds its memory while it is written.
+        std::size_t batchBytes = 0;
         if (batchDue() && !m_queue.empty()) {
-            if (m_queue.size() <= kMaxBatchPackets) {
+            // A batch takes at most a quarter of the memory mark, so that saves go on being
+            // accepted while it is written and the writer always has the next batch waiting.
+            const std::size_t byteLimit = std::max<std::size_t>(m_settings.maxQueuedBytes / 4, 1);
+            std::size_t count = 0;
+            for (const std::size_t end = std::min(m_queue.size(), kMaxBatchPackets); count < end;
+                 ++count) {
+                if (count > 0 && batchBytes + m_queueBytes[count] > byteLimit)
+                    break;
+                batchBytes += m_queueBytes[count];
+            }
+            if (count == m_queue.size()) {
                 batch.swap(m_queue);
+                m_queueBytes.clear();
             } else {
                 batch.assign(std::make_move_iterator(m_queue.begin()),
-                             std::make_move_iterator(m_queue.begin() + kMaxBatchPackets));
-                m_queue.erase(m_queue.begin(), m_queue.begin() + kMaxBatchPackets);
+                             std::make_move_iterator(m_queue.begin() + count));
+                m_queue.erase(m_queue.begin(), m_queue.begin() + count);
+                m_queueBytes.erase(m_queueBytes.begin(), m_queueBytes.begin() + count);
                 m_oldestQueued = steady_clock::now() - m_settings.maxCommitDelay;
             }
             m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
@@ -257,10 +272,6 @@ void EventsStorage::writerLoop()
         if (!batch.empty())
             writeBatch(batch);
         const std::size_t written = batch.size();
-        // Counted as queued until released: the batch holds its memory while it is written.
-        std::size_t writtenBytes = 0;
-        for (const auto& packet : batch)
-            writtenBytes += packetBytes(*packet);
         batch.clear();  //< Packets are released outside the lock.
         if (m_settings.maxAgeDays > 0 && steady_clock::now() >= m_nextRetention)
             applyRetention();
@@ -269,7 +280,7 @@ void EventsStorage::writerLoop()
 
         lock.lock();
         m_done += written;
-        m_queuedBytes -= std::min(m_queuedBytes, writtenBytes);
+        m_queuedBytes -= batchBytes;
         m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
         if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2 &&
             m_queuedBytes <= m_settings.maxQueuedBytes / 2) {

@@ -40,7 +40,10 @@ public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
 
     static constexpr const char* kFileName = "events.sqlite";
-    /** A batch is committed once this many packets are waiting, or after maxCommitDelay. */
+    /**
+     * A batch is committed once this many packets are waiting, or after maxCommitDelay. It takes
+     * at most kMaxBatchPackets, and at most a quarter of maxQueuedBytes.
+     */
     static constexpr std::size_t kBatchPackets = 4096;
     static constexpr std::size_t kMaxBatchPackets = 16384;
     static constexpr int kLookupWorkers = 2;
@@ -99,6 +102,8 @@ private:
     std::condition_variable m_writerWake;
     std::condition_variable m_progress;
     std::vector<PacketPtr> m_queue;
+    /** packetBytes() of each queued packet. */
+    std::vector<std::size_t> m_queueBytes;
     std::chrono::steady_clock::time_point m_oldestQueued;
     std::uint64_t m_enqueued = 0;
     /** packetBytes() of the packets accepted and not yet written, the batch in hand included. */
