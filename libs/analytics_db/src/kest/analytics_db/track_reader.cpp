@@ -179,6 +179,12 @@ DBResult TrackReader::isRareText(bool* rare)
     *rare = false;
     if (m_rareTextMatches <= 0)
         return DBResult::ok;
+    // A one-letter prefix has no prefix index: FTS5 would merge the lists of every word starting
+    // with it ("t" of "t-shirt"), which costs more than the row by row test it is meant to spare.
+    for (const std::string& word : m_words) {
+        if (QString::fromStdString(word).size() < 2)
+            return DBResult::ok;
+    }
     auto* s = m_db.cached(
         "SELECT count(*) FROM (SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?)");
     if (!s)

@@ -70,7 +70,8 @@ public:
     /**
      * Words that FTS5 matches fewer times than this (a licence plate, a rare make) skip the row by
      * row test, which would read its whole budget to find nothing: their matches are read from
-     * the index at once. Counting up to it costs a few microseconds for common words.
+     * the index at once. Counting up to it costs a few microseconds for common words; words of
+     * one letter, which have no prefix index, are not counted.
      */
     static constexpr std::int64_t kRareTextMatches = 256;
     /** Tests use it to take either way on small stores; 0 never counts. */
