@@ -324,7 +324,7 @@ Search options (each optional; repeated ones select any of their values):
   --start-ms MS, --duration-ms MS
                             The period as a start and a length in milliseconds.
   --box X,Y,W,H             Tracks that crossed this frame region (relative coordinates, 0 to 1).
-  --text TEXT               Free text matched against types and attribute values.
+  --text TEXT               Words that start words of the tracks' attribute names or values.
   --limit N                 At most N tracks per instance.
   --full-track              With every position of each track.
   --sort asc|desc           Oldest or newest first (default desc).
