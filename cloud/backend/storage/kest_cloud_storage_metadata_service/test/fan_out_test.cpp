@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -313,6 +314,51 @@ TEST_F(FanOutTest, AnInstanceThatNeverAnswersIsCutOffByThePeerTimeout)
     }
     std::this_thread::sleep_for(500ms);
     EXPECT_EQ(typesOf(tracksOf(search({good}))), std::vector<std::string>{"g"});
+}
+
+/** Answers its one address lookup only when destroyed, as a storage that finishes its queue. */
+class HeldLookupStorage : public ScriptedDistributionStorage
+{
+public:
+    explicit HeldLookupStorage(std::promise<void>* asked)
+        : ScriptedDistributionStorage(std::make_shared<DistributionScript>()), m_asked(asked)
+    {}
+    ~HeldLookupStorage() override
+    {
+        if (m_handler)
+            m_handler(true, {"http://late.test:1"});
+    }
+
+    void getStorageInfo(const std::vector<std::string>&, const ZuTimePeriod&,
+                        MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) override
+    {
+        m_handler = std::move(handler);
+        m_asked->set_value();
+    }
+
+private:
+    std::promise<void>* m_asked;
+    MoveOnlyFunc<void(bool, std::vector<std::string>)> m_handler;
+};
+
+// A stop gives up on requests still pending after its timeout and destroys the server's threads;
+// a lookup that ends later must find no thread to go on with, and still end the request.
+TEST(FanOutStopTest, ALookupThatEndsAfterTheServerIsGoneEndsTheRequest)
+{
+    std::promise<void> asked;
+    auto previous = DataDistribStorageFactory::instance().setCreateFunction(
+        [&asked](const conf::MongoConnectionSettings&)
+            -> std::unique_ptr<AbstractDataDistributionStorage> {
+            return std::make_unique<HeldLookupStorage>(&asked);
+        });
+    {
+        RunningService service(kUnreachableMongo, {"--http/stopTimeoutMs=100"});
+        ASSERT_TRUE(service.started());
+        KeepAliveConnection connection(service.port());
+        ASSERT_TRUE(connection.send("GET", dataTarget(DataRequestData())));
+        EXPECT_EQ(asked.get_future().wait_for(10s), std::future_status::ready);
+    }
+    DataDistribStorageFactory::instance().setCreateFunction(std::move(previous));
 }
 
 }  // namespace

@@ -48,23 +48,47 @@ void DataProviderController::processRequest(RequestContext /*requestContext*/,
         return;
     }
 
-    // Outside the HTTP server (tests that call a controller directly) any I/O thread will do.
-    m_aioThread = kest::network::aio::AioThread::current();
-    if (!m_aioThread)
-        m_aioThread = kest::network::aio::AioThreadPool::instance().next();
+    // Outside the HTTP server (a controller called directly) any I/O thread will do.
+    m_aioThread = kest::network::aio::AioThread::currentWeak();
+    if (m_aioThread.expired())
+        m_aioThread = kest::network::aio::AioThreadPool::instance().nextWeak();
 
     // The distribution record keeps device ids in their braced text form.
     std::vector<std::string> deviceIds;
     deviceIds.reserve(m_filter.deviceIds.size());
     for (const ZuUuid& id : m_filter.deviceIds)
         deviceIds.push_back(id.toStdString());
-    // The lookup completes on a storage thread; the instances are asked from the I/O thread.
-    m_model.getDDSModel()->getStorageInfo(
-        deviceIds, m_filter.timePeriod, [this](bool ok, std::vector<std::string> addresses) {
-            m_aioThread->post([this, ok, addresses = std::move(addresses)]() mutable {
-                requestRemoteInstances(ok, std::move(addresses));
-            });
-        });
+    m_model.getDDSModel()->getStorageInfo(deviceIds, m_filter.timePeriod,
+                                          [this](bool ok, std::vector<std::string> addresses) {
+                                              continueInAioThread(ok, std::move(addresses));
+                                          });
+}
+
+void DataProviderController::continueInAioThread(bool ok, std::vector<std::string> addresses)
+{
+    // A thread that stops drops what is queued on it uncalled; the request is still answered.
+    struct Continuation
+    {
+        DataProviderController* controller;
+        bool ok;
+        std::vector<std::string> addresses;
+        bool ran = false;
+
+        ~Continuation()
+        {
+            if (!ran)
+                controller->requestCompleted(StatusCode::serviceUnavailable, ApiRequestResult());
+        }
+    };
+    auto continuation = std::make_unique<Continuation>(this, ok, std::move(addresses));
+    const auto thread = m_aioThread.lock();
+    if (!thread)
+        return;  //< The server is gone; the continuation answers.
+    thread->post([continuation = std::move(continuation)]() {
+        continuation->ran = true;
+        continuation->controller->requestRemoteInstances(continuation->ok,
+                                                         std::move(continuation->addresses));
+    });
 }
 
 void DataProviderController::onLocalLookupDone(ResultCode resultCode,
@@ -106,7 +130,7 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
             ++notAsked;
             continue;
         }
-        client->bindToAioThread(m_aioThread);
+        client->bindToAioThread(kest::network::aio::AioThread::current());
         // A peer that never answers would otherwise hold the whole search.
         client->setRequestTimeout(m_model.peerTimeout());
         m_clients.push_back(std::move(client));

@@ -11,7 +11,7 @@
 #include <kest/analytics_db/object_track_ex.h>
 #include <kest/analytics_db/result_code.h>
 #include <kest/cloud/storage/api/abstract_client.h>
-#include <kest/network/aio/abstract_aio_thread.h>
+#include <kest/network/aio/aio_thread.h>
 #include <kest/network/http/api/base_api_request_handler.h>
 
 #include "data_request_data.h"
@@ -44,6 +44,8 @@ public:
 private:
     void onLocalLookupDone(kest::analytics::db::ResultCode resultCode,
                            std::vector<kest::analytics::db::ObjectTrackEx> tracks);
+    /** Takes the address lookup's result from the storage's thread to the request's. */
+    void continueInAioThread(bool ok, std::vector<std::string> addresses);
     /** Asks every instance at `addresses`, once per occurrence; on the request's I/O thread. */
     void requestRemoteInstances(bool ok, std::vector<std::string> addresses);
     /** One instance's reply; a failed one counts with whatever tracks it brought. */
@@ -58,7 +60,8 @@ private:
     kest::analytics::db::Filter m_filter;
     bool m_internalLookup = false;
     std::vector<std::unique_ptr<api::AbstractClient>> m_clients;
-    kest::network::aio::AbstractAioThread* m_aioThread = nullptr;
+    /** Weak: a lookup may end after a stopping server has destroyed its threads. */
+    std::weak_ptr<kest::network::aio::AioThread> m_aioThread;
 };
 
 }  // namespace kest::cloud::storage::metadatadb
