@@ -22,13 +22,13 @@ const std::map<QString, Command> kCommands = {
 };
 
 /** An option and the commands that take it; none listed: every command. */
-struct OptionSpec
+struct CommandOption
 {
     QCommandLineOption option;
     std::set<Command> commands;
 };
 
-std::vector<OptionSpec> optionSpecs()
+std::vector<CommandOption> commandOptions()
 {
     const auto withValue = [](const QString& name, const QString& valueName) {
         return QCommandLineOption(name, QString(), valueName);
@@ -101,9 +101,9 @@ CommandLine::Outcome CommandLine::fail(std::string error)
 CommandLine::Outcome CommandLine::parse(const QStringList& arguments)
 {
     QCommandLineParser parser;
-    const auto specs = optionSpecs();
-    for (const auto& spec : specs)
-        parser.addOption(spec.option);
+    const auto options = commandOptions();
+    for (const auto& known : options)
+        parser.addOption(known.option);
     if (!parser.parse(QStringList{"metadata_storage_client"} + arguments))
         return fail(parser.errorText().toStdString());
     if (parser.isSet("help"))
@@ -120,9 +120,9 @@ CommandLine::Outcome CommandLine::parse(const QStringList& arguments)
     run.command = command->second;
 
     for (const QString& name : parser.optionNames()) {
-        for (const auto& spec : specs) {
-            if (spec.option.names().contains(name) && !spec.commands.empty() &&
-                !spec.commands.contains(run.command)) {
+        for (const auto& known : options) {
+            if (known.option.names().contains(name) && !known.commands.empty() &&
+                !known.commands.contains(run.command)) {
                 return fail("--" + name.toStdString() + " is not an option of " +
                             command->first.toStdString());
             }
@@ -172,42 +172,52 @@ CommandLine::Outcome CommandLine::parse(const QStringList& arguments)
             }
             return Outcome::run;
 
-        case Command::errors: {
-            for (const QString& text : positional) {
-                const auto id = parseUuid(text);
-                if (!id)
-                    return fail("not a device id: " + text.toStdString());
-                run.errorDevices.push_back(*id);
-            }
-            if (parser.isSet("timestamp")) {
-                const auto time = parseTime(parser.value("timestamp"));
-                if (!time || *time < 0)
-                    return fail("--timestamp: not a time: " +
-                                parser.value("timestamp").toStdString());
-                run.errors.timestamp = std::chrono::milliseconds(*time);
-            }
-            if (parser.isSet("count")) {
-                const auto count = parseInteger(parser.value("count"));
-                if (!count || *count < 0 || *count > std::numeric_limits<std::uint32_t>::max())
-                    return fail("--count: not a number of devices");
-                run.errors.count = static_cast<std::uint32_t>(*count);
-            }
-            if (parser.isSet("clear")) {
-                // The service forgets nothing without a timestamp: say so rather than do nothing.
-                if (!run.errors.timestamp)
-                    return fail(
-                        "--clear needs --timestamp: errors that ended before it are forgotten");
-                run.errors.clearData = true;
-            }
-            return Outcome::run;
-        }
+        case Command::errors:
+            return parseErrors(parser, positional);
 
         case Command::search:
             break;
     }
-
     if (!positional.isEmpty())
         return fail("search takes options only, not \"" + positional.first().toStdString() + "\"");
+    return parseSearch(parser, devices);
+}
+
+CommandLine::Outcome CommandLine::parseErrors(const QCommandLineParser& parser,
+                                              const QStringList& positional)
+{
+    Invocation& run = m_invocation;
+    for (const QString& text : positional) {
+        const auto id = parseUuid(text);
+        if (!id)
+            return fail("not a device id: " + text.toStdString());
+        run.errorDevices.push_back(*id);
+    }
+    if (parser.isSet("timestamp")) {
+        const auto time = parseTime(parser.value("timestamp"));
+        if (!time || *time < 0)
+            return fail("--timestamp: not a time: " + parser.value("timestamp").toStdString());
+        run.errors.timestamp = std::chrono::milliseconds(*time);
+    }
+    if (parser.isSet("count")) {
+        const auto count = parseInteger(parser.value("count"));
+        if (!count || *count < 0 || *count > std::numeric_limits<std::uint32_t>::max())
+            return fail("--count: not a number of devices");
+        run.errors.count = static_cast<std::uint32_t>(*count);
+    }
+    if (parser.isSet("clear")) {
+        // The service forgets nothing without a timestamp: say so rather than do nothing.
+        if (!run.errors.timestamp)
+            return fail("--clear needs --timestamp: errors that ended before it are forgotten");
+        run.errors.clearData = true;
+    }
+    return Outcome::run;
+}
+
+CommandLine::Outcome CommandLine::parseSearch(const QCommandLineParser& parser,
+                                              const std::vector<ZuUuid>& devices)
+{
+    Invocation& run = m_invocation;
     auto& filter = run.search.filter;
     filter.deviceIds.insert(devices.begin(), devices.end());
     for (const QString& type : parser.values("type"))

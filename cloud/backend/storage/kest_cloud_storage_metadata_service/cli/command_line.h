@@ -12,6 +12,8 @@
 #include <kest/utils/url.h>
 #include <kest/vms_common/zu_uuid.h>
 
+class QCommandLineParser;
+
 namespace kest::cloud::storage::metadatadb::cli {
 
 /** What one run of the command-line client is asked to do. */
@@ -70,6 +72,8 @@ public:
     static std::optional<std::int64_t> parseTime(const QString& text);
 
 private:
+    Outcome parseErrors(const QCommandLineParser& parser, const QStringList& positional);
+    Outcome parseSearch(const QCommandLineParser& parser, const std::vector<ZuUuid>& devices);
     Outcome fail(std::string error);
 
     Invocation m_invocation;
