@@ -335,24 +335,36 @@ int run(const Options& options, const fs::path& work)
         searches.push_back(std::move(search));
     }
 
-    // Ready once every packet is committed and every instance has recorded where its data is.
-    DataRequestData everything;
+    // Ready once the single instance has committed every packet and, through the cluster, the
+    // first and the last second of every device's data are found: the spans are recorded.
+    DataRequestData all;
     for (const auto& group : devices)
-        everything.filter.deviceIds.insert(group.begin(), group.end());
-    auto whole = everything;
-    whole.internal_lookup = true;
-    const auto deadline = Clock::now() + 60s;
-    for (;;) {
-        const auto expected = idsOf(std::get<1>(single.client->getDataSync(whole)));
-        if (expected.size() == tracks &&
-            idsOf(std::get<1>(cluster[0]->client->getDataSync(everything))) == expected) {
-            break;
+        all.filter.deviceIds.insert(group.begin(), group.end());
+    const auto idsFound = [&](const DataRequestData& request, Instance& instance) {
+        return idsOf(std::get<1>(instance.client->getDataSync(request)));
+    };
+    const auto ready = [&]() {
+        auto local = all;
+        local.internal_lookup = true;
+        if (idsFound(local, single).size() != tracks)
+            return false;
+        for (const std::int64_t second : {0, options.packetsPerDevice - 1}) {
+            auto edge = all;
+            edge.filter.timePeriod = ZuTimePeriod(kStartMs + second * 1'000, 1'000);
+            auto localEdge = edge;
+            localEdge.internal_lookup = true;
+            if (idsFound(edge, *cluster[0]) != idsFound(localEdge, single))
+                return false;
         }
+        return true;
+    };
+    const auto deadline = Clock::now() + 60s;
+    while (!ready()) {
         if (Clock::now() > deadline) {
             std::fprintf(stderr, "the data was not committed and recorded within a minute\n");
             return 1;
         }
-        std::this_thread::sleep_for(100ms);
+        std::this_thread::sleep_for(200ms);
     }
 
     std::map<std::string, std::string> nodeOfDevice;
@@ -390,7 +402,14 @@ int run(const Options& options, const fs::path& work)
         if (localStatus != StatusCode::ok || status != StatusCode::ok ||
             instantStatus != StatusCode::ok || idsOf(tracks) != idsOf(localTracks) ||
             idsOf(instantTracks) != idsOf(localTracks)) {
-            ++differing;
+            if (++differing <= 3) {
+                std::fprintf(stderr,
+                             "search %zu differs: internal %d with %zu tracks, distributed %d "
+                             "with %zu, instant lookup %d with %zu\n",
+                             s, static_cast<int>(localStatus), localTracks.size(),
+                             static_cast<int>(status), idsOf(tracks).size(),
+                             static_cast<int>(instantStatus), idsOf(instantTracks).size());
+            }
         }
 
         std::vector<std::string> deviceIds;
