@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <kest/network/http/server/request_metrics.h>
 #include <kest/network/http/server/rest/message_dispatcher.h>
 #include <kest/utils/log/logger.h>
 
@@ -168,6 +169,68 @@ TEST(RequestTest, HeaderLookupIgnoresCaseAndTargetSplits)
     }
     EXPECT_EQ(Request::percentDecode("%4"), "%4");
     EXPECT_EQ(Request::percentDecode("%zz%41"), "%zzA");
+}
+
+/** Keeps its completion handler for the test to call after the handler is gone. */
+class HeldHandler : public AbstractRequestHandler
+{
+public:
+    explicit HeldHandler(kest::utils::MoveOnlyFunc<void(RequestResult)>* held) : m_held(held) {}
+
+    void processRequest(RequestContext,
+                        kest::utils::MoveOnlyFunc<void(RequestResult)> completionHandler) override
+    {
+        *m_held = std::move(completionHandler);
+    }
+
+private:
+    kest::utils::MoveOnlyFunc<void(RequestResult)>* m_held;
+};
+
+TEST(MessageDispatcherMetricsTest, RequestsCountUnderTheirRouteTemplateOrAsUnmatchedByMethod)
+{
+    kest::utils::metrics::Registry registry;
+    RequestMetrics metrics(registry, "t_");
+    MessageDispatcher dispatcher;
+    dispatcher.setRequestMetrics(&metrics);
+    kest::utils::MoveOnlyFunc<void(RequestResult)> held;
+    ASSERT_TRUE(dispatcher.registerRequestProcessor("/a/{id}", tagged("a"), "get"));
+    ASSERT_TRUE(dispatcher.registerRequestProcessor(
+        "/held", [&held]() { return std::make_unique<HeldHandler>(&held); }, "POST"));
+
+    int answered = 0;
+    const auto call = [&](std::string method, std::string target) {
+        Request request;
+        request.method = std::move(method);
+        request.setTarget(std::move(target));
+        return dispatcher.dispatchRequest(
+            RequestContext(std::move(request), SocketAddress{"127.0.0.1", 1}),
+            [&answered](RequestResult) { ++answered; });
+    };
+    call("GET", "/a/1");
+    call("GET", "/a/2?x=1");
+    call("get", "/missing");
+    call("GET", "/missing/too");
+    call("BREW", "/a/1");  //< Any method name may arrive: all the odd ones share one series.
+    call("WHATEVER", "/");
+    // The handler is gone before it answers; the answer still counts, with its own status.
+    call("POST", "/held").reset();
+    held(RequestResult(StatusCode::serviceUnavailable));
+    EXPECT_EQ(answered, 7);
+
+    const std::string text = registry.exposition();
+    for (const std::string line :
+         {"t_http_requests_total{route=\"/a/{id}\",method=\"GET\",status=\"200\"} 2\n",
+          "t_http_requests_total{route=\"/held\",method=\"POST\",status=\"503\"} 1\n",
+          "t_http_requests_total{route=\"unmatched\",method=\"GET\",status=\"404\"} 2\n",
+          "t_http_requests_total{route=\"unmatched\",method=\"other\",status=\"404\"} 2\n",
+          "t_http_request_duration_seconds_count{route=\"/a/{id}\",method=\"GET\"} 2\n",
+          "t_http_request_duration_seconds_count{route=\"/held\",method=\"POST\"} 1\n"}) {
+        EXPECT_NE(text.find(line), std::string::npos) << line << text;
+    }
+    // No raw paths, and no series for statuses never answered.
+    EXPECT_EQ(text.find("/a/1"), std::string::npos) << text;
+    EXPECT_EQ(text.find("status=\"500\""), std::string::npos) << text;
 }
 
 }  // namespace

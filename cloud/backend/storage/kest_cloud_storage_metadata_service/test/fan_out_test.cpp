@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <future>
 #include <map>
@@ -18,6 +14,7 @@
 #include <kest/network/aio/timer.h>
 #include <kest/utils/assert.h>
 
+#include "fake_peers.h"
 #include "log_capture.h"
 #include "running_service.h"
 #include "scripted_distribution_storage.h"
@@ -157,30 +154,6 @@ std::vector<std::string> typesOf(const std::vector<ObjectTrackEx>& tracks)
         types.push_back(track.objectTypeId);
     return types;
 }
-
-/** A socket that takes connections and never reads from them: a peer that never answers. */
-class SilentPeer
-{
-public:
-    SilentPeer()
-    {
-        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        ::listen(m_fd, 16);
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
-        m_url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    }
-    ~SilentPeer() { ::close(m_fd); }
-    const std::string& url() const { return m_url; }
-
-private:
-    int m_fd = -1;
-    std::string m_url;
-};
 
 class FanOutTest : public ::testing::Test
 {
@@ -359,6 +332,40 @@ TEST(FanOutStopTest, ALookupThatEndsAfterTheServerIsGoneEndsTheRequest)
         EXPECT_EQ(asked.get_future().wait_for(10s), std::future_status::ready);
     }
     DataDistribStorageFactory::instance().setCreateFunction(std::move(previous));
+}
+
+// The instance dies while its answer is on the way: the connection is reset after the head and
+// part of the body. The search does not wait for the peer timeout, and keeps the others' tracks.
+TEST(FanOutPeerDeathTest, APeerKilledMidAnswerCostsOnlyItsOwnTracksAndNoTimeout)
+{
+    constexpr auto kPeerTimeout = 10s;
+    ScriptedDistributionGuard distribution;
+    RunningService service(kUnreachableMongo,
+                           {"--cluster/peerTimeoutMs=" + std::to_string(kPeerTimeout / 1ms)});
+    ASSERT_TRUE(service.started());
+    const ZuUuid device = ZuUuid::createUuid(), kept = ZuUuid::createUuid();
+    ASSERT_EQ(service.post({packet(device, 1'767'225'600'000, kept, "person")}), 200);
+
+    DyingPeer dying(300ms);
+    distribution.script->setAddresses({dying.url(), service.url()});
+    DataRequestData request;
+    request.filter.deviceIds = {device};
+    LogCapture log;
+
+    const auto started = std::chrono::steady_clock::now();
+    const auto response = service.get(dataTarget(request));
+    const auto elapsed = std::chrono::steady_clock::now() - started;
+
+    ASSERT_TRUE(response);
+    ASSERT_EQ(response->status, 200) << response->body;
+    std::vector<ObjectTrackEx> tracks;
+    ASSERT_TRUE(kest::reflect::json::deserialize(response->body, &tracks).success);
+    ASSERT_EQ(tracks.size(), 1u);
+    EXPECT_EQ(tracks[0].id, kept);
+    EXPECT_EQ(dying.answered(), 1);
+    EXPECT_EQ(log.count(kFailedReply), 1);
+    EXPECT_GE(elapsed, 300ms);
+    EXPECT_LT(elapsed, kPeerTimeout / 2);
 }
 
 }  // namespace

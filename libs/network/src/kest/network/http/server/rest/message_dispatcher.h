@@ -6,6 +6,8 @@
 #include <utility>
 
 #include <kest/network/http/server/abstract_message_dispatcher.h>
+#include <kest/network/http/server/request_metrics.h>
+#include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
 #include "path_matcher.h"
@@ -28,10 +30,29 @@ public:
         RequestPathParams pathParams;
     };
 
+    /**
+     * From now on every request is recorded in `metrics` once answered, under its route template
+     * or as unmatched. Set before the routes are registered; `metrics` must outlive the dispatcher.
+     */
+    void setRequestMetrics(RequestMetrics* metrics)
+    {
+        KEST_ASSERT(m_matchers.empty(), "Request metrics set after routes were registered");
+        m_metrics = metrics;
+    }
+
     /** False when the (method, template) pair is taken or the template is not a valid pattern. */
     bool registerRequestProcessor(std::string pathTemplate, RequestHandlerFactory factory,
                                   std::string method = {})
     {
+        if (m_metrics) {
+            factory = [route = &m_metrics->route(pathTemplate, method),
+                       factory = std::move(factory)]() -> std::unique_ptr<AbstractRequestHandler> {
+                auto handler = factory();
+                if (!handler)
+                    return nullptr;
+                return std::make_unique<MeasuredHandler>(std::move(handler), route);
+            };
+        }
         return m_matchers[normalizedMethod(method)].add(pathTemplate, std::move(factory));
     }
 
@@ -88,6 +109,8 @@ public:
             handler = (*found->factory)();
         if (!handler) {
             KEST_VERBOSE(this, "No handler for %1 %2", request.method, request.path);
+            if (m_metrics)
+                m_metrics->unmatched(request.method).record(StatusCode::notFound, {});
             completionHandler(RequestResult(StatusCode::notFound));
             return nullptr;
         }
@@ -97,6 +120,34 @@ public:
     }
 
 private:
+    /** Times the handler it wraps and records its answer under its route. */
+    class MeasuredHandler : public AbstractRequestHandler
+    {
+    public:
+        MeasuredHandler(std::unique_ptr<AbstractRequestHandler> handler,
+                        RequestMetrics::Route* route)
+            : m_handler(std::move(handler)), m_route(route)
+        {}
+
+        void processRequest(
+            RequestContext requestContext,
+            kest::utils::MoveOnlyFunc<void(RequestResult)> completionHandler) override
+        {
+            // The completion may come after this wrapper is gone: it takes what it needs along.
+            m_handler->processRequest(
+                std::move(requestContext),
+                [route = m_route, started = std::chrono::steady_clock::now(),
+                 completionHandler = std::move(completionHandler)](RequestResult result) mutable {
+                    route->record(result.statusCode, std::chrono::steady_clock::now() - started);
+                    completionHandler(std::move(result));
+                });
+        }
+
+    private:
+        std::unique_ptr<AbstractRequestHandler> m_handler;
+        RequestMetrics::Route* m_route;
+    };
+
     static std::string normalizedMethod(std::string_view method)
     {
         std::string result(method);
@@ -120,6 +171,7 @@ private:
 
     std::map<std::string, Matcher> m_matchers;
     std::map<std::string, std::string> m_rewriteRules;
+    RequestMetrics* m_metrics = nullptr;
 };
 
 using MessageDispatcher = BasicMessageDispatcher<PathMatcher>;

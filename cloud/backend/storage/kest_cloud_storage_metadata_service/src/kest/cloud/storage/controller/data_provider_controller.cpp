@@ -6,6 +6,7 @@
 #include <kest/cloud/storage/api/client_factory.h>
 #include <kest/cloud/storage/model/abstract_data_distribution_storage.h>
 #include <kest/cloud/storage/model/model.h>
+#include <kest/cloud/storage/model/service_metrics.h>
 #include <kest/network/aio/aio_thread.h>
 #include <kest/network/aio/aio_thread_pool.h>
 #include <kest/utils/log/log.h>
@@ -31,6 +32,7 @@ void DataProviderController::processRequest(RequestContext /*requestContext*/,
 {
     KEST_VERBOSE(this, "Processing get data request with filter: %1, internal_lookup: %2",
                  kest::analytics::db::toString(request.filter), request.internal_lookup);
+    m_started = std::chrono::steady_clock::now();
     m_filter = std::move(request.filter);
     m_internalLookup = request.internal_lookup;
 
@@ -38,6 +40,7 @@ void DataProviderController::processRequest(RequestContext /*requestContext*/,
         auto* storage = m_model.getAnalyticsStorage();
         if (!storage || !storage->isReady()) {
             KEST_ERROR(this, "analytics db in bad state");
+            countLookup();
             requestCompleted(StatusCode::internalServerError, ApiRequestResult());
             return;
         }
@@ -76,8 +79,10 @@ void DataProviderController::continueInAioThread(bool ok, std::vector<std::strin
 
         ~Continuation()
         {
-            if (!ran)
+            if (!ran) {
+                controller->countLookup();
                 controller->requestCompleted(StatusCode::serviceUnavailable, ApiRequestResult());
+            }
         }
     };
     auto continuation = std::make_unique<Continuation>(this, ok, std::move(addresses));
@@ -99,11 +104,13 @@ void DataProviderController::onLocalLookupDone(ResultCode resultCode,
                      "Error occurred while executing request to the analytics database with "
                      "filter %1.",
                      kest::analytics::db::toString(m_filter));
+        countLookup();
         requestCompleted(StatusCode::internalServerError, ApiRequestResult());
         return;
     }
     // The text is what operators have always grepped for on this path.
     KEST_VERBOSE(this, "Processing get data request completed WRONG");
+    countLookup();
     requestCompleted(ApiRequestResult(), tracks);
 }
 
@@ -112,6 +119,7 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
     if (!ok) {
         KEST_ERROR(this, "can't get remote instances addresses for requst with filter %1.",
                    kest::analytics::db::toString(m_filter));
+        countLookup();
         requestCompleted(StatusCode::internalServerError, ApiRequestResult());
         return;
     }
@@ -125,6 +133,7 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
     // An instance is listed once per stored span, and asked as many times.
     std::uint32_t notAsked = 0;
     for (const std::string& address : addresses) {
+        m_model.metrics().peerAsked();
         auto client = api::ClientFactory::instance().create(kest::utils::Url(address));
         if (!client) {
             ++notAsked;
@@ -136,12 +145,14 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
         m_clients.push_back(std::move(client));
     }
     if (addresses.empty()) {
+        countLookup();
         requestCompleted(ApiRequestResult(), std::vector<ObjectTrackEx>());
         return;
     }
 
     // Calls complete on this thread, never inside getData: nothing below can end the request
     // before the last call has been started.
+    m_peersAsked = std::chrono::steady_clock::now();
     for (const auto& client : m_clients) {
         client->getData(request,
                         [this](StatusCode::Value status, std::vector<ObjectTrackEx> tracks) {
@@ -156,8 +167,15 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
 void DataProviderController::finishRequest(StatusCode::Value status,
                                            std::vector<ObjectTrackEx> tracks)
 {
-    if (status != StatusCode::ok)
+    if (status != StatusCode::ok) {
         KEST_INFO(this, "errors occured during fetching data from other nodes");
+        // The client reports a timeout as any other exchange that brought no answer; only a call
+        // cut off by the peer timeout can take that long, since each of its steps is bounded by it.
+        if (std::chrono::steady_clock::now() - m_peersAsked >= m_model.peerTimeout())
+            m_model.metrics().peerTimedOut();
+        else
+            m_model.metrics().peerFailed();
+    }
 
     std::vector<ObjectTrackEx> merged;
     {
@@ -171,7 +189,15 @@ void DataProviderController::finishRequest(StatusCode::Value status,
         m_collectedTracks.clear();
     }
     KEST_VERBOSE(this, "Processing get data request completed");
+    countLookup();
     requestCompleted(ApiRequestResult(), merged);
+}
+
+void DataProviderController::countLookup()
+{
+    m_model.metrics().lookupDone(m_internalLookup ? ServiceMetrics::LookupKind::internal
+                                                  : ServiceMetrics::LookupKind::distributed,
+                                 std::chrono::steady_clock::now() - m_started);
 }
 
 }  // namespace kest::cloud::storage::metadatadb

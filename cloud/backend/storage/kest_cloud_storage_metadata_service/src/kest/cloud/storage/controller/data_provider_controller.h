@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -51,6 +52,8 @@ private:
     /** One instance's reply; a failed one counts with whatever tracks it brought. */
     void finishRequest(kest::network::http::StatusCode::Value status,
                        std::vector<kest::analytics::db::ObjectTrackEx> tracks);
+    /** Counts the search by its kind, with its time so far; just before it is answered. */
+    void countLookup();
 
     Model& m_model;
     std::vector<kest::analytics::db::ObjectTrackEx> m_collectedTracks;
@@ -59,6 +62,8 @@ private:
     std::atomic<std::uint32_t> m_repliesExpected{0};
     kest::analytics::db::Filter m_filter;
     bool m_internalLookup = false;
+    std::chrono::steady_clock::time_point m_started;
+    std::chrono::steady_clock::time_point m_peersAsked;
     std::vector<std::unique_ptr<api::AbstractClient>> m_clients;
     /** Weak: a lookup may end after a stopping server has destroyed its threads. */
     std::weak_ptr<kest::network::aio::AioThread> m_aioThread;

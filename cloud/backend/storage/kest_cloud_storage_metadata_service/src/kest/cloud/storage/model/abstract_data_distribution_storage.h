@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,6 +48,15 @@ public:
     virtual ~AbstractDataDistributionStorage() = default;
 
     virtual void saveInstanceLoadSync(const InstanseLoad& load) = 0;
+
+    /**
+     * Failed operations since the start, by operation name; read at any time from any thread. A
+     * storage that counts none reports nothing.
+     */
+    virtual std::vector<std::pair<std::string, std::uint64_t>> operationFailures() const
+    {
+        return {};
+    }
 };
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -86,4 +86,14 @@ void ErrorsStorageModel::clearData(const std::unordered_set<ZuUuid>& deviceIds,
     }
 }
 
+ErrorsStorageModel::HistorySize ErrorsStorageModel::historySize()
+{
+    std::lock_guard lock(m_mutex);
+    HistorySize size;
+    size.devices = m_errors.size();
+    for (const auto& [deviceId, periods] : m_errors)
+        size.periods += periods.size();
+    return size;
+}
+
 }  // namespace kest::cloud::storage::metadatadb

@@ -43,6 +43,14 @@ public:
     void clearData(const std::unordered_set<ZuUuid>& deviceIds,
                    std::chrono::milliseconds timestamp);
 
+    struct HistorySize
+    {
+        std::size_t devices = 0;
+        std::size_t periods = 0;
+    };
+    /** How much the history holds now. */
+    HistorySize historySize();
+
 private:
     std::unordered_map<ZuUuid, ZuTimePeriodList> m_errors;
     kest::Mutex m_mutex;

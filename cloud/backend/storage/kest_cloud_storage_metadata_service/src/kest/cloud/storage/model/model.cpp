@@ -7,11 +7,13 @@
 #include "data_distrib_storage_factory.h"
 #include "dd_provider_factory.h"
 #include "errors_storage_model.h"
+#include "service_metrics.h"
 
 namespace kest::cloud::storage::metadatadb {
 
 Model::Model(const conf::Settings& settings)
-    : m_dataDistributionStorage(
+    : m_metrics(std::make_unique<ServiceMetrics>()),
+      m_dataDistributionStorage(
           DataDistribStorageFactory::instance().create(settings.ddsConnection())),
       m_errorsStorageModel(std::make_unique<ErrorsStorageModel>()),
       m_analyticsStorage(DdProviderFactory::instance().create()),
@@ -28,6 +30,7 @@ Model::~Model()
     m_analyticsStorage.reset();
     m_errorsStorageModel.reset();
     m_dataDistributionStorage.reset();
+    m_metrics.reset();
 }
 
 AbstractDataDistributionStorage* Model::getDDSModel() const
@@ -43,6 +46,11 @@ ErrorsStorageModel* Model::getErrorStorageModel() const
 kest::analytics::db::AbstractEventsStorage* Model::getAnalyticsStorage() const
 {
     return m_analyticsStorage.get();
+}
+
+ServiceMetrics& Model::metrics() const
+{
+    return *m_metrics;
 }
 
 std::chrono::milliseconds Model::peerTimeout() const

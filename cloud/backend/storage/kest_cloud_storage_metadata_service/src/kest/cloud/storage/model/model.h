@@ -13,6 +13,7 @@ class Settings;
 
 class AbstractDataDistributionStorage;
 class ErrorsStorageModel;
+class ServiceMetrics;
 
 /**
  * Owns the service's storages: the shared data-distribution record, the save-error history and
@@ -31,13 +32,16 @@ public:
     AbstractDataDistributionStorage* getDDSModel() const;
     ErrorsStorageModel* getErrorStorageModel() const;
     kest::analytics::db::AbstractEventsStorage* getAnalyticsStorage() const;
+    ServiceMetrics& metrics() const;
 
     /** How long a distributed search waits for one instance's answer ("cluster/peerTimeoutMs"). */
     std::chrono::milliseconds peerTimeout() const;
 
 private:
     // Declared in the order of creation; the destructor releases them in reverse, so that the
-    // analytics storage, which may still report save errors while stopping, goes first.
+    // analytics storage, which may still report save errors while stopping, goes first. The
+    // metrics come first of all: any storage may hold on to them.
+    std::unique_ptr<ServiceMetrics> m_metrics;
     std::unique_ptr<AbstractDataDistributionStorage> m_dataDistributionStorage;
     std::unique_ptr<ErrorsStorageModel> m_errorsStorageModel;
     std::unique_ptr<kest::analytics::db::AbstractEventsStorage> m_analyticsStorage;

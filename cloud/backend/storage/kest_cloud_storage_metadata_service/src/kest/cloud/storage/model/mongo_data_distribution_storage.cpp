@@ -152,6 +152,7 @@ kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildGetDataInst
         } catch (const std::exception& e) {
             KEST_ERROR(this, "(devices: %1, time period: %2) node lookup failed: %3", deviceIds,
                        period, e.what());
+            countFailure(nodeLookup);
             nodes.clear();
             ok = false;
         }
@@ -221,10 +222,12 @@ kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildSaveTask(
                 }
             } else {
                 KEST_ERROR(this, "saving data( %1 ) to MongoDB failed", data);
+                countFailure(dataAddressSave);
                 failed = true;
             }
         } catch (const std::exception& e) {
             KEST_ERROR(this, "exception while saving data( %1 ) to MongoDb, %2", data, e.what());
+            countFailure(dataAddressSave);
             failed = true;
         }
         // Outside the try block: a throwing handler must not be called a second time.
@@ -251,6 +254,7 @@ void MongoDataDistributionStorage::getInstancesLoad(
             }
         } catch (const std::exception& e) {
             KEST_ERROR(this, "instances load metrics lookup failed");
+            countFailure(loadLookup);
             KEST_DEBUG(this, "Load metrics lookup error: %1", e.what());
             loads.clear();
             ok = false;
@@ -292,12 +296,14 @@ kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildSaveInstanc
                 collection.updateOne(request.filter, request.update, request.upsert);
             if (!result) {
                 KEST_ERROR(this, "saving load metrics to MongoDB failed");
+                countFailure(loadSave);
             } else if (result->upserted + result->modified != 1) {
                 // Also when the figures are the ones already stored: nothing was modified.
                 KEST_WARNING(this, "possible problems while saving load metrics to MongoDB");
             }
         } catch (const std::exception& e) {
             KEST_ERROR(this, "exception while saving load metrics to MongoDb, %1", e.what());
+            countFailure(loadSave);
         }
     };
 }
@@ -332,11 +338,28 @@ void MongoDataDistributionStorage::getDeviceInstancesMapping(
             }
         } catch (const std::exception& e) {
             KEST_ERROR(this, "instances load metrics lookup failed with error :%1", e.what());
+            countFailure(mappingLookup);
             mapping.clear();
             ok = false;
         }
         handler(ok, std::move(mapping));
     });
+}
+
+void MongoDataDistributionStorage::countFailure(Operation operation) const
+{
+    m_failures[operation].fetch_add(1, std::memory_order_relaxed);
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> MongoDataDistributionStorage::operationFailures()
+    const
+{
+    static constexpr std::array<const char*, operationCount> kNames = {
+        "node_lookup", "data_address_save", "load_lookup", "load_save", "mapping_lookup"};
+    std::vector<std::pair<std::string, std::uint64_t>> result;
+    for (std::size_t i = 0; i < kNames.size(); ++i)
+        result.emplace_back(kNames[i], m_failures[i].load(std::memory_order_relaxed));
+    return result;
 }
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QThreadPool>
+#include <array>
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,6 +64,8 @@ public:
     void getDeviceInstancesMapping(std::chrono::system_clock::time_point since,
                                    MoveOnlyFunc<void(bool, DeviceMapping)> handler) override;
     void saveInstanceLoadSync(const InstanseLoad& load) override;
+    /** "node_lookup", "data_address_save", "load_lookup", "load_save", "mapping_lookup". */
+    std::vector<std::pair<std::string, std::uint64_t>> operationFailures() const override;
 
     /** Runs the save on the calling thread; the handler hears only of failure. */
     void saveDataAddressSync(const std::vector<DataInfo>& data, const std::string& host,
@@ -93,13 +97,26 @@ protected:
     void startTask(MoveOnlyFunc<void()> task);
 
 private:
+    enum Operation
+    {
+        nodeLookup,
+        dataAddressSave,
+        loadLookup,
+        loadSave,
+        mappingLookup,
+        operationCount,
+    };
+
     MongoDataDistributionStorage(const std::string& uri, const std::string& source);
+    /** One relaxed add, on the storage's threads, where each failure is logged. */
+    void countFailure(Operation operation) const;
 
     static const mongo::DriverInstance& m_instance;
 
     std::unique_ptr<mongo::ClientPool> m_pool;
     QThreadPool m_threadPool;
     std::string m_dbName = "metadataStorage";
+    mutable std::array<std::atomic<std::uint64_t>, operationCount> m_failures{};
 };
 
 }  // namespace kest::cloud::storage::metadatadb

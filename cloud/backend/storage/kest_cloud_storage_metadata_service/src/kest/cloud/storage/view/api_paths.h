@@ -12,6 +12,7 @@ struct ApiPaths
     static constexpr const char* kOptimalInstancePath = "/metadataDb/v1/optimalInstance";
     static constexpr const char* kErrorHandlerPath = "/metadataDb/v1/dataSaveErrors/{deviceIds}";
     static constexpr const char* kPingPath = "/metadataDb/ping";
+    static constexpr const char* kMetricsPath = "/metadataDb/metrics";
 };
 
 }  // namespace kest::cloud::storage::metadatadb

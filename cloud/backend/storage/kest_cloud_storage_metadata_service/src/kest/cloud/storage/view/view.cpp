@@ -1,6 +1,7 @@
 #include "view.h"
 
 #include <functional>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
 
@@ -9,10 +10,14 @@
 #include <kest/cloud/storage/controller/data_saver_controller.h>
 #include <kest/cloud/storage/controller/errors_provider_controller.h>
 #include <kest/cloud/storage/controller/instance_selector.h>
+#include <kest/cloud/storage/model/abstract_data_distribution_storage.h>
 #include <kest/cloud/storage/model/errors_storage_model.h>
 #include <kest/cloud/storage/model/model.h>
+#include <kest/cloud/storage/model/service_metrics.h>
 #include <kest/cloud/storage/settings.h>
 #include <kest/utils/log/log.h>
+#include <kest/utils/metrics/process_statistics.h>
+#include <kest/utils/metrics/registry.h>
 
 namespace kest::cloud::storage::metadatadb {
 
@@ -36,6 +41,23 @@ private:
     View* m_view;
 };
 
+/** Answers the metrics in the Prometheus text format; it only reads counters. */
+class MetricsHandler : public AbstractRequestHandler
+{
+public:
+    explicit MetricsHandler(kest::utils::metrics::Registry* registry) : m_registry(registry) {}
+
+    void processRequest(RequestContext /*requestContext*/,
+                        kest::utils::MoveOnlyFunc<void(RequestResult)> completionHandler) override
+    {
+        completionHandler(RequestResult(StatusCode::ok, m_registry->exposition(),
+                                        kest::utils::metrics::TextWriter::kContentType));
+    }
+
+private:
+    kest::utils::metrics::Registry* m_registry;
+};
+
 }  // namespace
 
 View::View(const conf::Settings& settings, Model& model)
@@ -43,13 +65,17 @@ View::View(const conf::Settings& settings, Model& model)
 {
     m_multiAddressHttpServer = server::Builder::buildOrThrow(
         m_settings.httpServer(), &m_authenticationDispatcher, &m_httpMessageDispatcher);
+    m_httpMessageDispatcher.setRequestMetrics(&model.metrics().requestMetrics());
     registerApiHandlers(model);
     registerDbErrorsHandler(model.getAnalyticsStorage(), model.getErrorStorageModel());
+    registerMetricSources(model);
     startAcceptor();
 }
 
 View::~View()
 {
+    // First: the sources read the server and the storages.
+    m_metricSources.clear();
     stop();
     m_multiAddressHttpServer.reset();
 }
@@ -88,6 +114,80 @@ void View::registerApiHandlers(Model& model)
     registerApiHandler<DataProviderController>(kDataHandlerPath, "GET", std::ref(model));
     registerApiHandler<InstanceSelector>(kOptimalInstancePath, "GET", std::ref(model));
     registerApiHandler<PingHandler>(kPingPath, "POST", this);
+    registerApiHandler<MetricsHandler>(kMetricsPath, "GET", &model.metrics().registry());
+}
+
+void View::registerMetricSources(Model& model)
+{
+    using kest::utils::metrics::MetricType;
+    using kest::utils::metrics::TextWriter;
+    auto& registry = model.metrics().registry();
+    const auto name = &ServiceMetrics::name;
+    auto& sources = m_metricSources;
+
+    if (auto* storage = model.getAnalyticsStorage()) {
+        // statistics() is lock-free: a scrape never waits for the writer.
+        const auto statistic =
+            [storage](std::uint64_t kest::analytics::db::StorageStatistics::*field) {
+                return [storage, field]() { return storage->statistics().*field; };
+            };
+        using Statistics = kest::analytics::db::StorageStatistics;
+        sources.push_back(registry.counterFunction(name("packets_accepted_total"),
+                                                   "Packets accepted and queued for writing",
+                                                   statistic(&Statistics::packetsAccepted)));
+        sources.push_back(registry.counterFunction(name("packets_committed_total"),
+                                                   "Packets written to the storage",
+                                                   statistic(&Statistics::packetsCommitted)));
+        sources.push_back(registry.counterFunction(
+            name("packets_failed_total"), "Packets whose write failed (kept as save errors)",
+            statistic(&Statistics::packetsFailed)));
+        const auto gauge = [&](const char* suffix, const char* help, auto read) {
+            sources.push_back(registry.gauge(name(suffix), help,
+                                             [read]() { return static_cast<double>(read()); }));
+        };
+        gauge("write_queue_packets", "Packets accepted and not yet written",
+              statistic(&Statistics::queuedPackets));
+        gauge("write_queue_max_packets",
+              "The queue depth above which saves are refused; 0 when there is no such mark",
+              statistic(&Statistics::maxQueuedPackets));
+        gauge("write_queue_bytes", "Memory held by packets not yet written (an estimate)",
+              statistic(&Statistics::queuedBytes));
+        gauge("store_bytes", "Size of the storage's files on disk",
+              statistic(&Statistics::storeBytes));
+        gauge("storage_ready", "1 while the storage takes saves and searches, else 0",
+              [storage]() { return storage->isReady() ? 1 : 0; });
+    }
+
+    if (auto* errors = model.getErrorStorageModel()) {
+        sources.push_back(registry.gauge(
+            name("save_error_devices"), "Devices with periods in the save-error history",
+            [errors]() { return static_cast<double>(errors->historySize().devices); }));
+        sources.push_back(registry.gauge(
+            name("save_error_periods"), "Periods in the save-error history",
+            [errors]() { return static_cast<double>(errors->historySize().periods); }));
+    }
+
+    if (auto* distribution = model.getDDSModel()) {
+        sources.push_back(registry.collector(
+            name("mongodb_operation_failures_total"), "Failed MongoDB operations, by operation",
+            MetricType::counter, [distribution](TextWriter& writer) {
+                for (const auto& [operation, count] : distribution->operationFailures())
+                    writer.sample({{"operation", operation}}, count);
+            }));
+    }
+
+    sources.push_back(registry.gauge(name("http_open_connections"), "HTTP connections open now",
+                                     [server = m_multiAddressHttpServer.get()]() {
+                                         std::size_t count = 0;
+                                         for (const auto& socketServer : server->servers())
+                                             count += socketServer->connectionCount();
+                                         return static_cast<double>(count);
+                                     }));
+    sources.push_back(
+        registry.gauge("process_resident_memory_bytes", "Resident memory of the process", []() {
+            const auto bytes = kest::utils::metrics::ProcessStatistics::residentMemoryBytes();
+            return bytes ? static_cast<double>(*bytes) : std::numeric_limits<double>::quiet_NaN();
+        }));
 }
 
 void View::registerDbErrorsHandler(kest::analytics::db::AbstractEventsStorage* analyticsStorage,

@@ -12,6 +12,7 @@
 #include <kest/network/http/server/rest/message_dispatcher.h>
 #include <kest/network/socket_address.h>
 #include <kest/utils/assert.h>
+#include <kest/utils/metrics/registration.h>
 #include <kest/utils/move_only_func.h>
 
 #include "api_paths.h"
@@ -60,6 +61,8 @@ private:
     void registerDbErrorsHandler(kest::analytics::db::AbstractEventsStorage* analyticsStorage,
                                  ErrorsStorageModel* errorsStorageModel);
     void startAcceptor();
+    /** The figures read at scrape time: the server's, the storages' and the process's. */
+    void registerMetricSources(Model& model);
 
     /**
      * Routes (path, method) to a new `Controller(arg)` per request. `arg` is kept by value in
@@ -89,6 +92,7 @@ private:
     kest::network::http::server::rest::MessageDispatcher m_httpMessageDispatcher;
     kest::network::http::server::AuthenticationDispatcher m_authenticationDispatcher;
     std::unique_ptr<kest::network::http::server::MultiAddressHttpServer> m_multiAddressHttpServer;
+    std::vector<kest::utils::metrics::Registration> m_metricSources;
 };
 
 }  // namespace kest::cloud::storage::metadatadb
