@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <future>
 #include <set>
 #include <thread>
 
@@ -182,8 +183,19 @@ TEST_F(ClusterProcessesTest, EveryInstanceFindsEveryInstancesDataAndLosingOneLos
     EXPECT_EQ(idsOf(tracks), others);
     EXPECT_LT(std::chrono::steady_clock::now() - started, kPeerTimeout + 2s);
 
-    // A killed one refuses connections: no wait at all.
+    // Killed while the search to it is in flight: its connection is reset, and the search ends
+    // then, not at the peer timeout.
+    started = std::chrono::steady_clock::now();
+    auto inFlight = std::async(std::launch::async,
+                               [&]() { return m_instances[1]->client->getDataSync(search); });
+    std::this_thread::sleep_for(kPeerTimeout / 4);
     m_instances[2]->process->signal(SIGKILL);
+    std::tie(status, tracks) = inFlight.get();
+    EXPECT_EQ(status, StatusCode::ok);
+    EXPECT_EQ(idsOf(tracks), others);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, kPeerTimeout);
+
+    // A dead one refuses connections: no wait at all.
     started = std::chrono::steady_clock::now();
     std::tie(status, tracks) = m_instances[1]->client->getDataSync(search);
     EXPECT_EQ(status, StatusCode::ok);
