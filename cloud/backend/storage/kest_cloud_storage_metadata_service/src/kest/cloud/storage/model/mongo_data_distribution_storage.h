@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QThreadPool>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,6 +41,16 @@ public:
     static const std::string kHealthStatus;
     static const std::string kLastUpdateTime;
     static const std::string kCurHosts;
+
+    /**
+     * Driver timeouts used unless the connection string sets its own. The driver's defaults
+     * (30 s to find a server, 10 s to connect, none on a socket) would hold every lookup for
+     * half a minute while MongoDB is down; with these a lookup fails within about
+     * kServerSelectionTimeoutMs plus kConnectTimeoutMs.
+     */
+    static constexpr std::int32_t kServerSelectionTimeoutMs = 3000;
+    static constexpr std::int32_t kConnectTimeoutMs = 2000;
+    static constexpr std::int32_t kSocketTimeoutMs = 10000;
 
     /**
      * Connects through "MongoDb/uri" when set, else through the URI built from the other keys.
