@@ -8,6 +8,7 @@
 // - while the parser waits for more, what it holds is bounded by its limits;
 // - no body is larger than its limit; a path that decodes to a NUL never comes out.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>

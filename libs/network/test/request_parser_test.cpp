@@ -91,6 +91,32 @@ TEST(RequestParser, FramingAndVersionsGetTheirStatus)
     }
 }
 
+TEST(RequestParser, HeadLinesWithoutCrAreRefusedHoweverTheBytesArrive)
+{
+    // Arriving whole, such a head used to be refused; arriving in pieces, waited for until the
+    // read timeout.
+    const std::vector<std::string> heads = {
+        "GET / HTTP/1.1\nHost: a\n\n",
+        "GET / HTTP/1.1\r\nHost: a\n\n",
+        "GET / HTTP/1.1\r\nHost: a\r\nX: 1\n\r\n",
+    };
+    for (const auto& head : heads) {
+        EXPECT_EQ(parseAll(head).status, 400) << head;
+        RequestParser parser(kLimits);
+        auto result = RequestParser::Result::needMore;
+        for (std::size_t i = 0; i < head.size() && result == RequestParser::Result::needMore; ++i) {
+            parser.append(head.substr(i, 1));
+            result = parser.parse();
+        }
+        EXPECT_EQ(result, RequestParser::Result::failed) << head;
+        EXPECT_EQ(parser.failure().status, 400) << head;
+    }
+    // A bare LF in a body is data.
+    const auto outcome = parseAll("POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 3\r\n\r\na\nb");
+    ASSERT_EQ(outcome.requests.size(), 1u);
+    EXPECT_EQ(outcome.requests[0].body, "a\nb");
+}
+
 TEST(RequestParser, ServedRequestsCarryWhatWasSent)
 {
     auto outcome =

@@ -133,12 +133,13 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
             reportFailure(DBResult::cancelled, {packet});
             return;
         }
+        const auto now = steady_clock::now();
         if (m_queue.empty())
-            m_oldestQueued = steady_clock::now();
+            m_oldestQueued = now;
         m_queue.push_back(std::move(packet));
         ++m_enqueued;
         m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
-        if (m_queue.size() > m_settings.maxQueuedPackets)
+        if (m_queue.size() > m_settings.maxQueuedPackets || lagsBehind(now))
             m_overloaded = true;
         m_packetsAccepted.fetch_add(1, std::memory_order_relaxed);
         // Waking the writer on every packet would cost a system call each; it only needs to
@@ -236,8 +237,10 @@ void EventsStorage::writerLoop()
 
         lock.lock();
         m_done += written;
-        if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2)
+        if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2 &&
+            !lagsBehind(steady_clock::now())) {
             m_overloaded = false;
+        }
         m_progress.notify_all();
     }
 }
@@ -273,6 +276,11 @@ std::unordered_map<ZuUuid, ZuTimePeriodList> EventsStorage::periodsByDevice(
     for (auto& [device, list] : collected)
         ZuTimePeriodList::unionTimePeriods(periods[device], ZuTimePeriodList(std::move(list)));
     return periods;
+}
+
+bool EventsStorage::lagsBehind(steady_clock::time_point now) const
+{
+    return !m_queue.empty() && now - m_oldestQueued > m_settings.maxCommitDelay + kMaxBacklogLag;
 }
 
 void EventsStorage::measureStore()

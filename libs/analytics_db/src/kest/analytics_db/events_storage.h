@@ -29,7 +29,10 @@ namespace kest::analytics::db {
  * A batch that cannot be committed is rolled back and its packets are reported, per device as
  * the union of their periods, through the save-error handler on a thread of its own; a committed
  * batch is reported the same way through the commit handler, on another thread. Past
- * maxQueuedPackets the storage is not ready until the queue is below half of it. Before a
+ * maxQueuedPackets, or while the oldest queued packet has waited kMaxBacklogLag longer than
+ * maxCommitDelay, the storage is not ready until the queue is below half of the first and
+ * younger than the second: what it has acknowledged and not written stays within a time bound
+ * when packets come faster than they are written. Before a
  * successful initialize, lookups complete at once (on the caller's thread) with an error and
  * saves are reported as failed (connectionError).
  */
@@ -43,6 +46,8 @@ public:
     static constexpr std::size_t kBatchPackets = 4096;
     static constexpr std::size_t kMaxBatchPackets = 16384;
     static constexpr int kLookupWorkers = 2;
+    /** How far past maxCommitDelay the writer may fall behind before saves are refused. */
+    static constexpr std::chrono::milliseconds kMaxBacklogLag{1000};
     /** Old tracks are deleted this many per transaction, between batches. */
     static constexpr int kRetentionBatchRows = 300;
 
@@ -83,6 +88,8 @@ private:
     void stop();
     void reportFailure(sql::DBResult result, const std::vector<PacketPtr>& packets);
     void measureStore();
+    /** Whether the queue has waited too long for the writer; under m_queueMutex. */
+    bool lagsBehind(std::chrono::steady_clock::time_point now) const;
     static std::unordered_map<ZuUuid, ZuTimePeriodList> periodsByDevice(
         const std::vector<PacketPtr>& packets);
 

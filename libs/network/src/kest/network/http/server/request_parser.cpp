@@ -295,11 +295,17 @@ RequestParser::Result RequestParser::parseRequestLine()
     // Stops at the end of the head, which tells how long it was; eager from then on.
     m_message->eager(false);
     m_headerBytes = 0;
+    m_headChecked = 0;
+    m_lastHeadBytes = 0;
     return Result::needMore;
 }
 
 RequestParser::Result RequestParser::parseMessage()
 {
+    if (!m_message->is_header_done()) {
+        if (checkHeadLineEnds() == Result::failed)
+            return Result::failed;
+    }
     boost::beast::error_code error;
     while (m_buffer.size() > 0 && !m_message->is_done()) {
         const bool headerWasDone = m_message->is_header_done();
@@ -338,6 +344,29 @@ RequestParser::Result RequestParser::parseMessage()
     return checkBufferedLine();
 }
 
+RequestParser::Result RequestParser::checkHeadLineEnds()
+{
+    // Beast finds the end of a head by its CRLF CRLF alone, and refuses a bare LF only once it
+    // has one: a head with bare LFs would be refused when it arrives whole, but waited for until
+    // the read timeout when it arrives in pieces. Refused here, before Beast sees it, either way.
+    // Beast may have consumed the first lines of the head already (m_headerBytes).
+    static constexpr std::uint32_t kHeadEnd = 0x0D0A0D0A;  //< "\r\n\r\n"
+    if (m_lastHeadBytes == kHeadEnd)
+        return Result::needMore;
+    const auto* data = static_cast<const char*>(m_buffer.data().data());
+    const std::size_t size = m_buffer.size();
+    for (std::size_t i = m_headChecked - m_headerBytes; i < size; ++i) {
+        const auto byte = static_cast<unsigned char>(data[i]);
+        if (byte == '\n' && (m_lastHeadBytes & 0xFF) != '\r')
+            return fail(StatusCode::badRequest, "A line of the request head ends without CR");
+        m_lastHeadBytes = (m_lastHeadBytes << 8) | byte;
+        ++m_headChecked;
+        if (m_lastHeadBytes == kHeadEnd)
+            break;
+    }
+    return Result::needMore;
+}
+
 RequestParser::Result RequestParser::checkBufferedLine()
 {
     // Beast consumes body bytes as they come, but holds a chunk-size line, and the trailer
@@ -372,6 +401,8 @@ Request RequestParser::takeRequest()
     m_complete = false;
     m_skippedEmptyLines = 0;
     m_headerBytes = 0;
+    m_headChecked = 0;
+    m_lastHeadBytes = 0;
     return request;
 }
 

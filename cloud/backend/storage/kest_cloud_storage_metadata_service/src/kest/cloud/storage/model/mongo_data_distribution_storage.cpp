@@ -1,6 +1,8 @@
 #include "mongo_data_distribution_storage.h"
 
 #include <QRunnable>
+#include <QThread>
+#include <algorithm>
 #include <functional>
 #include <stdexcept>
 
@@ -88,6 +90,7 @@ MongoDataDistributionStorage::MongoDataDistributionStorage(const std::string& ur
         throw std::runtime_error("Invalid MongoDB connection settings (" + source +
                                  "): " + e.what());
     }
+    m_threadPool.setMaxThreadCount(std::max(QThread::idealThreadCount(), kMaxConcurrentOperations));
 }
 
 MongoDataDistributionStorage::~MongoDataDistributionStorage()

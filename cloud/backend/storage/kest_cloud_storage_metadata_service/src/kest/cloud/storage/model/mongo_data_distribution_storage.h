@@ -51,6 +51,12 @@ public:
     static constexpr std::int32_t kServerSelectionTimeoutMs = 3000;
     static constexpr std::int32_t kConnectTimeoutMs = 2000;
     static constexpr std::int32_t kSocketTimeoutMs = 10000;
+    /**
+     * Operations run at once. They mostly wait on the network, and while MongoDB is down each
+     * waits out the selection timeout: with only a thread per core, searches would queue behind
+     * the instance's own background writes (load, data addresses) for many times that.
+     */
+    static constexpr int kMaxConcurrentOperations = 16;
 
     /**
      * Connects through "MongoDb/uri" when set, else through the URI built from the other keys.
