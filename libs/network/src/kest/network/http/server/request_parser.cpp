@@ -17,6 +17,9 @@ using boost::beast::string_view;
 
 namespace {
 
+/** The last four bytes of a head: "\r\n\r\n". */
+constexpr std::uint32_t kHeadEnd = 0x0D0A0D0A;
+
 bool isDigit(char c)
 {
     return c >= '0' && c <= '9';
@@ -180,17 +183,32 @@ private:
         return body.size();
     }
 
-    void on_chunk_header_impl(std::uint64_t, string_view, boost::beast::error_code&) override {}
+    void on_chunk_header_impl(std::uint64_t size, string_view, boost::beast::error_code&) override
+    {
+        m_chunkRemaining = size;
+        m_lastChunkSeen = m_lastChunkSeen || size == 0;
+    }
 
     std::size_t on_chunk_body_impl(std::uint64_t, string_view body,
                                    boost::beast::error_code&) override
     {
         request.body.append(body.data(), body.size());
+        m_chunkRemaining -= std::min<std::uint64_t>(m_chunkRemaining, body.size());
         return body.size();
     }
 
+public:
+    /** The next bytes are a chunk-size line (with the CRLF that ends the previous chunk). */
+    bool awaitsChunkLine() const
+    {
+        return is_header_done() && chunked() && m_chunkRemaining == 0 && !m_lastChunkSeen;
+    }
+
+private:
     void on_finish_impl(boost::beast::error_code&) override {}
 
+    std::uint64_t m_chunkRemaining = 0;
+    bool m_lastChunkSeen = false;
     std::size_t m_hostCount = 0;
     bool m_hostValid = true;
     bool m_hasTransferEncoding = false;
@@ -303,13 +321,39 @@ RequestParser::Result RequestParser::parseRequestLine()
 RequestParser::Result RequestParser::parseMessage()
 {
     if (!m_message->is_header_done()) {
+        // Beast judges a head by as much of it as it is given, sooner or later depending on how
+        // the bytes arrived; it is given only whole heads, so that the answer does not depend on
+        // that.
         if (checkHeadLineEnds() == Result::failed)
             return Result::failed;
+        if (m_lastHeadBytes != kHeadEnd) {
+            if (m_headChecked >= m_limits.maxHeaderBytes)
+                return fail(StatusCode::requestHeaderFieldsTooLarge, "Request header too large");
+            return Result::needMore;
+        }
     }
     boost::beast::error_code error;
     while (m_buffer.size() > 0 && !m_message->is_done()) {
         const bool headerWasDone = m_message->is_header_done();
-        const std::size_t used = m_message->put(m_buffer.data(), error);
+        std::size_t used = 0;
+        const bool sliced = m_message->awaitsChunkLine();
+        if (sliced) {
+            // Beast holds a chunk-size line only while it is incomplete: a long one that arrives
+            // whole would pass. It sees no more than the limit, so that the limit holds however
+            // the bytes arrive; a complete line within it then gets what follows too.
+            const auto* data = static_cast<const char*>(m_buffer.data().data());
+            const std::size_t size = m_buffer.size();
+            const std::size_t lineStart = size >= 2 && data[0] == '\r' && data[1] == '\n' ? 2 : 0;
+            const std::size_t lineLimit = std::min(size, lineStart + m_limits.maxChunkLineBytes);
+            used = m_message->put(boost::asio::buffer(data, lineLimit), error);
+            if (error == beast_http::error::need_more && used == 0 && lineLimit < size &&
+                std::memchr(data + lineStart, '\n', lineLimit - lineStart)) {
+                error = {};
+                used = m_message->put(m_buffer.data(), error);
+            }
+        } else {
+            used = m_message->put(m_buffer.data(), error);
+        }
         m_buffer.consume(used);
         if (!headerWasDone) {
             m_headerBytes += used;
@@ -322,6 +366,9 @@ RequestParser::Result RequestParser::parseMessage()
         }
         if (error == beast_http::error::need_more) {
             error = {};
+            // A slice may end inside what follows while the rest is already buffered.
+            if (sliced && used > 0)
+                continue;
             break;
         }
         if (error || used == 0)
@@ -346,11 +393,8 @@ RequestParser::Result RequestParser::parseMessage()
 
 RequestParser::Result RequestParser::checkHeadLineEnds()
 {
-    // Beast finds the end of a head by its CRLF CRLF alone, and refuses a bare LF only once it
-    // has one: a head with bare LFs would be refused when it arrives whole, but waited for until
-    // the read timeout when it arrives in pieces. Refused here, before Beast sees it, either way.
-    // Beast may have consumed the first lines of the head already (m_headerBytes).
-    static constexpr std::uint32_t kHeadEnd = 0x0D0A0D0A;  //< "\r\n\r\n"
+    // Beast finds the end of a head by its CRLF CRLF alone: a head with bare LFs would never end.
+    // Refused here, before Beast sees it, however the bytes arrive.
     if (m_lastHeadBytes == kHeadEnd)
         return Result::needMore;
     const auto* data = static_cast<const char*>(m_buffer.data().data());
