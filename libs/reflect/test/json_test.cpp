@@ -100,7 +100,12 @@ TEST(Json, MalformedInputNamesTheFieldAndLeavesOutputUntouched)
         {R"({"small":-1})", at("small", kOutOfRange)},
         {R"({"small":"4294967296"})", at("small", kOutOfRange)},
         {R"({"big":1e19})", at("big", kOutOfRange)},
+        // Read by RapidJSON as a double that rounds to exactly -2^63.
+        {R"({"big":-9223372036854775809})", at("big", kOutOfRange)},
         {R"({"ratio":"abc"})", at("ratio", kFloatExpected)},
+        {R"({"ratio":"nan"})", at("ratio", kFloatExpected)},
+        {R"({"ratio":"-inf"})", at("ratio", kFloatExpected)},
+        {R"({"ratio":"1e999"})", at("ratio", kFloatExpected)},
         {R"({"timeout":"abc"})", at("timeout", kDurationExpected)},
         {R"({"timeout":[]})", at("timeout", kDurationExpected)},
         {R"({"id":5})", at("id", kCustomStringExpected)},

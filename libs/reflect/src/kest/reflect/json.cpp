@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include <cmath>
+
 #include <rapidjson/error/en.h>
 
 namespace kest::reflect::json::detail {
@@ -79,7 +81,8 @@ bool readDouble(const Value& value, double* out, ReadContext& context)
         const char* end = begin + value.GetStringLength();
         double d = 0;
         const auto [ptr, ec] = std::from_chars(begin, end, d);
-        if (ec == std::errc() && ptr == end && begin != end) {
+        // from_chars takes "nan" and "inf" too: a number is a finite one.
+        if (ec == std::errc() && ptr == end && begin != end && std::isfinite(d)) {
             *out = d;
             return true;
         }

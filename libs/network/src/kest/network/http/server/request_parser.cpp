@@ -346,8 +346,24 @@ RequestParser::Result RequestParser::parseMessage()
             const std::size_t lineStart = size >= 2 && data[0] == '\r' && data[1] == '\n' ? 2 : 0;
             const std::size_t lineLimit = std::min(size, lineStart + m_limits.maxChunkLineBytes);
             used = m_message->put(boost::asio::buffer(data, lineLimit), error);
-            if (error == beast_http::error::need_more && used == 0 && lineLimit < size &&
-                std::memchr(data + lineStart, '\n', lineLimit - lineStart)) {
+            const auto* lineEnd = static_cast<const char*>(
+                std::memchr(data + lineStart, '\n', lineLimit - lineStart));
+            if (error == beast_http::error::need_more && used == 0 && lineLimit < size && lineEnd) {
+                // The last chunk's line: Beast takes it with the whole trailer section, and
+                // judges the trailer's fields before its size. The size is judged first here,
+                // as it is when the trailer arrives in pieces (see checkBufferedLine()).
+                const char* from = lineEnd > data ? lineEnd - 1 : lineEnd;  //< Its CR.
+                const std::string_view rest(from, static_cast<std::size_t>(data + size - from));
+                const std::size_t eom = rest.find("\r\n\r\n");
+                const std::size_t held = eom == std::string_view::npos
+                                             ? size
+                                             : static_cast<std::size_t>(from - data) + eom + 3;
+                const std::size_t trailer = held - static_cast<std::size_t>(lineEnd + 1 - data);
+                if (held > lineStart + m_limits.maxChunkLineBytes &&
+                    trailer > m_message->trailerAllowance) {
+                    return fail(StatusCode::requestHeaderFieldsTooLarge,
+                                "Request trailer too large");
+                }
                 error = {};
                 used = m_message->put(m_buffer.data(), error);
             }
@@ -399,7 +415,9 @@ RequestParser::Result RequestParser::checkHeadLineEnds()
         return Result::needMore;
     const auto* data = static_cast<const char*>(m_buffer.data().data());
     const std::size_t size = m_buffer.size();
-    for (std::size_t i = m_headChecked - m_headerBytes; i < size; ++i) {
+    // Past the header limit nothing more is looked at: the head is too large, whatever follows.
+    for (std::size_t i = m_headChecked - m_headerBytes;
+         i < size && m_headChecked < m_limits.maxHeaderBytes; ++i) {
         const auto byte = static_cast<unsigned char>(data[i]);
         if (byte == '\n' && (m_lastHeadBytes & 0xFF) != '\r')
             return fail(StatusCode::badRequest, "A line of the request head ends without CR");
