@@ -81,6 +81,8 @@ TEST(RequestParser, FramingAndVersionsGetTheirStatus)
         {"HTTP/1.0 with two Hosts", "GET / HTTP/1.0\r\nHost: a\r\nHost: b\r\n\r\n", 400},
         {"absolute form", "GET http://a:1/p?q HTTP/1.1\r\nHost: a\r\n\r\n", 0},
         {"absolute form of another scheme", "GET ftp://a/p HTTP/1.1\r\nHost: a\r\n\r\n", 400},
+        {"absolute form with a port that is no number",
+         "GET http://e:xample.com HTTP/1.1\r\nHost: e\r\n\r\n", 400},
         {"authority form", "GET a:80 HTTP/1.1\r\nHost: a\r\n\r\n", 400},
         {"encoded NUL in the path", "GET /a%00b HTTP/1.1\r\nHost: a\r\n\r\n", 400},
     };
@@ -125,6 +127,10 @@ TEST(RequestParser, AnswerDoesNotDependOnHowTheBytesArrive)
         {"GET / HTTP/1.1\r\nHost: a\r\nX: 1\n\r\n", 400},
         {"POST /p HTTP/1.1\r\nHost: a\r\nno colon\r\nX: y\r\n\r\n", 400},
         {longChunkLine, 400},
+        {"POST /p HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nabcd\r\n3;x=\"" +
+             std::string(kLimits.maxChunkLineBytes, 'q') + "\"\r\nefg\r\n0\r\n\r\n",
+         400},
+        {"GE* / HTT\r\n\r\n", 400},  //< A version too short for Beast to judge.
         {"POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 3\r\n\r\na\nb", 0},
     };
     for (const auto& [input, status] : cases) {

@@ -31,10 +31,7 @@ DeserializationResult parseDocument(std::string_view text, rapidjson::Document* 
 {
     text = withoutByteOrderMark(text);
 
-    // Full precision, so that a double written by us is read back bit for bit. Iterative, so
-    // that a body of deeply nested brackets cannot exhaust the I/O thread's stack.
-    document->Parse<rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag>(
-        text.data(), text.size());
+    document->Parse<kParseFlags>(text.data(), text.size());
     if (document->HasParseError()) {
         return DeserializationResult::failure(
             std::string(messages::kParseException) +
@@ -73,6 +70,9 @@ bool readBool(const Value& value, bool* out, ReadContext& context)
 bool readDouble(const Value& value, double* out, ReadContext& context)
 {
     if (value.IsNumber()) {
+        // A literal beyond the range of a double reads as an infinity.
+        if (!std::isfinite(value.GetDouble()))
+            return context.fail(messages::kFloatExpected);
         *out = value.GetDouble();
         return true;
     }

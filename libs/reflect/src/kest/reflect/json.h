@@ -48,6 +48,14 @@
 
 namespace kest::reflect::json {
 
+/**
+ * How every JSON document is parsed. Iterative, so that deeply nested brackets cannot exhaust the
+ * thread's stack. Not RapidJSON's full-precision number reader: it reads past its table of powers
+ * of ten for a long significand with a large exponent ("9...9e308"); the normal one is off by at
+ * most a unit in the last place.
+ */
+inline constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag;
+
 namespace detail {
 
 using namespace kest::reflect::detail;

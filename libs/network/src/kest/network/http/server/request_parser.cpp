@@ -1,6 +1,7 @@
 #include "request_parser.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -51,6 +52,16 @@ std::vector<std::string_view> transferCodings(std::string_view value)
     return codings;
 }
 
+/** "0", "000" or "0;ext": the line of the last chunk, which the trailer section follows. */
+bool isLastChunkLine(std::string_view line)
+{
+    const std::size_t zeros = line.find_first_not_of('0');
+    if (zeros == 0)
+        return false;
+    return zeros == std::string_view::npos ||
+           !std::isxdigit(static_cast<unsigned char>(line[zeros]));
+}
+
 /** Codings that are well known but that this server does not decode. */
 bool isUnimplementedCoding(std::string_view coding)
 {
@@ -83,6 +94,9 @@ public:
     bool closeAfterResponse = false;
     /** What the head left of the header limit, for the trailer fields. */
     std::size_t trailerAllowance = 0;
+
+    /** Bytes of the current chunk's data still to come; 0 between chunks. */
+    std::uint64_t chunkRemaining() const { return m_lastChunkSeen ? 0 : m_chunkRemaining; }
 
 private:
     void refuse(StatusCode::Value status, std::string reason, boost::beast::error_code& ec)
@@ -338,35 +352,62 @@ RequestParser::Result RequestParser::parseMessage()
         std::size_t used = 0;
         const bool sliced = m_message->awaitsChunkLine();
         if (sliced) {
-            // Beast holds a chunk-size line only while it is incomplete: a long one that arrives
-            // whole would pass. It sees no more than the limit, so that the limit holds however
-            // the bytes arrive; a complete line within it then gets what follows too.
+            // Beast holds a chunk-size line only while it is incomplete, and reads a chunk's
+            // extensions as far as it is given bytes: it is given the line alone, once it is
+            // complete within its limit, so that neither the limit nor the outcome depends on how
+            // the bytes arrive. The last chunk's line goes with the whole trailer section.
             const auto* data = static_cast<const char*>(m_buffer.data().data());
             const std::size_t size = m_buffer.size();
             const std::size_t lineStart = size >= 2 && data[0] == '\r' && data[1] == '\n' ? 2 : 0;
-            const std::size_t lineLimit = std::min(size, lineStart + m_limits.maxChunkLineBytes);
-            used = m_message->put(boost::asio::buffer(data, lineLimit), error);
+            const std::size_t lineLimit = lineStart + m_limits.maxChunkLineBytes;
             const auto* lineEnd = static_cast<const char*>(
-                std::memchr(data + lineStart, '\n', lineLimit - lineStart));
-            if (error == beast_http::error::need_more && used == 0 && lineLimit < size && lineEnd) {
-                // The last chunk's line: Beast takes it with the whole trailer section, and
-                // judges the trailer's fields before its size. The size is judged first here,
-                // as it is when the trailer arrives in pieces (see checkBufferedLine()).
-                const char* from = lineEnd > data ? lineEnd - 1 : lineEnd;  //< Its CR.
+                std::memchr(data + lineStart, '\n', std::min(size, lineLimit) - lineStart));
+            if (!lineEnd)
+                break;  //< checkBufferedLine() tells a long line from an incomplete one.
+            used = m_message->put(
+                boost::asio::buffer(data, static_cast<std::size_t>(lineEnd + 1 - data)), error);
+            if (error == beast_http::error::need_more && used == 0 &&
+                !isLastChunkLine(std::string_view(
+                    data + lineStart, static_cast<std::size_t>(lineEnd - data) - lineStart))) {
+                // A whole line that Beast cannot take (it reads a quoted extension past the
+                // line's end): what follows the line must not decide.
+                return fail(StatusCode::badRequest, "Malformed chunk-size line");
+            }
+            if (error == beast_http::error::need_more && used == 0) {
+                // Beast judges the trailer's fields before its size; the size is judged first
+                // here, as checkBufferedLine() does when the trailer arrives in pieces.
+                const char* from = lineEnd > data ? lineEnd - 1 : lineEnd;  //< The line's CR.
                 const std::string_view rest(from, static_cast<std::size_t>(data + size - from));
                 const std::size_t eom = rest.find("\r\n\r\n");
-                const std::size_t held = eom == std::string_view::npos
-                                             ? size
-                                             : static_cast<std::size_t>(from - data) + eom + 3;
+                if (eom == std::string_view::npos) {
+                    error = {};
+                    break;
+                }
+                const std::size_t held = static_cast<std::size_t>(from - data) + eom + 3;
                 const std::size_t trailer = held - static_cast<std::size_t>(lineEnd + 1 - data);
-                if (held > lineStart + m_limits.maxChunkLineBytes &&
-                    trailer > m_message->trailerAllowance) {
+                if (held > lineLimit && trailer > m_message->trailerAllowance)
                     return fail(StatusCode::requestHeaderFieldsTooLarge,
                                 "Request trailer too large");
-                }
                 error = {};
-                used = m_message->put(m_buffer.data(), error);
+                used = m_message->put(boost::asio::buffer(data, held + 1), error);
             }
+        } else if (!headerWasDone) {
+            // Only the head: Beast asks for more when a head ends too early (a short version),
+            // so what follows it must not decide.
+            const std::size_t headBytes = m_headChecked - m_headerBytes;
+            used = m_message->put(boost::asio::buffer(m_buffer.data().data(), headBytes), error);
+            if (error == beast_http::error::need_more && used == 0 &&
+                !m_message->is_header_done()) {
+                return fail(StatusCode::badRequest, "Malformed request head");
+            }
+        } else if (const std::uint64_t chunk = m_message->chunkRemaining(); chunk > 0) {
+            // The chunk's data alone: Beast would go on into the next chunk-size line, past the
+            // line's limit.
+            used = m_message->put(
+                boost::asio::buffer(
+                    m_buffer.data().data(),
+                    static_cast<std::size_t>(std::min<std::uint64_t>(chunk, m_buffer.size()))),
+                error);
         } else {
             used = m_message->put(m_buffer.data(), error);
         }
@@ -382,8 +423,9 @@ RequestParser::Result RequestParser::parseMessage()
         }
         if (error == beast_http::error::need_more) {
             error = {};
-            // A slice may end inside what follows while the rest is already buffered.
-            if (sliced && used > 0)
+            // A slice (of a head, or up to a chunk-size line's limit) may end inside what
+            // follows while the rest is already buffered.
+            if ((sliced || !headerWasDone) && used > 0)
                 continue;
             break;
         }
