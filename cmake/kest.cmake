@@ -26,14 +26,15 @@ function(kest_add_library name)
   install(DIRECTORY src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endfunction()
 
-# kest_add_test(NAME SOURCES ... DEPS ... [LABELS ...]): a GoogleTest executable
-# registered with CTest test by test.
+# kest_add_test(NAME SOURCES ... DEPS ... [LABELS ...] [PROPERTIES NAME VALUE ...]): a GoogleTest
+# executable registered with CTest test by test; PROPERTIES are set on every one of its tests.
 function(kest_add_test name)
   if(NOT KEST_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS;PROPERTIES" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${ARG_LABELS}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+    PROPERTIES LABELS "${ARG_LABELS}" ${ARG_PROPERTIES})
 endfunction()

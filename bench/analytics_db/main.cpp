@@ -19,6 +19,7 @@
 #include <kest/analytics_db/events_storage.h>
 #include <kest/utils/log/logger.h>
 
+#include "figure.h"
 #include "latency_stats.h"
 #include "searched_store.h"
 
@@ -176,6 +177,12 @@ void measureIngest(const Options& options)
                 packetsPerSecond >= kIngestGoalPacketsPerSecond ? "met" : "MISSED");
     std::printf("  process CPU %.2f s (%.1f us per packet, all threads), %.0f%% of the wall time\n",
                 cpu, cpu * 1e6 / options.ingestPackets, 100 * cpu / seconds);
+    const std::string section = "storage: ingest into a new store";
+    recordFigure(Figure::measured(section, "packets of 5 objects", packetsPerSecond, "packets/s")
+                     .atLeast(kIngestGoalPacketsPerSecond));
+    recordFigure(Figure::measured(section, "objects", packetsPerSecond * 5, "objects/s"));
+    recordFigure(Figure::measured(section, "process CPU per object",
+                                  cpu * 1e6 / options.ingestPackets / 5, "us"));
 }
 
 struct LookupResult
@@ -199,7 +206,8 @@ LookupResult lookup(EventsStorage& storage, Filter filter)
     return future.get();
 }
 
-void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds)
+void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
+                    const std::string& section)
 {
     std::printf("\n== Lookups, one at a time (milliseconds, from the call to its completion)\n");
     std::printf("%-36s %8s %8s %8s %10s %10s %8s\n", "", "p50", "p99", "max", "goal p99",
@@ -234,6 +242,9 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds)
                     toMs(stats.percentile(50)), p99, toMs(stats.percentile(100)), kind.goalMs,
                     static_cast<double>(hits) / kind.filters.size(),
                     p99 <= kind.goalMs ? "met" : "MISSED");
+        recordFigure(
+            Figure::measured(section, kind.name + ", p50", toMs(stats.percentile(50)), "ms"));
+        recordFigure(Figure::measured(section, kind.name + ", p99", p99, "ms").atMost(kind.goalMs));
         if (!slowestWords.empty()) {
             const auto count = std::min<std::size_t>(5, slowestWords.size());
             std::partial_sort(slowestWords.begin(), slowestWords.begin() + count,
@@ -277,7 +288,7 @@ void checkpoint(const fs::path& dir)
     }
 }
 
-void measureDisk(const fs::path& storePath, const StoreInfo& info)
+void measureDisk(const fs::path& storePath, const StoreInfo& info, const std::string& section)
 {
     checkpoint(storePath);
     std::uintmax_t bytes = 0;
@@ -292,6 +303,10 @@ void measureDisk(const fs::path& storePath, const StoreInfo& info)
     std::printf("total %.1f MB: %.0f bytes per track, %.0f bytes per object\n", bytes / 1e6,
                 static_cast<double>(bytes) / info.trackCount,
                 static_cast<double>(bytes) / info.objectCount);
+    recordFigure(Figure::measured(section, "bytes per track",
+                                  static_cast<double>(bytes) / info.trackCount, "B"));
+    recordFigure(Figure::measured(section, "bytes per object",
+                                  static_cast<double>(bytes) / info.objectCount, "B"));
 }
 
 }  // namespace
@@ -330,9 +345,14 @@ int main(int argc, char** argv)
     auto storage = openStorage(storePath);
     if (!storage)
         return 1;
-    measureLookups(*storage, makeQueries(options.seed, options.queries, info));
+    const std::string section =
+        "storage: searches on " + std::to_string(info.trackCount) + " tracks (" +
+        std::to_string(info.objectCount) + " objects, " +
+        std::to_string(static_cast<int>((info.lastTimeUs - info.firstTimeUs) / 3.6e9 + 0.5)) +
+        " h)";
+    measureLookups(*storage, makeQueries(options.seed, options.queries, info), section);
     storage.reset();
 
-    measureDisk(storePath, info);
+    measureDisk(storePath, info, section);
     return 0;
 }

@@ -18,6 +18,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -32,6 +33,7 @@
 
 #include "../analytics_db/latency_stats.h"
 #include "../analytics_db/searched_store.h"
+#include "figure.h"
 #include "http_connection.h"
 
 namespace fs = std::filesystem;
@@ -62,6 +64,10 @@ struct Options
     int batch = 100;
     int connections = 4;
     int rounds = 3;
+    /** A service already running on this port, instead of one in this process. */
+    std::uint16_t port = 0;
+    /** With a port: how long to keep posting the ingest requests, over and over. */
+    double ingestSeconds = 20;
 };
 
 void printUsage()
@@ -80,6 +86,8 @@ void printUsage()
         "  --dir PATH          the storage benchmark's directory for these parameters (default\n"
         "                      /tmp/analytics_db_bench/<params>); its store is reused\n"
         "  --fresh             fill the searched store again\n"
+        "  --port N            use the service running on 127.0.0.1:N: ingest posts for\n"
+        "                      --ingest-seconds S (default 20), lookups search it\n"
         "  --quick             a small store and fewer packets and queries, for a smoke run\n");
 }
 
@@ -107,6 +115,13 @@ bool parseOptions(int argc, char** argv, Options* options)
                 options->batch = std::stoi(value());
             } else if (arg == "--rounds") {
                 options->rounds = std::stoi(value());
+            } else if (arg == "--port") {
+                const int port = std::stoi(value());
+                if (port <= 0 || port > 65535)
+                    return false;
+                options->port = static_cast<std::uint16_t>(port);
+            } else if (arg == "--ingest-seconds") {
+                options->ingestSeconds = std::stod(value());
             } else if (arg == "--connections") {
                 options->connections = std::stoi(value());
             } else if (arg == "--dir") {
@@ -251,6 +266,26 @@ private:
     std::uint16_t m_port = 0;
 };
 
+/**
+ * How a client waits before resending a batch that the service refused because its storage is
+ * behind: 1 ms, doubling up to 32 ms while refusals last. Every refused request costs the service
+ * the reading of its whole body, so resending at a fixed short pace would take the CPU that the
+ * storage needs to catch up.
+ */
+class BackOff
+{
+public:
+    void reset() { m_delay = milliseconds(1); }
+    void wait()
+    {
+        std::this_thread::sleep_for(m_delay);
+        m_delay = std::min(m_delay * 2, milliseconds(32));
+    }
+
+private:
+    milliseconds m_delay{1};
+};
+
 double measureStorageIngest(const Options& options,
                             std::vector<std::shared_ptr<const ObjectMetadataPacket>> packets)
 {
@@ -303,17 +338,20 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
             threads.emplace_back([&, c] {
                 pthread_setname_np(pthread_self(), "bench client");
                 HttpConnection connection(service.port());
+                BackOff backOff;
                 for (std::size_t i; (i = next++) < requests.size();) {
                     for (;;) {
                         const auto sent = steady_clock::now();
                         const int status = connection.exchange(requests[i]);
                         stats[c].add(steady_clock::now() - sent);
-                        if (status == 200)
+                        if (status == 200) {
+                            backOff.reset();
                             break;
+                        }
                         // 500: the storage's queue is full; a client backs off and resends.
                         if (status == 500) {
                             ++refused;
-                            std::this_thread::sleep_for(milliseconds(1));
+                            backOff.wait();
                             continue;
                         }
                         ++failed;
@@ -353,6 +391,51 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
     return rate;
 }
 
+/** Posts the requests over and over from every connection for the set time (memory runs). */
+void feedIngest(const Options& options, const std::vector<std::string>& requests)
+{
+    std::printf("\n== Posting to 127.0.0.1:%u for %.0f s from %d connections\n", options.port,
+                options.ingestSeconds, options.connections);
+    std::fflush(stdout);
+    std::atomic<std::size_t> next{0};
+    std::atomic<std::int64_t> accepted{0}, refused{0}, failed{0};
+    const auto end =
+        steady_clock::now() + duration_cast<nanoseconds>(duration<double>(options.ingestSeconds));
+    std::vector<std::thread> threads;
+    for (int c = 0; c < options.connections; ++c) {
+        threads.emplace_back([&] {
+            HttpConnection connection(options.port);
+            BackOff backOff;
+            while (steady_clock::now() < end) {
+                const int status = connection.exchange(requests[next++ % requests.size()]);
+                if (status == 200) {
+                    ++accepted;
+                    backOff.reset();
+                } else if (status == 500) {
+                    ++refused;
+                    backOff.wait();
+                } else {
+                    ++failed;
+                    std::this_thread::sleep_for(milliseconds(10));
+                }
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    std::printf(
+        "  %lld requests accepted (%.0f packets/s), %lld refused while the queue was "
+        "full, %lld failed\n",
+        static_cast<long long>(accepted.load()), accepted * options.batch / options.ingestSeconds,
+        static_cast<long long>(refused.load()), static_cast<long long>(failed.load()));
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0 : values[values.size() / 2];
+}
+
 void measureIngest(const Options& options)
 {
     // Request texts made beforehand, so that the client spends its time sending.
@@ -366,6 +449,10 @@ void measureIngest(const Options& options)
             requests.push_back(postJsonRequest(kDataPath, kest::reflect::json::serialize(batch)));
         }
     }
+    if (options.port) {
+        feedIngest(options, requests);
+        return;
+    }
     std::size_t bytes = 0;
     for (const auto& request : requests)
         bytes += request.size();
@@ -376,24 +463,36 @@ void measureIngest(const Options& options)
         bytes / 1024.0 / requests.size(), options.rounds);
 
     // Rounds take turns, so that a burst of other work on the machine weighs on both sides.
-    std::vector<double> ratios;
+    std::vector<double> ratios, storageRates, httpRates;
     for (int round = 1; round <= options.rounds; ++round) {
         std::printf("\n-- round %d\n", round);
         const double storageRate =
             measureStorageIngest(options, makeIngestPackets(options.seed, options.ingestPackets));
         const double httpRate = measureHttpIngest(options, requests, options.ingestPackets);
+        storageRates.push_back(storageRate);
+        httpRates.push_back(httpRate);
         ratios.push_back(storageRate > 0 ? httpRate / storageRate : 0);
         std::printf("  HTTP / storage only = %.2f\n", ratios.back());
         std::fflush(stdout);
     }
-    std::sort(ratios.begin(), ratios.end());
-    const double median = ratios[ratios.size() / 2];
+    const double ratio = median(ratios);
     std::printf(
         "\n  HTTP / storage only, median of %zu rounds = %.2f (lowest %.2f, highest %.2f)   "
         "goal >= %.2f   %s\n",
-        ratios.size(), median, ratios.front(), ratios.back(), kIngestGoalRatio,
-        median >= kIngestGoalRatio ? "met" : "MISSED");
+        ratios.size(), ratio, *std::min_element(ratios.begin(), ratios.end()),
+        *std::max_element(ratios.begin(), ratios.end()), kIngestGoalRatio,
+        ratio >= kIngestGoalRatio ? "met" : "MISSED");
     std::fflush(stdout);
+    const std::string section = "end to end: HTTP ingest (packets of 5 objects, " +
+                                std::to_string(options.batch) + " per request)";
+    const std::string rounds = "median of " + std::to_string(ratios.size()) + " rounds";
+    recordFigure(Figure::measured(section, "storage only", median(storageRates), "packets/s")
+                     .withNote(rounds));
+    recordFigure(
+        Figure::measured(section, "over HTTP", median(httpRates), "packets/s").withNote(rounds));
+    recordFigure(Figure::measured(section, "HTTP / storage only", ratio, "x")
+                     .atLeast(kIngestGoalRatio)
+                     .withNote(rounds));
 }
 
 std::string searchTarget(const kest::analytics::db::Filter& filter)
@@ -422,18 +521,26 @@ void measureLookups(const Options& options)
 
     const fs::path dataDir = options.dir / "http_bench_lookups";
     fs::remove_all(dataDir);
-    Service service(dataDir, {"--analyticsDb/path=" + searchedStorePath(options.dir).string()});
-    if (!service.port()) {
+    std::optional<Service> service;
+    std::uint16_t port = options.port;
+    if (!port) {
+        service.emplace(dataDir, std::vector<std::string>{"--analyticsDb/path=" +
+                                                          searchedStorePath(options.dir).string()});
+        port = service->port();
+    }
+    if (!port) {
         std::printf("the service did not start\n");
         return;
     }
+    const std::string section =
+        "end to end: internal lookups over HTTP on " + std::to_string(info.trackCount) + " tracks";
 
     std::printf(
         "\n== Internal lookups over HTTP, one at a time on one connection (ms, from "
         "sending the request to its whole answer)\n");
     std::printf("%-36s %8s %8s %8s %10s %10s %8s\n", "", "p50", "p99", "max", "goal p99",
                 "mean hits", "");
-    HttpConnection connection(service.port());
+    HttpConnection connection(port);
     std::vector<std::string> all;
     for (const auto& kind : kinds) {
         if (kind.filters.empty())
@@ -464,6 +571,11 @@ void measureLookups(const Options& options)
                     p99 <= kind.goalMs ? "met" : "MISSED");
         if (failures > 0)
             std::printf("%-36s note: %zu of %zu searches failed\n", "", failures, requests.size());
+        if (!options.port) {
+            recordFigure(Figure::measured(section, kind.name + ", p99", p99, "ms")
+                             .atMost(kind.goalMs)
+                             .withNote(failures ? std::to_string(failures) + " failed" : ""));
+        }
         std::fflush(stdout);
     }
 
@@ -474,7 +586,7 @@ void measureLookups(const Options& options)
     const auto start = steady_clock::now();
     for (int c = 0; c < options.connections; ++c) {
         threads.emplace_back([&, c] {
-            HttpConnection own(service.port());
+            HttpConnection own(port);
             for (std::size_t i; (i = next++) < all.size();) {
                 const auto sent = steady_clock::now();
                 own.exchange(all[i]);
@@ -493,6 +605,11 @@ void measureLookups(const Options& options)
     std::printf("  %10.0f searches/s   p50 %.2f ms   p99 %.2f ms   (%zu searches)\n",
                 all.size() / seconds, toMs(merged.percentile(50)), toMs(merged.percentile(99)),
                 all.size());
+    if (!options.port) {
+        recordFigure(Figure::measured(
+            section, "all kinds mixed, " + std::to_string(options.connections) + " connections",
+            all.size() / seconds, "searches/s"));
+    }
     fs::remove_all(dataDir);
 }
 

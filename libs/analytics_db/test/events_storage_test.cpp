@@ -93,6 +93,7 @@ TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
     store.setValue("analyticsDb/maxAgeDays", "30");
     store.setValue("analyticsDb/maxCommitDelayMs", "50");
     store.setValue("analyticsDb/maxQueuedPackets", "many");
+    store.setValue("analyticsDb/maxQueuedMb", "16");
     store.setValue("analyticsDb/synchronous", "FULL");
     store.setValue("other/maxAgeDays", "150000000");
     store.setValue("other/maxCommitDelayMs", "9300000000000");
@@ -102,6 +103,7 @@ TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
     EXPECT_EQ(settings.maxAgeDays, 30);
     EXPECT_EQ(settings.maxCommitDelay, 50ms);
     EXPECT_EQ(settings.maxQueuedPackets, Settings().maxQueuedPackets);
+    EXPECT_EQ(settings.maxQueuedBytes, 16u << 20);
     EXPECT_EQ(settings.connection.synchronous, "FULL");
     EXPECT_EQ(settings.connection.journalMode, "WAL");
 
@@ -505,6 +507,34 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
     filter.maxObjectTracksToSelect = 0;
     filter.freeText = "grey";
     EXPECT_EQ(times(filter).size(), static_cast<std::size_t>(kTracks / 2));
+
+    // Rare words go to the index at once; testing rows one by one first answers the same.
+    const auto read = [&](const Filter& f, std::int64_t rareMatches) {
+        TrackReader reader;
+        EXPECT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        reader.setRareTextMatches(rareMatches);
+        std::vector<ObjectTrackEx> found;
+        EXPECT_EQ(reader.lookup(f, &found), ResultCode::ok);
+        std::vector<std::int64_t> out;
+        for (const auto& t : found)
+            out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
+        return out;
+    };
+    for (const char* text : {"raritat", "note green", "rarit grey", "gre"}) {
+        for (const auto order : {SortOrder::asc, SortOrder::desc}) {
+            for (const int limit : {0, 2}) {
+                Filter f;
+                f.freeText = text;
+                f.sortOrder = order;
+                f.maxObjectTracksToSelect = limit;
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                f.deviceIds = {kDeviceA};
+                f.timePeriod = ZuTimePeriod(1'000 + 15, 2'000);
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+            }
+        }
+    }
 }
 
 /**
@@ -869,6 +899,30 @@ TEST_F(EventsStorageTest, NotReadyPastTheHighWaterMarkUntilDrained)
         EXPECT_TRUE(storage->isReady()) << mark;
         EXPECT_EQ(find(*storage, Filter()).size(), 1u);
     }
+
+    // The memory of the packets waiting counts as well, the batch being written included, and
+    // readiness comes back once it is written.
+    m_settings.maxQueuedPackets = 1000;
+    const auto sample = packet(kDeviceA, 1'000'000, {{1}, {2}, {3}});
+    const std::size_t bytes = EventsStorage::packetBytes(*sample);
+    EXPECT_GT(bytes, sizeof(*sample) + 3 * sizeof(sample->objectMetadataList[0]));
+    m_settings.maxQueuedBytes = 3 * bytes;
+    auto storage = open();
+    std::promise<void> release;
+    auto released = release.get_future();
+    storage->save(sample);
+    storage->runOnWriter([&](sql::Database&) { released.wait(); });
+    std::this_thread::sleep_for(50ms);
+    storage->save(packet(kDeviceA, 2'000'000, {{1}, {2}, {3}}));
+    storage->save(packet(kDeviceA, 3'000'000, {{1}, {2}, {3}}));
+    EXPECT_TRUE(storage->isReady());
+    EXPECT_EQ(storage->statistics().queuedBytes, 3 * bytes);
+    storage->save(packet(kDeviceA, 4'000'000, {{1}, {2}, {3}}));
+    EXPECT_FALSE(storage->isReady());
+    release.set_value();
+    storage->flush();
+    EXPECT_TRUE(storage->isReady());
+    EXPECT_EQ(storage->statistics().queuedBytes, 0u);
 }
 
 TEST_F(EventsStorageTest, NotReadyWhileTheWriterLagsBehindItsDelay)

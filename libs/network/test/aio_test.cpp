@@ -59,6 +59,28 @@ TEST(AioThreadPool, ZeroMeansOnePerCoreAndRoundRobin)
     auto* second = two.next();
     EXPECT_NE(first, second);
     EXPECT_EQ(two.next(), first);
+
+    // Work on a pool's thread can hold it weakly, and finds it gone with the pool.
+    std::weak_ptr<AioThread> current;
+    std::promise<void> looked;
+    first->post([&]() {
+        current = AioThread::currentWeak();
+        looked.set_value();
+    });
+    looked.get_future().wait();
+    EXPECT_EQ(current.lock().get(), first);
+    {
+        AioThreadPool gone(1);
+        std::promise<void> taken;
+        gone.next()->post([&]() {
+            current = AioThread::currentWeak();
+            taken.set_value();
+        });
+        taken.get_future().wait();
+        EXPECT_FALSE(current.expired());
+    }
+    EXPECT_TRUE(current.expired());
+    EXPECT_TRUE(AioThread::currentWeak().expired());
 }
 
 TEST(BasicPollable, StopRunsOnceOnBoundThreadSyncAlsoFromThatThread)

@@ -24,8 +24,8 @@
 #include "http_test_client.h"
 #include "log_capture.h"
 #include "mongo_test_fixture.h"
+#include "running_service.h"
 #include "storage_fakes.h"
-#include "temporary_directory.h"
 
 namespace kest::cloud::storage::metadatadb {
 
@@ -45,85 +45,6 @@ using kest::common::metadata::ObjectMetadata;
 using kest::common::metadata::ObjectMetadataPacket;
 using kest::network::http::ApiRequestResult;
 
-const std::string kUnreachableMongo =
-    "mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100&connectTimeoutMS=100";
-
-/**
- * The whole service in-process, with the real analytics events storage in a directory of its
- * own (reachable for flush() and fault injection) and the MongoDB storage at `mongoUri`.
- */
-class RunningService
-{
-public:
-    explicit RunningService(const std::string& mongoUri, std::vector<std::string> extraArgs = {})
-    {
-        m_previousFactory = DdProviderFactory::instance().setCreateFunction(
-            [this]() -> std::unique_ptr<kest::analytics::db::AbstractEventsStorage> {
-                auto storage = std::make_unique<EventsStorage>();
-                m_events = storage.get();
-                return storage;
-            });
-        std::vector<std::string> args{"--http/listenOn=127.0.0.1:0", "--dataDir=" + m_dir.path(),
-                                      "--MongoDb/uri=" + mongoUri};
-        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-        std::vector<const char*> argv;
-        for (const auto& arg : args)
-            argv.push_back(arg.c_str());
-        if (m_launcher.startService(argv, /*waitUntilStarted*/ true))
-            m_port = m_launcher.moduleInstance()->httpEndpoints().front().port;
-    }
-
-    ~RunningService()
-    {
-        m_launcher.stop();
-        DdProviderFactory::instance().setCreateFunction(std::move(m_previousFactory));
-    }
-
-    bool started() const { return m_port != 0; }
-    std::uint16_t port() const { return m_port; }
-    EventsStorage& events() { return *m_events; }
-
-    std::optional<HttpResponse> get(const std::string& target, const std::string& contentType = {})
-    {
-        return exchange(m_port, "GET", target, {}, contentType);
-    }
-
-    /** Posts the packets as JSON; with `commit`, waits until the storage has written them. */
-    int post(const std::vector<ObjectMetadataPacket>& packets, bool commit = true)
-    {
-        const auto response = exchange(m_port, "POST", "/metadataDb/v1/data",
-                                       kest::reflect::json::serialize(packets), "application/json");
-        if (commit)
-            m_events.load()->flush();
-        return response ? response->status : 0;
-    }
-
-private:
-    TemporaryDirectory m_dir;
-    DdProviderFactory::CreateFunction m_previousFactory;
-    std::atomic<EventsStorage*> m_events{nullptr};
-    Launcher m_launcher;
-    std::uint16_t m_port = 0;
-};
-
-ObjectMetadataPacket packet(const ZuUuid& device, std::int64_t timeMs, const ZuUuid& track,
-                            const std::string& type, std::vector<Attribute> attributes = {})
-{
-    ObjectMetadataPacket result;
-    result.deviceId = device;
-    result.timestampUs = timeMs * 1000;
-    result.durationUs = 1000;
-    result.streamIndex = kest::common::metadata::StreamIndex::primary;
-    ObjectMetadata object;
-    object.trackId = track;
-    object.typeId = type;
-    object.objectMetadataType = kest::common::metadata::ObjectMetadataType::regular;
-    object.boundingBox = {0.1, 0.2, 0.3, 0.4};
-    object.attributes = std::move(attributes);
-    result.objectMetadataList.push_back(std::move(object));
-    return result;
-}
-
 std::vector<ZuUuid> trackIds(const std::optional<HttpResponse>& response)
 {
     std::vector<ZuUuid> ids;
@@ -140,13 +61,6 @@ std::vector<ZuUuid> trackIds(const std::optional<HttpResponse>& response)
     return ids;
 }
 
-std::string dataTarget(const DataRequestData& request)
-{
-    QUrlQuery query;
-    serializeToUrlQuery(request, &query);
-    return "/metadataDb/v1/data?" + query.toString(QUrl::FullyEncoded).toStdString();
-}
-
 std::string percentEncoded(const std::string& text)
 {
     return QUrl::toPercentEncoding(QString::fromStdString(text)).toStdString();
@@ -158,14 +72,6 @@ ApiRequestResult errorOf(const std::optional<HttpResponse>& response)
     EXPECT_TRUE(response && result.fromJson(response->body))
         << (response ? response->body : "no response");
     return result;
-}
-
-bool hasJsonContentType(const HttpResponse& response)
-{
-    std::string head = response.head;
-    for (char& c : head)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return head.find("content-type: application/json") != std::string::npos;
 }
 
 class ApiTest : public ::testing::Test
@@ -525,12 +431,6 @@ TEST(ApiDeathTest, WriterGoesOnWhileAClearSpins)
 class ApiMongoTest : public MongoTest
 {
 protected:
-    mongo::Collection collection(const std::string& name)
-    {
-        m_client.emplace(m_storage->getClient());
-        return m_client->collection("metadataStorage", name);
-    }
-
     void SetUp() override
     {
         MongoTest::SetUp();
@@ -540,15 +440,15 @@ protected:
 
     const ZuUuid m_device = ZuUuid::createUuid();
     std::optional<MongoDataDistributionStorage> m_storage;
-    std::optional<mongo::PooledClient> m_client;
 };
 
-TEST_F(ApiMongoTest, DistributedSearchAsksTheDistributionRecordForTheDevicesAndPeriod)
+TEST_F(ApiMongoTest, DistributedSearchAsksEveryInstanceTheDistributionRecordNames)
 {
     RunningService service(m_uri);
     ASSERT_TRUE(service.started());
     const std::int64_t t0 = 1'767'225'600'000;
-    ASSERT_EQ(200, service.post({packet(m_device, t0 + 1'000, ZuUuid::createUuid(), "person")}));
+    const ZuUuid track = ZuUuid::createUuid();
+    ASSERT_EQ(200, service.post({packet(m_device, t0 + 1'000, track, "person")}));
     LogCapture log;
 
     // No instance has recorded data of the device: nobody to ask. A word as the flag reads as 0,
@@ -565,86 +465,30 @@ TEST_F(ApiMongoTest, DistributedSearchAsksTheDistributionRecordForTheDevicesAndP
         EXPECT_EQ("[]", response->body) << target;
     }
 
-    // The record names an instance: asking it is beyond this build, which says so.
-    m_storage->saveDataAddressSync({{toString(m_device), ZuTimePeriod(t0, 3'600'000)}},
-                                   "http://127.0.0.1:1", [](std::vector<DataInfo>) {});
+    // An instance that cannot be reached counts as a failed reply, not as a failed search.
+    const auto save = [&](const std::string& node) {
+        m_storage->saveDataAddressSync({{toString(m_device), ZuTimePeriod(t0, 3'600'000)}}, node,
+                                       [](std::vector<DataInfo>) {});
+    };
+    save("http://127.0.0.1:1");
     auto response = service.get(dataTarget(request));
     ASSERT_TRUE(response);
-    EXPECT_EQ(500, response->status);
-    EXPECT_TRUE(log.contains("{ http://127.0.0.1:1 } is not available yet"));
+    EXPECT_EQ(200, response->status);
+    EXPECT_EQ("[]", response->body);
+    EXPECT_EQ(1, log.count("errors occured during fetching data from other nodes"));
 
-    // A period that only touches the recorded span does not select it.
+    // This instance itself, recorded twice, is asked twice over HTTP, as any other.
+    save(service.url());
+    save(service.url());
+    EXPECT_EQ((std::vector{track, track}), trackIds(service.get(dataTarget(request))));
+    EXPECT_EQ(2, log.count("errors occured during fetching data from other nodes"));
+
+    // A period that only touches the recorded spans selects none of them.
     request.filter.timePeriod = ZuTimePeriod(t0 + 3'600'000, 1'000);
     response = service.get(dataTarget(request));
     ASSERT_TRUE(response);
     EXPECT_EQ(200, response->status);
     EXPECT_EQ("[]", response->body);
-}
-
-// The only test that writes "HostsLoad": every instance choice depends on all of its records.
-TEST_F(ApiMongoTest, OptimalInstanceIsTheFirstOfTheLeastLoadedHosts)
-{
-    auto hostsLoad = collection("HostsLoad");
-    hostsLoad.deleteMany(mongo::Document());
-    RunningService service(m_uri);
-    ASSERT_TRUE(service.started());
-    const std::string target = "/metadataDb/v1/optimalInstance?VmsId=" + toString(m_device);
-    const auto chosenHost = [&]() -> std::string {
-        const auto response = service.get(target);
-        if (!response)
-            return "no response";
-        if (response->status != 200)
-            return std::to_string(response->status) + response->body;
-        EXPECT_TRUE(hasJsonContentType(*response));
-        // A bare JSON string: not a document the record reader takes, so parse it first.
-        rapidjson::Document document;
-        document.Parse(response->body.c_str());
-        std::string host;
-        EXPECT_TRUE(kest::reflect::json::deserializeValue(document, &host).success)
-            << response->body;
-        return host;
-    };
-    LogCapture log;
-
-    EXPECT_EQ("500", chosenHost());
-    EXPECT_TRUE(log.containsLine(
-        "optimal instance request with params: vmsId: " + toString(m_device) + " failed"));
-
-    m_storage->saveInstanceLoadSync({"http://h1:1", 0.1, 0.7});
-    m_storage->saveInstanceLoadSync({"http://h2:2", 0.9, 0.2});
-    m_storage->saveInstanceLoadSync({"http://h3:3", 0.1, 0.2});
-    const std::string unchanged = "possible problems while saving load metrics to MongoDB";
-    EXPECT_EQ(0, log.count(unchanged));
-    EXPECT_EQ("http://h2:2", chosenHost());
-    const auto response = service.get(target);
-    ASSERT_TRUE(response);
-    EXPECT_EQ("\"http://h2:2\"", response->body);
-
-    // Figures equal to the stored ones modify nothing, which the save reports.
-    m_storage->saveInstanceLoadSync({"http://h2:2", 0.9, 0.2});
-    EXPECT_EQ(1, log.count(unchanged));
-    m_storage->saveInstanceLoadSync({"http://h3:3", 0.1, 0.1});
-    EXPECT_EQ(1, log.count(unchanged));
-    EXPECT_EQ("http://h3:3", chosenHost());
-
-    m_storage->saveInstanceLoad({"http://h4:4", 0.0, 0.05});
-    std::string host;
-    for (int i = 0; i < 500 && (host = chosenHost()) != "http://h4:4"; ++i)
-        std::this_thread::sleep_for(10ms);
-    EXPECT_EQ("http://h4:4", host);
-
-    // One record of the wrong shape spoils the whole choice.
-    mongo::Document filter;
-    filter.appendString("Host", "http://bad:1");
-    mongo::Document fields;
-    fields.appendString("LongLoadMetric", "low").appendDouble("ShortLoadMetric", 0);
-    mongo::Document update;
-    update.appendDocument("$set", fields);
-    hostsLoad.updateOne(filter, update, /*upsert*/ true);
-    EXPECT_EQ("500", chosenHost());
-    EXPECT_TRUE(log.containsLine("instances load metrics lookup failed"));
-
-    hostsLoad.deleteMany(mongo::Document());
 }
 
 }  // namespace

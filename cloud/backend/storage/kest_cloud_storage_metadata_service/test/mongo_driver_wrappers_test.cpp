@@ -147,7 +147,8 @@ TEST_F(MongoWrappersTest, SingleUpdateAndFailures)
 {
     Storage storage(m_uri);
     PooledClient client = storage.getClient();
-    Collection collection = client.collection(storage.dbName(), Storage::kHostsLoadCollection);
+    // A collection of its own: records in "HostsLoad" take part in every instance choice.
+    Collection collection = client.collection(storage.dbName(), uniqueName("updates"));
     const std::string host = uniqueName("host");
 
     Document filter;

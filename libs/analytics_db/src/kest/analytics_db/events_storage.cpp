@@ -105,9 +105,33 @@ StorageStatistics EventsStorage::statistics() const
     result.packetsFailed = m_packetsFailed.load(std::memory_order_relaxed);
     result.queuedPackets = m_queuedPackets.load(std::memory_order_relaxed);
     result.maxQueuedPackets = m_maxQueuedPackets.load(std::memory_order_relaxed);
+    result.queuedBytes = m_queuedBytesFigure.load(std::memory_order_relaxed);
     result.storeBytes = m_storeBytes.load(std::memory_order_relaxed);
     result.diskAvailableBytes = m_diskAvailableBytes.load(std::memory_order_relaxed);
     return result;
+}
+
+std::size_t EventsStorage::packetBytes(const common::metadata::ObjectMetadataPacket& packet)
+{
+    // Every heap block costs its header too; strings up to 15 characters live inside the object.
+    constexpr std::size_t kBlock = 16;
+    const auto text = [](const std::string& s) {
+        return s.capacity() > 15 ? s.capacity() + 1 + kBlock : 0;
+    };
+    using common::metadata::Attribute;
+    using common::metadata::ObjectMetadata;
+    // The packet and the shared pointer's control block are one block (make_shared) or two.
+    std::size_t bytes = sizeof(packet) + 2 * kBlock + 16;
+    if (packet.objectMetadataList.capacity() > 0)
+        bytes += packet.objectMetadataList.capacity() * sizeof(ObjectMetadata) + kBlock;
+    for (const auto& object : packet.objectMetadataList) {
+        bytes += text(object.typeId);
+        if (object.attributes.capacity() > 0)
+            bytes += object.attributes.capacity() * sizeof(Attribute) + kBlock;
+        for (const auto& attribute : object.attributes)
+            bytes += text(attribute.name) + text(attribute.value);
+    }
+    return bytes;
 }
 
 std::size_t EventsStorage::queuedPackets() const
@@ -125,6 +149,7 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
         return;
     }
     bool wake = false;
+    const std::size_t bytes = packetBytes(*packet);
     {
         std::unique_lock lock(m_queueMutex);
         if (m_stopping) {
@@ -137,10 +162,15 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
         if (m_queue.empty())
             m_oldestQueued = now;
         m_queue.push_back(std::move(packet));
+        m_queueBytes.push_back(bytes);
         ++m_enqueued;
+        m_queuedBytes += bytes;
         m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
-        if (m_queue.size() > m_settings.maxQueuedPackets || lagsBehind(now))
+        m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
+        if (m_queue.size() > m_settings.maxQueuedPackets ||
+            m_queuedBytes > m_settings.maxQueuedBytes || lagsBehind(now)) {
             m_overloaded = true;
+        }
         m_packetsAccepted.fetch_add(1, std::memory_order_relaxed);
         // Waking the writer on every packet would cost a system call each; it only needs to
         // know about the first one (to start the delay) and about a full batch.
@@ -211,13 +241,27 @@ void EventsStorage::writerLoop()
         auto tasks = std::move(m_writerTasks);
         m_writerTasks.clear();
         std::vector<PacketPtr> batch;
+        // Counted as queued until released: the batch holds its memory while it is written.
+        std::size_t batchBytes = 0;
         if (batchDue() && !m_queue.empty()) {
-            if (m_queue.size() <= kMaxBatchPackets) {
+            // A batch takes at most a quarter of the memory mark, so that saves go on being
+            // accepted while it is written and the writer always has the next batch waiting.
+            const std::size_t byteLimit = std::max<std::size_t>(m_settings.maxQueuedBytes / 4, 1);
+            std::size_t count = 0;
+            for (const std::size_t end = std::min(m_queue.size(), kMaxBatchPackets); count < end;
+                 ++count) {
+                if (count > 0 && batchBytes + m_queueBytes[count] > byteLimit)
+                    break;
+                batchBytes += m_queueBytes[count];
+            }
+            if (count == m_queue.size()) {
                 batch.swap(m_queue);
+                m_queueBytes.clear();
             } else {
                 batch.assign(std::make_move_iterator(m_queue.begin()),
-                             std::make_move_iterator(m_queue.begin() + kMaxBatchPackets));
-                m_queue.erase(m_queue.begin(), m_queue.begin() + kMaxBatchPackets);
+                             std::make_move_iterator(m_queue.begin() + count));
+                m_queue.erase(m_queue.begin(), m_queue.begin() + count);
+                m_queueBytes.erase(m_queueBytes.begin(), m_queueBytes.begin() + count);
                 m_oldestQueued = steady_clock::now() - m_settings.maxCommitDelay;
             }
             m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
@@ -237,8 +281,10 @@ void EventsStorage::writerLoop()
 
         lock.lock();
         m_done += written;
+        m_queuedBytes -= batchBytes;
+        m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
         if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2 &&
-            !lagsBehind(steady_clock::now())) {
+            m_queuedBytes <= m_settings.maxQueuedBytes / 2 && !lagsBehind(steady_clock::now())) {
             m_overloaded = false;
         }
         m_progress.notify_all();

@@ -29,10 +29,11 @@ namespace kest::analytics::db {
  * A batch that cannot be committed is rolled back and its packets are reported, per device as
  * the union of their periods, through the save-error handler on a thread of its own; a committed
  * batch is reported the same way through the commit handler, on another thread. Past
- * maxQueuedPackets, or while the oldest queued packet has waited kMaxBacklogLag longer than
- * maxCommitDelay, the storage is not ready until the queue is below half of the first and
- * younger than the second: what it has acknowledged and not written stays within a time bound
- * when packets come faster than they are written. Before a
+ * maxQueuedPackets, past maxQueuedBytes of packets not yet written, or while the oldest queued
+ * packet has waited kMaxBacklogLag longer than maxCommitDelay, the storage is not ready until the
+ * queue is below half of both marks and younger than the lag: what it has acknowledged and not
+ * written stays within a memory and a time bound when packets come faster than they are written.
+ * Before a
  * successful initialize, lookups complete at once (on the caller's thread) with an error and
  * saves are reported as failed (connectionError).
  */
@@ -42,7 +43,10 @@ public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
 
     static constexpr const char* kFileName = "events.sqlite";
-    /** A batch is committed once this many packets are waiting, or after maxCommitDelay. */
+    /**
+     * A batch is committed once this many packets are waiting, or after maxCommitDelay. It takes
+     * at most kMaxBatchPackets, and at most a quarter of maxQueuedBytes.
+     */
     static constexpr std::size_t kBatchPackets = 4096;
     static constexpr std::size_t kMaxBatchPackets = 16384;
     static constexpr int kLookupWorkers = 2;
@@ -74,6 +78,9 @@ public:
 
     std::size_t queuedPackets() const;
 
+    /** What a queued packet costs in memory, about: its objects, strings and allocations. */
+    static std::size_t packetBytes(const common::metadata::ObjectMetadataPacket& packet);
+
 private:
     struct LookupTask
     {
@@ -102,8 +109,12 @@ private:
     std::condition_variable m_writerWake;
     std::condition_variable m_progress;
     std::vector<PacketPtr> m_queue;
+    /** packetBytes() of each queued packet. */
+    std::vector<std::size_t> m_queueBytes;
     std::chrono::steady_clock::time_point m_oldestQueued;
     std::uint64_t m_enqueued = 0;
+    /** packetBytes() of the packets accepted and not yet written, the batch in hand included. */
+    std::size_t m_queuedBytes = 0;
     std::uint64_t m_done = 0;
     std::uint64_t m_flushTarget = 0;
     bool m_stopping = false;
@@ -120,6 +131,7 @@ private:
     std::atomic<std::uint64_t> m_packetsCommitted{0};
     std::atomic<std::uint64_t> m_packetsFailed{0};
     std::atomic<std::uint64_t> m_queuedPackets{0};
+    std::atomic<std::uint64_t> m_queuedBytesFigure{0};
     std::atomic<std::uint64_t> m_maxQueuedPackets{0};
     std::atomic<std::uint64_t> m_storeBytes{0};
     std::atomic<std::uint64_t> m_diskAvailableBytes{0};

@@ -19,6 +19,9 @@ void Settings::load(const ZuSettings& settings, const QString& group)
     const qlonglong queued = settings.value(prefix + "maxQueuedPackets").toLongLong(&ok);
     if (ok && queued > 0)
         maxQueuedPackets = static_cast<std::size_t>(queued);
+    const qlonglong queuedMb = settings.value(prefix + "maxQueuedMb").toLongLong(&ok);
+    if (ok && queuedMb > 0)
+        maxQueuedBytes = static_cast<std::size_t>(std::min<qlonglong>(queuedMb, 1 << 20)) << 20;
     const qlonglong delay = settings.value(prefix + "maxCommitDelayMs").toLongLong(&ok);
     if (ok && delay >= 0)
         maxCommitDelay = std::min(std::chrono::milliseconds(delay), kMaxCommitDelayLimit);

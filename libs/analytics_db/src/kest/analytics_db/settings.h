@@ -28,6 +28,12 @@ public:
     /** "maxQueuedPackets": above this many packets waiting to be written, the storage is not ready.
      */
     std::size_t maxQueuedPackets = 200'000;
+    /**
+     * "maxQueuedMb": above this much memory held by packets accepted and not yet written, the
+     * storage is not ready either. Packets vary a lot in size, so their count alone does not bound
+     * the memory; this is what keeps the process small while the writer falls behind.
+     */
+    std::size_t maxQueuedBytes = 64 * 1024 * 1024;
     /** "maxCommitDelayMs": how long an accepted packet may wait before its batch is committed. */
     std::chrono::milliseconds maxCommitDelay{200};
 

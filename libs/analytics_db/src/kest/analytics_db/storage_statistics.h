@@ -20,6 +20,8 @@ struct StorageStatistics
     std::uint64_t queuedPackets = 0;
     /** Above this many queued packets the storage is not ready; 0 when there is no such mark. */
     std::uint64_t maxQueuedPackets = 0;
+    /** Memory held by packets accepted and not yet written (an estimate). */
+    std::uint64_t queuedBytes = 0;
     /** The database's files on disk, as last measured by the writer. */
     std::uint64_t storeBytes = 0;
     /** Space left to the storage on its volume, as last measured by the writer. */

@@ -145,12 +145,19 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
     } end{m_db};
 
     m_words = TextMatcher::words(filter.freeText);
-    const TextMode mode = m_words.empty() ? TextMode::none : TextMode::scan;
     m_matcher.setQuery(m_words);
     m_textBudgetExceeded = false;
     m_walkGaveUp = false;
-    DBResult result = run(filter, mode, tracks);
-    if (result != DBResult::ok && m_textBudgetExceeded) {
+    bool rare = false;
+    if (!m_words.empty()) {
+        if (isRareText(&rare) != DBResult::ok)
+            return ResultCode::error;
+    }
+    // Rare words start where a row by row test that found nothing would have gone next.
+    DBResult result = DBResult::ok;
+    if (!rare)
+        result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, tracks);
+    if (rare || (result != DBResult::ok && m_textBudgetExceeded)) {
         tracks->clear();
         m_db.resetCached();
         result = run(filter, TextMode::rowWalk, tracks);
@@ -165,6 +172,28 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
         return ResultCode::error;
     }
     return ResultCode::ok;
+}
+
+DBResult TrackReader::isRareText(bool* rare)
+{
+    *rare = false;
+    if (m_rareTextMatches <= 0)
+        return DBResult::ok;
+    // A one-letter prefix has no prefix index: FTS5 would merge the lists of every word starting
+    // with it ("t" of "t-shirt"), which costs more than the row by row test it is meant to spare.
+    for (const std::string& word : m_words) {
+        if (QString::fromStdString(word).size() < 2)
+            return DBResult::ok;
+    }
+    auto* s = m_db.cached(
+        "SELECT count(*) FROM (SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?)");
+    if (!s)
+        return m_db.lastResult();
+    s->bindText(1, ftsQuery(m_words));
+    s->bind(2, m_rareTextMatches);
+    if (s->step())
+        *rare = s->int64(0) < m_rareTextMatches;
+    return s->result();
 }
 
 DBResult TrackReader::run(const Filter& filter, TextMode textMode,

@@ -37,7 +37,8 @@ namespace kest::analytics::db {
  * merged; without devices, each type is a range on (type, first appearance); otherwise the
  * first-appearance index. Ranges are bounded below by the longest track stored. Engine, box and
  * common words are tested on the rows of the range until the limit is reached. Words that are
- * not common enough for that go through FTS5. Without devices its matches are walked in row id
+ * not common enough for that go through FTS5, at once when a bounded count of their matches
+ * shows them rare. Without devices its matches are walked in row id
  * order: row ids follow storing, which strays from first-appearance order by at most the lag the
  * storage records (kMaxLagKey), so the walk stops once no row further on can beat the answer
  * found. With devices, or when the lag is too wide for the walk to end soon, the index range is
@@ -66,6 +67,16 @@ public:
     /** Rows the row id walk may read before every FTS5 match is checked instead. */
     static constexpr std::int64_t kRowWalkBudget = 20000;
 
+    /**
+     * Words that FTS5 matches fewer times than this (a licence plate, a rare make) skip the row by
+     * row test, which would read its whole budget to find nothing: their matches are read from
+     * the index at once. Counting up to it costs a few microseconds for common words; words of
+     * one letter, which have no prefix index, are not counted.
+     */
+    static constexpr std::int64_t kRareTextMatches = 256;
+    /** Tests use it to take either way on small stores; 0 never counts. */
+    void setRareTextMatches(std::int64_t matches) { m_rareTextMatches = matches; }
+
     struct Query;
 
 private:
@@ -87,6 +98,8 @@ private:
                          bool* matchesNothing);
     static void textHits(sqlite3_context* context, int, sqlite3_value** args);
     sql::DBResult loadPositions(std::int64_t rowId, ObjectTrackEx* track);
+    /** Whether FTS5 matches the words fewer than m_rareTextMatches times. */
+    sql::DBResult isRareText(bool* rare);
 
     sql::Database m_db;
     TextMatcher m_matcher;
@@ -94,6 +107,7 @@ private:
     bool m_textBudgetExceeded = false;
     bool m_walkGaveUp = false;
     std::int64_t m_textScanBudget = kTextScanBudget;
+    std::int64_t m_rareTextMatches = kRareTextMatches;
 };
 
 }  // namespace kest::analytics::db

@@ -100,4 +100,9 @@ AioThread* AioThread::current()
     return t_currentThread;
 }
 
+std::weak_ptr<AioThread> AioThread::currentWeak()
+{
+    return t_currentThread ? t_currentThread->weak_from_this() : std::weak_ptr<AioThread>();
+}
+
 }  // namespace kest::network::aio

@@ -11,8 +11,12 @@ class io_context;
 
 namespace kest::network::aio {
 
-/** An I/O thread: one io_context run by one thread, so whatever runs on it needs no strand. */
-class AioThread : public AbstractAioThread
+/**
+ * An I/O thread: one io_context run by one thread, so whatever runs on it needs no strand. Pools
+ * own their threads through shared pointers, so that work that may outlive a pool can hold a
+ * weak one.
+ */
+class AioThread : public AbstractAioThread, public std::enable_shared_from_this<AioThread>
 {
 public:
     AioThread();
@@ -31,6 +35,8 @@ public:
 
     /** The I/O thread the caller runs on, or null. */
     static AioThread* current();
+    /** The same, when a shared pointer owns it; empty otherwise. */
+    static std::weak_ptr<AioThread> currentWeak();
 
 private:
     struct Private;

@@ -1,9 +1,15 @@
 #include "data_provider_controller.h"
 
+#include <iterator>
+
 #include <kest/analytics_db/filter_url_query.h>
+#include <kest/cloud/storage/api/client_factory.h>
 #include <kest/cloud/storage/model/abstract_data_distribution_storage.h>
 #include <kest/cloud/storage/model/model.h>
+#include <kest/network/aio/aio_thread.h>
+#include <kest/network/aio/aio_thread_pool.h>
 #include <kest/utils/log/log.h>
+#include <kest/utils/url.h>
 
 namespace kest::cloud::storage::metadatadb {
 
@@ -12,6 +18,13 @@ using kest::analytics::db::ObjectTrackEx;
 using kest::analytics::db::ResultCode;
 
 DataProviderController::DataProviderController(Model& model) : m_model(model) {}
+
+DataProviderController::~DataProviderController()
+{
+    // On the clients' own thread this stops them inline; no reply reaches a controller gone.
+    for (const auto& client : m_clients)
+        client->pleaseStopSync();
+}
 
 void DataProviderController::processRequest(RequestContext /*requestContext*/,
                                             DataRequestData request)
@@ -35,6 +48,11 @@ void DataProviderController::processRequest(RequestContext /*requestContext*/,
         return;
     }
 
+    // Outside the HTTP server (a controller called directly) any I/O thread will do.
+    m_aioThread = kest::network::aio::AioThread::currentWeak();
+    if (m_aioThread.expired())
+        m_aioThread = kest::network::aio::AioThreadPool::instance().nextWeak();
+
     // The distribution record keeps device ids in their braced text form.
     std::vector<std::string> deviceIds;
     deviceIds.reserve(m_filter.deviceIds.size());
@@ -42,8 +60,35 @@ void DataProviderController::processRequest(RequestContext /*requestContext*/,
         deviceIds.push_back(id.toStdString());
     m_model.getDDSModel()->getStorageInfo(deviceIds, m_filter.timePeriod,
                                           [this](bool ok, std::vector<std::string> addresses) {
-                                              requestRemoteInstances(ok, std::move(addresses));
+                                              continueInAioThread(ok, std::move(addresses));
                                           });
+}
+
+void DataProviderController::continueInAioThread(bool ok, std::vector<std::string> addresses)
+{
+    // A thread that stops drops what is queued on it uncalled; the request is still answered.
+    struct Continuation
+    {
+        DataProviderController* controller;
+        bool ok;
+        std::vector<std::string> addresses;
+        bool ran = false;
+
+        ~Continuation()
+        {
+            if (!ran)
+                controller->requestCompleted(StatusCode::serviceUnavailable, ApiRequestResult());
+        }
+    };
+    auto continuation = std::make_unique<Continuation>(this, ok, std::move(addresses));
+    const auto thread = m_aioThread.lock();
+    if (!thread)
+        return;  //< The server is gone; the continuation answers.
+    thread->post([continuation = std::move(continuation)]() {
+        continuation->ran = true;
+        continuation->controller->requestRemoteInstances(continuation->ok,
+                                                         std::move(continuation->addresses));
+    });
 }
 
 void DataProviderController::onLocalLookupDone(ResultCode resultCode,
@@ -70,16 +115,63 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
         requestCompleted(StatusCode::internalServerError, ApiRequestResult());
         return;
     }
+
+    DataRequestData request;
+    request.filter = m_filter;
+    request.internal_lookup = true;
+
+    // Stored before the first call goes out, so that every reply compares with the final count.
+    m_repliesExpected.store(static_cast<std::uint32_t>(addresses.size()));
+    // An instance is listed once per stored span, and asked as many times.
+    std::uint32_t notAsked = 0;
+    for (const std::string& address : addresses) {
+        auto client = api::ClientFactory::instance().create(kest::utils::Url(address));
+        if (!client) {
+            ++notAsked;
+            continue;
+        }
+        client->bindToAioThread(kest::network::aio::AioThread::current());
+        // A peer that never answers would otherwise hold the whole search.
+        client->setRequestTimeout(m_model.peerTimeout());
+        m_clients.push_back(std::move(client));
+    }
     if (addresses.empty()) {
         requestCompleted(ApiRequestResult(), std::vector<ObjectTrackEx>());
         return;
     }
-    // Asking the instances needs the API client, which this build does not have yet.
-    KEST_ERROR(this,
-               "Distributed search over %1 is not available yet: fan-out to other "
-               "instances is not implemented",
-               addresses);
-    requestCompleted(StatusCode::internalServerError, ApiRequestResult());
+
+    // Calls complete on this thread, never inside getData: nothing below can end the request
+    // before the last call has been started.
+    for (const auto& client : m_clients) {
+        client->getData(request,
+                        [this](StatusCode::Value status, std::vector<ObjectTrackEx> tracks) {
+                            finishRequest(status, std::move(tracks));
+                        });
+    }
+    // Counted as failed replies; the last of them may complete the request.
+    for (; notAsked > 0; --notAsked)
+        finishRequest(StatusCode::internalServerError, {});
+}
+
+void DataProviderController::finishRequest(StatusCode::Value status,
+                                           std::vector<ObjectTrackEx> tracks)
+{
+    if (status != StatusCode::ok)
+        KEST_INFO(this, "errors occured during fetching data from other nodes");
+
+    std::vector<ObjectTrackEx> merged;
+    {
+        std::lock_guard lock(m_mutex);
+        m_collectedTracks.insert(m_collectedTracks.end(), std::make_move_iterator(tracks.begin()),
+                                 std::make_move_iterator(tracks.end()));
+        const std::uint32_t received = ++m_repliesReceived;
+        if (received < m_repliesExpected.load())
+            return;
+        merged = std::move(m_collectedTracks);
+        m_collectedTracks.clear();
+    }
+    KEST_VERBOSE(this, "Processing get data request completed");
+    requestCompleted(ApiRequestResult(), merged);
 }
 
 }  // namespace kest::cloud::storage::metadatadb

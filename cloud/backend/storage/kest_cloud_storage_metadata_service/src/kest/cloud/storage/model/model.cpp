@@ -14,7 +14,8 @@ Model::Model(const conf::Settings& settings)
     : m_dataDistributionStorage(
           DataDistribStorageFactory::instance().create(settings.ddsConnection())),
       m_errorsStorageModel(std::make_unique<ErrorsStorageModel>()),
-      m_analyticsStorage(DdProviderFactory::instance().create())
+      m_analyticsStorage(DdProviderFactory::instance().create()),
+      m_peerTimeout(settings.cluster().peerTimeout)
 {
     // A storage that fails to open only reports itself not ready: the service keeps answering
     // so that callers learn why their data is refused.
@@ -42,6 +43,11 @@ ErrorsStorageModel* Model::getErrorStorageModel() const
 kest::analytics::db::AbstractEventsStorage* Model::getAnalyticsStorage() const
 {
     return m_analyticsStorage.get();
+}
+
+std::chrono::milliseconds Model::peerTimeout() const
+{
+    return m_peerTimeout;
 }
 
 }  // namespace kest::cloud::storage::metadatadb

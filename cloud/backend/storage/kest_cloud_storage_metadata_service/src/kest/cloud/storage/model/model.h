@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include <kest/analytics_db/abstract_events_storage.h>
@@ -31,12 +32,16 @@ public:
     ErrorsStorageModel* getErrorStorageModel() const;
     kest::analytics::db::AbstractEventsStorage* getAnalyticsStorage() const;
 
+    /** How long a distributed search waits for one instance's answer ("cluster/peerTimeoutMs"). */
+    std::chrono::milliseconds peerTimeout() const;
+
 private:
     // Declared in the order of creation; the destructor releases them in reverse, so that the
     // analytics storage, which may still report save errors while stopping, goes first.
     std::unique_ptr<AbstractDataDistributionStorage> m_dataDistributionStorage;
     std::unique_ptr<ErrorsStorageModel> m_errorsStorageModel;
     std::unique_ptr<kest::analytics::db::AbstractEventsStorage> m_analyticsStorage;
+    std::chrono::milliseconds m_peerTimeout;
 };
 
 }  // namespace kest::cloud::storage::metadatadb

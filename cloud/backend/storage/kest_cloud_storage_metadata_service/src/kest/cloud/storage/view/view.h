@@ -14,6 +14,8 @@
 #include <kest/utils/assert.h>
 #include <kest/utils/move_only_func.h>
 
+#include "api_paths.h"
+
 namespace kest::analytics::db {
 class AbstractEventsStorage;
 }
@@ -31,14 +33,9 @@ class ErrorsStorageModel;
  * The HTTP front end: binds the listening sockets, routes requests to a new controller each,
  * and feeds the analytics storage's save-error reports into the errors history.
  */
-class View
+class View : public ApiPaths
 {
 public:
-    static constexpr const char* kDataHandlerPath = "/metadataDb/v1/data";
-    static constexpr const char* kOptimalInstancePath = "/metadataDb/v1/optimalInstance";
-    static constexpr const char* kErrorHandlerPath = "/metadataDb/v1/dataSaveErrors/{deviceIds}";
-    static constexpr const char* kPingPath = "/metadataDb/ping";
-
     /** Binds every configured endpoint. Throws std::runtime_error when that is impossible. */
     View(const conf::Settings& settings, Model& model);
     ~View();

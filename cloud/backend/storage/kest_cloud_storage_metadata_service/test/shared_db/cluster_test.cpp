@@ -9,8 +9,8 @@
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 #include <kest/cloud/storage/test_launcher.h>
 
-#include "cluster_fakes.h"
-#include "mongo_test_fixture.h"
+#include "../cluster_fakes.h"
+#include "../mongo_test_fixture.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

@@ -8,8 +8,8 @@
 
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 
-#include "log_capture.h"
-#include "mongo_test_fixture.h"
+#include "../log_capture.h"
+#include "../mongo_test_fixture.h"
 
 namespace kest::cloud::storage::metadatadb {
 namespace {

@@ -1,0 +1,499 @@
+// Distributed search latency over three local instances, next to the same search as an internal
+// lookup on one instance that holds all of their data. The instances are metadata_storage
+// processes sharing one MongoDB (the run script starts a stand-in); the searches go through the
+// client library, one at a time. See README.md.
+//
+//   fanout_bench --mongo URI [--devices N] [--packets N] [--searches N] [--window-s S]
+//                [--service PATH]
+
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <kest/cloud/storage/api/client_factory.h>
+#include <kest/cloud/storage/model/data_distrib_storage_factory.h>
+#include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
+#include <kest/cloud/storage/test_launcher.h>
+#include <kest/utils/log/logger.h>
+#include "figure.h"
+
+#include "../analytics_db/latency_stats.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace kest::cloud::storage::metadatadb;
+using kest::analytics::db::ObjectTrackEx;
+using kest::common::metadata::ObjectMetadataPacket;
+using kest::network::http::StatusCode;
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+constexpr int kInstances = 3;
+constexpr int kWarmUpSearches = 100;
+constexpr std::int64_t kStartMs = 1'767'225'600'000;
+constexpr std::size_t kPacketsPerRequest = 1'000;
+
+struct Options
+{
+    std::string mongoUri;
+    std::string service = KEST_METADATA_STORAGE_PATH;
+    int devicesPerInstance = 20;
+    int packetsPerDevice = 200;  //< One a second, each with a track of its own.
+    int searches = 2'000;
+    int windowSeconds = 10;
+};
+
+bool parseOptions(int argc, char** argv, Options* options)
+{
+    if (const char* uri = std::getenv("KEST_TEST_MONGODB_URI"))
+        options->mongoUri = uri;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string name = argv[i];
+        const std::string value = argv[i + 1];
+        if (name == "--mongo")
+            options->mongoUri = value;
+        else if (name == "--service")
+            options->service = value;
+        else if (name == "--devices")
+            options->devicesPerInstance = std::max(1, std::atoi(value.c_str()));
+        else if (name == "--packets")
+            options->packetsPerDevice = std::max(1, std::atoi(value.c_str()));
+        else if (name == "--searches")
+            options->searches = std::max(1, std::atoi(value.c_str()));
+        else if (name == "--window-s")
+            options->windowSeconds = std::max(1, std::atoi(value.c_str()));
+        else
+            return false;
+    }
+    return argc % 2 == 1 && !options->mongoUri.empty();
+}
+
+std::uint16_t freePort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+/** A metadata_storage process; stopped with SIGTERM when destroyed. */
+class Instance
+{
+public:
+    Instance(const Options& options, const fs::path& dir, bool clustered)
+    {
+        fs::create_directories(dir);
+        const std::uint16_t port = freePort();
+        url = "http://127.0.0.1:" + std::to_string(port);
+        std::vector<std::string> args{options.service,
+                                      "--http/listenOn=127.0.0.1:" + std::to_string(port),
+                                      "--dataDir=" + dir.string(),
+                                      "--log/level=warning",
+                                      "--log/file=" + (dir / "log").string(),
+                                      "--MongoDb/uri=" + options.mongoUri};
+        if (clustered) {
+            // Packets come a second apart: a longer flush interval keeps a device's data in one
+            // span, as in a deployment, where it is minutes.
+            args.insert(args.end(), {"--cluster/advertisedUrl=" + url,
+                                     "--cluster/dataAddressFlushIntervalMs=5000",
+                                     "--cluster/loadPublishIntervalMs=60000"});
+        }
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        if (posix_spawn(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+            m_pid = -1;
+        client = api::ClientFactory::instance().create(kest::utils::Url(url));
+    }
+
+    ~Instance()
+    {
+        client.reset();
+        if (m_pid <= 0)
+            return;
+        ::kill(m_pid, SIGTERM);
+        // A stopping instance saves its last data addresses; a slow database must not hold the run.
+        for (int i = 0; i < 200; ++i) {
+            if (::waitpid(m_pid, nullptr, WNOHANG) != 0)
+                return;
+            std::this_thread::sleep_for(50ms);
+        }
+        ::kill(m_pid, SIGKILL);
+        ::waitpid(m_pid, nullptr, 0);
+    }
+
+    bool waitUntilServing()
+    {
+        for (int i = 0; i < 200 && m_pid > 0; ++i) {
+            if (::waitpid(m_pid, nullptr, WNOHANG) != 0) {
+                m_pid = -1;
+                return false;
+            }
+            DataRequestData probe;
+            probe.internal_lookup = true;
+            probe.filter.maxObjectTracksToSelect = 1;
+            if (std::get<0>(client->getDataSync(probe)) == StatusCode::ok)
+                return true;
+            std::this_thread::sleep_for(50ms);
+        }
+        return false;
+    }
+
+    std::string url;
+    std::unique_ptr<api::AbstractClient> client;
+
+private:
+    pid_t m_pid = -1;
+};
+
+/**
+ * Names the instance of each device at once, from memory: an entry instance with it shows what
+ * the fan-out itself costs, without the shared database's lookup.
+ */
+class InstantDistributionStorage : public AbstractDataDistributionStorage
+{
+public:
+    explicit InstantDistributionStorage(std::map<std::string, std::string> nodeOfDevice)
+        : m_nodeOfDevice(std::move(nodeOfDevice))
+    {}
+
+    void getStorageInfo(const std::vector<std::string>& deviceIds, const ZuTimePeriod&,
+                        MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) override
+    {
+        std::vector<std::string> nodes;
+        for (const auto& id : deviceIds) {
+            if (const auto node = m_nodeOfDevice.find(id); node != m_nodeOfDevice.end())
+                nodes.push_back(node->second);
+        }
+        handler(true, std::move(nodes));
+    }
+    void saveDataAddress(const std::vector<DataInfo>&, const std::string&,
+                         MoveOnlyFunc<void(std::vector<DataInfo>)>) override
+    {}
+    void getInstancesLoad(MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler) override
+    {
+        handler(false, {});
+    }
+    void saveInstanceLoad(const InstanseLoad&) override {}
+    void getDeviceInstancesMapping(std::chrono::system_clock::time_point,
+                                   MoveOnlyFunc<void(bool, DeviceMapping)> handler) override
+    {
+        handler(false, {});
+    }
+    void saveInstanceLoadSync(const InstanseLoad&) override {}
+
+private:
+    const std::map<std::string, std::string> m_nodeOfDevice;
+};
+
+/** A service in this process whose address lookups are instant; an entry to the cluster. */
+class InstantEntry
+{
+public:
+    InstantEntry(std::map<std::string, std::string> nodeOfDevice, const fs::path& dir)
+    {
+        auto previous = DataDistribStorageFactory::instance().setCreateFunction(
+            [&nodeOfDevice](const conf::MongoConnectionSettings&)
+                -> std::unique_ptr<AbstractDataDistributionStorage> {
+                return std::make_unique<InstantDistributionStorage>(nodeOfDevice);
+            });
+        const std::vector<std::string> args{"--http/listenOn=127.0.0.1:0",
+                                            "--dataDir=" + dir.string(), "--log/level=warning"};
+        std::vector<const char*> argv;
+        for (const auto& arg : args)
+            argv.push_back(arg.c_str());
+        if (m_launcher.startService(argv, /*waitUntilStarted*/ true)) {
+            client = api::ClientFactory::instance().create(kest::utils::Url(
+                "http://127.0.0.1:" +
+                std::to_string(m_launcher.moduleInstance()->httpEndpoints().front().port)));
+        }
+        DataDistribStorageFactory::instance().setCreateFunction(std::move(previous));
+    }
+    ~InstantEntry()
+    {
+        client.reset();
+        m_launcher.stop();
+    }
+
+    std::unique_ptr<api::AbstractClient> client;
+
+private:
+    kest::cloud::storage::metadatadb::test::Launcher m_launcher;
+};
+
+std::set<ZuUuid> idsOf(const std::vector<ObjectTrackEx>& tracks)
+{
+    std::set<ZuUuid> ids;
+    for (const auto& track : tracks)
+        ids.insert(track.id);
+    return ids;
+}
+
+double ms(std::chrono::nanoseconds duration)
+{
+    return std::chrono::duration<double, std::milli>(duration).count();
+}
+
+void printRow(const char* name, const kest::bench::LatencyStats& stats)
+{
+    std::printf("%-44s %8.2f %8.2f %8.2f\n", name, ms(stats.percentile(50)),
+                ms(stats.percentile(99)), ms(stats.percentile(100)));
+}
+
+/** Starts the instances, fills them, measures and prints; the exit status. */
+int run(const Options& options, const fs::path& work)
+{
+    std::vector<std::unique_ptr<Instance>> cluster;
+    for (int i = 0; i < kInstances; ++i)
+        cluster.push_back(
+            std::make_unique<Instance>(options, work / ("node" + std::to_string(i + 1)), true));
+    Instance single(options, work / "single", false);
+    for (Instance* instance : {cluster[0].get(), cluster[1].get(), cluster[2].get(), &single}) {
+        if (!instance->waitUntilServing()) {
+            std::fprintf(stderr, "the instance at %s did not start\n", instance->url.c_str());
+            return 1;
+        }
+    }
+
+    // Devices of their own per instance; the single instance gets every packet too.
+    std::vector<std::vector<ZuUuid>> devices(kInstances);
+    std::size_t tracks = 0;
+    for (int i = 0; i < kInstances; ++i) {
+        std::vector<ObjectMetadataPacket> packets;
+        const auto send = [&]() {
+            for (Instance* target : {cluster[i].get(), &single}) {
+                if (std::get<0>(target->client->saveDataSync(packets)) != StatusCode::ok) {
+                    std::fprintf(stderr, "saving to %s failed\n", target->url.c_str());
+                    std::exit(1);
+                }
+            }
+            tracks += packets.size();
+            packets.clear();
+        };
+        for (int d = 0; d < options.devicesPerInstance; ++d) {
+            const ZuUuid device = ZuUuid::createUuid();
+            devices[i].push_back(device);
+            for (int p = 0; p < options.packetsPerDevice; ++p) {
+                ObjectMetadataPacket packet;
+                packet.deviceId = device;
+                packet.timestampUs = (kStartMs + p * 1'000) * 1'000;
+                packet.durationUs = 40'000;
+                packet.streamIndex = kest::common::metadata::StreamIndex::primary;
+                kest::common::metadata::ObjectMetadata object;
+                object.trackId = ZuUuid::createUuid();
+                object.typeId = p % 3 == 0 ? "car" : "person";
+                object.objectMetadataType = kest::common::metadata::ObjectMetadataType::regular;
+                object.boundingBox = {0.1, 0.2, 0.3, 0.4};
+                object.attributes = {{"color", p % 2 == 0 ? "red" : "blue"}};
+                packet.objectMetadataList.push_back(std::move(object));
+                packets.push_back(std::move(packet));
+                if (packets.size() == kPacketsPerRequest)
+                    send();
+            }
+        }
+        if (!packets.empty())
+            send();
+    }
+
+    // Searches: one device of each instance, a window of the data.
+    std::mt19937 random(42);
+    std::uniform_int_distribution<int> pickDevice(0, options.devicesPerInstance - 1);
+    std::uniform_int_distribution<int> pickStart(
+        0, std::max(0, options.packetsPerDevice - options.windowSeconds));
+    std::vector<DataRequestData> searches;
+    for (int s = 0; s < options.searches + kWarmUpSearches; ++s) {
+        DataRequestData search;
+        for (int i = 0; i < kInstances; ++i)
+            search.filter.deviceIds.insert(devices[i][pickDevice(random)]);
+        search.filter.timePeriod =
+            ZuTimePeriod(kStartMs + pickStart(random) * 1'000, options.windowSeconds * 1'000);
+        searches.push_back(std::move(search));
+    }
+
+    // Ready once the single instance has committed every packet and, through the cluster, the
+    // first and the last second of every device's data are found: the spans are recorded.
+    DataRequestData all;
+    for (const auto& group : devices)
+        all.filter.deviceIds.insert(group.begin(), group.end());
+    const auto idsFound = [&](const DataRequestData& request, Instance& instance) {
+        return idsOf(std::get<1>(instance.client->getDataSync(request)));
+    };
+    const auto ready = [&]() {
+        auto local = all;
+        local.internal_lookup = true;
+        if (idsFound(local, single).size() != tracks)
+            return false;
+        for (const std::int64_t second : {0, options.packetsPerDevice - 1}) {
+            auto edge = all;
+            edge.filter.timePeriod = ZuTimePeriod(kStartMs + second * 1'000, 1'000);
+            auto localEdge = edge;
+            localEdge.internal_lookup = true;
+            if (idsFound(edge, *cluster[0]) != idsFound(localEdge, single))
+                return false;
+        }
+        return true;
+    };
+    const auto deadline = Clock::now() + 60s;
+    while (!ready()) {
+        if (Clock::now() > deadline) {
+            std::fprintf(stderr, "the data was not committed and recorded within a minute\n");
+            return 1;
+        }
+        std::this_thread::sleep_for(200ms);
+    }
+
+    std::map<std::string, std::string> nodeOfDevice;
+    for (int i = 0; i < kInstances; ++i) {
+        for (const ZuUuid& device : devices[i])
+            nodeOfDevice[device.toStdString()] = cluster[i]->url;
+    }
+    InstantEntry entry(nodeOfDevice, work / "entry");
+    if (!entry.client) {
+        std::fprintf(stderr, "the in-process entry instance did not start\n");
+        return 1;
+    }
+
+    MongoDataDistributionStorage addresses(options.mongoUri);
+    kest::bench::LatencyStats internal, distributed, instant, lookup;
+    std::size_t asked = 0, differing = 0, found = 0;
+    for (std::size_t s = 0; s < searches.size(); ++s) {
+        const bool measured = s >= kWarmUpSearches;
+        auto local = searches[s];
+        local.internal_lookup = true;
+        auto started = Clock::now();
+        const auto [localStatus, localTracks] = single.client->getDataSync(local);
+        if (measured)
+            internal.add(Clock::now() - started);
+
+        // Entered through each instance in turn.
+        started = Clock::now();
+        const auto [status, tracks] = cluster[s % kInstances]->client->getDataSync(searches[s]);
+        if (measured)
+            distributed.add(Clock::now() - started);
+        started = Clock::now();
+        const auto [instantStatus, instantTracks] = entry.client->getDataSync(searches[s]);
+        if (measured)
+            instant.add(Clock::now() - started);
+        if (localStatus != StatusCode::ok || status != StatusCode::ok ||
+            instantStatus != StatusCode::ok || idsOf(tracks) != idsOf(localTracks) ||
+            idsOf(instantTracks) != idsOf(localTracks)) {
+            if (++differing <= 3) {
+                std::fprintf(stderr,
+                             "search %zu differs: internal %d with %zu tracks, distributed %d "
+                             "with %zu, instant lookup %d with %zu\n",
+                             s, static_cast<int>(localStatus), localTracks.size(),
+                             static_cast<int>(status), idsOf(tracks).size(),
+                             static_cast<int>(instantStatus), idsOf(instantTracks).size());
+            }
+        }
+
+        std::vector<std::string> deviceIds;
+        for (const ZuUuid& id : searches[s].filter.deviceIds)
+            deviceIds.push_back(id.toStdString());
+        std::promise<std::size_t> nodes;
+        started = Clock::now();
+        addresses.getStorageInfo(
+            deviceIds, searches[s].filter.timePeriod,
+            [&nodes](bool, std::vector<std::string> list) { nodes.set_value(list.size()); });
+        const std::size_t count = nodes.get_future().get();
+        if (measured) {
+            lookup.add(Clock::now() - started);
+            asked += count;
+            found += localTracks.size();
+        }
+    }
+
+    const double n = options.searches;
+    std::printf(
+        "Distributed search over %d local instances against an internal lookup on one "
+        "instance\nholding the same data: %zu tracks (%d devices per instance, %d tracks "
+        "each, one a second).\nEach search: one device of each instance, a %d s window, "
+        "%.1f tracks on average, %d searches\nafter %d warm-up ones, one at a time through "
+        "the client library; %u cores.\n\n",
+        kInstances, tracks, options.devicesPerInstance, options.packetsPerDevice,
+        options.windowSeconds, found / n, options.searches, kWarmUpSearches,
+        std::thread::hardware_concurrency());
+    std::printf("%-44s %8s %8s %8s\n", "", "p50 ms", "p99 ms", "max ms");
+    printRow("internal lookup, one instance", internal);
+    printRow("distributed search, three instances", distributed);
+    printRow("  address lookup alone (MongoDB stand-in)", lookup);
+    printRow("distributed, instant address lookup", instant);
+    const double added = ms(distributed.percentile(50)) - ms(internal.percentile(50));
+    const double addedInstant = ms(instant.percentile(50)) - ms(internal.percentile(50));
+    std::printf("\nfan-out added at p50: %.2f ms (goal <= 2 ms): %s\n", added,
+                added <= 2.0 ? "met" : "NOT met");
+    std::printf("  without the address lookup: %.2f ms\n", addedInstant);
+    std::printf("instances asked per search: %.2f (one per stored span that overlaps)\n",
+                asked / n);
+    std::printf("answers that differed from the internal lookup: %zu\n", differing);
+
+    using kest::bench::Figure;
+    const std::string section = "end to end: distributed search over three instances";
+    const std::string note =
+        std::to_string(options.searches) + " searches" +
+        (differing ? ", " + std::to_string(differing) + " answers differed" : std::string());
+    recordFigure(Figure::measured(section, "internal lookup, one instance, p50",
+                                  ms(internal.percentile(50)), "ms"));
+    recordFigure(
+        Figure::measured(section, "distributed search, p50", ms(distributed.percentile(50)), "ms"));
+    recordFigure(
+        Figure::measured(section, "distributed search, p99", ms(distributed.percentile(99)), "ms"));
+    recordFigure(Figure::measured(section, "added p50 latency", added, "ms")
+                     .atMost(2.0)
+                     .withNote(note + "; address lookup p50 " +
+                               std::to_string(ms(lookup.percentile(50))) + " ms"));
+    recordFigure(
+        Figure::measured(section, "added p50, address lookup answered at once", addedInstant, "ms")
+            .withNote("the fan-out and merge alone"));
+    return differing == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    if (!parseOptions(argc, argv, &options)) {
+        std::fprintf(stderr,
+                     "usage: fanout_bench --mongo URI [--devices N] [--packets N] [--searches N] "
+                     "[--window-s S] [--service PATH]\n(or KEST_TEST_MONGODB_URI instead of "
+                     "--mongo; bench/fanout/run starts a MongoDB stand-in)\n");
+        return 2;
+    }
+    kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);
+
+    char pattern[] = "/tmp/fanout_bench.XXXXXX";
+    const fs::path work = ::mkdtemp(pattern);
+    const int status = run(options, work);
+    if (status == 0)
+        fs::remove_all(work);
+    else
+        std::fprintf(stderr, "the instances' logs are under %s\n", work.c_str());
+    return status;
+}

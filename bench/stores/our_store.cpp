@@ -1,0 +1,103 @@
+#include "our_store.h"
+
+#include <sqlite3.h>
+
+#include <cstring>
+#include <fstream>
+#include <future>
+
+#include "../analytics_db/searched_store.h"
+
+namespace kest::bench {
+
+namespace fs = std::filesystem;
+using analytics::db::Filter;
+using analytics::db::ObjectTrackEx;
+using analytics::db::ResultCode;
+
+OurStore::OurStore(fs::path dir) : m_dir(std::move(dir))
+{
+    fs::remove_all(m_dir);
+    m_storage = openStorage(m_dir);
+}
+
+OurStore::~OurStore()
+{
+    close();
+}
+
+std::string OurStore::description() const
+{
+    return "SQLite WAL, synchronous=NORMAL: a row per track (device, type and time indexes, "
+           "16x16 grid), FTS5 over attributes, position chunks per batch";
+}
+
+void OurStore::close()
+{
+    m_storage.reset();
+}
+
+bool OurStore::load(const std::vector<PacketPtr>& packets)
+{
+    for (const auto& packet : packets)
+        saveWhenReady(*m_storage, packet);
+    m_storage->flush();
+    const auto statistics = m_storage->statistics();
+    return statistics.packetsFailed == 0;
+}
+
+bool OurStore::search(const Filter& filter, std::size_t* tracks)
+{
+    std::promise<std::pair<ResultCode, std::size_t>> done;
+    auto future = done.get_future();
+    m_storage->lookup(filter, [&done](ResultCode code, std::vector<ObjectTrackEx> found) {
+        done.set_value({code, found.size()});
+    });
+    const auto [code, count] = future.get();
+    *tracks = count;
+    return code == ResultCode::ok;
+}
+
+std::uint64_t OurStore::bytesOnDisk()
+{
+    checkpointSqliteFiles(m_dir);
+    return directoryBytes(m_dir);
+}
+
+namespace {
+
+bool isSqliteFile(const fs::path& file)
+{
+    char header[16] = {};
+    std::ifstream in(file, std::ios::binary);
+    return in.read(header, sizeof(header)) && std::memcmp(header, "SQLite format 3", 16) == 0;
+}
+
+}  // namespace
+
+void checkpointSqliteFiles(const fs::path& dir)
+{
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+        if (!entry.is_regular_file() || !isSqliteFile(entry.path()))
+            continue;
+        sqlite3* db = nullptr;
+        if (sqlite3_open_v2(entry.path().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) ==
+            SQLITE_OK) {
+            sqlite3_busy_timeout(db, 5000);
+            sqlite3_exec(db, "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr);
+        }
+        sqlite3_close(db);
+    }
+}
+
+std::uint64_t directoryBytes(const fs::path& dir)
+{
+    std::uint64_t bytes = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+        if (entry.is_regular_file())
+            bytes += entry.file_size();
+    }
+    return bytes;
+}
+
+}  // namespace kest::bench

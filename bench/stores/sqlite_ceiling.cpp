@@ -1,0 +1,177 @@
+#include "sqlite_ceiling.h"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <span>
+
+#include <kest/analytics_db/storage_schema.h>
+#include <kest/sql/database.h>
+#include <kest/sql/transaction.h>
+
+namespace kest::bench {
+
+namespace fs = std::filesystem;
+using sql::DBResult;
+
+namespace {
+
+/** Rows per transaction. */
+constexpr std::size_t kTransactionRows = 200'000;
+
+struct Source
+{
+    const char* table;
+    const char* select;
+    const char* insert;
+};
+
+// Dictionaries first, as a loader would; meta replaces the row the new schema starts with.
+constexpr Source kSources[] = {
+    {"device", "SELECT id, guid FROM device", "INSERT INTO device(id, guid) VALUES(?, ?)"},
+    {"object_type", "SELECT id, name FROM object_type",
+     "INSERT INTO object_type(id, name) VALUES(?, ?)"},
+    {"track",
+     "SELECT id, guid, device, type, engine, origin_us, first_us, last_us, grid, best_us, "
+     "best_kind, best_x, best_y, best_w, best_h, best_stream, attributes FROM track ORDER BY id",
+     "INSERT INTO track(id, guid, device, type, engine, origin_us, first_us, last_us, grid, "
+     "best_us, best_kind, best_x, best_y, best_w, best_h, best_stream, attributes) "
+     "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"},
+    {"track_text", "SELECT rowid, text FROM track_text ORDER BY rowid",
+     "INSERT INTO track_text(rowid, text) VALUES(?, ?)"},
+    {"track_position", "SELECT track, data FROM track_position ORDER BY rowid",
+     "INSERT INTO track_position(track, data) VALUES(?, ?)"},
+    {"meta", "SELECT key, value FROM meta", "INSERT OR REPLACE INTO meta(key, value) VALUES(?, ?)"},
+};
+
+}  // namespace
+
+bool SqliteCeiling::read(const fs::path& file)
+{
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+        m_error = sqlite3_errmsg(db);
+        sqlite3_close(db);
+        return false;
+    }
+    m_tables.clear();
+    bool ok = true;
+    for (const auto& source : kSources) {
+        sqlite3_stmt* select = nullptr;
+        if (sqlite3_prepare_v2(db, source.select, -1, &select, nullptr) != SQLITE_OK) {
+            ok = false;
+            break;
+        }
+        Table table{source.table, source.insert, {}};
+        int rc = SQLITE_ROW;
+        // Columns by their stored type, so that the copy binds exactly what was stored.
+        while ((rc = sqlite3_step(select)) == SQLITE_ROW) {
+            std::vector<Value> row;
+            const int columns = sqlite3_column_count(select);
+            for (int c = 0; c < columns; ++c) {
+                switch (sqlite3_column_type(select, c)) {
+                    case SQLITE_INTEGER:
+                        row.emplace_back(sqlite3_column_int64(select, c));
+                        break;
+                    case SQLITE_FLOAT:
+                        row.emplace_back(sqlite3_column_double(select, c));
+                        break;
+                    case SQLITE_TEXT:
+                        row.emplace_back(std::string(
+                            reinterpret_cast<const char*>(sqlite3_column_text(select, c)),
+                            sqlite3_column_bytes(select, c)));
+                        break;
+                    case SQLITE_BLOB: {
+                        const auto* data =
+                            static_cast<const std::uint8_t*>(sqlite3_column_blob(select, c));
+                        row.emplace_back(std::vector<std::uint8_t>(
+                            data, data + sqlite3_column_bytes(select, c)));
+                        break;
+                    }
+                    default:
+                        row.emplace_back(std::monostate());
+                        break;
+                }
+            }
+            table.rows.push_back(std::move(row));
+        }
+        sqlite3_finalize(select);
+        if (rc != SQLITE_DONE) {
+            ok = false;
+            break;
+        }
+        m_tables.push_back(std::move(table));
+    }
+    if (!ok)
+        m_error = sqlite3_errmsg(db);
+    sqlite3_close(db);
+    return ok;
+}
+
+std::size_t SqliteCeiling::rows() const
+{
+    std::size_t count = 0;
+    for (const auto& table : m_tables)
+        count += table.rows.size();
+    return count;
+}
+
+std::optional<double> SqliteCeiling::insertInto(const fs::path& dir)
+{
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    sql::Database db;
+    if (db.open((dir / "events.sqlite").string(), sql::ConnectionOptions()) != DBResult::ok ||
+        analytics::db::applySchema(db) != DBResult::ok) {
+        m_error = db.lastError();
+        return std::nullopt;
+    }
+    const auto start = std::chrono::steady_clock::now();
+    std::size_t inTransaction = 0;
+    if (db.exec("BEGIN") != DBResult::ok) {
+        m_error = db.lastError();
+        return std::nullopt;
+    }
+    for (const auto& table : m_tables) {
+        auto insert = db.prepare(table.insert);
+        if (!insert) {
+            m_error = db.lastError();
+            return std::nullopt;
+        }
+        for (const auto& row : table.rows) {
+            insert->reset();
+            for (std::size_t c = 0; c < row.size(); ++c) {
+                const int index = static_cast<int>(c + 1);
+                const Value& value = row[c];
+                if (const auto* i = std::get_if<std::int64_t>(&value))
+                    insert->bind(index, *i);
+                else if (const auto* d = std::get_if<double>(&value))
+                    insert->bind(index, *d);
+                else if (const auto* t = std::get_if<std::string>(&value))
+                    insert->bindText(index, *t);
+                else if (const auto* b = std::get_if<std::vector<std::uint8_t>>(&value))
+                    insert->bindBlob(index, std::span<const std::uint8_t>(*b));
+                else
+                    insert->bindNull(index);
+            }
+            if (insert->exec() != DBResult::ok) {
+                m_error = db.lastError();
+                return std::nullopt;
+            }
+            if (++inTransaction == kTransactionRows) {
+                inTransaction = 0;
+                if (db.exec("COMMIT; BEGIN") != DBResult::ok) {
+                    m_error = db.lastError();
+                    return std::nullopt;
+                }
+            }
+        }
+    }
+    if (db.exec("COMMIT") != DBResult::ok) {
+        m_error = db.lastError();
+        return std::nullopt;
+    }
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace kest::bench

@@ -1,0 +1,186 @@
+// metadata_storage_client: the metadata storage service's API from the command line.
+
+#include <unistd.h>
+
+#include <QStringList>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string_view>
+
+#include <kest/cloud/storage/api/client_factory.h>
+#include <kest/cloud/storage/view/api_paths.h>
+#include <kest/reflect/json.h>
+#include <kest/utils/log/logger.h>
+
+#include "command_line.h"
+#include "text_output.h"
+
+namespace kest::cloud::storage::metadatadb::cli {
+namespace {
+
+using kest::common::metadata::ObjectMetadataPacket;
+using kest::network::http::StatusCode;
+using Command = Invocation::Command;
+
+constexpr int kExitOk = 0;
+constexpr int kExitCallFailed = 1;
+constexpr int kExitUsage = 2;
+
+constexpr const char* kProgram = "metadata_storage_client";
+
+const char* commandName(Command command)
+{
+    switch (command) {
+        case Command::save:
+            return "save";
+        case Command::search:
+            return "search";
+        case Command::errors:
+            return "errors";
+        case Command::optimalInstance:
+            return "optimal-instance";
+    }
+    return "call";
+}
+
+/** The packets of a JSON list, or of one JSON object; false with the reason otherwise. */
+bool readPackets(const std::string& file, std::vector<ObjectMetadataPacket>* packets,
+                 std::string* error)
+{
+    std::string text;
+    const std::string source = file.empty() ? "standard input" : file;
+    if (file.empty()) {
+        text.assign(std::istreambuf_iterator<char>(std::cin), {});
+    } else {
+        std::ifstream input(file, std::ios::binary);
+        if (!input) {
+            *error = "cannot open " + file + ": " + std::strerror(errno);
+            return false;
+        }
+        text.assign(std::istreambuf_iterator<char>(input), {});
+    }
+    const auto result = kest::reflect::json::deserialize(text, packets);
+    if (result.success)
+        return true;
+    ObjectMetadataPacket packet;
+    if (kest::reflect::json::deserialize(text, &packet).success) {
+        packets->assign(1, std::move(packet));
+        return true;
+    }
+    *error = "cannot read packets from " + source + ": " + result.errorDescription;
+    return false;
+}
+
+int failed(const Invocation& run, StatusCode::Value status)
+{
+    std::cerr << kProgram << ": " << commandName(run.command) << " at " << run.url.toString()
+              << " failed: " << static_cast<int>(status) << ' ' << StatusCode::toString(status)
+              << ": " << explainStatus(run.command, status) << '\n';
+    return kExitCallFailed;
+}
+
+template <typename T>
+void printJson(const T& value)
+{
+    std::cout << kest::reflect::json::serialize(value) << '\n';
+}
+
+int execute(const Invocation& run)
+{
+    std::vector<ObjectMetadataPacket> packets;
+    if (run.command == Command::save) {
+        std::string error;
+        if (!readPackets(run.packetsFile, &packets, &error)) {
+            std::cerr << kProgram << ": " << error << '\n';
+            return kExitUsage;
+        }
+    }
+
+    const auto client = api::ClientFactory::instance().create(run.url);
+    if (!client)
+        return failed(run, StatusCode::internalServerError);
+    if (run.timeout)
+        client->setRequestTimeout(*run.timeout);
+    const bool table = !run.json && ::isatty(STDOUT_FILENO);
+
+    switch (run.command) {
+        case Command::save: {
+            const auto [status] = client->saveDataSync(packets);
+            if (status != StatusCode::ok)
+                return failed(run, status);
+            std::cout << packets.size() << (packets.size() == 1 ? " packet" : " packets")
+                      << " accepted\n";
+            return kExitOk;
+        }
+        case Command::search: {
+            const auto [status, tracks] = client->getDataSync(run.search);
+            if (status != StatusCode::ok)
+                return failed(run, status);
+            if (table)
+                std::cout << trackTable(tracks);
+            else
+                printJson(tracks);
+            return kExitOk;
+        }
+        case Command::errors: {
+            QUrlQuery query;
+            serializeToUrlQuery(run.errors, &query);
+            // Every device: the service reads a device list of separators alone as "all".
+            std::string_view base = ApiPaths::kErrorHandlerPath;
+            base.remove_suffix(std::string_view("{deviceIds}").size());
+            const auto [status, errors] =
+                run.errorDevices.empty() ? client->makeSyncCallInternal<std::vector<DbErrorData>>(
+                                               "GET", std::string(base) + ";", query)
+                                         : client->getErrorsSync(run.errors, run.errorDevices);
+            if (status != StatusCode::ok)
+                return failed(run, status);
+            if (table)
+                std::cout << errorsTable(errors);
+            else
+                printJson(errors);
+            return kExitOk;
+        }
+        case Command::optimalInstance: {
+            const auto [status, url] = client->getOptimalInstanceSync(run.optimalInstance);
+            if (status != StatusCode::ok)
+                return failed(run, status);
+            if (run.json)
+                printJson(url);
+            else
+                std::cout << url << '\n';
+            return kExitOk;
+        }
+    }
+    return kExitUsage;
+}
+
+}  // namespace
+}  // namespace kest::cloud::storage::metadatadb::cli
+
+int main(int argc, char** argv)
+{
+    using namespace kest::cloud::storage::metadatadb::cli;
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments.push_back(QString::fromLocal8Bit(argv[i]));
+
+    CommandLine commandLine;
+    switch (commandLine.parse(arguments)) {
+        case CommandLine::Outcome::help:
+            std::cout << CommandLine::helpText();
+            return kExitOk;
+        case CommandLine::Outcome::usageError:
+            std::cerr << kProgram << ": " << commandLine.error() << " (see --help)\n";
+            return kExitUsage;
+        case CommandLine::Outcome::run:
+            break;
+    }
+    const Invocation& run = commandLine.invocation();
+    kest::utils::log::Logger::instance().setLevel(run.verbose ? kest::utils::log::Level::debug
+                                                              : kest::utils::log::Level::warning);
+    return execute(run);
+}

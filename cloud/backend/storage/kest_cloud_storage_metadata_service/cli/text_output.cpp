@@ -1,0 +1,136 @@
+#include "text_output.h"
+
+#include <QDateTime>
+#include <algorithm>
+
+namespace kest::cloud::storage::metadatadb::cli {
+
+namespace {
+
+using kest::network::http::StatusCode;
+
+constexpr std::size_t kMaxAttributes = 3;
+constexpr std::size_t kMaxPeriods = 3;
+
+/** Left-aligned columns, each as wide as its widest cell, two blanks apart; the last unpadded. */
+std::string formatRows(const std::vector<std::vector<std::string>>& rows)
+{
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size())
+                line.append(widths[i] - row[i].size() + 2, ' ');
+        }
+        while (!line.empty() && line.back() == ' ')
+            line.pop_back();
+        text += line + '\n';
+    }
+    return text;
+}
+
+std::string counted(std::size_t count, const char* singular, const char* plural)
+{
+    return std::to_string(count) + ' ' + (count == 1 ? singular : plural) + '\n';
+}
+
+}  // namespace
+
+std::string formatTimeMs(std::int64_t milliseconds)
+{
+    return QDateTime::fromMSecsSinceEpoch(milliseconds, Qt::UTC)
+        .toString("yyyy-MM-dd HH:mm:ss.zzz")
+        .toStdString();
+}
+
+std::string trackTable(const std::vector<kest::analytics::db::ObjectTrackEx>& tracks)
+{
+    std::vector<std::vector<std::string>> rows{
+        {"FIRST SEEN (UTC)", "DEVICE", "TYPE", "TRACK", "ATTRIBUTES"}};
+    for (const auto& track : tracks) {
+        std::string attributes;
+        for (std::size_t i = 0; i < std::min(track.attributes.size(), kMaxAttributes); ++i) {
+            if (i > 0)
+                attributes += ' ';
+            attributes += track.attributes[i].name + '=' + track.attributes[i].value;
+        }
+        if (track.attributes.size() > kMaxAttributes)
+            attributes += " +" + std::to_string(track.attributes.size() - kMaxAttributes);
+        rows.push_back({formatTimeMs(track.firstAppearanceTimeUs / 1000),
+                        track.deviceId.toSimpleStdString(), track.objectTypeId,
+                        track.id.toSimpleStdString(), attributes});
+    }
+    return formatRows(rows) + counted(tracks.size(), "track", "tracks");
+}
+
+std::string errorsTable(const std::vector<DbErrorData>& errors)
+{
+    std::vector<std::vector<std::string>> rows{{"DEVICE", "FAILED PERIODS (UTC)"}};
+    for (const auto& error : errors) {
+        std::string periods;
+        std::size_t shown = 0;
+        for (const ZuTimePeriod& period : error.timePeriod) {
+            if (shown == kMaxPeriods) {
+                periods += ", and " + std::to_string(error.timePeriod.size() - shown) + " more";
+                break;
+            }
+            if (shown++ > 0)
+                periods += ", ";
+            periods +=
+                formatTimeMs(period.startTimeMs) + " +" + std::to_string(period.durationMs) + " ms";
+        }
+        rows.push_back({error.deviceId.toSimpleStdString(), periods});
+    }
+    return formatRows(rows) + counted(errors.size(), "device", "devices");
+}
+
+std::string explainStatus(Invocation::Command command, StatusCode::Value status)
+{
+    using Command = Invocation::Command;
+    switch (status) {
+        case StatusCode::badRequest:
+            return "the service could not read the request";
+        case StatusCode::forbidden:
+            return "the service refused the request";
+        case StatusCode::notFound:
+            return "no such API at this URL: is it a metadata storage instance?";
+        case StatusCode::notAcceptable:
+            return "the service does not take the request's format";
+        case StatusCode::payloadTooLarge:
+            return "the request is larger than the service takes (http/maxBodyBytes)";
+        case StatusCode::serviceUnavailable:
+            return "the service is overloaded or stopping; try again later";
+        case StatusCode::internalServerError:
+            break;
+        default:
+            return "an answer this client does not expect";
+    }
+    // The client reports a service that could not be reached as 500 too.
+    const std::string unreachable = ", or the service could not be reached";
+    switch (command) {
+        case Command::save:
+            return "the service's storage does not accept packets now (not ready, or its queue is "
+                   "full: try again later)" +
+                   unreachable;
+        case Command::search:
+            return "the search failed: the storage is not ready, or the shared MongoDB database "
+                   "could not be read" +
+                   unreachable;
+        case Command::errors:
+            return "the service has no save-error history" + unreachable;
+        case Command::optimalInstance:
+            return "no instance has published its load yet, or the shared MongoDB database could "
+                   "not be read" +
+                   unreachable;
+    }
+    return "the service failed" + unreachable;
+}
+
+}  // namespace kest::cloud::storage::metadatadb::cli

@@ -1,0 +1,29 @@
+#pragma once
+
+// What the command-line client prints on a terminal, and how it explains a failed call.
+
+#include <string>
+#include <vector>
+
+#include <kest/analytics_db/object_track_ex.h>
+#include <kest/cloud/storage/model/db_error_data.h>
+#include <kest/network/http/status_code.h>
+
+#include "command_line.h"
+
+namespace kest::cloud::storage::metadatadb::cli {
+
+/** One line per track (first seen, device, type, id, a few attributes) and a count. */
+std::string trackTable(const std::vector<kest::analytics::db::ObjectTrackEx>& tracks);
+
+/** One line per device with its failed periods. */
+std::string errorsTable(const std::vector<DbErrorData>& errors);
+
+/** "2026-01-01 10:00:00.000" (UTC). */
+std::string formatTimeMs(std::int64_t milliseconds);
+
+/** What a status means for the command, in a sentence for an operator. */
+std::string explainStatus(Invocation::Command command,
+                          kest::network::http::StatusCode::Value status);
+
+}  // namespace kest::cloud::storage::metadatadb::cli

@@ -1,0 +1,17 @@
+#pragma once
+
+namespace kest::cloud::storage::metadatadb {
+
+/**
+ * The paths of the service's HTTP API: the routes the View registers and the paths the client
+ * library calls. A base of View, so that they read as View::kDataHandlerPath and so on.
+ */
+struct ApiPaths
+{
+    static constexpr const char* kDataHandlerPath = "/metadataDb/v1/data";
+    static constexpr const char* kOptimalInstancePath = "/metadataDb/v1/optimalInstance";
+    static constexpr const char* kErrorHandlerPath = "/metadataDb/v1/dataSaveErrors/{deviceIds}";
+    static constexpr const char* kPingPath = "/metadataDb/ping";
+};
+
+}  // namespace kest::cloud::storage::metadatadb

@@ -1,0 +1,176 @@
+// The command-line client run as a program against the service running in-process, whose shared
+// database is scripted (it names this instance as the holder of any data).
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <fstream>
+
+#include <kest/analytics_db/object_track_ex.h>
+#include <kest/reflect/json.h>
+
+#include "running_service.h"
+#include "scripted_distribution_storage.h"
+#include "service_process.h"
+#include "temporary_directory.h"
+
+namespace kest::cloud::storage::metadatadb::test {
+namespace {
+
+using kest::analytics::db::ObjectTrackEx;
+
+struct CliResult
+{
+    int exitCode = -1;
+    std::string output;  //< Standard output and error together.
+};
+
+CliResult run(const std::string& program, std::vector<std::string> args)
+{
+    ServiceProcess process(program, std::move(args));
+    if (!process.started())
+        return {};
+    const int status = process.wait();
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, process.output()};
+}
+
+CliResult cli(std::vector<std::string> args)
+{
+    return run(KEST_CLIENT_CLI_PATH, std::move(args));
+}
+
+/** Through a shell, for redirections and for a terminal made by script(1). */
+CliResult shell(const std::string& command)
+{
+    return run("/bin/sh", {"-c", command});
+}
+
+std::vector<ZuUuid> trackIdsOf(const CliResult& result)
+{
+    std::vector<ObjectTrackEx> tracks;
+    EXPECT_TRUE(kest::reflect::json::deserialize(result.output, &tracks).success) << result.output;
+    std::vector<ZuUuid> ids;
+    for (const auto& track : tracks)
+        ids.push_back(track.id);
+    return ids;
+}
+
+class CliTest : public ::testing::Test
+{
+protected:
+    std::string write(const std::string& name, const std::string& text)
+    {
+        const std::string path = m_dir.path() + "/" + name;
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    ScriptedDistributionGuard m_distribution;
+    TemporaryDirectory m_dir;
+    const ZuUuid m_device = ZuUuid::createUuid();
+};
+
+TEST_F(CliTest, SavesSearchesAndReportsAsTheApiAnswers)
+{
+    RunningService service(kUnreachableMongo);
+    ASSERT_TRUE(service.started());
+    m_distribution.script->setAddresses({service.url()});
+    m_distribution.script->setLoads({{"http://h1:1", 0, 0.5}, {"http://h2:2", 0, 0.1}});
+    const std::string url = "--url=" + service.url();
+    const std::int64_t t0 = 1'767'225'600'000;  // 2026-01-01T00:00:00Z
+    const ZuUuid person = ZuUuid::createUuid(), car = ZuUuid::createUuid(),
+                 truck = ZuUuid::createUuid();
+
+    const auto saved = cli(
+        {"save", url,
+         write("two.json", kest::reflect::json::serialize(std::vector{
+                               packet(m_device, t0, person, "person", {{"color", "red"}}),
+                               packet(m_device, t0 + 10'000, car, "car", {{"make", "Toyota"}})}))});
+    EXPECT_EQ(saved.exitCode, 0) << saved.output;
+    EXPECT_EQ(saved.output, "2 packets accepted\n");
+    // One packet, not in a list, from standard input.
+    const auto piped =
+        shell(std::string(KEST_CLIENT_CLI_PATH) + " save " + url + " < " +
+              write("one.json",
+                    kest::reflect::json::serialize(packet(m_device, t0 + 20'000, truck, "truck"))));
+    EXPECT_EQ(piped.exitCode, 0) << piped.output;
+    EXPECT_EQ(piped.output, "1 packet accepted\n");
+    service.events().flush();
+
+    const std::string device = "--device=" + m_device.toSimpleStdString();
+    EXPECT_EQ(trackIdsOf(cli({"search", url, device, "--internal"})),
+              (std::vector{truck, car, person}));
+    EXPECT_EQ(trackIdsOf(cli({"search", url, device, "--type=car", "--type=truck", "--internal"})),
+              (std::vector{truck, car}));
+    // Distributed (back to this instance), a period in ISO 8601 and in milliseconds.
+    EXPECT_EQ(trackIdsOf(cli({"search", url, device, "--from=2026-01-01T00:00:05",
+                              "--to=2026-01-01T00:00:30Z", "--sort=asc", "--limit=1"})),
+              (std::vector{car}));
+    EXPECT_EQ(trackIdsOf(cli({"search", url, device, "--start-ms", std::to_string(t0),
+                              "--duration-ms=1000", "--text=red"})),
+              (std::vector{person}));
+
+    // On a terminal: a table, unless JSON is asked for.
+    const std::string search = std::string(KEST_CLIENT_CLI_PATH) + " search " + url + " " + device;
+    auto table = shell("script -qec '" + search + " --internal --text=toyota' /dev/null");
+    EXPECT_EQ(table.exitCode, 0);
+    EXPECT_NE(table.output.find("FIRST SEEN (UTC)"), std::string::npos) << table.output;
+    EXPECT_NE(table.output.find("2026-01-01 00:00:10.000  " + m_device.toSimpleStdString() +
+                                "  car   " + car.toSimpleStdString() + "  make=Toyota"),
+              std::string::npos)
+        << table.output;
+    EXPECT_NE(table.output.find("1 track"), std::string::npos) << table.output;
+    table = shell("script -qec '" + search + " --json' /dev/null");
+    EXPECT_EQ(table.output.find("FIRST SEEN"), std::string::npos) << table.output;
+    EXPECT_NE(table.output.find(toString(truck)), std::string::npos) << table.output;
+
+    EXPECT_EQ(cli({"optimal-instance", url}).output, "http://h2:2\n");
+    EXPECT_EQ(cli({"optimal-instance", url, "--json", device}).output, "\"http://h2:2\"\n");
+    const auto errors = cli({"errors", url});
+    EXPECT_EQ(errors.exitCode, 0);
+    EXPECT_EQ(errors.output, "[]\n");
+    EXPECT_EQ(cli({"errors", url, m_device.toSimpleStdString(), "--count=1"}).output, "[]\n");
+}
+
+TEST_F(CliTest, FailedCallsExit1AndBadCommandLines2WithTheReason)
+{
+    RunningService service(kUnreachableMongo);
+    ASSERT_TRUE(service.started());
+    const std::string url = "--url=" + service.url();
+
+    struct Case
+    {
+        CliResult result;
+        int exitCode;
+        std::string text;
+    };
+    const Case cases[] = {
+        {cli({"optimal-instance", url}), 1,
+         "optimal-instance at " + service.url() +
+             " failed: 500 Internal Server Error: no instance has published its load"},
+        {cli({"search", "--url=http://127.0.0.1:1"}), 1, "or the service could not be reached"},
+        {cli({"save", url, m_dir.path() + "/missing.json"}), 2, "cannot open"},
+        {cli({"save", url, write("bad.json", R"([{"deviceId": 5}])")}), 2,
+         "cannot read packets from " + m_dir.path() + "/bad.json: [0].deviceId"},
+        {cli({"search", "--device=camera-1"}), 2, "--device: not a UUID: camera-1"},
+        {cli({"search", "--from=yesterday"}), 2, "--from: not a time"},
+        {cli({"search", "--from=1", "--start-ms=1"}), 2, "not both"},
+        {cli({"search", "--box=0,0,1"}), 2, "--box"},
+        {cli({"errors", "--clear"}), 2, "--clear needs --timestamp"},
+        {cli({"errors", "--text=x"}), 2, "--text is not an option of errors"},
+        {cli({"frobnicate"}), 2, "unknown command \"frobnicate\""},
+        {cli({}), 2, "no command given"},
+        {cli({"search", "--url=ftp://h/"}), 2, "not an http URL"},
+    };
+    for (const auto& [result, exitCode, text] : cases) {
+        EXPECT_EQ(result.exitCode, exitCode) << text << ": " << result.output;
+        EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
+    }
+    const auto help = cli({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_EQ(help.output.rfind("Usage: metadata_storage_client COMMAND", 0), 0u) << help.output;
+}
+
+}  // namespace
+}  // namespace kest::cloud::storage::metadatadb::test

@@ -1,0 +1,365 @@
+// Distributed searches whose instances are played by fake clients from the client factory:
+// what each is asked, how their replies are put together, and how failures and silence count.
+
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <kest/cloud/storage/api/client.h>
+#include <kest/cloud/storage/api/client_factory.h>
+#include <kest/network/aio/timer.h>
+#include <kest/utils/assert.h>
+
+#include "log_capture.h"
+#include "running_service.h"
+#include "scripted_distribution_storage.h"
+
+namespace kest::cloud::storage::metadatadb::test {
+namespace {
+
+using namespace std::chrono_literals;
+using kest::analytics::db::ObjectTrackEx;
+using kest::network::http::StatusCode;
+
+const std::string kFailedReply = "errors occured during fetching data from other nodes";
+
+/** How a fake instance answers a search. */
+struct Reply
+{
+    StatusCode::Value status = StatusCode::ok;
+    std::vector<ObjectTrackEx> tracks;
+    std::chrono::milliseconds delay{0};
+};
+
+/** The fake instances by URL, and the searches they were sent. */
+class Peers
+{
+public:
+    void set(const std::string& url, Reply reply)
+    {
+        std::lock_guard lock(m_mutex);
+        m_replies[kest::utils::Url(url).toString()] = std::move(reply);
+    }
+    bool has(const kest::utils::Url& url) const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_replies.contains(url.toString());
+    }
+    Reply ask(const kest::utils::Url& url, const DataRequestData& request)
+    {
+        std::lock_guard lock(m_mutex);
+        m_asked.emplace_back(url.toString(), request);
+        return m_replies.at(url.toString());
+    }
+    void noteCreated()
+    {
+        std::lock_guard lock(m_mutex);
+        ++m_created;
+    }
+    std::vector<std::pair<std::string, DataRequestData>> asked() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_asked;
+    }
+    int created() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_created;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<std::string, Reply> m_replies;
+    std::vector<std::pair<std::string, DataRequestData>> m_asked;
+    int m_created = 0;
+};
+
+/** Answers searches as scripted, on its I/O thread and after the reply's delay. */
+class FakeClient : public api::AbstractClient
+{
+public:
+    FakeClient(const kest::utils::Url& url, Peers* peers) : AbstractClient(url), m_peers(peers) {}
+    ~FakeClient() override { pleaseStopSync(); }
+
+    void getData(const DataRequestData& request,
+                 MoveOnlyFunc<void(StatusCode::Value, std::vector<ObjectTrackEx>)> handler) override
+    {
+        Reply reply = m_peers->ask(baseApiUrl(), request);
+        auto timer = std::make_unique<kest::network::aio::Timer>(getAioThread());
+        timer->start(reply.delay, [reply, handler = std::move(handler)]() mutable {
+            handler(reply.status, std::move(reply.tracks));
+        });
+        m_timers.push_back(std::move(timer));
+    }
+
+    // Not used by searches.
+    void saveData(const std::vector<ObjectMetadataPacket>&,
+                  MoveOnlyFunc<void(StatusCode::Value)>) override
+    {}
+    std::tuple<StatusCode::Value> saveDataSync(const std::vector<ObjectMetadataPacket>&) override
+    {
+        return {StatusCode::notImplemented};
+    }
+    std::tuple<StatusCode::Value, std::vector<ObjectTrackEx>> getDataSync(
+        const DataRequestData&) override
+    {
+        return {StatusCode::notImplemented, {}};
+    }
+    void getOptimalInstance(const OptimalInstanceRequest&,
+                            MoveOnlyFunc<void(StatusCode::Value, std::string)>) override
+    {}
+    std::tuple<StatusCode::Value, std::string> getOptimalInstanceSync(
+        const OptimalInstanceRequest&) override
+    {
+        return {StatusCode::notImplemented, {}};
+    }
+    void getErrors(const ErrorsRequestData&, const std::vector<ZuUuid>&,
+                   MoveOnlyFunc<void(StatusCode::Value, std::vector<DbErrorData>)>) override
+    {}
+    std::tuple<StatusCode::Value, std::vector<DbErrorData>> getErrorsSync(
+        const ErrorsRequestData&, const std::vector<ZuUuid>&) override
+    {
+        return {StatusCode::notImplemented, {}};
+    }
+
+protected:
+    void stopWhileInAioThread() override
+    {
+        m_timers.clear();  //< Cancels on this thread: no reply after a stop.
+        AbstractClient::stopWhileInAioThread();
+    }
+
+private:
+    Peers* m_peers;
+    std::vector<std::unique_ptr<kest::network::aio::Timer>> m_timers;
+};
+
+ObjectTrackEx track(const std::string& type)
+{
+    ObjectTrackEx result;
+    result.id = ZuUuid::createUuid();
+    result.objectTypeId = type;
+    return result;
+}
+
+std::vector<std::string> typesOf(const std::vector<ObjectTrackEx>& tracks)
+{
+    std::vector<std::string> types;
+    for (const auto& track : tracks)
+        types.push_back(track.objectTypeId);
+    return types;
+}
+
+/** A socket that takes connections and never reads from them: a peer that never answers. */
+class SilentPeer
+{
+public:
+    SilentPeer()
+    {
+        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        ::listen(m_fd, 16);
+        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
+        m_url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    }
+    ~SilentPeer() { ::close(m_fd); }
+    const std::string& url() const { return m_url; }
+
+private:
+    int m_fd = -1;
+    std::string m_url;
+};
+
+class FanOutTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        // Scripted URLs get fakes, any other a real client.
+        m_previousFactory = api::ClientFactory::instance().setCreateFunction(
+            [this](const kest::utils::Url& url) -> std::unique_ptr<api::AbstractClient> {
+                m_peers.noteCreated();
+                if (m_peers.has(url))
+                    return std::make_unique<FakeClient>(url, &m_peers);
+                return std::make_unique<api::Client>(url);
+            });
+        m_service.emplace(kUnreachableMongo,
+                          std::vector<std::string>{"--cluster/peerTimeoutMs=300"});
+        ASSERT_TRUE(m_service->started());
+        m_assertionFailures = kest::utils::assertionFailureCount();
+    }
+
+    void TearDown() override
+    {
+        m_service.reset();
+        api::ClientFactory::instance().setCreateFunction(std::move(m_previousFactory));
+        // A second completion of a request would have failed an assertion.
+        EXPECT_EQ(kest::utils::assertionFailureCount(), m_assertionFailures);
+    }
+
+    /** A distributed search of the addresses, as the shared database would name them. */
+    std::optional<HttpResponse> search(std::vector<std::string> addresses, bool lookupOk = true)
+    {
+        m_distribution.script->setAddresses(std::move(addresses), lookupOk);
+        return m_service->get(dataTarget(m_request));
+    }
+
+    std::vector<ObjectTrackEx> tracksOf(const std::optional<HttpResponse>& response)
+    {
+        std::vector<ObjectTrackEx> tracks;
+        EXPECT_TRUE(response && response->status == 200)
+            << (response ? response->head + response->body : "no response");
+        if (response) {
+            EXPECT_TRUE(kest::reflect::json::deserialize(response->body, &tracks).success);
+        }
+        return tracks;
+    }
+
+    ScriptedDistributionGuard m_distribution;
+    Peers m_peers;
+    api::ClientFactory::CreateFunction m_previousFactory;
+    std::optional<RunningService> m_service;
+    DataRequestData m_request;
+    int m_assertionFailures = 0;
+};
+
+TEST_F(FanOutTest, RepliesAreConcatenatedInArrivalOrderAndAnInstanceListedTwiceIsAskedTwice)
+{
+    const std::string a = "http://a.test:8080", b = "http://b.test:8080";
+    m_peers.set(a, {StatusCode::ok, {track("a1"), track("a2")}, 200ms});
+    m_peers.set(b, {StatusCode::ok, {track("b1")}, 0ms});
+    m_request.filter.deviceIds = {ZuUuid::createUuid()};
+    m_request.filter.maxObjectTracksToSelect = 2;
+    m_request.filter.sortOrder = kest::analytics::db::SortOrder::asc;
+
+    // No de-duplication, no re-sorting, no cut at the limit: each instance applied the filter.
+    EXPECT_EQ(typesOf(tracksOf(search({a, b, a}))),
+              (std::vector<std::string>{"b1", "a1", "a2", "a1", "a2"}));
+    const auto asked = m_peers.asked();
+    ASSERT_EQ(asked.size(), 3u);
+    EXPECT_EQ(asked[0].first, kest::utils::Url(a).toString());
+    EXPECT_EQ(asked[1].first, kest::utils::Url(b).toString());
+    EXPECT_EQ(asked[2].first, kest::utils::Url(a).toString());
+    for (const auto& [url, request] : asked) {
+        EXPECT_TRUE(request.internal_lookup) << url;
+        EXPECT_EQ(request.filter, m_request.filter) << url;
+    }
+
+    // Nobody named: nobody asked.
+    const auto empty = search({});
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(empty->status, 200);
+    EXPECT_EQ(empty->body, "[]");
+    EXPECT_EQ(m_peers.created(), 3);
+}
+
+TEST_F(FanOutTest, FailedInstancesCountAsRepliesWithALineEach)
+{
+    const std::string good = "http://good.test:1", bad = "http://bad.test:1",
+                      busy = "http://busy.test:1";
+    m_peers.set(good, {StatusCode::ok, {track("g")}, 50ms});
+    m_peers.set(bad, {StatusCode::internalServerError, {}, 0ms});
+    m_peers.set(busy, {StatusCode::serviceUnavailable, {track("late")}, 0ms});
+    LogCapture log;
+
+    EXPECT_EQ(typesOf(tracksOf(search({bad, good}))), std::vector<std::string>{"g"});
+    EXPECT_EQ(log.count(kFailedReply), 1);
+    // Whatever a failed reply brings is still taken in.
+    EXPECT_EQ(typesOf(tracksOf(search({bad, busy}))), std::vector<std::string>{"late"});
+    EXPECT_EQ(log.count(kFailedReply), 3);
+    // An address that is no URL fails like an instance that cannot be reached.
+    EXPECT_EQ(typesOf(tracksOf(search({"no url at all", good}))), std::vector<std::string>{"g"});
+    EXPECT_EQ(log.count(kFailedReply), 4);
+
+    const int created = m_peers.created();
+    const auto failed = search({good}, /*lookupOk*/ false);
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->status, 500);
+    EXPECT_EQ(m_peers.created(), created);
+    EXPECT_TRUE(log.contains("can't get remote instances addresses for requst with filter {"));
+}
+
+TEST_F(FanOutTest, AnInstanceThatNeverAnswersIsCutOffByThePeerTimeout)
+{
+    SilentPeer silent;
+    const std::string good = "http://good.test:1";
+    m_peers.set(good, {StatusCode::ok, {track("g")}, 0ms});
+    LogCapture log;
+
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(typesOf(tracksOf(search({silent.url(), good}))), std::vector<std::string>{"g"});
+    const auto elapsed = std::chrono::steady_clock::now() - started;
+    EXPECT_GE(elapsed, 300ms);
+    EXPECT_LT(elapsed, 3s);
+    EXPECT_EQ(log.count(kFailedReply), 1);
+
+    // A requester that leaves mid-search: the replies that come later find the request gone.
+    m_peers.set(good, {StatusCode::ok, {track("g")}, 100ms});
+    m_distribution.script->setAddresses({good, silent.url()});
+    {
+        KeepAliveConnection leaving(m_service->port());
+        ASSERT_TRUE(leaving.send("GET", dataTarget(m_request)));
+    }
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(typesOf(tracksOf(search({good}))), std::vector<std::string>{"g"});
+}
+
+/** Answers its one address lookup only when destroyed, as a storage that finishes its queue. */
+class HeldLookupStorage : public ScriptedDistributionStorage
+{
+public:
+    explicit HeldLookupStorage(std::promise<void>* asked)
+        : ScriptedDistributionStorage(std::make_shared<DistributionScript>()), m_asked(asked)
+    {}
+    ~HeldLookupStorage() override
+    {
+        if (m_handler)
+            m_handler(true, {"http://late.test:1"});
+    }
+
+    void getStorageInfo(const std::vector<std::string>&, const ZuTimePeriod&,
+                        MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) override
+    {
+        m_handler = std::move(handler);
+        m_asked->set_value();
+    }
+
+private:
+    std::promise<void>* m_asked;
+    MoveOnlyFunc<void(bool, std::vector<std::string>)> m_handler;
+};
+
+// A stop gives up on requests still pending after its timeout and destroys the server's threads;
+// a lookup that ends later must find no thread to go on with, and still end the request.
+TEST(FanOutStopTest, ALookupThatEndsAfterTheServerIsGoneEndsTheRequest)
+{
+    std::promise<void> asked;
+    auto previous = DataDistribStorageFactory::instance().setCreateFunction(
+        [&asked](const conf::MongoConnectionSettings&)
+            -> std::unique_ptr<AbstractDataDistributionStorage> {
+            return std::make_unique<HeldLookupStorage>(&asked);
+        });
+    {
+        RunningService service(kUnreachableMongo, {"--http/stopTimeoutMs=100"});
+        ASSERT_TRUE(service.started());
+        KeepAliveConnection connection(service.port());
+        ASSERT_TRUE(connection.send("GET", dataTarget(DataRequestData())));
+        EXPECT_EQ(asked.get_future().wait_for(10s), std::future_status::ready);
+    }
+    DataDistribStorageFactory::instance().setCreateFunction(std::move(previous));
+}
+
+}  // namespace
+}  // namespace kest::cloud::storage::metadatadb::test
