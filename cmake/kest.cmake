@@ -1,10 +1,15 @@
 # kest_add_library(NAME SOURCES ... DEPS ...): a platform library under libs/NAME, built as the
 # shared library libkest_NAME and exported as the target kest::NAME with its src/ directory as
 # the include root. Shared, so that a host and the service modules it loads share one copy of
-# every process-wide object (the logger, factories, the I/O thread pool).
+# every process-wide object (the logger, factories, the I/O thread pool). Static in a fuzz build,
+# where the fuzzer's coverage callbacks must reach every instrumented object.
 function(kest_add_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
-  add_library(kest_${name} SHARED ${ARG_SOURCES})
+  if(KEST_FUZZ)
+    add_library(kest_${name} STATIC ${ARG_SOURCES})
+  else()
+    add_library(kest_${name} SHARED ${ARG_SOURCES})
+  endif()
   add_library(kest::${name} ALIAS kest_${name})
   set_target_properties(kest_${name} PROPERTIES EXPORT_NAME ${name})
   # Calls inside one library need not go through the PLT.
@@ -16,6 +21,7 @@ function(kest_add_library name)
   target_link_libraries(kest_${name} PUBLIC ${ARG_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
   install(TARGETS kest_${name} EXPORT KestTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   install(DIRECTORY src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 endfunction()

@@ -925,6 +925,29 @@ TEST_F(EventsStorageTest, NotReadyPastTheHighWaterMarkUntilDrained)
     EXPECT_EQ(storage->statistics().queuedBytes, 0u);
 }
 
+TEST_F(EventsStorageTest, NotReadyWhileTheWriterLagsBehindItsDelay)
+{
+    // What is acknowledged and not yet written must stay within a time bound, however few
+    // packets that is: a stalled writer makes the storage refuse more after the bound.
+    m_settings.maxCommitDelay = 10ms;
+    auto storage = open();
+    std::promise<void> release;
+    auto released = release.get_future();
+    storage->runOnWriter([&](sql::Database&) { released.wait(); });
+    std::this_thread::sleep_for(50ms);
+
+    storage->save(packet(kDeviceA, 1'000'000, {{1}}));
+    EXPECT_TRUE(storage->isReady());
+    std::this_thread::sleep_for(m_settings.maxCommitDelay + EventsStorage::kMaxBacklogLag + 50ms);
+    storage->save(packet(kDeviceA, 2'000'000, {{1}}));
+    EXPECT_FALSE(storage->isReady());
+
+    release.set_value();
+    storage->flush();
+    EXPECT_TRUE(storage->isReady());
+    EXPECT_EQ(find(*storage, Filter()).size(), 1u);
+}
+
 TEST_F(EventsStorageTest, InitializeFailureLeavesTheStorageNotReady)
 {
     const QString file = m_dir.filePath("plain_file");

@@ -107,6 +107,8 @@ TEST(FilterUrlQuery, MalformedValuesAreRefused)
         {"boundingBox", "1,2,3,4,5"},
         {"boundingBox", "1,2,,4"},
         {"boundingBox", "1,2,3,x"},
+        {"boundingBox", "nan,0,1,1"},
+        {"boundingBox", "0,0,inf,1"},
     };
     for (const auto& [key, value] : cases) {
         Params params;

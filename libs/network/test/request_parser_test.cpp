@@ -81,6 +81,8 @@ TEST(RequestParser, FramingAndVersionsGetTheirStatus)
         {"HTTP/1.0 with two Hosts", "GET / HTTP/1.0\r\nHost: a\r\nHost: b\r\n\r\n", 400},
         {"absolute form", "GET http://a:1/p?q HTTP/1.1\r\nHost: a\r\n\r\n", 0},
         {"absolute form of another scheme", "GET ftp://a/p HTTP/1.1\r\nHost: a\r\n\r\n", 400},
+        {"absolute form with a port that is no number",
+         "GET http://e:xample.com HTTP/1.1\r\nHost: e\r\n\r\n", 400},
         {"authority form", "GET a:80 HTTP/1.1\r\nHost: a\r\n\r\n", 400},
         {"encoded NUL in the path", "GET /a%00b HTTP/1.1\r\nHost: a\r\n\r\n", 400},
     };
@@ -89,6 +91,56 @@ TEST(RequestParser, FramingAndVersionsGetTheirStatus)
         EXPECT_EQ(outcome.status, status) << name;
         EXPECT_EQ(outcome.requests.size(), status == 0 ? 1u : 0u) << name;
     }
+}
+
+/** parseAll() with the input arriving one byte at a time. */
+Outcome parseByteByByte(std::string_view input)
+{
+    RequestParser parser(kLimits);
+    Outcome outcome;
+    for (const char c : input) {
+        parser.append(std::string_view(&c, 1));
+        for (;;) {
+            const auto result = parser.parse();
+            if (result == RequestParser::Result::failed) {
+                outcome.status = parser.failure().status;
+                return outcome;
+            }
+            if (result == RequestParser::Result::needMore)
+                break;
+            outcome.requests.push_back(parser.takeRequest());
+        }
+    }
+    return outcome;
+}
+
+TEST(RequestParser, AnswerDoesNotDependOnHowTheBytesArrive)
+{
+    // Each of these used to be answered when it arrived whole, and waited for until the read
+    // timeout (or let through) when it arrived in pieces.
+    const std::string longChunkLine =
+        "POST /p HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n" +
+        std::string(kLimits.maxChunkLineBytes + 8, '0') + "1\r\nx\r\n0\r\n\r\n";
+    const std::vector<std::pair<std::string, int>> cases = {
+        {"GET / HTTP/1.1\nHost: a\n\n", 400},
+        {"GET / HTTP/1.1\r\nHost: a\n\n", 400},
+        {"GET / HTTP/1.1\r\nHost: a\r\nX: 1\n\r\n", 400},
+        {"POST /p HTTP/1.1\r\nHost: a\r\nno colon\r\nX: y\r\n\r\n", 400},
+        {longChunkLine, 400},
+        {"POST /p HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nabcd\r\n3;x=\"" +
+             std::string(kLimits.maxChunkLineBytes, 'q') + "\"\r\nefg\r\n0\r\n\r\n",
+         400},
+        {"GE* / HTT\r\n\r\n", 400},  //< A version too short for Beast to judge.
+        {"POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 3\r\n\r\na\nb", 0},
+    };
+    for (const auto& [input, status] : cases) {
+        EXPECT_EQ(parseAll(input).status, status) << input;
+        EXPECT_EQ(parseByteByByte(input).status, status) << input;
+    }
+    // A bare LF in a body is data.
+    const auto outcome = parseByteByByte(cases.back().first);
+    ASSERT_EQ(outcome.requests.size(), 1u);
+    EXPECT_EQ(outcome.requests[0].body, "a\nb");
 }
 
 TEST(RequestParser, ServedRequestsCarryWhatWasSent)

@@ -100,7 +100,15 @@ TEST(Json, MalformedInputNamesTheFieldAndLeavesOutputUntouched)
         {R"({"small":-1})", at("small", kOutOfRange)},
         {R"({"small":"4294967296"})", at("small", kOutOfRange)},
         {R"({"big":1e19})", at("big", kOutOfRange)},
+        // Read by RapidJSON as a double that rounds to exactly -2^63.
+        {R"({"big":-9223372036854775809})", at("big", kOutOfRange)},
         {R"({"ratio":"abc"})", at("ratio", kFloatExpected)},
+        {R"({"ratio":"nan"})", at("ratio", kFloatExpected)},
+        {R"({"ratio":"-inf"})", at("ratio", kFloatExpected)},
+        {R"({"ratio":"1e999"})", at("ratio", kFloatExpected)},
+        // A long significand with a large exponent, read without going past the number reader's
+        // tables (the sanitizer builds see that).
+        {R"({"ratio":-9)" + std::string(84, '4') + "31e308}", at("ratio", kFloatExpected)},
         {R"({"timeout":"abc"})", at("timeout", kDurationExpected)},
         {R"({"timeout":[]})", at("timeout", kDurationExpected)},
         {R"({"id":5})", at("id", kCustomStringExpected)},

@@ -92,6 +92,7 @@ public:
     }
 
     void signal(int number) { ::kill(m_pid, number); }
+    pid_t pid() const { return m_pid; }
     const std::string& output() const { return m_text; }
 
 private:

@@ -158,8 +158,9 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
             reportFailure(DBResult::cancelled, {packet});
             return;
         }
+        const auto now = steady_clock::now();
         if (m_queue.empty())
-            m_oldestQueued = steady_clock::now();
+            m_oldestQueued = now;
         m_queue.push_back(std::move(packet));
         m_queueBytes.push_back(bytes);
         ++m_enqueued;
@@ -167,7 +168,7 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
         m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
         m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
         if (m_queue.size() > m_settings.maxQueuedPackets ||
-            m_queuedBytes > m_settings.maxQueuedBytes) {
+            m_queuedBytes > m_settings.maxQueuedBytes || lagsBehind(now)) {
             m_overloaded = true;
         }
         m_packetsAccepted.fetch_add(1, std::memory_order_relaxed);
@@ -283,7 +284,7 @@ void EventsStorage::writerLoop()
         m_queuedBytes -= batchBytes;
         m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
         if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2 &&
-            m_queuedBytes <= m_settings.maxQueuedBytes / 2) {
+            m_queuedBytes <= m_settings.maxQueuedBytes / 2 && !lagsBehind(steady_clock::now())) {
             m_overloaded = false;
         }
         m_progress.notify_all();
@@ -321,6 +322,11 @@ std::unordered_map<ZuUuid, ZuTimePeriodList> EventsStorage::periodsByDevice(
     for (auto& [device, list] : collected)
         ZuTimePeriodList::unionTimePeriods(periods[device], ZuTimePeriodList(std::move(list)));
     return periods;
+}
+
+bool EventsStorage::lagsBehind(steady_clock::time_point now) const
+{
+    return !m_queue.empty() && now - m_oldestQueued > m_settings.maxCommitDelay + kMaxBacklogLag;
 }
 
 void EventsStorage::measureStore()

@@ -29,8 +29,11 @@ namespace kest::analytics::db {
  * A batch that cannot be committed is rolled back and its packets are reported, per device as
  * the union of their periods, through the save-error handler on a thread of its own; a committed
  * batch is reported the same way through the commit handler, on another thread. Past
- * maxQueuedPackets, or maxQueuedBytes of packets not yet written, the storage is not ready until
- * both are below half of their mark. Before a
+ * maxQueuedPackets, past maxQueuedBytes of packets not yet written, or while the oldest queued
+ * packet has waited kMaxBacklogLag longer than maxCommitDelay, the storage is not ready until the
+ * queue is below half of both marks and younger than the lag: what it has acknowledged and not
+ * written stays within a memory and a time bound when packets come faster than they are written.
+ * Before a
  * successful initialize, lookups complete at once (on the caller's thread) with an error and
  * saves are reported as failed (connectionError).
  */
@@ -47,6 +50,8 @@ public:
     static constexpr std::size_t kBatchPackets = 4096;
     static constexpr std::size_t kMaxBatchPackets = 16384;
     static constexpr int kLookupWorkers = 2;
+    /** How far past maxCommitDelay the writer may fall behind before saves are refused. */
+    static constexpr std::chrono::milliseconds kMaxBacklogLag{1000};
     /** Old tracks are deleted this many per transaction, between batches. */
     static constexpr int kRetentionBatchRows = 300;
 
@@ -90,6 +95,8 @@ private:
     void stop();
     void reportFailure(sql::DBResult result, const std::vector<PacketPtr>& packets);
     void measureStore();
+    /** Whether the queue has waited too long for the writer; under m_queueMutex. */
+    bool lagsBehind(std::chrono::steady_clock::time_point now) const;
     static std::unordered_map<ZuUuid, ZuTimePeriodList> periodsByDevice(
         const std::vector<PacketPtr>& packets);
 

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <string_view>
 
 #include <kest/reflect/json.h>
@@ -63,6 +64,11 @@ bool parseNumber(std::string_view text, T* out)
 {
     const char* end = text.data() + text.size();
     const auto [ptr, ec] = std::from_chars(text.data(), end, *out);
+    if constexpr (std::is_floating_point_v<T>) {
+        // from_chars takes "nan" and "inf" too; a rectangle has finite sides.
+        if (!std::isfinite(*out))
+            return false;
+    }
     return ec == std::errc() && ptr == end && !text.empty();
 }
 

@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include <cmath>
+
 #include <rapidjson/error/en.h>
 
 namespace kest::reflect::json::detail {
@@ -29,10 +31,7 @@ DeserializationResult parseDocument(std::string_view text, rapidjson::Document* 
 {
     text = withoutByteOrderMark(text);
 
-    // Full precision, so that a double written by us is read back bit for bit. Iterative, so
-    // that a body of deeply nested brackets cannot exhaust the I/O thread's stack.
-    document->Parse<rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag>(
-        text.data(), text.size());
+    document->Parse<kParseFlags>(text.data(), text.size());
     if (document->HasParseError()) {
         return DeserializationResult::failure(
             std::string(messages::kParseException) +
@@ -71,6 +70,9 @@ bool readBool(const Value& value, bool* out, ReadContext& context)
 bool readDouble(const Value& value, double* out, ReadContext& context)
 {
     if (value.IsNumber()) {
+        // A literal beyond the range of a double reads as an infinity.
+        if (!std::isfinite(value.GetDouble()))
+            return context.fail(messages::kFloatExpected);
         *out = value.GetDouble();
         return true;
     }
@@ -79,7 +81,8 @@ bool readDouble(const Value& value, double* out, ReadContext& context)
         const char* end = begin + value.GetStringLength();
         double d = 0;
         const auto [ptr, ec] = std::from_chars(begin, end, d);
-        if (ec == std::errc() && ptr == end && begin != end) {
+        // from_chars takes "nan" and "inf" too: a number is a finite one.
+        if (ec == std::errc() && ptr == end && begin != end && std::isfinite(d)) {
             *out = d;
             return true;
         }

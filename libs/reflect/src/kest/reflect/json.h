@@ -48,6 +48,14 @@
 
 namespace kest::reflect::json {
 
+/**
+ * How every JSON document is parsed. Iterative, so that deeply nested brackets cannot exhaust the
+ * thread's stack. Not RapidJSON's full-precision number reader: it reads past its table of powers
+ * of ten for a long significand with a large exponent ("9...9e308"); the normal one is off by at
+ * most a unit in the last place.
+ */
+inline constexpr unsigned kParseFlags = rapidjson::kParseIterativeFlag;
+
 namespace detail {
 
 using namespace kest::reflect::detail;
@@ -118,7 +126,9 @@ bool readInteger(const Value& value, T* out, ReadContext& context, std::string_v
         const double d = value.GetDouble();
         if (d != std::trunc(d))
             return context.fail(typeMessage);
-        if (!(d >= -0x1p63 && d < 0x1p63) || !std::in_range<T>(static_cast<std::int64_t>(d)))
+        // Strictly above -2^63: RapidJSON reads an integer literal that does not fit 64 bits as a
+        // double, and one just below the range rounds to exactly -2^63.
+        if (!(d > -0x1p63 && d < 0x1p63) || !std::in_range<T>(static_cast<std::int64_t>(d)))
             return context.fail(messages::kOutOfRange);
         *out = static_cast<T>(static_cast<std::int64_t>(d));
         return true;

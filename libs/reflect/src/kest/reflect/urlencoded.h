@@ -85,7 +85,7 @@ bool readValue(const std::string& text, T* out, json::detail::ReadContext& conte
         return true;
     } else if constexpr (kCarriedAsJson<T> && !HasCustomString<T> && !DescribedEnum<T>) {
         rapidjson::Document document;
-        document.Parse<rapidjson::kParseFullPrecisionFlag>(text.data(), text.size());
+        document.Parse<json::kParseFlags>(text.data(), text.size());
         if (document.HasParseError()) {
             return context.fail(messages::kParseException,
                                 rapidjson::GetParseError_En(document.GetParseError()));

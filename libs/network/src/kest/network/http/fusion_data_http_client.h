@@ -45,8 +45,7 @@ template <typename Output>
 bool decodeJsonOutput(std::string_view body, Output* output, std::string* errorText)
 {
     rapidjson::Document document;
-    document.Parse<rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag>(
-        body.data(), body.size());
+    document.Parse<kest::reflect::json::kParseFlags>(body.data(), body.size());
     if (document.HasParseError()) {
         *errorText = "not JSON";
         return false;

@@ -67,6 +67,9 @@ bool Request::setTarget(std::string value)
         return false;
     }
     const std::string_view encodedPath = uri->encoded_path();
+    // "http://h:x/": Boost.URL takes what follows a port that is no number as a rootless path.
+    if (!encodedPath.empty() && !encodedPath.starts_with('/'))
+        return false;
     path = encodedPath.empty() ? std::string("/") : std::string(encodedPath);
     query = std::string_view(uri->encoded_query());
     return true;

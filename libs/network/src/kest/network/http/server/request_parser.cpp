@@ -1,6 +1,7 @@
 #include "request_parser.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -16,6 +17,9 @@ namespace beast_http = boost::beast::http;
 using boost::beast::string_view;
 
 namespace {
+
+/** The last four bytes of a head: "\r\n\r\n". */
+constexpr std::uint32_t kHeadEnd = 0x0D0A0D0A;
 
 bool isDigit(char c)
 {
@@ -46,6 +50,16 @@ std::vector<std::string_view> transferCodings(std::string_view value)
         value.remove_prefix(comma + 1);
     }
     return codings;
+}
+
+/** "0", "000" or "0;ext": the line of the last chunk, which the trailer section follows. */
+bool isLastChunkLine(std::string_view line)
+{
+    const std::size_t zeros = line.find_first_not_of('0');
+    if (zeros == 0)
+        return false;
+    return zeros == std::string_view::npos ||
+           !std::isxdigit(static_cast<unsigned char>(line[zeros]));
 }
 
 /** Codings that are well known but that this server does not decode. */
@@ -80,6 +94,9 @@ public:
     bool closeAfterResponse = false;
     /** What the head left of the header limit, for the trailer fields. */
     std::size_t trailerAllowance = 0;
+
+    /** Bytes of the current chunk's data still to come; 0 between chunks. */
+    std::uint64_t chunkRemaining() const { return m_lastChunkSeen ? 0 : m_chunkRemaining; }
 
 private:
     void refuse(StatusCode::Value status, std::string reason, boost::beast::error_code& ec)
@@ -180,17 +197,32 @@ private:
         return body.size();
     }
 
-    void on_chunk_header_impl(std::uint64_t, string_view, boost::beast::error_code&) override {}
+    void on_chunk_header_impl(std::uint64_t size, string_view, boost::beast::error_code&) override
+    {
+        m_chunkRemaining = size;
+        m_lastChunkSeen = m_lastChunkSeen || size == 0;
+    }
 
     std::size_t on_chunk_body_impl(std::uint64_t, string_view body,
                                    boost::beast::error_code&) override
     {
         request.body.append(body.data(), body.size());
+        m_chunkRemaining -= std::min<std::uint64_t>(m_chunkRemaining, body.size());
         return body.size();
     }
 
+public:
+    /** The next bytes are a chunk-size line (with the CRLF that ends the previous chunk). */
+    bool awaitsChunkLine() const
+    {
+        return is_header_done() && chunked() && m_chunkRemaining == 0 && !m_lastChunkSeen;
+    }
+
+private:
     void on_finish_impl(boost::beast::error_code&) override {}
 
+    std::uint64_t m_chunkRemaining = 0;
+    bool m_lastChunkSeen = false;
     std::size_t m_hostCount = 0;
     bool m_hostValid = true;
     bool m_hasTransferEncoding = false;
@@ -295,15 +327,90 @@ RequestParser::Result RequestParser::parseRequestLine()
     // Stops at the end of the head, which tells how long it was; eager from then on.
     m_message->eager(false);
     m_headerBytes = 0;
+    m_headChecked = 0;
+    m_lastHeadBytes = 0;
     return Result::needMore;
 }
 
 RequestParser::Result RequestParser::parseMessage()
 {
+    if (!m_message->is_header_done()) {
+        // Beast judges a head by as much of it as it is given, sooner or later depending on how
+        // the bytes arrived; it is given only whole heads, so that the answer does not depend on
+        // that.
+        if (checkHeadLineEnds() == Result::failed)
+            return Result::failed;
+        if (m_lastHeadBytes != kHeadEnd) {
+            if (m_headChecked >= m_limits.maxHeaderBytes)
+                return fail(StatusCode::requestHeaderFieldsTooLarge, "Request header too large");
+            return Result::needMore;
+        }
+    }
     boost::beast::error_code error;
     while (m_buffer.size() > 0 && !m_message->is_done()) {
         const bool headerWasDone = m_message->is_header_done();
-        const std::size_t used = m_message->put(m_buffer.data(), error);
+        std::size_t used = 0;
+        const bool sliced = m_message->awaitsChunkLine();
+        if (sliced) {
+            // Beast holds a chunk-size line only while it is incomplete, and reads a chunk's
+            // extensions as far as it is given bytes: it is given the line alone, once it is
+            // complete within its limit, so that neither the limit nor the outcome depends on how
+            // the bytes arrive. The last chunk's line goes with the whole trailer section.
+            const auto* data = static_cast<const char*>(m_buffer.data().data());
+            const std::size_t size = m_buffer.size();
+            const std::size_t lineStart = size >= 2 && data[0] == '\r' && data[1] == '\n' ? 2 : 0;
+            const std::size_t lineLimit = lineStart + m_limits.maxChunkLineBytes;
+            const auto* lineEnd = static_cast<const char*>(
+                std::memchr(data + lineStart, '\n', std::min(size, lineLimit) - lineStart));
+            if (!lineEnd)
+                break;  //< checkBufferedLine() tells a long line from an incomplete one.
+            used = m_message->put(
+                boost::asio::buffer(data, static_cast<std::size_t>(lineEnd + 1 - data)), error);
+            if (error == beast_http::error::need_more && used == 0 &&
+                !isLastChunkLine(std::string_view(
+                    data + lineStart, static_cast<std::size_t>(lineEnd - data) - lineStart))) {
+                // A whole line that Beast cannot take (it reads a quoted extension past the
+                // line's end): what follows the line must not decide.
+                return fail(StatusCode::badRequest, "Malformed chunk-size line");
+            }
+            if (error == beast_http::error::need_more && used == 0) {
+                // Beast judges the trailer's fields before its size; the size is judged first
+                // here, as checkBufferedLine() does when the trailer arrives in pieces.
+                const char* from = lineEnd > data ? lineEnd - 1 : lineEnd;  //< The line's CR.
+                const std::string_view rest(from, static_cast<std::size_t>(data + size - from));
+                const std::size_t eom = rest.find("\r\n\r\n");
+                if (eom == std::string_view::npos) {
+                    error = {};
+                    break;
+                }
+                const std::size_t held = static_cast<std::size_t>(from - data) + eom + 3;
+                const std::size_t trailer = held - static_cast<std::size_t>(lineEnd + 1 - data);
+                if (held > lineLimit && trailer > m_message->trailerAllowance)
+                    return fail(StatusCode::requestHeaderFieldsTooLarge,
+                                "Request trailer too large");
+                error = {};
+                used = m_message->put(boost::asio::buffer(data, held + 1), error);
+            }
+        } else if (!headerWasDone) {
+            // Only the head: Beast asks for more when a head ends too early (a short version),
+            // so what follows it must not decide.
+            const std::size_t headBytes = m_headChecked - m_headerBytes;
+            used = m_message->put(boost::asio::buffer(m_buffer.data().data(), headBytes), error);
+            if (error == beast_http::error::need_more && used == 0 &&
+                !m_message->is_header_done()) {
+                return fail(StatusCode::badRequest, "Malformed request head");
+            }
+        } else if (const std::uint64_t chunk = m_message->chunkRemaining(); chunk > 0) {
+            // The chunk's data alone: Beast would go on into the next chunk-size line, past the
+            // line's limit.
+            used = m_message->put(
+                boost::asio::buffer(
+                    m_buffer.data().data(),
+                    static_cast<std::size_t>(std::min<std::uint64_t>(chunk, m_buffer.size()))),
+                error);
+        } else {
+            used = m_message->put(m_buffer.data(), error);
+        }
         m_buffer.consume(used);
         if (!headerWasDone) {
             m_headerBytes += used;
@@ -316,6 +423,10 @@ RequestParser::Result RequestParser::parseMessage()
         }
         if (error == beast_http::error::need_more) {
             error = {};
+            // A slice (of a head, or up to a chunk-size line's limit) may end inside what
+            // follows while the rest is already buffered.
+            if ((sliced || !headerWasDone) && used > 0)
+                continue;
             break;
         }
         if (error || used == 0)
@@ -336,6 +447,28 @@ RequestParser::Result RequestParser::parseMessage()
         return Result::request;
     }
     return checkBufferedLine();
+}
+
+RequestParser::Result RequestParser::checkHeadLineEnds()
+{
+    // Beast finds the end of a head by its CRLF CRLF alone: a head with bare LFs would never end.
+    // Refused here, before Beast sees it, however the bytes arrive.
+    if (m_lastHeadBytes == kHeadEnd)
+        return Result::needMore;
+    const auto* data = static_cast<const char*>(m_buffer.data().data());
+    const std::size_t size = m_buffer.size();
+    // Past the header limit nothing more is looked at: the head is too large, whatever follows.
+    for (std::size_t i = m_headChecked - m_headerBytes;
+         i < size && m_headChecked < m_limits.maxHeaderBytes; ++i) {
+        const auto byte = static_cast<unsigned char>(data[i]);
+        if (byte == '\n' && (m_lastHeadBytes & 0xFF) != '\r')
+            return fail(StatusCode::badRequest, "A line of the request head ends without CR");
+        m_lastHeadBytes = (m_lastHeadBytes << 8) | byte;
+        ++m_headChecked;
+        if (m_lastHeadBytes == kHeadEnd)
+            break;
+    }
+    return Result::needMore;
 }
 
 RequestParser::Result RequestParser::checkBufferedLine()
@@ -372,6 +505,8 @@ Request RequestParser::takeRequest()
     m_complete = false;
     m_skippedEmptyLines = 0;
     m_headerBytes = 0;
+    m_headChecked = 0;
+    m_lastHeadBytes = 0;
     return request;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -87,6 +88,7 @@ private:
     Result parseRequestLine();
     Result parseMessage();
     Result checkBufferedLine();
+    Result checkHeadLineEnds();
     Result fail(StatusCode::Value status, std::string reason);
 
     RequestLimits m_limits;
@@ -95,6 +97,9 @@ private:
     Failure m_failure;
     std::size_t m_skippedEmptyLines = 0;
     std::size_t m_headerBytes = 0;
+    /** Bytes of the head, from its start, already checked for line ends; the last four. */
+    std::size_t m_headChecked = 0;
+    std::uint32_t m_lastHeadBytes = 0;
     bool m_keepAlive = true;
     bool m_failed = false;
     bool m_complete = false;

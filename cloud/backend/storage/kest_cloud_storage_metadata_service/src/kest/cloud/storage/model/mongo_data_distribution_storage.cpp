@@ -1,6 +1,8 @@
 #include "mongo_data_distribution_storage.h"
 
 #include <QRunnable>
+#include <QThread>
+#include <algorithm>
 #include <functional>
 #include <stdexcept>
 
@@ -78,11 +80,17 @@ MongoDataDistributionStorage::MongoDataDistributionStorage(const std::string& ur
 {
     // The URI itself stays out of the message: it may carry a password.
     try {
-        m_pool = std::make_unique<mongo::ClientPool>(mongo::Uri(uri));
+        mongo::Uri parsed(uri);
+        // Option names as the driver knows them, so that one given in the string wins.
+        parsed.setDefaultOption(MONGOC_URI_SERVERSELECTIONTIMEOUTMS, kServerSelectionTimeoutMs);
+        parsed.setDefaultOption(MONGOC_URI_CONNECTTIMEOUTMS, kConnectTimeoutMs);
+        parsed.setDefaultOption(MONGOC_URI_SOCKETTIMEOUTMS, kSocketTimeoutMs);
+        m_pool = std::make_unique<mongo::ClientPool>(parsed);
     } catch (const mongo::Error& e) {
         throw std::runtime_error("Invalid MongoDB connection settings (" + source +
                                  "): " + e.what());
     }
+    m_threadPool.setMaxThreadCount(std::max(QThread::idealThreadCount(), kMaxConcurrentOperations));
 }
 
 MongoDataDistributionStorage::~MongoDataDistributionStorage()

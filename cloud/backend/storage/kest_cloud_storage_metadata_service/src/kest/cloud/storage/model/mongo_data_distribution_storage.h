@@ -3,6 +3,7 @@
 #include <QThreadPool>
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +43,22 @@ public:
     static const std::string kHealthStatus;
     static const std::string kLastUpdateTime;
     static const std::string kCurHosts;
+
+    /**
+     * Driver timeouts used unless the connection string sets its own. The driver's defaults
+     * (30 s to find a server, 10 s to connect, none on a socket) would hold every lookup for
+     * half a minute while MongoDB is down; with these a lookup fails within about
+     * kServerSelectionTimeoutMs plus kConnectTimeoutMs.
+     */
+    static constexpr std::int32_t kServerSelectionTimeoutMs = 3000;
+    static constexpr std::int32_t kConnectTimeoutMs = 2000;
+    static constexpr std::int32_t kSocketTimeoutMs = 10000;
+    /**
+     * Operations run at once. They mostly wait on the network, and while MongoDB is down each
+     * waits out the selection timeout: with only a thread per core, searches would queue behind
+     * the instance's own background writes (load, data addresses) for many times that.
+     */
+    static constexpr int kMaxConcurrentOperations = 16;
 
     /**
      * Connects through "MongoDb/uri" when set, else through the URI built from the other keys.

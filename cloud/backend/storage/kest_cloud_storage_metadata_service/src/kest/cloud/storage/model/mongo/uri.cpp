@@ -30,6 +30,19 @@ Uri& Uri::operator=(Uri&& other) noexcept
     return *this;
 }
 
+void Uri::setDefaultOption(const char* name, std::int32_t value)
+{
+    const bson_t* options = mongoc_uri_get_options(m_uri);
+    if (options && bson_has_field(options, name))
+        return;
+    mongoc_uri_set_option_as_int32(m_uri, name, value);
+}
+
+std::int32_t Uri::option(const char* name, std::int32_t fallback) const
+{
+    return mongoc_uri_get_option_as_int32(m_uri, name, fallback);
+}
+
 std::string Uri::toString() const
 {
     return m_uri ? mongoc_uri_get_string(m_uri) : std::string();

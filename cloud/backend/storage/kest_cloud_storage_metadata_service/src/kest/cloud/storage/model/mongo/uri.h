@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include <mongoc/mongoc.h>
@@ -19,6 +20,11 @@ public:
     Uri& operator=(const Uri&) = delete;
 
     const mongoc_uri_t* get() const { return m_uri; }
+
+    /** Sets an integer option ("connectTimeoutMS") unless the string gave it. */
+    void setDefaultOption(const char* name, std::int32_t value);
+    /** The integer option's value, or `fallback` when it has none. */
+    std::int32_t option(const char* name, std::int32_t fallback) const;
     std::string toString() const;
 
 private:

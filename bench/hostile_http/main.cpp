@@ -1,0 +1,510 @@
+// Hostile HTTP clients against the service, on loopback: slowloris, header floods, huge declared
+// bodies, garbage bytes, thousands of idle connections and pipelined junk, one attack after the
+// other and then all at once. Throughout, a well-behaved client pings the service on a kept-alive
+// connection, and the service's resident memory is sampled. Prints, per attack, the ping latency
+// (p50, p99, max, failures) and the peak RSS, then the goals with pass or fail. See README.md.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../analytics_db/latency_stats.h"
+#include "../http_api/http_connection.h"
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+using namespace std::chrono;
+using kest::bench::HttpConnection;
+using kest::bench::LatencyStats;
+
+namespace {
+
+constexpr auto kPingGoal = 100ms;
+constexpr auto kPingInterval = 5ms;
+const std::string kPing = "POST /metadataDb/ping HTTP/1.1\r\nHost: b\r\nContent-Length: 0\r\n\r\n";
+
+struct Options
+{
+    std::string service = KEST_METADATA_STORAGE_PATH;
+    bool shortRun = false;
+    milliseconds phase = 8s;
+    int idleConnections = 5000;
+    int slowConnections = 1000;
+    int floodConnections = 16;
+    /** Connections that declare a body just under the limit and stream it. */
+    int bodyConnections = 4;
+    /** Peak resident memory allowed to the service during the run. */
+    std::size_t rssGoalMiB = 0;
+    /** The service's own limits for this run (its defaults unless given). */
+    std::size_t maxBodyMiB = 64;
+};
+
+// ------------------------------------------------------------------------------------------------
+// The service as a child process.
+
+class ServiceChild
+{
+public:
+    explicit ServiceChild(const Options& options)
+    {
+        m_dir = fs::temp_directory_path() / ("hostile_http." + std::to_string(::getpid()));
+        fs::create_directories(m_dir);
+        const std::string log = (m_dir / "service.log").string();
+        std::vector<std::string> args = {
+            options.service,
+            "--http/listenOn=127.0.0.1:0",
+            "--dataDir=" + (m_dir / "data").string(),
+            "--log/file=" + log,
+            "--log/level=info",
+            "--http/maxBodyBytes=" + std::to_string(options.maxBodyMiB << 20),
+            "--MongoDb/uri=mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100"};
+        std::vector<char*> argv;
+        for (auto& arg : args)
+            argv.push_back(arg.data());
+        argv.push_back(nullptr);
+        if (posix_spawn(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+            m_pid = -1;
+        const auto deadline = steady_clock::now() + 20s;
+        const std::regex listening(R"(HTTP server is listening on \{ 127\.0\.0\.1:(\d+) \})");
+        while (m_pid > 0 && m_port == 0 && steady_clock::now() < deadline) {
+            std::ifstream file(log);
+            std::string line;
+            std::smatch match;
+            while (std::getline(file, line)) {
+                if (std::regex_search(line, match, listening))
+                    m_port = static_cast<std::uint16_t>(std::stoi(match[1].str()));
+            }
+            std::this_thread::sleep_for(20ms);
+        }
+    }
+
+    ~ServiceChild()
+    {
+        if (m_pid > 0 && alive()) {
+            ::kill(m_pid, SIGTERM);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+        std::error_code error;
+        fs::remove_all(m_dir, error);
+    }
+
+    std::uint16_t port() const { return m_port; }
+    bool alive() const { return m_pid > 0 && ::waitpid(m_pid, nullptr, WNOHANG) == 0; }
+
+    /** Resident memory in bytes, from /proc. */
+    std::size_t rss() const
+    {
+        std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
+        std::string line;
+        while (std::getline(status, line)) {
+            if (line.starts_with("VmRSS:"))
+                return std::stoull(line.substr(6)) * 1024;
+        }
+        return 0;
+    }
+
+private:
+    fs::path m_dir;
+    pid_t m_pid = -1;
+    std::uint16_t m_port = 0;
+};
+
+// ------------------------------------------------------------------------------------------------
+// Raw connections for the attackers: non-blocking, written to as far as the kernel takes, read
+// only to throw the answers away.
+
+int openConnection(std::uint16_t port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    if (fd < 0)
+        return -1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 &&
+        errno != EINPROGRESS) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/** Sends what the socket takes now; false when the server has closed the connection. */
+bool sendSome(int fd, std::string_view bytes)
+{
+    const ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return n >= 0 || errno == EAGAIN || errno == EWOULDBLOCK || errno == EINPROGRESS ||
+           errno == ENOTCONN;
+}
+
+/** Reads and drops what has arrived; false when the server has closed the connection. */
+bool drain(int fd)
+{
+    char buffer[16384];
+    for (;;) {
+        const ssize_t n = ::recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+        if (n > 0)
+            continue;
+        if (n == 0)
+            return false;
+        return errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOTCONN || errno == EINPROGRESS;
+    }
+}
+
+/** Connections of one attack, each reopened when the server closes it. */
+class Attack
+{
+public:
+    using Step = std::function<std::string(std::size_t connection, std::size_t round)>;
+
+    Attack(std::string name, std::uint16_t port, int connections, milliseconds pause, Step step)
+        : m_name(std::move(name)),
+          m_port(port),
+          m_fds(static_cast<std::size_t>(connections), -1),
+          m_rounds(m_fds.size(), 0),
+          m_pause(pause),
+          m_step(std::move(step))
+    {}
+    ~Attack() { closeAll(); }
+
+    const std::string& name() const { return m_name; }
+    std::size_t reopened() const { return m_reopened; }
+    std::size_t open() const
+    {
+        return static_cast<std::size_t>(
+            std::count_if(m_fds.begin(), m_fds.end(), [](int fd) { return fd >= 0; }));
+    }
+
+    /** One pass over the connections: each gets its next bytes. */
+    void pass()
+    {
+        for (std::size_t i = 0; i < m_fds.size(); ++i) {
+            int& fd = m_fds[i];
+            if (fd < 0) {
+                fd = openConnection(m_port);
+                m_rounds[i] = 0;
+                if (fd < 0)
+                    continue;
+            }
+            const std::string bytes = m_step(i, m_rounds[i]++);
+            if (!sendSome(fd, bytes) || !drain(fd)) {
+                ::close(fd);
+                fd = -1;
+                ++m_reopened;
+            }
+        }
+    }
+
+    milliseconds pause() const { return m_pause; }
+
+    void closeAll()
+    {
+        for (int& fd : m_fds) {
+            if (fd >= 0)
+                ::close(fd);
+            fd = -1;
+        }
+    }
+
+private:
+    std::string m_name;
+    std::uint16_t m_port;
+    std::vector<int> m_fds;
+    std::vector<std::size_t> m_rounds;
+    milliseconds m_pause;
+    Step m_step;
+    std::size_t m_reopened = 0;
+};
+
+std::string junk(std::size_t size, std::uint64_t seed)
+{
+    std::mt19937_64 random(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes)
+        c = static_cast<char>(random());
+    return bytes;
+}
+
+std::vector<std::unique_ptr<Attack>> makeAttacks(const Options& options, std::uint16_t port)
+{
+    std::vector<std::unique_ptr<Attack>> attacks;
+    const std::string head = "POST /metadataDb/v1/data HTTP/1.1\r\nHost: h\r\n";
+
+    attacks.push_back(
+        std::make_unique<Attack>("idle connections", port, options.idleConnections, 200ms,
+                                 [](std::size_t, std::size_t) { return std::string(); }));
+
+    // A request head one byte at a time, never finished.
+    const std::string slowHead = head + "Content-Type: application/json\r\nX-Slow: ";
+    attacks.push_back(std::make_unique<Attack>("slowloris", port, options.slowConnections, 100ms,
+                                               [slowHead](std::size_t, std::size_t round) {
+                                                   return round < slowHead.size()
+                                                              ? std::string(1, slowHead[round])
+                                                              : std::string("a");
+                                               }));
+
+    attacks.push_back(
+        std::make_unique<Attack>("header flood", port, options.floodConnections, 0ms,
+                                 [head](std::size_t, std::size_t round) {
+                                     std::string bytes = round == 0 ? head : std::string();
+                                     for (int i = 0; i < 64; ++i)
+                                         bytes += "X-Flood-" + std::to_string(round * 64 + i) +
+                                                  ": " + std::string(40, 'f') + "\r\n";
+                                     return bytes;
+                                 }));
+
+    // A length far beyond the limit is refused on its head; one just under it is streamed, and
+    // what the server holds is what really arrived.
+    const std::size_t underLimit = (options.maxBodyMiB << 20) - 1;
+    const std::string block = std::string(64 * 1024, 'b');
+    attacks.push_back(std::make_unique<Attack>(
+        "huge Content-Length", port, options.bodyConnections * 2, 0ms,
+        [head, underLimit, block](std::size_t connection, std::size_t round) {
+            if (connection % 2 == 0) {
+                return round == 0 ? head +
+                                        "Content-Type: application/json\r\nContent-Length: "
+                                        "999999999999999999\r\n\r\n"
+                                  : block;
+            }
+            return round == 0 ? head + "Content-Type: application/json\r\nContent-Length: " +
+                                    std::to_string(underLimit) + "\r\n\r\n"
+                              : block;
+        }));
+
+    attacks.push_back(std::make_unique<Attack>(
+        "garbage bytes", port, 16, 0ms, [](std::size_t connection, std::size_t round) {
+            return junk(4096, connection * 1'000'003 + round);
+        }));
+
+    // A good request, then junk in the same write: answered, then refused and closed.
+    attacks.push_back(std::make_unique<Attack>(
+        "pipelined junk", port, 16, 0ms, [](std::size_t connection, std::size_t round) {
+            return kPing + kPing + junk(512, connection * 7 + round) + kPing;
+        }));
+    return attacks;
+}
+
+// ------------------------------------------------------------------------------------------------
+
+struct PhaseResult
+{
+    std::string name;
+    LatencyStats ping;
+    std::size_t pingFailures = 0;
+    std::size_t peakRss = 0;
+    std::size_t reopened = 0;
+    std::size_t openAtEnd = 0;
+};
+
+/** Runs `attacks` together for the phase's time while pinging and sampling memory. */
+PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attacks,
+                     const ServiceChild& service, milliseconds duration)
+{
+    PhaseResult result;
+    result.name = name;
+    std::atomic<bool> stop{false};
+    std::mutex mutex;
+
+    std::thread pinger([&] {
+        HttpConnection connection(service.port());
+        while (!stop) {
+            const auto start = steady_clock::now();
+            const int status = connection.exchange(kPing);
+            const auto elapsed = steady_clock::now() - start;
+            {
+                std::lock_guard lock(mutex);
+                if (status == 200)
+                    result.ping.add(duration_cast<nanoseconds>(elapsed));
+                else
+                    ++result.pingFailures;
+            }
+            std::this_thread::sleep_for(kPingInterval);
+        }
+    });
+    std::thread sampler([&] {
+        while (!stop) {
+            const std::size_t rss = service.rss();
+            {
+                std::lock_guard lock(mutex);
+                result.peakRss = std::max(result.peakRss, rss);
+            }
+            std::this_thread::sleep_for(50ms);
+        }
+    });
+    std::vector<std::thread> attackers;
+    for (Attack* attack : attacks) {
+        attackers.emplace_back([&stop, attack] {
+            while (!stop) {
+                attack->pass();
+                std::this_thread::sleep_for(attack->pause().count() ? attack->pause() : 1ms);
+            }
+        });
+    }
+
+    std::this_thread::sleep_for(duration);
+    stop = true;
+    for (auto& thread : attackers)
+        thread.join();
+    pinger.join();
+    sampler.join();
+    for (Attack* attack : attacks) {
+        result.reopened += attack->reopened();
+        result.openAtEnd += attack->open();
+    }
+    return result;
+}
+
+double ms(nanoseconds duration)
+{
+    return duration_cast<microseconds>(duration).count() / 1000.0;
+}
+
+void raiseDescriptorLimit(int wanted)
+{
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t needed = static_cast<rlim_t>(wanted);
+    if (limit.rlim_cur < needed) {
+        limit.rlim_cur = std::min(limit.rlim_max, needed);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    std::printf("open files: soft limit %llu (hard %llu)\n",
+                static_cast<unsigned long long>(limit.rlim_cur),
+                static_cast<unsigned long long>(limit.rlim_max));
+}
+
+bool parse(int argc, char** argv, Options* options)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const auto value = [&](const char* name) -> const char* {
+            const std::string prefix = std::string(name) + "=";
+            return arg.starts_with(prefix) ? argv[i] + prefix.size() : nullptr;
+        };
+        if (arg == "--short") {
+            options->shortRun = true;
+            options->phase = 1500ms;
+            options->idleConnections = 1500;
+            options->slowConnections = 300;
+        } else if (const char* v = value("--service")) {
+            options->service = v;
+        } else if (const char* v = value("--phase-ms")) {
+            options->phase = milliseconds(std::stoll(v));
+        } else if (const char* v = value("--idle")) {
+            options->idleConnections = std::stoi(v);
+        } else if (const char* v = value("--slow")) {
+            options->slowConnections = std::stoi(v);
+        } else {
+            std::fprintf(stderr,
+                         "usage: %s [--short] [--service=PATH] [--phase-ms=N] [--idle=N] "
+                         "[--slow=N]\n",
+                         argv[0]);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    if (!parse(argc, argv, &options))
+        return 2;
+    ::signal(SIGPIPE, SIG_IGN);
+    // The attackers' sockets and the service's (which inherits the limit) with room to spare.
+    const int connections = options.idleConnections * 2 + options.slowConnections * 2 + 256;
+    raiseDescriptorLimit(connections * 2);
+
+    ServiceChild service(options);
+    if (service.port() == 0) {
+        std::fprintf(stderr, "the service at %s did not start\n", options.service.c_str());
+        return 1;
+    }
+    const std::size_t baselineRss = service.rss();
+    // The budget: what the service holds idle, the bodies it may be streamed at once (each held
+    // whole up to the body limit, by design), and 32 KiB of buffers per open connection.
+    const std::size_t openConnections = static_cast<std::size_t>(
+        options.idleConnections + options.slowConnections + options.floodConnections + 64);
+    const std::size_t rssGoal =
+        baselineRss +
+        static_cast<std::size_t>(options.bodyConnections) * (options.maxBodyMiB << 20) +
+        openConnections * 32 * 1024 + (64u << 20);
+
+    std::printf("hostile HTTP against 127.0.0.1:%u, %lld ms per attack%s\n", service.port(),
+                static_cast<long long>(options.phase.count()), options.shortRun ? " (short)" : "");
+    std::printf("service RSS before: %.1f MiB\n\n", baselineRss / 1048576.0);
+
+    auto attacks = makeAttacks(options, service.port());
+    std::vector<PhaseResult> results;
+    results.push_back(runPhase("no attack", {}, service, options.phase));
+    for (auto& attack : attacks) {
+        results.push_back(runPhase(attack->name(), {attack.get()}, service, options.phase));
+        attack->closeAll();
+    }
+    std::vector<Attack*> all;
+    for (auto& attack : attacks)
+        all.push_back(attack.get());
+    results.push_back(runPhase("all at once", all, service, options.phase));
+    for (auto& attack : attacks)
+        attack->closeAll();
+    results.push_back(runPhase("after", {}, service, options.phase));
+    const bool alive = service.alive();
+
+    std::printf("%-20s %8s %9s %9s %9s %9s %11s %10s %9s\n", "attack", "pings", "p50 ms", "p99 ms",
+                "max ms", "failed", "peak RSS", "reconnects", "held");
+    LatencyStats allPings;
+    std::size_t pingFailures = 0;
+    std::size_t peakRss = 0;
+    for (const auto& r : results) {
+        std::printf("%-20s %8zu %9.2f %9.2f %9.2f %9zu %7.1f MiB %10zu %9zu\n", r.name.c_str(),
+                    r.ping.count(), ms(r.ping.percentile(50)), ms(r.ping.percentile(99)),
+                    ms(r.ping.percentile(100)), r.pingFailures, r.peakRss / 1048576.0, r.reopened,
+                    r.openAtEnd);
+        allPings.add(r.ping);
+        pingFailures += r.pingFailures;
+        peakRss = std::max(peakRss, r.peakRss);
+    }
+
+    const double p99 = ms(allPings.percentile(99));
+    const bool pingOk = allPings.count() > 0 && p99 <= ms(kPingGoal) && pingFailures == 0;
+    const bool memoryOk = peakRss <= rssGoal;
+    std::printf(
+        "\ngoal: ping p99 <= %.0f ms with no failed ping: p99 %.2f ms over %zu pings, %zu "
+        "failed: %s\n",
+        ms(kPingGoal), p99, allPings.count(), pingFailures, pingOk ? "PASS" : "FAIL");
+    std::printf(
+        "goal: peak RSS <= %.1f MiB (idle %.1f MiB + %d streamed bodies x %zu MiB + 32 KiB "
+        "x %zu connections + 64 MiB): %.1f MiB: %s\n",
+        rssGoal / 1048576.0, baselineRss / 1048576.0, options.bodyConnections, options.maxBodyMiB,
+        openConnections, peakRss / 1048576.0, memoryOk ? "PASS" : "FAIL");
+    std::printf("goal: the service is still running: %s\n", alive ? "PASS" : "FAIL");
+    return pingOk && memoryOk && alive ? 0 : 1;
+}
