@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <random>
@@ -250,14 +251,22 @@ void search(std::vector<std::unique_ptr<Target>>* targets, const Options& option
                 request.filter.freeText = "red";
             ++counts->internal;
         } else {
-            // Distributed: a device of each instance, the last half minute of their data.
-            std::int64_t latestMs = kStartMs;
+            // Distributed: a device of each instance, a minute of their data old enough for its
+            // address to be recorded (a flush every 30 s is two minutes of data time at the
+            // default rate).
+            std::int64_t latestMs = std::numeric_limits<std::int64_t>::max();
             for (const auto& target : *targets) {
                 const std::size_t d = random() % target->devices.size();
                 request.filter.deviceIds.insert(target->devices[d]);
-                latestMs = std::max(latestMs, target->nextTimeMs[d].load());
+                latestMs = std::min(latestMs, target->nextTimeMs[d].load());
             }
-            request.filter.timePeriod = ZuTimePeriod(latestMs - 30'000, 30'000);
+            const std::int64_t recordedMs = latestMs - 300'000;
+            const std::int64_t startMs =
+                recordedMs - kStartMs > 60'000
+                    ? kStartMs +
+                          static_cast<std::int64_t>(random() % (recordedMs - kStartMs - 60'000))
+                    : kStartMs;
+            request.filter.timePeriod = ZuTimePeriod(startMs, 60'000);
             ++counts->distributed;
         }
         const auto [status, tracks] = clients[asked]->getDataSync(request);
