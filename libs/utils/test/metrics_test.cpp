@@ -69,6 +69,8 @@ TEST(MetricsTextWriterTest, WritesFamiliesWithEscapedTextsAndHistogramSeries)
 
     EXPECT_EQ(TextWriter::formatValue(0.1), "0.1");
     EXPECT_EQ(TextWriter::formatValue(1e21), "1e+21");
+    EXPECT_EQ(TextWriter::formatValue(200000.0), "200000");
+    EXPECT_EQ(TextWriter::formatValue(-3.0), "-3");
     EXPECT_EQ(TextWriter::formatValue(-INFINITY), "-Inf");
     EXPECT_EQ(TextWriter::formatValue(NAN), "NaN");
     EXPECT_TRUE(TextWriter::isValidMetricName("a:b_c9"));

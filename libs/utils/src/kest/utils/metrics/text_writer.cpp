@@ -126,6 +126,9 @@ std::string TextWriter::formatValue(double value)
         return "NaN";
     if (std::isinf(value))
         return value > 0 ? "+Inf" : "-Inf";
+    // Whole numbers (sizes, depths) as integers: "200000" reads better than "2e+05".
+    if (value == std::trunc(value) && std::fabs(value) < 9007199254740992.0)
+        return std::to_string(static_cast<std::int64_t>(value));
     char digits[32];
     const auto end = std::to_chars(digits, digits + sizeof(digits), value).ptr;
     return std::string(digits, end);
