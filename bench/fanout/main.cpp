@@ -6,11 +6,7 @@
 //   fanout_bench --mongo URI [--devices N] [--packets N] [--searches N] [--window-s S]
 //                [--service PATH]
 
-#include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
-#include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,6 +31,8 @@
 #include "figure.h"
 
 #include "../analytics_db/latency_stats.h"
+#include "null_data_distribution_storage.h"
+#include "service_process.h"
 
 extern char** environ;
 
@@ -45,6 +43,8 @@ using namespace kest::cloud::storage::metadatadb;
 using kest::analytics::db::ObjectTrackEx;
 using kest::common::metadata::ObjectMetadataPacket;
 using kest::network::http::StatusCode;
+using test::freeLoopbackPort;
+using test::spawnProcess;
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
@@ -88,19 +88,6 @@ bool parseOptions(int argc, char** argv, Options* options)
     return argc % 2 == 1 && !options->mongoUri.empty();
 }
 
-std::uint16_t freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 /** A metadata_storage process; stopped with SIGTERM when destroyed. */
 class Instance
 {
@@ -108,7 +95,7 @@ public:
     Instance(const Options& options, const fs::path& dir, bool clustered)
     {
         fs::create_directories(dir);
-        const std::uint16_t port = freePort();
+        const std::uint16_t port = freeLoopbackPort();
         url = "http://127.0.0.1:" + std::to_string(port);
         std::vector<std::string> args{options.service,
                                       "--http/listenOn=127.0.0.1:" + std::to_string(port),
@@ -123,12 +110,7 @@ public:
                                      "--cluster/dataAddressFlushIntervalMs=5000",
                                      "--cluster/loadPublishIntervalMs=60000"});
         }
-        std::vector<char*> argv;
-        for (auto& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
+        m_pid = spawnProcess(std::move(args));
         client = api::ClientFactory::instance().create(kest::utils::Url(url));
     }
 
@@ -176,7 +158,7 @@ private:
  * Names the instance of each device at once, from memory: an entry instance with it shows what
  * the fan-out itself costs, without the shared database's lookup.
  */
-class InstantDistributionStorage : public AbstractDataDistributionStorage
+class InstantDistributionStorage : public test::NullDataDistributionStorage
 {
 public:
     explicit InstantDistributionStorage(std::map<std::string, std::string> nodeOfDevice)
@@ -193,20 +175,6 @@ public:
         }
         handler(true, std::move(nodes));
     }
-    void saveDataAddress(const std::vector<DataInfo>&, const std::string&,
-                         MoveOnlyFunc<void(std::vector<DataInfo>)>) override
-    {}
-    void getInstancesLoad(MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler) override
-    {
-        handler(false, {});
-    }
-    void saveInstanceLoad(const InstanseLoad&) override {}
-    void getDeviceInstancesMapping(std::chrono::system_clock::time_point,
-                                   MoveOnlyFunc<void(bool, DeviceMapping)> handler) override
-    {
-        handler(false, {});
-    }
-    void saveInstanceLoadSync(const InstanseLoad&) override {}
 
 private:
     const std::map<std::string, std::string> m_nodeOfDevice;

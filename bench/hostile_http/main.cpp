@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -33,13 +32,13 @@
 
 #include "../analytics_db/latency_stats.h"
 #include "../http_api/http_connection.h"
-
-extern char** environ;
+#include "service_process.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
 using kest::bench::HttpConnection;
 using kest::bench::LatencyStats;
+using kest::cloud::storage::metadatadb::test::spawnProcess;
 
 namespace {
 
@@ -82,12 +81,7 @@ public:
             "--log/level=info",
             "--http/maxBodyBytes=" + std::to_string(options.maxBodyMiB << 20),
             "--MongoDb/uri=mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100"};
-        std::vector<char*> argv;
-        for (auto& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
+        m_pid = spawnProcess(std::move(args));
         const auto deadline = steady_clock::now() + 20s;
         const std::regex listening(R"(HTTP server is listening on \{ 127\.0\.0\.1:(\d+) \})");
         while (m_pid > 0 && m_port == 0 && steady_clock::now() < deadline) {

@@ -293,14 +293,16 @@ TEST_F(AsyncHttpClientTest, StoppingCancelsTheExchangeAndItsHandlerNeverRuns)
     destroyed->doGet(server.url("/park"), count);
     ASSERT_TRUE(waitUntil([&]() { return server.parkedCount() == 2; }));
     destroyed.reset();
-    for (const char* url : {"/echo", "/park"}) {
+    // Parked paths only: an answered one may legitimately complete before a descheduled test
+    // thread gets to the destructor.
+    {
         AsyncHttpClient immediately(&thread);
-        immediately.doGet(server.url(url), count);
+        immediately.doGet(server.url("/park"), count);
     }
     {
         AsyncHttpClient resolving(&thread);
         resolving.doGet(
-            kest::utils::Url("http://localhost:" + std::to_string(server.port()) + "/echo"), count);
+            kest::utils::Url("http://localhost:" + std::to_string(server.port()) + "/park"), count);
     }
 
     server.releaseParked();

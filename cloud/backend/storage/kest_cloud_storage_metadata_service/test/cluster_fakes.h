@@ -10,12 +10,13 @@
 #include <thread>
 #include <vector>
 
-#include <kest/cloud/storage/model/abstract_data_distribution_storage.h>
 #include <kest/utils/log/logger.h>
+
+#include "null_data_distribution_storage.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 
-class RecordingDataDistributionStorage : public AbstractDataDistributionStorage
+class RecordingDataDistributionStorage : public NullDataDistributionStorage
 {
 public:
     struct Save
@@ -25,30 +26,16 @@ public:
         MoveOnlyFunc<void(std::vector<DataInfo>)> handler;
     };
 
-    void getStorageInfo(const std::vector<std::string>&, const ZuTimePeriod&,
-                        MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) override
-    {
-        handler(false, {});
-    }
     void saveDataAddress(const std::vector<DataInfo>& data, const std::string& host,
                          MoveOnlyFunc<void(std::vector<DataInfo>)> handler) override
     {
         std::lock_guard lock(m_mutex);
         m_saves.push_back({data, host, std::move(handler)});
     }
-    void getInstancesLoad(MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler) override
-    {
-        handler(false, {});
-    }
     void saveInstanceLoad(const InstanseLoad& load) override
     {
         std::lock_guard lock(m_mutex);
         m_loads.push_back(load);
-    }
-    void getDeviceInstancesMapping(std::chrono::system_clock::time_point,
-                                   MoveOnlyFunc<void(bool, DeviceMapping)> handler) override
-    {
-        handler(false, {});
     }
     void saveInstanceLoadSync(const InstanseLoad& load) override { saveInstanceLoad(load); }
 

@@ -11,6 +11,7 @@
 
 #include "log_capture.h"
 #include "mongo_test_fixture.h"
+#include "null_data_distribution_storage.h"
 
 namespace kest::cloud::storage::metadatadb {
 namespace {
@@ -36,24 +37,11 @@ TEST(DataInfoTest, TextForm)
               "{ deviceId: dev1, time period: " + toString(ZuTimePeriod(1000, 2000)) + " }");
 }
 
-class FakeStorage : public AbstractDataDistributionStorage
+class FakeStorage : public test::NullDataDistributionStorage
 {
 public:
     explicit FakeStorage(std::string tag) : tag(std::move(tag)) {}
     std::string tag;
-
-    void getStorageInfo(const std::vector<std::string>&, const ZuTimePeriod&,
-                        MoveOnlyFunc<void(bool, std::vector<std::string>)>) override
-    {}
-    void saveDataAddress(const std::vector<DataInfo>&, const std::string&,
-                         MoveOnlyFunc<void(std::vector<DataInfo>)>) override
-    {}
-    void getInstancesLoad(MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)>) override {}
-    void saveInstanceLoad(const InstanseLoad&) override {}
-    void getDeviceInstancesMapping(std::chrono::system_clock::time_point,
-                                   MoveOnlyFunc<void(bool, DeviceMapping)>) override
-    {}
-    void saveInstanceLoadSync(const InstanseLoad&) override {}
 };
 
 TEST(DataDistribStorageFactoryTest, CreateFunctionCanBeReplacedAndRestored)

@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-#include <kest/cloud/storage/model/abstract_data_distribution_storage.h>
 #include <kest/cloud/storage/model/data_distrib_storage_factory.h>
+
+#include "null_data_distribution_storage.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 
@@ -46,7 +47,7 @@ private:
     std::vector<InstanseLoad> m_loads;
 };
 
-class ScriptedDistributionStorage : public AbstractDataDistributionStorage
+class ScriptedDistributionStorage : public NullDataDistributionStorage
 {
 public:
     explicit ScriptedDistributionStorage(std::shared_ptr<const DistributionScript> script)
@@ -59,22 +60,12 @@ public:
         auto [ok, addresses] = m_script->addresses();
         handler(ok, std::move(addresses));
     }
-    void saveDataAddress(const std::vector<DataInfo>&, const std::string&,
-                         MoveOnlyFunc<void(std::vector<DataInfo>)>) override
-    {}
     void getInstancesLoad(MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler) override
     {
         auto loads = m_script->loads();
         const bool ok = !loads.empty();
         handler(ok, std::move(loads));
     }
-    void saveInstanceLoad(const InstanseLoad&) override {}
-    void getDeviceInstancesMapping(std::chrono::system_clock::time_point,
-                                   MoveOnlyFunc<void(bool, DeviceMapping)> handler) override
-    {
-        handler(false, {});
-    }
-    void saveInstanceLoadSync(const InstanseLoad&) override {}
 
 private:
     std::shared_ptr<const DistributionScript> m_script;

@@ -1,15 +1,19 @@
 #pragma once
 
-// A program run as a child process for tests, its standard output and error read through one
-// pipe: wait for a line, signal it, collect its exit status.
+// A program run as a child process for tests and benchmarks, its standard output and error read
+// through one pipe: wait for a line, signal it, collect its exit status.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <regex>
 #include <string>
@@ -21,6 +25,34 @@ extern char** environ;
 namespace kest::cloud::storage::metadatadb::test {
 
 using namespace std::chrono_literals;
+
+/** Starts `args[0]` with the arguments `args`; its PID, or -1. */
+inline pid_t spawnProcess(std::vector<std::string> args,
+                          const posix_spawn_file_actions_t* actions = nullptr)
+{
+    std::vector<char*> argv;
+    for (auto& arg : args)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], actions, nullptr, argv.data(), environ) != 0)
+        return -1;
+    return pid;
+}
+
+/** A loopback port that was free a moment ago: for a child that must be told its port. */
+inline std::uint16_t freeLoopbackPort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
 
 /** The service executable run as a child process, its standard error read through a pipe. */
 class ServiceProcess
@@ -36,12 +68,7 @@ public:
         posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
         posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
         args.insert(args.begin(), executable);
-        std::vector<char*> argv;
-        for (auto& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
+        m_pid = spawnProcess(std::move(args), &actions);
         posix_spawn_file_actions_destroy(&actions);
         ::close(pipeFds[1]);
         m_output = pipeFds[0];

@@ -9,9 +9,10 @@
 #include <vector>
 
 #include <kest/analytics_db/abstract_events_storage.h>
-#include <kest/cloud/storage/model/abstract_data_distribution_storage.h>
 #include <kest/cloud/storage/model/data_distrib_storage_factory.h>
 #include <kest/cloud/storage/model/dd_provider_factory.h>
+
+#include "null_data_distribution_storage.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 
@@ -35,31 +36,11 @@ private:
     std::vector<std::string> m_events;
 };
 
-class FakeDataDistributionStorage : public AbstractDataDistributionStorage
+class FakeDataDistributionStorage : public NullDataDistributionStorage
 {
 public:
     explicit FakeDataDistributionStorage(EventLog* log) : m_log(log) { m_log->add("dds created"); }
     ~FakeDataDistributionStorage() override { m_log->add("dds destroyed"); }
-
-    void getStorageInfo(const std::vector<std::string>&, const ZuTimePeriod&,
-                        MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) override
-    {
-        handler(false, {});
-    }
-    void saveDataAddress(const std::vector<DataInfo>&, const std::string&,
-                         MoveOnlyFunc<void(std::vector<DataInfo>)>) override
-    {}
-    void getInstancesLoad(MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler) override
-    {
-        handler(false, {});
-    }
-    void saveInstanceLoad(const InstanseLoad&) override {}
-    void getDeviceInstancesMapping(std::chrono::system_clock::time_point,
-                                   MoveOnlyFunc<void(bool, DeviceMapping)> handler) override
-    {
-        handler(false, {});
-    }
-    void saveInstanceLoadSync(const InstanseLoad&) override {}
 
 private:
     EventLog* m_log;

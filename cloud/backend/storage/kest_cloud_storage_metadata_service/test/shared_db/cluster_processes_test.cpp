@@ -3,10 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <future>
 #include <set>
@@ -28,26 +25,12 @@ using kest::network::http::StatusCode;
 
 constexpr auto kPeerTimeout = 1000ms;
 
-/** A loopback port that was free a moment ago: an instance's advertised URL must name it. */
-std::uint16_t freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 /** One service process with its own data directory and log file. */
 struct Instance
 {
     Instance(const std::string& mongoUri)
     {
-        const std::uint16_t port = freePort();
+        const std::uint16_t port = freeLoopbackPort();
         url = "http://127.0.0.1:" + std::to_string(port);
         process = std::make_unique<ServiceProcess>(
             KEST_METADATA_STORAGE_PATH,
