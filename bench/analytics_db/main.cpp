@@ -1,7 +1,6 @@
 // Figures for the analytics events storage: ingest rate up to durable commit, search latencies on
 // a large store, and its size on disk. See README.md beside this file.
 
-#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -22,6 +21,7 @@
 #include "figure.h"
 #include "latency_stats.h"
 #include "searched_store.h"
+#include "store_files.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
@@ -266,31 +266,9 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
     }
 }
 
-bool isSqliteFile(const fs::path& file)
-{
-    char header[16] = {};
-    std::ifstream in(file, std::ios::binary);
-    return in.read(header, sizeof(header)) && std::memcmp(header, "SQLite format 3", 16) == 0;
-}
-
-// Folds what the write-ahead logs still hold into the databases, as a quiet store would be.
-void checkpoint(const fs::path& dir)
-{
-    for (const auto& entry : fs::recursive_directory_iterator(dir)) {
-        if (!entry.is_regular_file() || !isSqliteFile(entry.path()))
-            continue;
-        sqlite3* db = nullptr;
-        if (sqlite3_open_v2(entry.path().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) ==
-            SQLITE_OK) {
-            sqlite3_exec(db, "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr);
-        }
-        sqlite3_close(db);
-    }
-}
-
 void measureDisk(const fs::path& storePath, const StoreInfo& info, const std::string& section)
 {
-    checkpoint(storePath);
+    checkpointSqliteFiles(storePath);  // As a quiet store would be.
     std::uintmax_t bytes = 0;
     std::printf("\n== Size on disk (write-ahead log checkpointed)\n");
     for (const auto& entry : fs::recursive_directory_iterator(storePath)) {

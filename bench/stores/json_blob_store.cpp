@@ -7,7 +7,7 @@
 #include <kest/reflect/json.h>
 #include <kest/sql/transaction.h>
 
-#include "our_store.h"
+#include "../analytics_db/store_files.h"
 
 namespace kest::bench {
 

@@ -33,9 +33,4 @@ private:
     std::unique_ptr<analytics::db::EventsStorage> m_storage;
 };
 
-/** Folds the write-ahead logs of the SQLite databases under `dir` into them. */
-void checkpointSqliteFiles(const std::filesystem::path& dir);
-/** The size of every file under `dir`. */
-std::uint64_t directoryBytes(const std::filesystem::path& dir);
-
 }  // namespace kest::bench
