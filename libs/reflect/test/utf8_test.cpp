@@ -119,6 +119,15 @@ TEST(Utf8, WrittenJsonIsAlwaysWellFormed)
     ASSERT_TRUE(json::deserialize(written, &reread)) << written;
     EXPECT_EQ(utf8::toValid(item.text), reread.text);
     EXPECT_EQ(utf8::toValid("\xc3"), reread.tags[0].value);
+
+    // An answer of another instance, parsed already, is taken as it is (an older one may have
+    // stored such text), and what is written of it is repaired.
+    rapidjson::Document answer;
+    answer.Parse("{\"text\":\"old \xff\"}");
+    Item fromPeer;
+    ASSERT_TRUE(json::deserializeValue(answer, &fromPeer));
+    EXPECT_EQ("old \xff", fromPeer.text);
+    EXPECT_TRUE(utf8::isValid(json::serialize(fromPeer)));
 }
 
 TEST(Utf8, FormsRefuseIllFormedNamesAndValues)

@@ -201,7 +201,8 @@ TEST(RequestValuesApiTest, IllFormedUtf8IsRefusedInEveryInputFormByName)
     EXPECT_EQ(searchType + "filter.freeText: The text is not valid UTF-8",
               errorText(service.get(
                   "/metadataDb/v1/data?" +
-                      QUrl::toPercentEncoding(R"({"filter":{"freeText":"a)" "\xc3" R"("}})")
+                      QByteArray(R"({"filter":{"freeText":"a)" "\xc3" R"("}})")
+                          .toPercentEncoding()
                           .toStdString(),
                   "application/json")));
     EXPECT_EQ(searchType + "filter.freeText: The text is not valid UTF-8",
