@@ -34,7 +34,7 @@ void checkValidJson(const std::string& answer)
     FUZZ_CHECK(kest::reflect::utf8::isValid(answer), answer);
     rapidjson::Document document;
     document.Parse<rapidjson::kParseValidateEncodingFlag | json::kParseFlags>(answer.data(),
-                                                                             answer.size());
+                                                                              answer.size());
     FUZZ_CHECK(!document.HasParseError(), answer);
 }
 

@@ -47,9 +47,9 @@ const std::vector<std::string> kIllFormed{
 
 TEST(Utf8, TellsWellFormedTextAndRepairsTheRest)
 {
-    for (const std::string& text : std::vector<std::string>{
-             "", "plain", "caf\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x9a\x97", "\xef\xbf\xbf",
-          "\xf4\x8f\xbf\xbf", std::string("a\0b", 3)}) {
+    for (const std::string& text :
+         std::vector<std::string>{"", "plain", "caf\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x9a\x97",
+                                  "\xef\xbf\xbf", "\xf4\x8f\xbf\xbf", std::string("a\0b", 3)}) {
         EXPECT_TRUE(utf8::isValid(text)) << text;
         EXPECT_EQ(text, utf8::toValid(text));
     }
@@ -59,10 +59,11 @@ TEST(Utf8, TellsWellFormedTextAndRepairsTheRest)
         EXPECT_TRUE(utf8::isValid(repaired)) << text;
         EXPECT_NE(std::string::npos, repaired.find("\xef\xbf\xbd")) << text;
     }
-    EXPECT_EQ("AB\xef\xbf\xbd\xef\xbf\xbd"
-              "12",
-              utf8::toValid("AB\xff\xfe"
-                            "12"));
+    EXPECT_EQ(
+        "AB\xef\xbf\xbd\xef\xbf\xbd"
+        "12",
+        utf8::toValid("AB\xff\xfe"
+                      "12"));
 }
 
 /** Reads through both JSON readers, which must agree, and gives the failure text. */
@@ -109,8 +110,9 @@ TEST(Utf8, JsonReadersRefuseIllFormedTextNamingWhereItIs)
 TEST(Utf8, WrittenJsonIsAlwaysWellFormed)
 {
     Item item;
-    item.text = "AB\xff\xfe"
-                "12";
+    item.text =
+        "AB\xff\xfe"
+        "12";
     item.tags = {{"\xed\xa0\x80", "\xc3"}};
     item.counts = {{"\x80", 1}};
     const std::string written = json::serialize(item);
@@ -141,8 +143,8 @@ TEST(Utf8, FormsRefuseIllFormedNamesAndValues)
     result = urlencoded::deserialize("%FF=1", &item);
     EXPECT_EQ("A member name is not valid UTF-8", result.errorDescription);
     // A member carried as JSON text is checked after its escapes are decoded.
-    result = urlencoded::deserialize("tags=" + std::string("%5B%7B%22value%22%3A%22%5Cudc00%22%7D%5D"),
-                                     &item);
+    result = urlencoded::deserialize(
+        "tags=" + std::string("%5B%7B%22value%22%3A%22%5Cudc00%22%7D%5D"), &item);
     EXPECT_EQ("tags[0].value: The text is not valid UTF-8", result.errorDescription);
     EXPECT_EQ("untouched", item.text);
     ASSERT_TRUE(urlencoded::deserialize("text=caf%C3%A9", &item));

@@ -54,7 +54,8 @@ TEST(DocsRouteTest, ThePageItsAssetsAndTheDescriptionComeFromTheResources)
         EXPECT_TRUE(response->body == expected) << file;
     }
     // The page finds the description beside itself, so "Try it out" asks this origin.
-    EXPECT_NE(std::string::npos, resource(":/docs/api/v1/swagger/index.html").find("\"./openapi.json\""));
+    EXPECT_NE(std::string::npos,
+              resource(":/docs/api/v1/swagger/index.html").find("\"./openapi.json\""));
 
     // The directory without its "/" would resolve the page's links one level up.
     const auto redirect = service.get("/metadataDb/v1/docs");
@@ -70,8 +71,8 @@ TEST(DocsRouteTest, ThePageItsAssetsAndTheDescriptionComeFromTheResources)
         ASSERT_TRUE(response) << target;
         EXPECT_EQ(404, response->status) << target;
     }
-    const auto post = exchange(service.port(), "POST", "/metadataDb/v1/docs/", "{}",
-                               "application/json");
+    const auto post =
+        exchange(service.port(), "POST", "/metadataDb/v1/docs/", "{}", "application/json");
     ASSERT_TRUE(post);
     EXPECT_EQ(404, post->status);
 }

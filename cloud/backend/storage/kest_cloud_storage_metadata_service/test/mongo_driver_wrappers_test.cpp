@@ -68,8 +68,7 @@ TEST_F(MongoWrappersTest, DriverLinesGoToTheLogAndEndingSessionsIsNoWarning)
         });
     {
         // The driver warns that pools ignore minPoolSize: a warning it writes for sure.
-        const Uri uri(m_uri + (m_uri.find('?') == std::string::npos ? "?" : "&") +
-                      "minPoolSize=1");
+        const Uri uri(m_uri + (m_uri.find('?') == std::string::npos ? "?" : "&") + "minPoolSize=1");
         ClientPool pool(uri);
         PooledClient client = pool.pop();
         // A query runs in a session, which destroying the pool ends; the stand-in refuses that.

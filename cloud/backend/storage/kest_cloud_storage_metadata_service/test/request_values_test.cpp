@@ -39,8 +39,9 @@ std::string prepare(std::vector<ObjectMetadataPacket>* packets, std::size_t* unt
 TEST(ValueRulesTest, RefusesWhatNoPacketCanHaveAndCutsBoxesAtTheFrame)
 {
     const auto withPacket = [](auto change) {
-        std::vector<ObjectMetadataPacket> packets{packet(kDevice, kT0Ms, ZuUuid::createUuid(), "a"),
-                                                  packet(kDevice, kT0Ms, ZuUuid::createUuid(), "b")};
+        std::vector<ObjectMetadataPacket> packets{
+            packet(kDevice, kT0Ms, ZuUuid::createUuid(), "a"),
+            packet(kDevice, kT0Ms, ZuUuid::createUuid(), "b")};
         change(packets[1]);
         return prepare(&packets);
     };
@@ -115,8 +116,7 @@ std::string packetJson(std::int64_t timeMs, const std::string& track,
                        const std::string& attributeValue)
 {
     return R"([{"deviceId":")" + kDevice.toStdString() + R"(","timestampUs":)" +
-           std::to_string(timeMs * 1000) +
-           R"(,"durationUs":1000,"objectMetadataList":[{)" +
+           std::to_string(timeMs * 1000) + R"(,"durationUs":1000,"objectMetadataList":[{)" +
            (track.empty() ? std::string() : R"("trackId":")" + track + R"(",)") +
            R"("typeId":"thing","boundingBox":{"x":0.1,"y":0.1,"width":0.2,"height":0.2},)"
            R"("attributes":[{"name":"byte","value":")" +
@@ -132,8 +132,7 @@ std::string errorText(const std::optional<HttpResponse>& response)
 
 std::string searchTarget(const std::string& items)
 {
-    return "/metadataDb/v1/data?internal_lookup=1&deviceIds=" + kDevice.toSimpleStdString() +
-           items;
+    return "/metadataDb/v1/data?internal_lookup=1&deviceIds=" + kDevice.toSimpleStdString() + items;
 }
 
 TEST(RequestValuesApiTest, EveryByteValueIsStoredAndFoundAsValidJsonOrRefusedByName)
@@ -198,16 +197,18 @@ TEST(RequestValuesApiTest, IllFormedUtf8IsRefusedInEveryInputFormByName)
     EXPECT_EQ(searchType + "Invalid URL query: freeText: The text is not valid UTF-8",
               errorText(service.get(searchTarget("&freeText=red%25FF"))));
     // The search as JSON, and as a form whose filter is JSON text.
-    EXPECT_EQ(searchType + "filter.freeText: The text is not valid UTF-8",
-              errorText(service.get(
-                  "/metadataDb/v1/data?" +
-                      QByteArray(R"({"filter":{"freeText":"a)" "\xc3" R"("}})")
-                          .toPercentEncoding()
-                          .toStdString(),
-                  "application/json")));
-    EXPECT_EQ(searchType + "filter.freeText: The text is not valid UTF-8",
-              errorText(service.get("/metadataDb/v1/data?filter=%7B%22freeText%22%3A%22%5Cudc00%22%7D",
-                                    "application/x-www-form-urlencoded")));
+    EXPECT_EQ(
+        searchType + "filter.freeText: The text is not valid UTF-8",
+        errorText(service.get("/metadataDb/v1/data?" + QByteArray(R"({"filter":{"freeText":"a)"
+                                                                  "\xc3"
+                                                                  R"("}})")
+                                                           .toPercentEncoding()
+                                                           .toStdString(),
+                              "application/json")));
+    EXPECT_EQ(
+        searchType + "filter.freeText: The text is not valid UTF-8",
+        errorText(service.get("/metadataDb/v1/data?filter=%7B%22freeText%22%3A%22%5Cudc00%22%7D",
+                              "application/x-www-form-urlencoded")));
     EXPECT_EQ(searchType + "internal_lookup: The text is not valid UTF-8",
               errorText(service.get("/metadataDb/v1/data?internal_lookup=%FF",
                                     "application/x-www-form-urlencoded")));
@@ -220,9 +221,10 @@ TEST(RequestValuesApiTest, IllFormedUtf8IsRefusedInEveryInputFormByName)
     // A name the record does not have is no way around it.
     const auto unknown = exchange(service.port(), "POST", "/metadataDb/v1/data",
                                   "[{\"note\":\"\xff\"}]", "application/json");
-    EXPECT_EQ("Error deserializing input of type std::vector<kest::common::metadata::"
-              "ObjectMetadataPacket>: [0].note: The text is not valid UTF-8",
-              errorText(unknown));
+    EXPECT_EQ(
+        "Error deserializing input of type std::vector<kest::common::metadata::"
+        "ObjectMetadataPacket>: [0].note: The text is not valid UTF-8",
+        errorText(unknown));
 }
 
 TEST(RequestValuesApiTest, UntrackedObjectsAreFoundAsTracksAndCounted)

@@ -61,7 +61,8 @@ bool checkUtf8(const Value& root, ReadContext& context)
         for (std::size_t k = depth; k-- > 0;) {
             const Frame& frame = frames[k];
             if (frame.container->IsObject())
-                context.failInMember((frame.container->MemberBegin() + (frame.next - 1))->name.GetString());
+                context.failInMember(
+                    (frame.container->MemberBegin() + (frame.next - 1))->name.GetString());
             else
                 context.failInElement(frame.next - 1);
         }

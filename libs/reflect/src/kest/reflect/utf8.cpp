@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include <QString>
 #include <rapidjson/encodings.h>
 #include <rapidjson/memorystream.h>
+#include <QString>
 
 namespace kest::reflect::utf8 {
 
@@ -21,9 +21,8 @@ struct Discard
 bool isValid(std::string_view text)
 {
     // Most text is ASCII: only the rest goes through the validator's state table.
-    const auto firstNonAscii = std::find_if(text.begin(), text.end(), [](char c) {
-        return static_cast<unsigned char>(c) >= 0x80;
-    });
+    const auto firstNonAscii = std::find_if(
+        text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; });
     if (firstNonAscii == text.end())
         return true;
     text.remove_prefix(static_cast<std::size_t>(firstNonAscii - text.begin()));

@@ -149,9 +149,9 @@ def try_it_out(driver, block, fill=None):
     if fill:
         fill()
     driver.click(f"{block} .execute")
-    status = wait_for("the answer's status",
-                      lambda: driver.text(f"{block} .live-responses-table .response-col_status"))
-    body = driver.text(f"{block} .live-responses-table .response-col_description")
+    answer = f"{block} .live-responses-table tbody .response"
+    status = wait_for("the answer's status", lambda: driver.text(f"{answer} .response-col_status"))
+    body = driver.text(f"{answer} .response-col_description")
     return status.strip(), body
 
 
@@ -183,7 +183,7 @@ def run(args, work):
 
         processes.append(subprocess.Popen(
             [args.chromedriver, f"--port={driver_port}", "--allowed-ips=127.0.0.1",
-             f"--log-path={work}/chromedriver.log"]))
+             f"--log-path={work}/chromedriver.log"], stdout=subprocess.DEVNULL))
         wait_for("chromedriver", lambda: http("GET", driver.base + "/status")[0] == 200)
         driver.start(args.chromium, f"{work}/profile")
         driver.go(base + "/metadataDb/v1/docs/")
@@ -243,8 +243,8 @@ def main():
             path = os.path.join(work, log)
             if os.path.exists(path):
                 with open(path, errors="replace") as text:
-                    print(f"--- last lines of {log}", *text.readlines()[-15:], sep="",
-                          file=sys.stderr)
+                    print(f"--- last lines of {log}:", file=sys.stderr)
+                    print(*text.readlines()[-15:], sep="", file=sys.stderr)
         return 1
     finally:
         shutil.rmtree(work, ignore_errors=True)

@@ -60,8 +60,8 @@ std::string invalidUtf8InUrlQuery(std::string_view decodedQuery);
  * what the reader says is wrong, if it says it.
  */
 template <typename T>
-requires HasUrlQueryReader<T> || HasDetailedUrlQueryReader<T>
-kest::reflect::DeserializationResult readUrlQuery(std::string_view text, T* record)
+requires HasUrlQueryReader<T> || HasDetailedUrlQueryReader<T> kest::reflect::DeserializationResult
+readUrlQuery(std::string_view text, T* record)
 {
     using kest::reflect::DeserializationResult;
     static constexpr std::string_view kInvalid = "Invalid URL query";
@@ -134,11 +134,10 @@ public:
     template <typename T = Input>
     static ApiRequestResult inputError(std::string_view description)
     {
-        return ApiRequestResult(
-            ApiRequestErrorClass::badRequest, "deserializationError",
-            kest::utils::format("Error deserializing input of type %1: %2",
-                                kest::reflect::typeName<T>(), description),
-            ApiRequestErrorDetail::deserializationError);
+        return ApiRequestResult(ApiRequestErrorClass::badRequest, "deserializationError",
+                                kest::utils::format("Error deserializing input of type %1: %2",
+                                                    kest::reflect::typeName<T>(), description),
+                                ApiRequestErrorDetail::deserializationError);
     }
 
     SerializationFormat inputFormat() const { return m_inputFormat; }

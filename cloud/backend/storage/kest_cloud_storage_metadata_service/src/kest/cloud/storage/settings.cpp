@@ -19,8 +19,8 @@ bool readFlag(const ZuSettings& settings, const char* key, bool defaultValue)
         return true;
     if (value == "false" || value == "no" || value == "off" || value == "0")
         return false;
-    throw std::invalid_argument(std::string(key) + " is neither true nor false: " +
-                                value.toStdString());
+    throw std::invalid_argument(std::string(key) +
+                                " is neither true nor false: " + value.toStdString());
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <QUrlQuery>
-#include <string>
 #include <boost/describe/class.hpp>
+#include <string>
 
 #include <kest/analytics_db/filter.h>
 

@@ -22,10 +22,9 @@ public:
         std::string contentType;
     };
 
-    void processRequest(
-        kest::network::http::RequestContext requestContext,
-        kest::utils::MoveOnlyFunc<void(kest::network::http::RequestResult)> completionHandler)
-        override;
+    void processRequest(kest::network::http::RequestContext requestContext,
+                        kest::utils::MoveOnlyFunc<void(kest::network::http::RequestResult)>
+                            completionHandler) override;
 
     /**
      * The document served under `file` ("" is the page), read from the resources once and kept;
@@ -38,10 +37,9 @@ public:
 class DocsRedirectHandler : public kest::network::http::AbstractRequestHandler
 {
 public:
-    void processRequest(
-        kest::network::http::RequestContext requestContext,
-        kest::utils::MoveOnlyFunc<void(kest::network::http::RequestResult)> completionHandler)
-        override;
+    void processRequest(kest::network::http::RequestContext requestContext,
+                        kest::utils::MoveOnlyFunc<void(kest::network::http::RequestResult)>
+                            completionHandler) override;
 };
 
 }  // namespace kest::cloud::storage::metadatadb

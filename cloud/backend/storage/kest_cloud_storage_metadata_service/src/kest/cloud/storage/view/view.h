@@ -74,8 +74,8 @@ private:
     {
         registerRequestProcessor(
             path,
-            [args = std::tuple<std::decay_t<Args>...>(std::forward<Args>(args)...)]()
-                -> std::unique_ptr<kest::network::http::AbstractRequestHandler> {
+            [args = std::tuple<std::decay_t<Args>...>(std::forward<Args>(
+                 args)...)]() -> std::unique_ptr<kest::network::http::AbstractRequestHandler> {
                 return std::apply(
                     [](const auto&... arg) { return std::make_unique<Controller>(arg...); }, args);
             },
