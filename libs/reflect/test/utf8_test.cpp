@@ -43,13 +43,16 @@ const std::vector<std::string> kIllFormed{
     "\xe2\x82"
     "A",  // truncated before more text
     "ok \xc3",
+    "seventeen bytes, \xe2\x82",  // past the words read eight bytes at a time
+    "sixteen bytes ok\xff and more text after it",
 };
 
 TEST(Utf8, TellsWellFormedTextAndRepairsTheRest)
 {
     for (const std::string& text :
          std::vector<std::string>{"", "plain", "caf\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x9a\x97",
-                                  "\xef\xbf\xbf", "\xf4\x8f\xbf\xbf", std::string("a\0b", 3)}) {
+                                  "\xef\xbf\xbf", "\xf4\x8f\xbf\xbf", std::string("a\0b", 3),
+                                  "eight by\xc3\xa9tes and then some more \xe2\x82\xac"}) {
         EXPECT_TRUE(utf8::isValid(text)) << text;
         EXPECT_EQ(text, utf8::toValid(text));
     }
