@@ -9,6 +9,8 @@
 #include <kest/vms_common/zu_time_period_list.h>
 #include <kest/vms_common/zu_uuid.h>
 
+#include "activity.h"
+#include "activity_query.h"
 #include "filter.h"
 #include "object_metadata_packet.h"
 #include "object_track_ex.h"
@@ -21,6 +23,7 @@ namespace kest::analytics::db {
 using SaveErrorHandler =
     utils::MoveOnlyFunc<void(kest::sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 using LookupHandler = utils::MoveOnlyFunc<void(ResultCode, std::vector<ObjectTrackEx>)>;
+using ActivityHandler = utils::MoveOnlyFunc<void(ResultCode, Activity)>;
 using CommitHandler = utils::MoveOnlyFunc<void(std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 
 /** The analytics events storage: packets go in and are aggregated into tracks; searches come out.
@@ -45,6 +48,16 @@ public:
     /** Searches off the caller's thread; the handler is called exactly once, on the storage's
      * thread. */
     virtual void lookup(Filter filter, LookupHandler completionHandler) = 0;
+
+    /**
+     * Counts the tracks that the query's filter selects per bucket of time and type, and per cell
+     * of the grid when asked, off the caller's thread; the handler is called exactly once, on the
+     * storage's thread unless the storage cannot count (then at once, with notSupported).
+     */
+    virtual void countActivity(ActivityQuery /*query*/, ActivityHandler completionHandler)
+    {
+        completionHandler(ResultCode::notSupported, {});
+    }
 
     /**
      * After each committed batch the handler gets the periods of its packets per device, on a

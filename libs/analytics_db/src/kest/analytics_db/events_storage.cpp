@@ -9,6 +9,8 @@
 #include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
+#include "activity_counter.h"
+
 namespace kest::analytics::db {
 
 using sql::DBResult;
@@ -186,9 +188,42 @@ void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
         completionHandler(ResultCode::error, {});
         return;
     }
+    queueLookup([this, filter = std::move(filter),
+                 handler = std::move(completionHandler)](TrackReader& reader) mutable {
+        std::vector<ObjectTrackEx> tracks;
+        const ResultCode code = reader.lookup(filter, &tracks);
+        if (code != ResultCode::ok) {
+            KEST_WARNING(this, "Analytics database lookup failed: %1", reader.lastError());
+            tracks.clear();
+        }
+        handler(code, std::move(tracks));
+    });
+}
+
+void EventsStorage::countActivity(ActivityQuery query, ActivityHandler completionHandler)
+{
+    if (!m_initialized) {
+        completionHandler(ResultCode::error, {});
+        return;
+    }
+    queueLookup([this, query = std::move(query),
+                 handler = std::move(completionHandler)](TrackReader& reader) mutable {
+        Activity activity;
+        ActivityCounter counter(reader.database());
+        const ResultCode code = counter.count(query, &activity);
+        if (code != ResultCode::ok) {
+            KEST_WARNING(this, "Analytics database activity count failed: %1", counter.lastError());
+            activity = {};
+        }
+        handler(code, std::move(activity));
+    });
+}
+
+void EventsStorage::queueLookup(LookupTask task)
+{
     {
         std::lock_guard lock(m_lookupMutex);
-        m_lookups.push_back({std::move(filter), std::move(completionHandler)});
+        m_lookups.push_back(std::move(task));
     }
     m_lookupWake.notify_one();
 }
@@ -377,14 +412,8 @@ void EventsStorage::lookupLoop(int worker)
         m_lookups.pop_front();
         lock.unlock();
 
-        std::vector<ObjectTrackEx> tracks;
-        const ResultCode code = reader.lookup(task.filter, &tracks);
-        if (code != ResultCode::ok) {
-            KEST_WARNING(this, "Analytics database lookup failed: %1", reader.lastError());
-            tracks.clear();
-        }
         try {
-            task.handler(code, std::move(tracks));
+            task(reader);
         } catch (const std::exception& e) {
             KEST_ERROR(this, "Lookup handler threw: %1", e.what());
         }

@@ -65,6 +65,7 @@ public:
     bool isReady() const override;
     void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) override;
     void lookup(Filter filter, LookupHandler completionHandler) override;
+    void countActivity(ActivityQuery query, ActivityHandler completionHandler) override;
     void setOnCommitHandler(CommitHandler handler) override;
     void flush() override;
     /** The store's size and free space are measured by the writer, at most once a second. */
@@ -82,14 +83,12 @@ public:
     static std::size_t packetBytes(const common::metadata::ObjectMetadataPacket& packet);
 
 private:
-    struct LookupTask
-    {
-        Filter filter;
-        LookupHandler handler;
-    };
+    /** A search or a count, run by a lookup worker with its connection. */
+    using LookupTask = utils::MoveOnlyFunc<void(TrackReader&)>;
 
     void writerLoop();
     void lookupLoop(int worker);
+    void queueLookup(LookupTask task);
     void writeBatch(const std::vector<PacketPtr>& batch);
     void applyRetention();
     void stop();
