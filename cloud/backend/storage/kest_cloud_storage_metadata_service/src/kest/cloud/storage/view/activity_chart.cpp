@@ -199,8 +199,9 @@ std::int64_t ActivityChart::countStep(std::int64_t max)
     std::int64_t magnitude = 1;
     for (;;) {
         for (const std::int64_t factor : {1, 2, 5}) {
-            if (max / (factor * magnitude) <= 5)
-                return factor * magnitude;
+            const std::int64_t step = factor * magnitude;
+            if (max / step + (max % step != 0) <= 5)
+                return step;
         }
         magnitude *= 10;
     }
@@ -321,9 +322,9 @@ std::string ActivityChart::svg(const ActivityAnswer& answer) const
         std::int64_t below = 0;
         for (const auto& [typeRank, tracks] : stack) {
             const double yTop = yOf(below + tracks);
-            out += R"(<rect x=")" + number(x0) + R"(" y=")" + number(yTop) + R"(" width=")" +
-                   number(barWidth) + R"(" height=")" + number(yOf(below) - yTop) + R"(" fill=")" +
-                   colourOf(typeRank) + R"("/>)";
+            out += R"(<rect class="bar" x=")" + number(x0) + R"(" y=")" + number(yTop) +
+                   R"(" width=")" + number(barWidth) + R"(" height=")" + number(yOf(below) - yTop) +
+                   R"(" fill=")" + colourOf(typeRank) + R"("/>)";
             below += tracks;
         }
         out += "</g>";
