@@ -12,8 +12,8 @@ class Gzip
 {
 public:
     /**
-     * The level the server compresses answers at. JSON tracks shrink almost as much at 1 as at
-     * 6 (zlib's default), for a third of the time.
+     * The level the server compresses answers at. 100 tracks of JSON shrink nearly as much at 1
+     * as at 6, zlib's default (to 10% of their size against 8.5%), in less than half the time.
      */
     static constexpr int kDefaultLevel = 1;
 

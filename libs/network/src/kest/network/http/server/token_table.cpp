@@ -1,5 +1,7 @@
 #include "token_table.h"
 
+#include <memory>
+
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
@@ -103,9 +105,16 @@ std::optional<TokenTable> TokenTable::parse(std::string_view text, std::string* 
 
 TokenTable::Digest TokenTable::hash(std::string_view token)
 {
+    // Fetched once: EVP_sha256() looks the algorithm up again on every call, which costs more
+    // than hashing a token. Each thread keeps a context of its own.
+    static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    thread_local const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(
+        EVP_MD_CTX_new(), &EVP_MD_CTX_free);
     Digest digest{};
     unsigned int length = 0;
-    EVP_Digest(token.data(), token.size(), digest.data(), &length, EVP_sha256(), nullptr);
+    EVP_DigestInit_ex2(context.get(), sha256, nullptr);
+    EVP_DigestUpdate(context.get(), token.data(), token.size());
+    EVP_DigestFinal_ex(context.get(), digest.data(), &length);
     return digest;
 }
 
