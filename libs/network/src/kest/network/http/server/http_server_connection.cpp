@@ -85,10 +85,7 @@ HttpServerConnection::HttpServerConnection(
       m_parser(limits.request),
       m_checkPeriod(checkPeriodFor(limits))
 {
-    if (m_tlsContext)
-        m_tls.emplace(std::move(socket), m_tlsContext->native());
-    else
-        m_socket.emplace(std::move(socket));
+    m_socket.emplace(std::move(socket));
 }
 
 HttpServerConnection::~HttpServerConnection() = default;
@@ -161,15 +158,35 @@ void HttpServerConnection::start()
         m_peer = toSocketAddress(peer);
     socket().set_option(boost::asio::ip::tcp::no_delay(true), error);
     m_timer.emplace(m_thread->ioContext());
-    if (m_tls) {
+    if (m_tlsContext) {
         // A handshake that crawls is a slowloris too.
         setDeadline(deadlineAfter(m_limits.requestReadTimeout));
-        m_tls->async_handshake(
-            boost::asio::ssl::stream_base::server,
-            tracked([this](const boost::system::error_code& error) { onHandshake(error); }));
+        // The TLS stream holds four buffers of a TLS record each (68 KiB) for as long as it
+        // lives: it is made once the client has sent something, not for a silent connection.
+        m_socket->async_wait(boost::asio::socket_base::wait_read,
+                             [self = shared_from_this()](const boost::system::error_code& error) {
+                                 self->startHandshake(error);
+                             });
         return;
     }
     readRequest();
+}
+
+void HttpServerConnection::startHandshake(const boost::system::error_code& error)
+{
+    if (m_closed)
+        return;
+    if (error) {
+        close();
+        return;
+    }
+    guarded([this]() {
+        m_tls.emplace(std::move(*m_socket), m_tlsContext->native());
+        m_socket.reset();
+        m_tls->async_handshake(
+            boost::asio::ssl::stream_base::server,
+            tracked([this](const boost::system::error_code& error) { onHandshake(error); }));
+    });
 }
 
 void HttpServerConnection::onHandshake(const boost::system::error_code& error)

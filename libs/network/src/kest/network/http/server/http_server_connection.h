@@ -76,6 +76,8 @@ private:
      */
     template <typename Handler>
     auto tracked(Handler handler);
+    /** The client has sent its first bytes: the TLS stream is made and the handshake begins. */
+    void startHandshake(const boost::system::error_code& error);
     void onHandshake(const boost::system::error_code& error);
     void readRequest();
     void readSome();
