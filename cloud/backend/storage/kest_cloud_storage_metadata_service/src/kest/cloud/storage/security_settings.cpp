@@ -22,13 +22,13 @@ void SecuritySettings::load(const ZuSettings& settings)
     peerCaFile = readText(settings, "cluster/peerCaFile");
 
     const QString ping = settings.value("http/authenticatePing").toString().trimmed().toLower();
-    if (ping.isEmpty() || ping == "false" || ping == "0") {
+    if (ping.isEmpty() || ping == "false" || ping == "no" || ping == "off" || ping == "0") {
         authenticatePing = false;
-    } else if (ping == "true" || ping == "1") {
+    } else if (ping == "true" || ping == "yes" || ping == "on" || ping == "1") {
         authenticatePing = true;
     } else {
-        throw std::invalid_argument("Invalid value of setting http/authenticatePing: " +
-                                    ping.toStdString() + " (true or false)");
+        throw std::invalid_argument("http/authenticatePing is neither true nor false: " +
+                                    ping.toStdString());
     }
     // A token is sent in a header line: anything that would end or fold the line is no token.
     for (const char c : peerToken) {

@@ -31,6 +31,11 @@ public:
     const DDSConnetionSettings& ddsConnection() const { return m_ddsConnection; }
     const ClusterSettings& cluster() const { return m_cluster; }
     const SecuritySettings& security() const { return m_security; }
+    /**
+     * "http/serveDocs": whether the interactive API documentation and the OpenAPI description
+     * are served under /metadataDb/v1/docs/ (true, the default, or false).
+     */
+    bool serveDocs() const { return m_serveDocs; }
 
 protected:
     void loadSettings() override;
@@ -43,6 +48,7 @@ private:
     DDSConnetionSettings m_ddsConnection;
     ClusterSettings m_cluster;
     SecuritySettings m_security;
+    bool m_serveDocs = true;
 };
 
 }  // namespace kest::cloud::storage::metadatadb::conf
