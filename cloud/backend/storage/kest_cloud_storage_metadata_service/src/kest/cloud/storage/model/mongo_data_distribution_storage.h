@@ -81,8 +81,23 @@ public:
     void getDeviceInstancesMapping(std::chrono::system_clock::time_point since,
                                    MoveOnlyFunc<void(bool, DeviceMapping)> handler) override;
     void saveInstanceLoadSync(const InstanseLoad& load) override;
-    /** "node_lookup", "data_address_save", "load_lookup", "load_save", "mapping_lookup". */
+    /**
+     * "node_lookup", "data_address_save", "load_lookup", "load_save", "mapping_lookup",
+     * "data_address_read", "data_address_replace", and "data_address_document_too_large": the
+     * saves among the failed ones whose device document had outgrown the server's limit.
+     */
     std::vector<std::pair<std::string, std::uint64_t>> operationFailures() const override;
+    /** The same bulk write as saveDataAddress. */
+    void appendDataAddresses(const std::vector<DataInfo>& data, const std::string& host,
+                             MoveOnlyFunc<void(AppendResult)> handler) override;
+    /** Reads every document that names `host`; malformed spans are left out. */
+    void getDataAddresses(const std::string& host,
+                          MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler) override;
+    /** A "$push" of all `add` spans at once, then a "$pullAll" of the `remove` spans. */
+    void replaceDataAddresses(const std::string& deviceId, const std::string& host,
+                              const std::vector<ZuTimePeriod>& add,
+                              const std::vector<ZuTimePeriod>& remove,
+                              MoveOnlyFunc<void(bool)> handler) override;
 
     /** Runs the save on the calling thread; the handler hears only of failure. */
     void saveDataAddressSync(const std::vector<DataInfo>& data, const std::string& host,
@@ -121,10 +136,18 @@ private:
         loadLookup,
         loadSave,
         mappingLookup,
+        dataAddressRead,
+        dataAddressReplace,
+        dataAddressDocumentTooLarge,
         operationCount,
     };
 
     MongoDataDistributionStorage(const std::string& uri, const std::string& source);
+    /** Runs the bulk write of a save, logs what failed; the outcome. */
+    AppendResult executeSave(const std::vector<mongo::UpdateOne>& requests,
+                             const std::vector<DataInfo>& data) const;
+    /** A stored span, with its fields in the order every span is written in. */
+    static mongo::Document spanDocument(const ZuTimePeriod& period, const std::string& host);
     /** One relaxed add, on the storage's threads, where each failure is logged. */
     void countFailure(Operation operation) const;
 
