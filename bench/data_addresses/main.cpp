@@ -40,7 +40,7 @@ using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
 constexpr std::int64_t kDayMs = 86'400'000;
-constexpr std::int64_t kStepMs = 10'000;  //< One committed batch per device and step.
+constexpr std::int64_t kStepMs = 10'000;         //< One committed batch per device and step.
 constexpr std::int64_t kT0 = 1'735'689'600'000;  //< 2025-01-01T00:00:00Z.
 
 struct Options
@@ -95,9 +95,8 @@ public:
         if (spans.empty())
             return true;
         std::promise<bool> done;
-        m_mongo.appendDataAddresses(spans, node, [&done](AppendResult result) {
-            done.set_value(result.failed.empty());
-        });
+        m_mongo.appendDataAddresses(
+            spans, node, [&done](AppendResult result) { done.set_value(result.failed.empty()); });
         return done.get_future().get();
     }
 
@@ -142,11 +141,11 @@ public:
                           MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler) override
     {
         begin();
-        target().getDataAddresses(
-            host, [this, handler = std::move(handler)](bool ok, std::vector<DataInfo> spans) mutable {
-                handler(ok, std::move(spans));
-                end();
-            });
+        target().getDataAddresses(host, [this, handler = std::move(handler)](
+                                            bool ok, std::vector<DataInfo> spans) mutable {
+            handler(ok, std::move(spans));
+            end();
+        });
     }
     void replaceDataAddresses(const std::string& deviceId, const std::string& host,
                               const std::vector<ZuTimePeriod>& add,
@@ -229,9 +228,9 @@ std::pair<std::size_t, std::size_t> measureDocument(MongoDataDistributionStorage
     const auto client = mongo.getClient();
     mongo::Document filter;
     filter.appendString(MongoDataDistributionStorage::kDeviceId, deviceId);
-    auto cursor = client.collection(mongo.dbName(),
-                                    MongoDataDistributionStorage::kDataDistributionCollection)
-                      .find(filter);
+    auto cursor =
+        client.collection(mongo.dbName(), MongoDataDistributionStorage::kDataDistributionCollection)
+            .find(filter);
     const auto document = cursor.next();
     if (!document)
         return {0, 0};
@@ -283,8 +282,7 @@ Outcome simulate(const Options& options, const Scenario& scenario, const std::st
             storage.waitIdle();
         }
         outcome.spansPerHour = (storage.spans() - spansBeforeLastDay) / 24.0;
-        outcome.writesPerHour =
-            (storage.spans() + storage.replaces() - writesBeforeLastDay) / 24.0;
+        outcome.writesPerHour = (storage.spans() + storage.replaces() - writesBeforeLastDay) / 24.0;
         recorder.stop();
         storage.waitIdle();
     }
@@ -333,18 +331,19 @@ int run(const Options& options, const fs::path& work)
                                   {"steady, maxAgeDays 30", false, 30},
                                   {"bursty, maxAgeDays 0", true, 0},
                                   {"bursty, maxAgeDays 30", true, 30}};
-    const double leaseS = std::chrono::duration<double>(
-                              conf::ClusterSettings::kDefaultDataAddressFlushInterval)
-                              .count();
-    std::printf("One device's data addresses over %d simulated days at the default lease length "
-                "F = %.0f s\n(a batch committed every %lld s while the device is active; bursty: "
-                "a minute of activity\nevery 3 minutes), compacted hourly; the last %d days "
-                "against the MongoDB at hand, the\ndays before in memory. Then %d distributed "
-                "searches for the newest minute through a\nservice that the spans name; %u "
-                "cores.\n\n",
-                options.days, leaseS, static_cast<long long>(kStepMs / 1000),
-                std::min(options.liveDays, options.days), options.searches,
-                std::thread::hardware_concurrency());
+    const double leaseS =
+        std::chrono::duration<double>(conf::ClusterSettings::kDefaultDataAddressFlushInterval)
+            .count();
+    std::printf(
+        "One device's data addresses over %d simulated days at the default lease length "
+        "F = %.0f s\n(a batch committed every %lld s while the device is active; bursty: "
+        "a minute of activity\nevery 3 minutes), compacted hourly; the last %d days "
+        "against the MongoDB at hand, the\ndays before in memory. Then %d distributed "
+        "searches for the newest minute through a\nservice that the spans name; %u "
+        "cores.\n\n",
+        options.days, leaseS, static_cast<long long>(kStepMs / 1000),
+        std::min(options.liveDays, options.days), options.searches,
+        std::thread::hardware_concurrency());
     std::printf("%-24s %9s %7s %10s %10s %10s %9s %9s\n", "", "document", "spans", "spans/h",
                 "writes/h", "search", "search", "run");
     std::printf("%-24s %9s %7s %10s %10s %10s %9s %9s\n", "", "KiB", "", "last day", "last day",
@@ -352,8 +351,8 @@ int run(const Options& options, const fs::path& work)
 
     int status = 0;
     using kest::bench::Figure;
-    const std::string section = "cluster: a device's data addresses over " +
-                                std::to_string(options.days) + " days";
+    const std::string section =
+        "cluster: a device's data addresses over " + std::to_string(options.days) + " days";
     for (const Scenario& scenario : scenarios) {
         const Outcome outcome = simulate(options, scenario, node, *entry);
         const double kib = outcome.documentBytes / 1024.0;
@@ -366,10 +365,11 @@ int run(const Options& options, const fs::path& work)
             status = 1;
         }
         const std::string name = scenario.name;
-        recordFigure(Figure::measured(section, name + ": document size", kib, "KiB")
-                         .atMost(64)
-                         .withNote(std::to_string(outcome.documentSpans) +
-                                   " spans; a distributed search naming the device reads it whole"));
+        recordFigure(
+            Figure::measured(section, name + ": document size", kib, "KiB")
+                .atMost(64)
+                .withNote(std::to_string(outcome.documentSpans) +
+                          " spans; a distributed search naming the device reads it whole"));
         recordFigure(Figure::measured(section, name + ": distributed search, median", p50, "ms")
                          .atMost(10)
                          .withNote("the newest minute, through the node the spans name"));
@@ -379,9 +379,10 @@ int run(const Options& options, const fs::path& work)
                 .atMost(3600 / leaseS)
                 .withNote("the last day; F = " + std::to_string(static_cast<int>(leaseS)) + " s"));
     }
-    std::printf("\nGoals: a document of at most 64 KiB, a search median of at most 10 ms, at most "
-                "3600 s / F = %.0f spans\nadded per device-hour of steady stream.\n",
-                3600 / leaseS);
+    std::printf(
+        "\nGoals: a document of at most 64 KiB, a search median of at most 10 ms, at most "
+        "3600 s / F = %.0f spans\nadded per device-hour of steady stream.\n",
+        3600 / leaseS);
     entry.reset();
     launcher.stop();
     return status;

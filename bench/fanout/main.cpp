@@ -465,17 +465,16 @@ int run(const Options& options, const fs::path& work)
     std::printf("answers that differed from the internal lookup: %zu\n", differing);
 
     int missed = 0;
-    const auto fresh =
-        measureFreshness(*cluster[0], *cluster[1], options.freshDevices, &missed);
+    const auto fresh = measureFreshness(*cluster[0], *cluster[1], options.freshDevices, &missed);
     if (options.freshDevices > 0) {
-        std::printf("\nA packet of a new device saved into one instance, found through another "
-                    "(%d devices,\none at a time; from the save's answer; lease length F = %lld "
-                    "s, the default):\n",
-                    options.freshDevices,
-                    static_cast<long long>(
-                        std::chrono::duration_cast<std::chrono::seconds>(
-                            conf::ClusterSettings::kDefaultDataAddressFlushInterval)
-                            .count()));
+        std::printf(
+            "\nA packet of a new device saved into one instance, found through another "
+            "(%d devices,\none at a time; from the save's answer; lease length F = %lld "
+            "s, the default):\n",
+            options.freshDevices,
+            static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
+                                       conf::ClusterSettings::kDefaultDataAddressFlushInterval)
+                                       .count()));
         std::printf("%-44s %8s %8s %8s\n", "", "p50 ms", "p99 ms", "max ms");
         printRow("saved to found through another instance", fresh);
         std::printf("not found within 30 s: %d\n", missed);
@@ -522,7 +521,8 @@ int main(int argc, char** argv)
     if (!parseOptions(argc, argv, &options)) {
         std::fprintf(stderr,
                      "usage: fanout_bench --mongo URI [--devices N] [--packets N] [--searches N] "
-                     "[--window-s S] [--fresh-devices N] [--service PATH]\n(or KEST_TEST_MONGODB_URI instead of "
+                     "[--window-s S] [--fresh-devices N] [--service PATH]\n(or "
+                     "KEST_TEST_MONGODB_URI instead of "
                      "--mongo; bench/fanout/run starts a MongoDB stand-in)\n");
         return 2;
     }

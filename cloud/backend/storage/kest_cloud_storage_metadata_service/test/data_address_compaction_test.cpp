@@ -125,9 +125,12 @@ TEST(DataAddressCompactionTest, RandomSpansStayCoveredAndSettle)
         for (const ZuTimePeriod& before : spans) {
             if (before.endTimeMs() <= oldestKept)
                 continue;
-            EXPECT_TRUE(std::ranges::any_of(after, [&](const ZuTimePeriod& s) {
-                return s.startTimeMs <= before.startTimeMs && s.endTimeMs() >= before.endTimeMs();
-            })) << round << ": " << toString(before);
+            EXPECT_TRUE(std::ranges::any_of(after,
+                                            [&](const ZuTimePeriod& s) {
+                                                return s.startTimeMs <= before.startTimeMs &&
+                                                       s.endTimeMs() >= before.endTimeMs();
+                                            }))
+                << round << ": " << toString(before);
         }
         for (const ZuTimePeriod& s : after)
             EXPECT_GT(s.endTimeMs(), oldestKept);

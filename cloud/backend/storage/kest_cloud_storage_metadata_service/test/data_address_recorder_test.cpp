@@ -166,8 +166,8 @@ TEST_F(DataAddressRecorderTest, RestartRecordsNeitherAgainNorLess)
     EXPECT_TRUE(overlapFree(kDeviceA));
 }
 
-// A failed save is retried after a second, then two, next to new spans, which go first; the first
-// failure is a warning, the second an error with the spans, later ones a count.
+// A failed save is retried after a second, then two, then four, next to new spans, which go
+// first; the first failure is a warning, the second an error with the spans, later ones a count.
 TEST_F(DataAddressRecorderTest, FailedSavesAreRetriedAfterNewSpans)
 {
     LogLines log;
@@ -183,6 +183,7 @@ TEST_F(DataAddressRecorderTest, FailedSavesAreRetriedAfterNewSpans)
     recorder->tick();
     EXPECT_EQ(m_storage.heldAppends(), 0u) << "not due yet";
 
+    m_nowMs += 1'000;
     stream(*recorder, kDeviceB, 1'000);
     ASSERT_EQ(m_storage.heldAppends(), 1u);
     const auto items = m_storage.heldItems();
@@ -190,24 +191,31 @@ TEST_F(DataAddressRecorderTest, FailedSavesAreRetriedAfterNewSpans)
     EXPECT_EQ(items[0].deviceId, idOf(kDeviceB));
     EXPECT_EQ(items[1].deviceId, idOf(kDeviceA));
     m_storage.completeAppend(/*failed*/ 2);
-    const auto errors = log.find(Level::error, "Saving data addresses failed again");
+    auto errors = log.find(Level::error, "Saving data addresses failed again");
     ASSERT_EQ(errors.size(), 1u);
     EXPECT_NE(errors[0].find(idOf(kDeviceA)), std::string::npos);
     EXPECT_EQ(errors[0].find(idOf(kDeviceB)), std::string::npos);
 
     m_nowMs += 1'000;
     recorder->tick();
-    ASSERT_EQ(m_storage.heldAppends(), 1u) << "device B's retry is due";
-    m_storage.completeAppend(/*failed*/ 2);
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    EXPECT_EQ(m_storage.heldItems().size(), 1u) << "device A waits twice as long";
+    m_storage.completeAppend(/*failed*/ 1);
+    m_nowMs += 1'000;
+    recorder->tick();
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    m_storage.completeAppend(/*failed*/ 1);
+    EXPECT_EQ(log.find(Level::error, "Saving data addresses failed again").size(), 2u);
     EXPECT_EQ(log.find(Level::error, "Saving 1 data addresses is still failing").size(), 1u);
 
     m_nowMs += 4'000;
     recorder->tick();
     ASSERT_EQ(m_storage.heldAppends(), 1u);
+    EXPECT_EQ(m_storage.heldItems().size(), 2u);
     m_storage.completeAppend();
     EXPECT_EQ(recorder->pendingSpans(), 0u);
     EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod(kT0, 1'000)));
-    EXPECT_TRUE(covered(kDeviceB, ZuTimePeriod(kT0 + 1'000, 1'000)));
+    EXPECT_TRUE(covered(kDeviceB, ZuTimePeriod(kT0 + 2'000, 1'000)));
 }
 
 // A span whose document the server refuses goes after the others, so that it holds back no other
@@ -221,9 +229,9 @@ TEST_F(DataAddressRecorderTest, RefusedSpansGoLast)
     recorder->recordCommitted({{kDeviceB, ZuTimePeriodList{ZuTimePeriod(kT0, 10)}}});
     m_storage.completeAppend(/*failed*/ 1, /*refused*/ true);
     ASSERT_EQ(m_storage.heldAppends(), 1u);
-    ASSERT_EQ(m_storage.heldItems().size(), 2u) << "device B, then the retry of A";
-    m_storage.completeAppend(/*failed*/ 2);
+    m_storage.completeAppend(/*failed*/ 1);  //< Device B, failed on its own.
 
+    m_nowMs += 1'000;
     const ZuUuid deviceC = ZuUuid::createUuid();
     recorder->recordCommitted({{deviceC, ZuTimePeriodList{ZuTimePeriod(kT0, 10)}}});
     ASSERT_EQ(m_storage.heldAppends(), 1u);

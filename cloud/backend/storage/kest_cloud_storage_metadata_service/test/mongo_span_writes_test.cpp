@@ -118,7 +118,8 @@ TEST_F(MongoSpanWritesTest, AppendedSpansOfANodeReadBack)
     auto expected = spans;
     std::ranges::stable_sort(expected, {}, &DataInfo::deviceId);
     EXPECT_EQ(read, expected);
-    EXPECT_EQ(this->read(uniqueName("http://nobody")), std::make_pair(true, std::vector<DataInfo>()));
+    EXPECT_EQ(this->read(uniqueName("http://nobody")),
+              std::make_pair(true, std::vector<DataInfo>()));
 }
 
 // The new span is stored before the old ones go; they go by value, every copy, and only this
@@ -127,12 +128,14 @@ TEST_F(MongoSpanWritesTest, ReplacementAppendsThenRemovesEveryCopyOfThisNodesSpa
 {
     const std::string device = uniqueName("dev");
     const std::string node = uniqueName("http://node"), other = uniqueName("http://other");
-    const ZuTimePeriod a(1'000, 100), b(5'000, 100), merged = ZuTimePeriod::fromInterval(1'000, 5'100);
+    const ZuTimePeriod a(1'000, 100), b(5'000, 100),
+        merged = ZuTimePeriod::fromInterval(1'000, 5'100);
     ASSERT_TRUE(append({{device, a}, {device, a}, {device, b}}, node).failed.empty());
     ASSERT_TRUE(append({{device, a}}, other).failed.empty());
 
     EXPECT_TRUE(replace(device, node, {merged}, {a, b}));
-    EXPECT_EQ(document(device), (std::vector<StoredSpan>{{1'000, 1'100, other}, {1'000, 5'100, node}}));
+    EXPECT_EQ(document(device),
+              (std::vector<StoredSpan>{{1'000, 1'100, other}, {1'000, 5'100, node}}));
 
     // Removal alone, and of what is gone already.
     EXPECT_TRUE(replace(device, node, {}, {merged, b}));

@@ -39,11 +39,10 @@ struct Instance
     {
         const std::uint16_t port = freeLoopbackPort();
         url = "http://127.0.0.1:" + std::to_string(port);
-        std::vector<std::string> args{"--http/listenOn=127.0.0.1:" + std::to_string(port),
-                                      "--dataDir=" + dir.path(),
-                                      "--log/file=" + dir.path() + "/log",
-                                      "--MongoDb/uri=" + mongoUri,
-                                      "--cluster/advertisedUrl=" + url};
+        std::vector<std::string> args{
+            "--http/listenOn=127.0.0.1:" + std::to_string(port), "--dataDir=" + dir.path(),
+            "--log/file=" + dir.path() + "/log", "--MongoDb/uri=" + mongoUri,
+            "--cluster/advertisedUrl=" + url};
         args.insert(args.end(), settings.begin(), settings.end());
         process = std::make_unique<ServiceProcess>(KEST_METADATA_STORAGE_PATH, std::move(args));
         for (int i = 0; i < 200 && !answersPing(port); ++i)
@@ -214,8 +213,8 @@ protected:
     }
 
     /** How long after its save each device's track was found through `entry`, polled in turn. */
-    std::map<ZuUuid, Clock::duration> timeToFound(
-        Instance& entry, const std::map<ZuUuid, Clock::time_point>& saved)
+    std::map<ZuUuid, Clock::duration> timeToFound(Instance& entry,
+                                                  const std::map<ZuUuid, Clock::time_point>& saved)
     {
         std::map<ZuUuid, Clock::duration> found;
         const auto deadline = Clock::now() + 3 * kFoundWithin;

@@ -108,8 +108,7 @@ void DataAddressRecorder::State::add(const std::string& deviceId, ZuTimePeriodLi
     fresh.push_back({deviceId, span});
 }
 
-void DataAddressRecorder::State::cover(const std::string& deviceId,
-                                       const ZuTimePeriodList& periods)
+void DataAddressRecorder::State::cover(const std::string& deviceId, const ZuTimePeriodList& periods)
 {
     ZuTimePeriodList& known = recorded[deviceId];
     const std::int64_t lease = leaseMs();
@@ -178,21 +177,25 @@ void DataAddressRecorder::State::pump(const std::shared_ptr<State>& state)
     if (state->writing || state->phase != Phase::running)
         return;
     const auto now = state->now();
-    const bool retryDue =
-        std::ranges::any_of(state->retries, [&now](const Item& item) { return item.retryAt <= now; });
+    const bool retryDue = std::ranges::any_of(
+        state->retries, [&now](const Item& item) { return item.retryAt <= now; });
     if (!state->fresh.empty() || retryDue) {
         // New spans first, so that old failures never hold back new data; refused ones last.
         std::vector<Item> batch;
         for (auto& span : state->fresh)
             batch.push_back({std::move(span)});
         state->fresh.clear();
-        for (const bool refused : {false, true}) {
-            for (const Item& item : state->retries) {
-                if (item.refused == refused)
-                    batch.push_back(item);
-            }
+        std::vector<Item> refused;
+        std::deque<Item> waiting;
+        for (Item& item : state->retries) {
+            if (item.retryAt > now)
+                waiting.push_back(std::move(item));
+            else
+                (item.refused ? refused : batch).push_back(std::move(item));
         }
-        state->retries.clear();
+        batch.insert(batch.end(), std::make_move_iterator(refused.begin()),
+                     std::make_move_iterator(refused.end()));
+        state->retries = std::move(waiting);
         std::vector<DataInfo> spans;
         for (const Item& item : batch)
             spans.push_back(item.span);
@@ -213,17 +216,17 @@ void DataAddressRecorder::State::pump(const std::shared_ptr<State>& state)
         state->steps.pop_front();
         state->writing = true;
         lock.unlock();
-        state->storage->replaceDataAddresses(
-            step.deviceId, state->host, step.plan.add, step.plan.remove, [state](bool) {
-                {
-                    std::lock_guard lock(state->mutex);
-                    state->writing = false;
-                    if (state->steps.empty())
-                        state->compacting = false;
-                }
-                state->idle.notify_all();
-                pump(state);
-            });
+        state->storage->replaceDataAddresses(step.deviceId, state->host, step.plan.add,
+                                             step.plan.remove, [state](bool) {
+                                                 {
+                                                     std::lock_guard lock(state->mutex);
+                                                     state->writing = false;
+                                                     if (state->steps.empty())
+                                                         state->compacting = false;
+                                                 }
+                                                 state->idle.notify_all();
+                                                 pump(state);
+                                             });
     }
 }
 
@@ -360,11 +363,11 @@ void DataAddressRecorder::start()
         m_state->phase = State::Phase::loading;
         m_state->compacting = true;
     }
-    m_state->storage->getDataAddresses(
-        m_state->host, [state = m_state](bool ok, std::vector<DataInfo> spans) {
-            state->onRead(/*initial*/ true, ok, spans);
-            State::pump(state);
-        });
+    m_state->storage->getDataAddresses(m_state->host,
+                                       [state = m_state](bool ok, std::vector<DataInfo> spans) {
+                                           state->onRead(/*initial*/ true, ok, spans);
+                                           State::pump(state);
+                                       });
     if (m_withTimer)
         scheduleTick();
 }
@@ -412,11 +415,11 @@ void DataAddressRecorder::tick()
         }
     }
     if (compact) {
-        m_state->storage->getDataAddresses(
-            m_state->host, [state = m_state](bool ok, std::vector<DataInfo> spans) {
-                state->onRead(/*initial*/ false, ok, spans);
-                State::pump(state);
-            });
+        m_state->storage->getDataAddresses(m_state->host,
+                                           [state = m_state](bool ok, std::vector<DataInfo> spans) {
+                                               state->onRead(/*initial*/ false, ok, spans);
+                                               State::pump(state);
+                                           });
     }
     State::pump(m_state);
 }
@@ -453,8 +456,8 @@ void DataAddressRecorder::stop()
     KEST_DEBUG(m_state->tag, "Saving the last %1 data addresses", spans.size());
     m_state->storage->appendDataAddresses(
         spans, m_state->host,
-        [state = m_state, batch = std::move(batch)](
-            AbstractDataDistributionStorage::AppendResult result) {
+        [state = m_state,
+         batch = std::move(batch)](AbstractDataDistributionStorage::AppendResult result) {
             state->onSaved(batch, std::move(result));
         });
 }

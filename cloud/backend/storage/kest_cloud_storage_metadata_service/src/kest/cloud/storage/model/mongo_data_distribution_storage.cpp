@@ -210,7 +210,7 @@ kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildSaveTask(
     return [this, requests = buildSaveRequest(data, host), data,
             handler = std::move(handler)]() mutable {
         // A throwing handler must not be called a second time: it is called outside the save.
-        if (!executeSave(requests, data).failed.empty())
+        if (executeSave(requests, data))
             handler(data);
     };
 }
@@ -225,8 +225,9 @@ mongo::Document MongoDataDistributionStorage::spanDocument(const ZuTimePeriod& p
     return span;
 }
 
-AbstractDataDistributionStorage::AppendResult MongoDataDistributionStorage::executeSave(
-    const std::vector<mongo::UpdateOne>& requests, const std::vector<DataInfo>& data) const
+std::optional<AbstractDataDistributionStorage::AppendResult>
+MongoDataDistributionStorage::executeSave(const std::vector<mongo::UpdateOne>& requests,
+                                          const std::vector<DataInfo>& data) const
 {
     try {
         const mongo::PooledClient client = getClient();
@@ -242,7 +243,7 @@ AbstractDataDistributionStorage::AppendResult MongoDataDistributionStorage::exec
                              "+ upserted(%3) != num of items to save(%4)",
                              data, result->modified, result->upserted, data.size());
             }
-            return {};
+            return std::nullopt;
         }
         KEST_ERROR(this, "saving data( %1 ) to MongoDB failed", data);
     } catch (const mongo::Error& e) {
@@ -259,13 +260,14 @@ AbstractDataDistributionStorage::AppendResult MongoDataDistributionStorage::exec
             }
             countFailure(dataAddressSave);
             // The bulk write is ordered: the server applied the operations before this one.
-            return {{data.begin() + static_cast<std::ptrdiff_t>(*index), data.end()}, true};
+            return AppendResult{{data.begin() + static_cast<std::ptrdiff_t>(*index), data.end()},
+                                true};
         }
     } catch (const std::exception& e) {
         KEST_ERROR(this, "exception while saving data( %1 ) to MongoDb, %2", data, e.what());
     }
     countFailure(dataAddressSave);
-    return {data, false};
+    return AppendResult{data, false};
 }
 
 void MongoDataDistributionStorage::appendDataAddresses(const std::vector<DataInfo>& data,
@@ -273,7 +275,9 @@ void MongoDataDistributionStorage::appendDataAddresses(const std::vector<DataInf
                                                        MoveOnlyFunc<void(AppendResult)> handler)
 {
     startTask([this, requests = buildSaveRequest(data, host), data,
-               handler = std::move(handler)]() mutable { handler(executeSave(requests, data)); });
+               handler = std::move(handler)]() mutable {
+        handler(executeSave(requests, data).value_or(AppendResult{}));
+    });
 }
 
 void MongoDataDistributionStorage::getDataAddresses(
@@ -296,9 +300,9 @@ void MongoDataDistributionStorage::getDataAddresses(
                     try {
                         if (span.getString(kNode) != host)
                             continue;
-                        spans.push_back({deviceId, ZuTimePeriod::fromInterval(
-                                                       span.getDateTimeMs(kTimeFrom),
-                                                       span.getDateTimeMs(kTimeTill))});
+                        spans.push_back(
+                            {deviceId, ZuTimePeriod::fromInterval(span.getDateTimeMs(kTimeFrom),
+                                                                  span.getDateTimeMs(kTimeTill))});
                     } catch (const mongo::Error&) {
                     }
                 }
@@ -356,7 +360,8 @@ void MongoDataDistributionStorage::replaceDataAddresses(const std::string& devic
             if (ok && pull)
                 ok = collection.updateOne(filter, *pull, /*upsert*/ false).has_value();
             if (!ok)
-                KEST_WARNING(this, "Replacing data addresses of device %1 changed nothing", deviceId);
+                KEST_WARNING(this, "Replacing data addresses of device %1 changed nothing",
+                             deviceId);
         } catch (const std::exception& e) {
             KEST_ERROR(this, "Replacing data addresses of device %1 failed: %2", deviceId,
                        e.what());
@@ -486,8 +491,9 @@ std::vector<std::pair<std::string, std::uint64_t>> MongoDataDistributionStorage:
     const
 {
     static constexpr std::array<const char*, operationCount> kNames = {
-        "node_lookup",       "data_address_save",    "load_lookup",
-        "load_save",         "mapping_lookup",       "data_address_read",
+        "node_lookup",          "data_address_save",
+        "load_lookup",          "load_save",
+        "mapping_lookup",       "data_address_read",
         "data_address_replace", "data_address_document_too_large"};
     std::vector<std::pair<std::string, std::uint64_t>> result;
     for (std::size_t i = 0; i < kNames.size(); ++i)

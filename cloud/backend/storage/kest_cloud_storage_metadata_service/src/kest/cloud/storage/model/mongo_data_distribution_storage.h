@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -143,9 +144,9 @@ private:
     };
 
     MongoDataDistributionStorage(const std::string& uri, const std::string& source);
-    /** Runs the bulk write of a save, logs what failed; the outcome. */
-    AppendResult executeSave(const std::vector<mongo::UpdateOne>& requests,
-                             const std::vector<DataInfo>& data) const;
+    /** Runs the bulk write of a save and logs what failed; what failed, nothing on success. */
+    std::optional<AppendResult> executeSave(const std::vector<mongo::UpdateOne>& requests,
+                                            const std::vector<DataInfo>& data) const;
     /** A stored span, with its fields in the order every span is written in. */
     static mongo::Document spanDocument(const ZuTimePeriod& period, const std::string& host);
     /** One relaxed add, on the storage's threads, where each failure is logged. */
