@@ -351,8 +351,8 @@ int run(const Options& options, const fs::path& work)
 
     int status = 0;
     using kest::bench::Figure;
-    const std::string section =
-        "cluster: a device's data addresses over " + std::to_string(options.days) + " days";
+    const std::string section = "cluster: a device's data addresses";
+    const std::string after = " after " + std::to_string(options.days) + " days";
     for (const Scenario& scenario : scenarios) {
         const Outcome outcome = simulate(options, scenario, node, *entry);
         const double kib = outcome.documentBytes / 1024.0;
@@ -366,13 +366,14 @@ int run(const Options& options, const fs::path& work)
         }
         const std::string name = scenario.name;
         recordFigure(
-            Figure::measured(section, name + ": document size", kib, "KiB")
+            Figure::measured(section, name + ": document size" + after, kib, "KiB")
                 .atMost(64)
                 .withNote(std::to_string(outcome.documentSpans) +
                           " spans; a distributed search naming the device reads it whole"));
-        recordFigure(Figure::measured(section, name + ": distributed search, median", p50, "ms")
-                         .atMost(10)
-                         .withNote("the newest minute, through the node the spans name"));
+        recordFigure(
+            Figure::measured(section, name + ": distributed search, median" + after, p50, "ms")
+                .atMost(10)
+                .withNote("the newest minute, through the node the spans name"));
         recordFigure(
             Figure::measured(section, name + ": spans added per device-hour", outcome.spansPerHour,
                              "")

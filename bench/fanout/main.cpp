@@ -233,15 +233,23 @@ void printRow(const char* name, const kest::bench::LatencyStats& stats)
                 ms(stats.percentile(99)), ms(stats.percentile(100)));
 }
 
+/** Times from the save's answer and from the commit to found through another instance. */
+struct Freshness
+{
+    kest::bench::LatencyStats fromSave;
+    kest::bench::LatencyStats fromCommit;
+    int missed = 0;
+};
+
 /**
  * How soon a packet saved into one instance is found by a distributed search through another:
- * one new device at a time, its packet stamped now, searched for until found. The time counts
- * from the save's answer, before the commit, so it bounds the time from the commit.
+ * one new device at a time, its packet stamped now. The commit is when the saving instance's
+ * internal lookup first finds it; then the other instance is asked until it finds it too.
  */
-kest::bench::LatencyStats measureFreshness(Instance& saved, Instance& searched, int devices,
-                                           int* missed)
+Freshness measureFreshness(Instance& saved, Instance& searched, int devices)
 {
-    kest::bench::LatencyStats found;
+    Freshness result;
+    constexpr auto kGiveUp = 30s;
     for (int d = 0; d < devices; ++d) {
         const std::int64_t nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                                        std::chrono::system_clock::now().time_since_epoch())
@@ -260,21 +268,33 @@ kest::bench::LatencyStats measureFreshness(Instance& saved, Instance& searched, 
         DataRequestData search;
         search.filter.deviceIds = {packet.deviceId};
         search.filter.timePeriod = ZuTimePeriod(nowMs - 1'000, 60'000);
+        auto local = search;
+        local.internal_lookup = true;
         if (std::get<0>(saved.client->saveDataSync({packet})) != StatusCode::ok) {
-            ++*missed;
+            ++result.missed;
             continue;
         }
-        const auto started = Clock::now();
-        while (std::get<1>(searched.client->getDataSync(search)).empty()) {
-            if (Clock::now() - started > 30s) {
-                ++*missed;
-                break;
+        const auto savedAt = Clock::now();
+        const auto foundBy = [&](Instance& instance, const DataRequestData& request) {
+            while (std::get<1>(instance.client->getDataSync(request)).empty()) {
+                if (Clock::now() - savedAt > kGiveUp)
+                    return false;
             }
+            return true;
+        };
+        if (!foundBy(saved, local)) {
+            ++result.missed;
+            continue;
         }
-        if (Clock::now() - started <= 30s)
-            found.add(Clock::now() - started);
+        const auto committedAt = Clock::now();
+        if (!foundBy(searched, search)) {
+            ++result.missed;
+            continue;
+        }
+        result.fromSave.add(Clock::now() - savedAt);
+        result.fromCommit.add(Clock::now() - committedAt);
     }
-    return found;
+    return result;
 }
 
 /** Starts the instances, fills them, measures and prints; the exit status. */
@@ -360,13 +380,20 @@ int run(const Options& options, const fs::path& work)
         local.internal_lookup = true;
         if (idsFound(local, single).size() != tracks)
             return false;
-        for (const std::int64_t second : {0, options.packetsPerDevice - 1}) {
-            auto edge = all;
-            edge.filter.timePeriod = ZuTimePeriod(kStartMs + second * 1'000, 1'000);
-            auto localEdge = edge;
-            localEdge.internal_lookup = true;
-            if (idsFound(edge, *cluster[0]) != idsFound(localEdge, single))
-                return false;
+        // Device by device: an instance asked for several devices answers for all that it
+        // holds, so a search for all of them finds everything once any span is recorded.
+        for (const auto& group : devices) {
+            for (const ZuUuid& device : group) {
+                for (const std::int64_t second : {0, options.packetsPerDevice - 1}) {
+                    DataRequestData edge;
+                    edge.filter.deviceIds = {device};
+                    edge.filter.timePeriod = ZuTimePeriod(kStartMs + second * 1'000, 1'000);
+                    auto localEdge = edge;
+                    localEdge.internal_lookup = true;
+                    if (idsFound(edge, *cluster[0]) != idsFound(localEdge, single))
+                        return false;
+                }
+            }
         }
         return true;
     };
@@ -464,20 +491,20 @@ int run(const Options& options, const fs::path& work)
                 asked / n);
     std::printf("answers that differed from the internal lookup: %zu\n", differing);
 
-    int missed = 0;
-    const auto fresh = measureFreshness(*cluster[0], *cluster[1], options.freshDevices, &missed);
+    const auto fresh = measureFreshness(*cluster[0], *cluster[1], options.freshDevices);
     if (options.freshDevices > 0) {
         std::printf(
             "\nA packet of a new device saved into one instance, found through another "
-            "(%d devices,\none at a time; from the save's answer; lease length F = %lld "
-            "s, the default):\n",
+            "(%d devices,\none at a time; the commit is when that instance first finds it; "
+            "lease length F = %lld s,\nthe default):\n",
             options.freshDevices,
             static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
                                        conf::ClusterSettings::kDefaultDataAddressFlushInterval)
                                        .count()));
         std::printf("%-44s %8s %8s %8s\n", "", "p50 ms", "p99 ms", "max ms");
-        printRow("saved to found through another instance", fresh);
-        std::printf("not found within 30 s: %d\n", missed);
+        printRow("committed to found through another instance", fresh.fromCommit);
+        printRow("saved to found through another instance", fresh.fromSave);
+        std::printf("not found within 30 s: %d\n", fresh.missed);
     }
 
     using kest::bench::Figure;
@@ -499,18 +526,21 @@ int run(const Options& options, const fs::path& work)
         Figure::measured(section, "added p50, address lookup answered at once", addedInstant, "ms")
             .withNote("the fan-out and merge alone"));
     if (options.freshDevices > 0) {
-        const std::string freshNote = std::to_string(options.freshDevices) +
-                                      " new devices, at the default lease length" +
-                                      (missed ? ", " + std::to_string(missed) + " not found" : "");
-        recordFigure(Figure::measured(section, "saved to found through another instance, p50",
-                                      ms(fresh.percentile(50)), "ms")
+        const std::string freshNote =
+            std::to_string(options.freshDevices) + " new devices, at the default lease length" +
+            (fresh.missed ? ", " + std::to_string(fresh.missed) + " not found" : "");
+        recordFigure(Figure::measured(section, "committed to found through another instance, p50",
+                                      ms(fresh.fromCommit.percentile(50)), "ms")
                          .withNote(freshNote));
-        recordFigure(Figure::measured(section, "saved to found through another instance, p99",
-                                      ms(fresh.percentile(99)), "ms")
+        recordFigure(Figure::measured(section, "committed to found through another instance, p99",
+                                      ms(fresh.fromCommit.percentile(99)), "ms")
                          .atMost(5'000)
                          .withNote(freshNote));
+        recordFigure(Figure::measured(section, "saved to found through another instance, p99",
+                                      ms(fresh.fromSave.percentile(99)), "ms")
+                         .withNote("the commit included"));
     }
-    return differing == 0 && missed == 0 ? 0 : 1;
+    return differing == 0 && fresh.missed == 0 ? 0 : 1;
 }
 
 }  // namespace
