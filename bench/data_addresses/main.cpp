@@ -137,15 +137,16 @@ public:
                 end();
             });
     }
-    void getDataAddresses(const std::string& host,
+    void getDataAddresses(const std::string& host, const std::vector<std::string>& deviceIds,
                           MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler) override
     {
         begin();
-        target().getDataAddresses(host, [this, handler = std::move(handler)](
-                                            bool ok, std::vector<DataInfo> spans) mutable {
-            handler(ok, std::move(spans));
-            end();
-        });
+        target().getDataAddresses(
+            host, deviceIds,
+            [this, handler = std::move(handler)](bool ok, std::vector<DataInfo> spans) mutable {
+                handler(ok, std::move(spans));
+                end();
+            });
     }
     void replaceDataAddresses(const std::string& deviceId, const std::string& host,
                               const std::vector<ZuTimePeriod>& add,

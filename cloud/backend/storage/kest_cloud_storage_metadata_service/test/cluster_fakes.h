@@ -57,18 +57,19 @@ public:
         handler({});
     }
 
-    void getDataAddresses(const std::string& host,
+    void getDataAddresses(const std::string& host, const std::vector<std::string>& deviceIds,
                           MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler) override
     {
         std::vector<DataInfo> spans;
         {
             std::lock_guard lock(m_mutex);
             ++m_reads;
+            m_readDevices.push_back(deviceIds);
             if (m_holdReads) {
-                m_heldReads.push_back({host, std::move(handler)});
+                m_heldReads.push_back({host, deviceIds, std::move(handler)});
                 return;
             }
-            spans = spansOf(host);
+            spans = spansOf(host, deviceIds);
         }
         handler(true, std::move(spans));
     }
@@ -141,7 +142,7 @@ public:
             held = std::move(m_heldReads.front());
             m_heldReads.pop_front();
             if (ok)
-                spans = spansOf(held.host);
+                spans = spansOf(held.host, held.deviceIds);
         }
         held.handler(ok, std::move(spans));
     }
@@ -184,6 +185,12 @@ public:
         std::lock_guard lock(m_mutex);
         return m_reads;
     }
+    /** The devices that each read named; empty: every device. */
+    std::vector<std::vector<std::string>> readDevices() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_readDevices;
+    }
     int replaces() const
     {
         std::lock_guard lock(m_mutex);
@@ -205,6 +212,7 @@ private:
     struct HeldRead
     {
         std::string host;
+        std::vector<std::string> deviceIds;
         MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler;
     };
 
@@ -213,10 +221,13 @@ private:
         for (const auto& item : items)
             m_documents[item.deviceId].push_back({item.timePeriod, host});
     }
-    std::vector<DataInfo> spansOf(const std::string& host) const
+    std::vector<DataInfo> spansOf(const std::string& host,
+                                  const std::vector<std::string>& deviceIds) const
     {
         std::vector<DataInfo> spans;
         for (const auto& [deviceId, document] : m_documents) {
+            if (!deviceIds.empty() && std::ranges::find(deviceIds, deviceId) == deviceIds.end())
+                continue;
             for (const auto& span : document) {
                 if (span.node == host)
                     spans.push_back({deviceId, span.period});
@@ -234,6 +245,7 @@ private:
     std::deque<HeldAppend> m_heldAppends;
     std::deque<HeldRead> m_heldReads;
     int m_reads = 0;
+    std::vector<std::vector<std::string>> m_readDevices;
     int m_replaces = 0;
 };
 

@@ -281,6 +281,9 @@ TEST_F(DataAddressRecorderTest, CompactionKeepsTheDocumentSmallAndEveryCommitCov
         stream(*recorder, kDeviceA, 1'000);
     EXPECT_GT(m_storage.replaces(), 40);
     EXPECT_GE(m_storage.reads(), 48);
+    const auto reads = m_storage.readDevices();
+    EXPECT_TRUE(reads.front().empty()) << "at start, every document that names this instance";
+    EXPECT_EQ(reads.back(), std::vector<std::string>{idOf(kDeviceA)}) << "then its own devices'";
     const auto spans = m_storage.document(idOf(kDeviceA));
     // Under two hours of leases, hours of the last day, and the first day.
     EXPECT_LE(spans.size(), 2 * 12 + 24 + 1u);

@@ -55,10 +55,11 @@ protected:
         return answer(promise);
     }
 
-    std::pair<bool, std::vector<DataInfo>> read(const std::string& node)
+    std::pair<bool, std::vector<DataInfo>> read(const std::string& node,
+                                                const std::vector<std::string>& devices = {})
     {
         std::promise<std::pair<bool, std::vector<DataInfo>>> promise;
-        m_storage->getDataAddresses(node, [&](bool ok, std::vector<DataInfo> spans) {
+        m_storage->getDataAddresses(node, devices, [&](bool ok, std::vector<DataInfo> spans) {
             promise.set_value({ok, std::move(spans)});
         });
         return answer(promise);
@@ -120,6 +121,11 @@ TEST_F(MongoSpanWritesTest, AppendedSpansOfANodeReadBack)
     EXPECT_EQ(read, expected);
     EXPECT_EQ(this->read(uniqueName("http://nobody")),
               std::make_pair(true, std::vector<DataInfo>()));
+
+    // Named devices are read by their ids, and still only this node's spans of them.
+    auto [namedOk, named] = this->read(node, {second, uniqueName("dev")});
+    ASSERT_TRUE(namedOk);
+    EXPECT_EQ(named, std::vector<DataInfo>{spans[1]});
 }
 
 // The new span is stored before the old ones go; they go by value, every copy, and only this

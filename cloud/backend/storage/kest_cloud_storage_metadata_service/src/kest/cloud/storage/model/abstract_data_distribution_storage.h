@@ -82,8 +82,12 @@ public:
         handler({data, false});
     }
 
-    /** Every span whose node is `host`, of every device, in stored order. */
+    /**
+     * Every span whose node is `host` of the given devices, or of every device when none is
+     * given, in stored order.
+     */
     virtual void getDataAddresses(const std::string& /*host*/,
+                                  const std::vector<std::string>& /*deviceIds*/,
                                   MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler)
     {
         handler(false, {});

@@ -363,7 +363,8 @@ void DataAddressRecorder::start()
         m_state->phase = State::Phase::loading;
         m_state->compacting = true;
     }
-    m_state->storage->getDataAddresses(m_state->host,
+    // Every device's document that names this instance: the devices are not known yet.
+    m_state->storage->getDataAddresses(m_state->host, {},
                                        [state = m_state](bool ok, std::vector<DataInfo> spans) {
                                            state->onRead(/*initial*/ true, ok, spans);
                                            State::pump(state);
@@ -405,17 +406,22 @@ void DataAddressRecorder::setOldestKept(system_clock::time_point time)
 
 void DataAddressRecorder::tick()
 {
-    bool compact = false;
+    // The devices whose spans this instance knows of: those it read at start and those it
+    // recorded since. Others' documents are not read again.
+    std::vector<std::string> devices;
     {
         std::lock_guard lock(m_state->mutex);
+        const auto now = m_state->now();
         if (m_state->phase == State::Phase::running && !m_state->compacting &&
-            m_state->now() >= m_state->nextCompaction) {
-            m_state->compacting = true;
-            compact = true;
+            now >= m_state->nextCompaction) {
+            for (const auto& [deviceId, periods] : m_state->recorded)
+                devices.push_back(deviceId);
+            m_state->compacting = !devices.empty();
+            m_state->nextCompaction = now + m_state->options.compactionInterval;
         }
     }
-    if (compact) {
-        m_state->storage->getDataAddresses(m_state->host,
+    if (!devices.empty()) {
+        m_state->storage->getDataAddresses(m_state->host, devices,
                                            [state = m_state](bool ok, std::vector<DataInfo> spans) {
                                                state->onRead(/*initial*/ false, ok, spans);
                                                State::pump(state);

@@ -281,29 +281,44 @@ void MongoDataDistributionStorage::appendDataAddresses(const std::vector<DataInf
 }
 
 void MongoDataDistributionStorage::getDataAddresses(
-    const std::string& host, MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler)
+    const std::string& host, const std::vector<std::string>& deviceIds,
+    MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler)
 {
-    startTask([this, host, handler = std::move(handler)]() mutable {
+    // Known devices are found by "DeviceId", as searches find them; the others only by a scan.
+    std::vector<mongo::Document> filters;
+    if (deviceIds.empty()) {
+        filters.emplace_back().appendString(kStorageInfo + "." + kNode, host);
+    }
+    for (std::size_t first = 0; first < deviceIds.size(); first += kDeviceIdsPerRead) {
+        const auto begin = deviceIds.begin() + static_cast<std::ptrdiff_t>(first);
+        const auto end = deviceIds.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                                 deviceIds.size(), first + kDeviceIdsPerRead));
+        mongo::Document in;
+        in.appendStringArray("$in", std::vector<std::string>(begin, end));
+        filters.emplace_back().appendDocument(kDeviceId, in);
+    }
+    startTask([this, host, filters = std::move(filters), handler = std::move(handler)]() mutable {
         std::vector<DataInfo> spans;
         bool ok = true;
         try {
             const mongo::PooledClient client = getClient();
             const mongo::Collection collection =
                 client.collection(m_dbName, kDataDistributionCollection);
-            mongo::Document filter;
-            filter.appendString(kStorageInfo + "." + kNode, host);
-            mongo::Cursor cursor = collection.find(filter);
-            while (const auto document = cursor.next()) {
-                const std::string deviceId = document->getString(kDeviceId);
-                for (const mongo::DocumentView& span : document->getDocumentArray(kStorageInfo)) {
-                    // Another writer's span of another shape is no reason to fail the others.
-                    try {
-                        if (span.getString(kNode) != host)
-                            continue;
-                        spans.push_back(
-                            {deviceId, ZuTimePeriod::fromInterval(span.getDateTimeMs(kTimeFrom),
-                                                                  span.getDateTimeMs(kTimeTill))});
-                    } catch (const mongo::Error&) {
+            for (const mongo::Document& filter : filters) {
+                mongo::Cursor cursor = collection.find(filter);
+                while (const auto document = cursor.next()) {
+                    const std::string deviceId = document->getString(kDeviceId);
+                    for (const mongo::DocumentView& span :
+                         document->getDocumentArray(kStorageInfo)) {
+                        // Another writer's span of another shape is no reason to fail the others.
+                        try {
+                            if (span.getString(kNode) != host)
+                                continue;
+                            spans.push_back({deviceId, ZuTimePeriod::fromInterval(
+                                                           span.getDateTimeMs(kTimeFrom),
+                                                           span.getDateTimeMs(kTimeTill))});
+                        } catch (const mongo::Error&) {
+                        }
                     }
                 }
             }

@@ -60,6 +60,8 @@ public:
      * the instance's own background writes (load, data addresses) for many times that.
      */
     static constexpr int kMaxConcurrentOperations = 16;
+    /** Devices named in one query of getDataAddresses, to keep the query well under 16 MiB. */
+    static constexpr std::size_t kDeviceIdsPerRead = 1'000;
 
     /**
      * Connects through "MongoDb/uri" when set, else through the URI built from the other keys.
@@ -91,8 +93,12 @@ public:
     /** The same bulk write as saveDataAddress. */
     void appendDataAddresses(const std::vector<DataInfo>& data, const std::string& host,
                              MoveOnlyFunc<void(AppendResult)> handler) override;
-    /** Reads every document that names `host`; malformed spans are left out. */
-    void getDataAddresses(const std::string& host,
+    /**
+     * Reads the devices' documents, kDeviceIdsPerRead at a time, or every document that names
+     * `host` (a whole scan of the collection, without an index of its own); malformed spans are
+     * left out.
+     */
+    void getDataAddresses(const std::string& host, const std::vector<std::string>& deviceIds,
                           MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler) override;
     /** A "$push" of all `add` spans at once, then a "$pullAll" of the `remove` spans. */
     void replaceDataAddresses(const std::string& deviceId, const std::string& host,
