@@ -29,6 +29,11 @@ public:
     const kest::analytics::db::Settings& analyticsDb() const { return m_analyticsDb; }
     const DDSConnetionSettings& ddsConnection() const { return m_ddsConnection; }
     const ClusterSettings& cluster() const { return m_cluster; }
+    /**
+     * "http/serveDocs": whether the interactive API documentation and the OpenAPI description
+     * are served under /metadataDb/v1/docs/ (true, the default, or false).
+     */
+    bool serveDocs() const { return m_serveDocs; }
 
 protected:
     void loadSettings() override;
@@ -40,6 +45,7 @@ private:
     kest::analytics::db::Settings m_analyticsDb;
     DDSConnetionSettings m_ddsConnection;
     ClusterSettings m_cluster;
+    bool m_serveDocs = true;
 };
 
 }  // namespace kest::cloud::storage::metadatadb::conf

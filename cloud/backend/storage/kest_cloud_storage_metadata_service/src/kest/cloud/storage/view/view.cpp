@@ -19,6 +19,8 @@
 #include <kest/utils/metrics/process_statistics.h>
 #include <kest/utils/metrics/registry.h>
 
+#include "docs_handler.h"
+
 namespace kest::cloud::storage::metadatadb {
 
 using namespace kest::network::http;
@@ -110,11 +112,16 @@ void View::respondOk(RequestContext /*requestContext*/,
 
 void View::registerApiHandlers(Model& model)
 {
-    registerApiHandler<DataSaverController>(kDataHandlerPath, "POST", model.getAnalyticsStorage());
+    registerApiHandler<DataSaverController>(kDataHandlerPath, "POST", model.getAnalyticsStorage(),
+                                            &model.metrics());
     registerApiHandler<DataProviderController>(kDataHandlerPath, "GET", std::ref(model));
     registerApiHandler<InstanceSelector>(kOptimalInstancePath, "GET", std::ref(model));
     registerApiHandler<PingHandler>(kPingPath, "POST", this);
     registerApiHandler<MetricsHandler>(kMetricsPath, "GET", &model.metrics().registry());
+    if (m_settings.serveDocs()) {
+        registerApiHandler<DocsHandler>(kDocsPath, "GET");
+        registerApiHandler<DocsRedirectHandler>(kDocsDirectoryPath, "GET");
+    }
 }
 
 void View::registerMetricSources(Model& model)

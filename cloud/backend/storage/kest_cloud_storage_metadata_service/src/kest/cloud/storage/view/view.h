@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -65,17 +66,18 @@ private:
     void registerMetricSources(Model& model);
 
     /**
-     * Routes (path, method) to a new `Controller(arg)` per request. `arg` is kept by value in
-     * the route; pass objects that controllers share by pointer or with std::ref.
+     * Routes (path, method) to a new `Controller(args...)` per request. The arguments are kept by
+     * value in the route; pass objects that controllers share by pointer or with std::ref.
      */
-    template <typename Controller, typename Arg>
-    void registerApiHandler(const char* path, const char* method, Arg&& arg)
+    template <typename Controller, typename... Args>
+    void registerApiHandler(const char* path, const char* method, Args&&... args)
     {
         registerRequestProcessor(
             path,
-            [arg = std::decay_t<Arg>(std::forward<Arg>(
-                 arg))]() -> std::unique_ptr<kest::network::http::AbstractRequestHandler> {
-                return std::make_unique<Controller>(arg);
+            [args = std::tuple<std::decay_t<Args>...>(std::forward<Args>(
+                 args)...)]() -> std::unique_ptr<kest::network::http::AbstractRequestHandler> {
+                return std::apply(
+                    [](const auto&... arg) { return std::make_unique<Controller>(arg...); }, args);
             },
             method);
     }
