@@ -329,8 +329,10 @@ Commands:
   save [FILE]               Save object-metadata packets: a JSON list of packets (or one packet)
                             from FILE, or from standard input when FILE is absent or "-".
   search [OPTIONS]          Search tracks. Every instance that holds data of the devices for the
-                            period is asked, unless --internal is given. Prints the tracks as JSON,
-                            or as a table when standard output is a terminal.
+                            period is asked, unless --internal is given; without --device such a
+                            distributed search finds nothing ([]), as data is recorded per
+                            device. Prints the tracks as JSON, or as a table when standard output
+                            is a terminal.
   errors [DEVICE...]        The periods whose saving failed, per device (every device when none
                             is named).
   optimal-instance          The base URL of the least loaded instance.
@@ -348,7 +350,7 @@ Options of every command:
   -h, --help                This text.
 
 Search options (each optional; repeated ones select any of their values):
-  --device ID               A device (camera) id; repeatable.
+  --device ID               A device (camera) id; repeatable. Needed unless --internal.
   --type TYPE               An object type, such as person; repeatable.
   --track ID                One track.
   --from TIME, --to TIME    The period. TIME: milliseconds since 1970, or ISO 8601 such as

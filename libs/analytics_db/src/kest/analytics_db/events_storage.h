@@ -66,6 +66,7 @@ public:
     void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) override;
     void lookup(Filter filter, LookupHandler completionHandler) override;
     void setOnCommitHandler(CommitHandler handler) override;
+    void setOnRetentionHandler(RetentionHandler handler) override;
     void flush() override;
     /** The store's size and free space are measured by the writer, at most once a second. */
     StorageStatistics statistics() const override;
@@ -142,6 +143,9 @@ private:
     bool m_lookupsStopping = false;
     std::vector<std::unique_ptr<TrackReader>> m_readers;
     std::vector<std::thread> m_lookupThreads;
+
+    Mutex m_retentionHandlerMutex;
+    RetentionHandler m_retentionHandler;
 
     PeriodsNotifier m_commitNotifier{PeriodsNotifier::WithoutHandler::drop};
     PeriodsNotifier m_notifier{PeriodsNotifier::WithoutHandler::keep};
