@@ -67,6 +67,7 @@ public:
     void lookup(Filter filter, LookupHandler completionHandler) override;
     void countActivity(ActivityQuery query, ActivityHandler completionHandler) override;
     void setOnCommitHandler(CommitHandler handler) override;
+    void setOnRetentionHandler(RetentionHandler handler) override;
     void flush() override;
     /** The store's size and free space are measured by the writer, at most once a second. */
     StorageStatistics statistics() const override;
@@ -141,6 +142,9 @@ private:
     bool m_lookupsStopping = false;
     std::vector<std::unique_ptr<TrackReader>> m_readers;
     std::vector<std::thread> m_lookupThreads;
+
+    Mutex m_retentionHandlerMutex;
+    RetentionHandler m_retentionHandler;
 
     PeriodsNotifier m_commitNotifier{PeriodsNotifier::WithoutHandler::drop};
     PeriodsNotifier m_notifier{PeriodsNotifier::WithoutHandler::keep};
