@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
+#include <atomic>
 #include <future>
 #include <random>
+#include <thread>
 
 #include <kest/analytics_db/activity_histogram.h>
+#include <kest/analytics_db/activity_index.h>
 #include <kest/analytics_db/events_storage.h>
 
 namespace kest::analytics::db::test {
@@ -131,6 +134,16 @@ TEST(ActivityHistogramTest, BucketEdgesAndLongTracks)
     EXPECT_EQ(activity.buckets[9].byType,
               (std::map<std::string, std::int64_t>{{"car", 1}, {"person", 1}}));
     EXPECT_FALSE(activity.heatmap);
+
+    // Far from 1970 the offsets pass what a double holds exactly: the buckets are still exact.
+    const std::int64_t farMs = -(std::int64_t{1} << 53);
+    ActivityHistogram far(queryOf(farMs, 10 * 100'000, 100'000));
+    const std::size_t bus = far.typeIndex("bus");
+    far.addMs(bus, farMs + 100'000, farMs + 199'999);        // exactly bucket 1
+    far.addMs(bus, farMs + 999'999, std::int64_t{1} << 62);  // the last, and far past it
+    far.addMs(bus, std::numeric_limits<std::int64_t>::min(), farMs - 1);   // before the first
+    far.add(bus, (farMs + 300'000) * 1000 - 1, (farMs + 300'000) * 1000);  // 2 and 3, to the µs
+    EXPECT_EQ(totals(far.result()), (std::vector<std::int64_t>{0, 1, 1, 1, 0, 0, 0, 0, 0, 1}));
 }
 
 // Types beyond those with a row of their own are summed from their tracks' ranges; both ways
@@ -178,6 +191,108 @@ TEST(ActivityHistogramTest, AnyNumberOfTypesCountsAlikeAndAsTheSlowWay)
         for (const auto& answer : answers)
             ASSERT_EQ(answer, expected) << "round " << round;
     }
+}
+
+std::vector<std::pair<std::int64_t, std::int64_t>> rowsAndFirsts(const ActivityIndex& index)
+{
+    std::vector<std::pair<std::int64_t, std::int64_t>> rows;
+    ActivityIndex::Reader(index).forEach(
+        [&](std::int64_t rowId, const ActivityIndex::Entry& entry) {
+            rows.emplace_back(rowId, entry.firstMs);
+        });
+    return rows;
+}
+
+TEST(ActivityIndexTest, RowsCountOnceTheirCommitIsPublished)
+{
+    ActivityIndex index;
+    EXPECT_FALSE(ActivityIndex::Reader(index).usable()) << "not before it was loaded";
+    const auto entry = [](std::int64_t firstMs) {
+        ActivityIndex::Entry e;
+        e.firstMs = firstMs;
+        e.lastMs = firstMs + 10;
+        return e;
+    };
+    for (std::int64_t row = 10; row < 15; ++row)
+        index.stage(row, entry(row * 100));
+    index.publish(1);
+    {
+        ActivityIndex::Reader reader(index);
+        EXPECT_TRUE(reader.usable());
+        EXPECT_EQ(reader.seq(), 1);
+        EXPECT_EQ(reader.size(), 5u);
+        ASSERT_TRUE(reader.find(12));
+        EXPECT_EQ(reader.find(12)->firstMs, 1200);
+        EXPECT_FALSE(reader.find(9));
+        EXPECT_FALSE(reader.find(15));
+    }
+
+    // A failed transaction changes nothing; a committed one replaces, adds and removes.
+    index.stage(20, entry(1));
+    index.stageRemoval(11);
+    index.discardStaged();
+    EXPECT_EQ(rowsAndFirsts(index).size(), 5u);
+    index.stage(12, entry(7));   // rewritten
+    index.stage(20, entry(20));  // beyond a gap of rows still open
+    index.stageRemoval(10);      // the oldest, as retention removes them
+    index.stageRemoval(11);
+    index.stageRemoval(99);  // never there
+    index.publish(2);
+    EXPECT_EQ(rowsAndFirsts(index), (std::vector<std::pair<std::int64_t, std::int64_t>>{
+                                        {12, 7}, {13, 1300}, {14, 1400}, {20, 20}}));
+    EXPECT_EQ(ActivityIndex::Reader(index).size(), 4u);
+
+    // A row older than any held (a late packet of a deleted track) and emptying it all.
+    index.stage(3, entry(3));
+    index.publish(3);
+    EXPECT_EQ(rowsAndFirsts(index).front(), (std::pair<std::int64_t, std::int64_t>{3, 3}));
+    for (const std::int64_t row : {3, 12, 13, 14, 20})
+        index.stageRemoval(row);
+    index.publish(4);
+    EXPECT_TRUE(rowsAndFirsts(index).empty());
+    EXPECT_EQ(ActivityIndex::Reader(index).size(), 0u);
+
+    index.disable();
+    index.publish(5);
+    EXPECT_FALSE(ActivityIndex::Reader(index).usable()) << "disabled until cleared";
+    index.clear();
+    index.publish(6);
+    EXPECT_TRUE(ActivityIndex::Reader(index).usable());
+}
+
+// The writer publishes while counts read: a reader sees one commit whole, never part of one.
+TEST(ActivityIndexTest, ReadersSeeWholeCommits)
+{
+    ActivityIndex index;
+    index.publish(0);
+    std::atomic<bool> stop{false};
+    std::thread writer([&]() {
+        for (std::int64_t seq = 1; !stop; ++seq) {
+            // Each commit moves the one row forward; a reader must never see two or none.
+            index.stageRemoval(seq - 1);
+            ActivityIndex::Entry entry;
+            entry.firstMs = seq;
+            index.stage(seq, entry);
+            index.publish(seq);
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    int reads = 0;
+    std::int64_t lastSeq = 0;
+    while (std::chrono::steady_clock::now() < deadline || reads < 100) {
+        ActivityIndex::Reader reader(index);
+        std::vector<std::int64_t> rows;
+        reader.forEach(
+            [&](std::int64_t rowId, const ActivityIndex::Entry&) { rows.push_back(rowId); });
+        if (reader.seq() > 0) {
+            ASSERT_EQ(rows, std::vector<std::int64_t>{reader.seq()});
+            ASSERT_GE(reader.seq(), lastSeq);
+            lastSeq = reader.seq();
+        }
+        ++reads;
+    }
+    stop = true;
+    writer.join();
 }
 
 ZuUuid numbered(const char* prefix, int n)

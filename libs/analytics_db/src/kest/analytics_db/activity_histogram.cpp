@@ -1,6 +1,7 @@
 #include "activity_histogram.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include <kest/utils/assert.h>
 
@@ -20,6 +21,7 @@ T floorDiv(T a, T b)
 ActivityHistogram::ActivityHistogram(const ActivityQuery& query, std::size_t denseTypes)
     : m_startMs(query.filter.timePeriod.startTimeMs),
       m_bucketMs(query.bucketMs),
+      m_inverseBucket(query.bucketMs > 0 ? 1.0 / static_cast<double>(query.bucketMs) : 0),
       m_count(query.isValid() ? query.bucketCount() : 0),
       m_heatmap(query.heatmap),
       m_denseTypes(denseTypes),
@@ -39,18 +41,36 @@ std::size_t ActivityHistogram::typeIndex(std::string_view type)
     return it->second;
 }
 
-std::int64_t ActivityHistogram::bucketOf(std::int64_t us) const
+std::int64_t ActivityHistogram::bucketOf(std::int64_t ms) const
 {
-    // Bucket edges are whole milliseconds, so the millisecond a time falls in decides its bucket.
-    const __int128 ms = floorDiv<std::int64_t>(us, 1000);
-    const __int128 bucket = floorDiv<__int128>(ms - m_startMs, m_bucketMs);
-    return static_cast<std::int64_t>(std::clamp<__int128>(bucket, -1, m_count));
+    std::int64_t offset = 0;
+    if (__builtin_sub_overflow(ms, m_startMs, &offset))
+        return ms < m_startMs ? -1 : m_count;
+    // Within 2^52 a double holds the offset exactly and its quotient is off by at most one.
+    constexpr std::int64_t kExact = std::int64_t{1} << 52;
+    std::int64_t bucket = 0;
+    if (offset > -kExact && offset < kExact) {
+        // Truncation rounds towards zero; the corrections make it round down, and exact.
+        bucket = static_cast<std::int64_t>(static_cast<double>(offset) * m_inverseBucket);
+        while (bucket * m_bucketMs > offset)
+            --bucket;
+        while ((bucket + 1) * m_bucketMs <= offset)
+            ++bucket;
+    } else {
+        bucket = floorDiv(offset, m_bucketMs);
+    }
+    return std::clamp<std::int64_t>(bucket, -1, m_count);
 }
 
 void ActivityHistogram::add(std::size_t typeIndex, std::int64_t firstUs, std::int64_t lastUs)
 {
-    const std::int64_t first = std::max<std::int64_t>(bucketOf(firstUs), 0);
-    const std::int64_t last = std::min(bucketOf(lastUs), m_count - 1);
+    addMs(typeIndex, msOf(firstUs), msOf(lastUs));
+}
+
+void ActivityHistogram::addMs(std::size_t typeIndex, std::int64_t firstMs, std::int64_t lastMs)
+{
+    const std::int64_t first = std::max<std::int64_t>(bucketOf(firstMs), 0);
+    const std::int64_t last = std::min(bucketOf(lastMs), m_count - 1);
     if (first > last || typeIndex >= m_types.size())
         return;
     ++m_starts[first];

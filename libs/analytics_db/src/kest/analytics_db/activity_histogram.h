@@ -37,6 +37,14 @@ public:
      * it overlaps; nothing when it overlaps none.
      */
     void add(std::size_t typeIndex, std::int64_t firstUs, std::int64_t lastUs);
+    /**
+     * The same with the milliseconds that hold the first and last appearance (rounded down):
+     * bucket edges being whole milliseconds, these decide the buckets alone.
+     */
+    void addMs(std::size_t typeIndex, std::int64_t firstMs, std::int64_t lastMs);
+
+    /** Rounded down, as addMs() wants them. */
+    static std::int64_t msOf(std::int64_t us) { return us / 1000 - (us % 1000 < 0 ? 1 : 0); }
 
     /** Counts the track's cells in the heatmap, if it was asked for. */
     void addCells(const BoundingBoxGrid& grid);
@@ -51,11 +59,13 @@ private:
         std::int32_t last = 0;
     };
 
-    /** The bucket holding `us`, not clipped to the buckets; saturating. */
-    std::int64_t bucketOf(std::int64_t us) const;
+    /** The bucket holding `ms`, clipped to -1 before the first and m_count past the last. */
+    std::int64_t bucketOf(std::int64_t ms) const;
 
     std::int64_t m_startMs = 0;
     std::int64_t m_bucketMs = 0;
+    /** 1 / m_bucketMs: a multiplication finds the bucket, far cheaper than a division. */
+    double m_inverseBucket = 0;
     std::int64_t m_count = 0;
     bool m_heatmap = false;
     std::size_t m_denseTypes = 0;
