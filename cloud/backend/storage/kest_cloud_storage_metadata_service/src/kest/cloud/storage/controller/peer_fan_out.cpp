@@ -22,7 +22,7 @@ PeerFanOut::~PeerFanOut()
 
 void PeerFanOut::start(const kest::analytics::db::Filter& filter, Ask ask, Finished finished)
 {
-    m_filterText = kest::analytics::db::toString(filter);
+    m_filter = filter;
     m_ask = std::move(ask);
     m_finished = std::move(finished);
 
@@ -36,7 +36,7 @@ void PeerFanOut::start(const kest::analytics::db::Filter& filter, Ask ask, Finis
     deviceIds.reserve(filter.deviceIds.size());
     for (const ZuUuid& id : filter.deviceIds)
         deviceIds.push_back(id.toStdString());
-    m_model.getDDSModel()->getStorageInfo(deviceIds, filter.timePeriod,
+    m_model.getDDSModel()->getStorageInfo(deviceIds, m_filter.timePeriod,
                                           [this](bool ok, std::vector<std::string> addresses) {
                                               continueInAioThread(ok, std::move(addresses));
                                           });
@@ -72,7 +72,7 @@ void PeerFanOut::askInstances(bool ok, std::vector<std::string> addresses)
 {
     if (!ok) {
         KEST_ERROR(this, "can't get remote instances addresses for requst with filter %1.",
-                   m_filterText);
+                   kest::analytics::db::toString(m_filter));
         finish(Outcome::Kind::addressLookupFailed);
         return;
     }

@@ -76,7 +76,7 @@ private:
     void finish(Outcome::Kind kind);
 
     Model& m_model;
-    std::string m_filterText;
+    kest::analytics::db::Filter m_filter;
     Ask m_ask;
     Finished m_finished;
     std::atomic<std::uint32_t> m_repliesReceived{0};
