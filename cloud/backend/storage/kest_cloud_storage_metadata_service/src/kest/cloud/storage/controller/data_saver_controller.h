@@ -10,7 +10,9 @@ namespace kest::cloud::storage::metadatadb {
 
 /**
  * POST data: queues every packet into the analytics storage and answers 200 at once, before
- * anything is written; later failures reach the save-error history instead.
+ * anything is written; later failures reach the save-error history instead. With
+ * "analyticsDb/ackAfterCommit" the answer waits until the packets are committed (500 when their
+ * commit fails).
  */
 class DataSaverController : public kest::network::http::detail::BaseApiRequestHandler<
                                 std::vector<kest::common::metadata::ObjectMetadataPacket>,
