@@ -56,6 +56,7 @@ struct Options
     std::int64_t ingestPackets = 300'000;
     std::int64_t newTrackPackets = 400'000;
     bool printStore = false;
+    bool newTracksOnly = false;
 };
 
 void printUsage()
@@ -73,7 +74,8 @@ void printUsage()
         "  --ingest-packets N  packets of the ingest measurement (default 300000)\n"
         "  --no-ingest         skip the ingest measurements\n"
         "  --new-tracks N      packets of the ingest of new tracks (default 400000)\n"
-        "  --print-store       print where the searched store of these parameters is, and exit\n");
+        "  --print-store       print where the searched store of these parameters is, and exit\n"
+        "  --new-tracks-only   only the ingest of new tracks (to profile it)\n");
 }
 
 bool parseOptions(int argc, char** argv, Options* options)
@@ -122,6 +124,8 @@ bool parseOptions(int argc, char** argv, Options* options)
                 if (!v)
                     return false;
                 options->newTrackPackets = std::stoll(v);
+            } else if (arg == "--new-tracks-only") {
+                options->newTracksOnly = true;
             } else if (arg == "--print-store") {
                 options->printStore = true;
             } else {
@@ -453,6 +457,10 @@ int main(int argc, char** argv)
         kLookupGoalMs, kFreeTextGoalMs, kBytesPerObjectGoal);
     fs::create_directories(options.dir);
 
+    if (options.newTracksOnly) {
+        measureNewTracks(options);
+        return 0;
+    }
     if (options.ingest) {
         measureIngest(options);
         measureNewTracks(options);

@@ -52,7 +52,7 @@ public:
     static constexpr std::size_t kBatchPackets = 4096;
     static constexpr std::size_t kMaxBatchPackets = 16384;
     /** What a batch may take to write, at the writer's pace. */
-    static constexpr std::chrono::milliseconds kBatchTime{150};
+    static constexpr std::chrono::milliseconds kBatchTime{300};
     static constexpr int kLookupWorkers = 2;
     /** How far past maxCommitDelay an acknowledged packet may wait for its commit. */
     static constexpr std::chrono::milliseconds kMaxBacklogLag{1000};

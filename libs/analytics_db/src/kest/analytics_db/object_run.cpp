@@ -91,11 +91,14 @@ std::string ObjectRun::encode(std::span<const ObjectRecord> records,
     ByteWriter w(&out);
     const std::size_t n = records.size();
 
-    std::vector<Units> units(n);
-    std::vector<bool> raw(n);
+    // Scratch space kept by the thread: runs are encoded by the thousand.
+    thread_local std::vector<Units> units;
+    thread_local std::vector<char> raw;
+    units.resize(n);
+    raw.assign(n, 0);
     for (std::size_t i = 0; i < n; ++i) {
         const auto exact = exactUnitsOf(records[i].box);
-        raw[i] = !exact;
+        raw[i] = exact ? 0 : 1;
         units[i] = exact ? *exact : unitsOf(records[i].box);
     }
 

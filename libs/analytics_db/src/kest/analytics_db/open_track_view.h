@@ -15,11 +15,19 @@ namespace kest::analytics::db {
  */
 struct OpenTrackView
 {
+    /** A track's attributes and their tokens, shared by its views while they do not change. */
+    struct Attributes
+    {
+        std::vector<common::metadata::Attribute> attributes;
+        /** Tokens of the attribute names and values, distinct. */
+        std::vector<std::string> words;
+    };
+
+    /** Its aggregate without the attributes, which are in `attributes`. */
     StoredTrack stored;
+    std::shared_ptr<const Attributes> attributes;
     /** Whether the store holds a row of it as well (an older state): searches use this one. */
     bool hasRow = false;
-    /** Tokens of the attribute names and values, distinct. */
-    std::vector<std::string> words;
     /** Object runs (ObjectRun) not in a chunk yet, oldest first. */
     std::vector<std::shared_ptr<const std::string>> pieces;
 };

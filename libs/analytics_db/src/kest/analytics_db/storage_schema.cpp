@@ -81,6 +81,8 @@ void removeDatabase(const std::string& file)
 /** Rewrites every track of `legacy` into `out`, a new store of the current version. */
 DBResult convert(LegacyStore& legacy, sql::Database& out, std::int64_t* tracks)
 {
+    std::int64_t chunkCount = 0;
+    std::int64_t* chunks = &chunkCount;
     StoreDictionary dictionary;
     AttributeCoder coder(dictionary);
     auto row = out.prepare(TrackRow::kInsert);
@@ -104,7 +106,7 @@ DBResult convert(LegacyStore& legacy, sql::Database& out, std::int64_t* tracks)
                 ObjectRecord r;
                 r.timestampUs = p.timestampUs;
                 r.durationUs = p.durationUs;
-                r.device = dictionary.key(Kind::device, encodeUuid(p.deviceId));
+                r.device = dictionary.key(Kind::device, UuidBytes(p.deviceId));
                 r.kind = 0;
                 r.box = p.boundingBox;
                 const auto same = std::find_if(sources.begin(), sources.end(),
@@ -123,14 +125,15 @@ DBResult convert(LegacyStore& legacy, sql::Database& out, std::int64_t* tracks)
                 return a.timestampUs < b.timestampUs;
             });
             chunk->reset();
-            chunk->bind(1, positionChunkId(stored.rowId, 0));
+            chunk->bind(1, ++*chunks);
             chunk->bindBlob(2, ObjectRun::encode(records, lists, t.firstUs));
             if (auto r = chunk->exec(); r != DBResult::ok)
                 return r;
-            stored.parts = 1;
+            stored.chunks = {*chunks};
         }
         row->reset();
-        TrackRow::bind(*row, stored, coder, dictionary);
+        TrackRow::Encoded encoded;
+        TrackRow::bind(*row, stored, coder, dictionary, &encoded);
         if (auto r = row->exec(); r != DBResult::ok)
             return r;
         text->reset();

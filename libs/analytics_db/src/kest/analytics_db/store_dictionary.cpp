@@ -8,9 +8,7 @@ namespace kest::analytics::db {
 std::optional<std::uint32_t> StoreDictionary::find(Kind kind, std::string_view value) const
 {
     const Table& t = table(kind);
-    // Heterogeneous lookup is C++20 for unordered containers with a transparent hash; a copy of
-    // a short key is cheaper than the extra code.
-    const auto it = t.keys.find(std::string(value));
+    const auto it = t.keys.find(value);
     if (it == t.keys.end())
         return std::nullopt;
     return it->second;
@@ -19,11 +17,12 @@ std::optional<std::uint32_t> StoreDictionary::find(Kind kind, std::string_view v
 std::uint32_t StoreDictionary::key(Kind kind, std::string_view value)
 {
     Table& t = table(kind);
-    auto [it, inserted] =
-        t.keys.try_emplace(std::string(value), static_cast<std::uint32_t>(t.values.size() + 1));
-    if (inserted)
-        t.values.emplace_back(value);
-    return it->second;
+    if (const auto it = t.keys.find(value); it != t.keys.end())
+        return it->second;
+    const auto key = static_cast<std::uint32_t>(t.values.size() + 1);
+    t.keys.emplace(std::string(value), key);
+    t.values.emplace_back(value);
+    return key;
 }
 
 const std::string* StoreDictionary::value(Kind kind, std::uint32_t key) const

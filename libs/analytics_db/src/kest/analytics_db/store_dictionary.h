@@ -58,10 +58,19 @@ public:
     static bool splitPair(std::string_view entry, std::uint32_t* nameKey, std::string_view* value);
 
 private:
+    /** Lets the maps be searched with a string_view, without a copy. */
+    struct TextHash
+    {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const noexcept
+        {
+            return std::hash<std::string_view>()(text);
+        }
+    };
     struct Table
     {
         std::vector<std::string> values;
-        std::unordered_map<std::string, std::uint32_t> keys;
+        std::unordered_map<std::string, std::uint32_t, TextHash, std::equal_to<>> keys;
         /** values[saved...] are not in the store yet. */
         std::size_t saved = 0;
         std::size_t committed = 0;

@@ -284,6 +284,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     tracks->reserve(found.size());
     for (const Row& row : found) {
         tracks->push_back(row.stored.track.toTrack());
+        if (row.open)
+            tracks->back().attributes = row.open->attributes->attributes;
         if (!filter.needFullTrack)
             continue;
         ObjectTrackEx& track = tracks->back();
@@ -320,7 +322,7 @@ bool TrackReader::matchesOpen(const Filter& filter, const OpenTrackView& view) c
         return false;
     if (filter.boundingBox && !t.grid.intersects(BoundingBoxGrid::ofRect(*filter.boundingBox)))
         return false;
-    return m_matcher.matchesTokens(view.words);
+    return m_matcher.matchesTokens(view.attributes->words);
 }
 
 DBResult TrackReader::isRareText(bool* rare)
@@ -391,7 +393,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
 {
     using Kind = StoreDictionary::Kind;
     for (const ZuUuid& device : filter.deviceIds) {
-        if (const auto key = m_dictionary.find(Kind::device, encodeUuid(device)))
+        if (const auto key = m_dictionary.find(Kind::device, UuidBytes(device)))
             q->devices.push_back(*key);
     }
     if (!filter.deviceIds.empty() && q->devices.empty())
@@ -449,7 +451,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         where += " AND t.id_key = ?5 AND t.id_lo = ?10";
     }
     if (!filter.analyticsEngineId.isNull()) {
-        const auto key = m_dictionary.find(Kind::engine, encodeUuid(filter.analyticsEngineId));
+        const auto key = m_dictionary.find(Kind::engine, UuidBytes(filter.analyticsEngineId));
         if (!key) {
             *matchesNothing = true;
             return DBResult::ok;
@@ -677,20 +679,19 @@ bool TrackReader::decodePositions(std::string_view run, std::int64_t baseUs,
 
 DBResult TrackReader::loadPositions(const StoredTrack& stored, ObjectTrackEx* track)
 {
-    if (stored.parts == 0)
-        return DBResult::ok;
-    auto* s = m_db.cached("SELECT data FROM position WHERE id >= ? AND id < ?");
-    if (!s)
-        return m_db.lastResult();
-    s->bind(1, positionChunkId(stored.rowId, 0));
-    s->bind(2, positionChunkId(stored.rowId, stored.parts));
-    while (s->step()) {
-        if (!decodePositions(s->blob(0), stored.track.firstUs, &track->objectPositionSequence,
-                             false)) {
+    for (const std::int64_t chunk : stored.chunks) {
+        auto* s = m_db.cached("SELECT data FROM position WHERE id = ?");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, chunk);
+        if (s->step() && !decodePositions(s->blob(0), stored.track.firstUs,
+                                          &track->objectPositionSequence, false)) {
             return m_db.fail(SQLITE_CORRUPT, "a chunk of positions that cannot be read");
         }
+        if (s->result() != DBResult::ok)
+            return s->result();
     }
-    return s->result();
+    return DBResult::ok;
 }
 
 }  // namespace kest::analytics::db

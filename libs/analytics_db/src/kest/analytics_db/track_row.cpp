@@ -1,10 +1,9 @@
 #include "track_row.h"
 
-#include <QUuid>
-
 #include "byte_reader.h"
 #include "byte_writer.h"
 #include "fixed_point.h"
+#include "uuid_bytes.h"
 
 namespace kest::analytics::db {
 
@@ -20,18 +19,6 @@ enum DetailFlag : std::uint8_t
     kHasOrigin = 1 << 1,
     kRawBestShotRect = 1 << 2,
 };
-
-std::string uuidBytes(const ZuUuid& id)
-{
-    return id.toQUuid().toRfc4122().toStdString();
-}
-
-ZuUuid uuidOf(std::string_view bytes)
-{
-    if (bytes.size() != 16)
-        return ZuUuid();
-    return ZuUuid(QUuid::fromRfc4122(QByteArray::fromRawData(bytes.data(), 16)));
-}
 
 std::int64_t bigEndian(const char* bytes)
 {
@@ -70,7 +57,13 @@ std::string encodeDetail(const StoredTrack& stored)
     std::string out;
     ByteWriter w(&out);
     w.putByte(flags);
-    w.putVarint(stored.parts);
+    // Chunk ids grow as tracks end: the first in full, the rest as steps.
+    w.putVarint(stored.chunks.size());
+    std::int64_t previous = 0;
+    for (const std::int64_t chunk : stored.chunks) {
+        w.putSigned(chunk - previous);
+        previous = chunk;
+    }
     w.putVarint(static_cast<std::uint64_t>(stored.sealed));
     if (flags & kHasOrigin)
         w.putSigned(t.originUs - t.firstUs);
@@ -96,7 +89,19 @@ bool decodeDetail(std::string_view bytes, StoredTrack* stored)
     ByteReader r(bytes);
     std::uint8_t flags = 0;
     std::uint64_t sealed = 0;
-    if (!r.getByte(&flags) || !r.getVarint(&stored->parts) || !r.getVarint(&sealed))
+    std::uint64_t chunks = 0;
+    if (!r.getByte(&flags) || !r.getVarint(&chunks) || chunks > bytes.size())
+        return false;
+    stored->chunks.clear();
+    std::int64_t chunk = 0;
+    for (std::uint64_t i = 0; i < chunks; ++i) {
+        std::int64_t step = 0;
+        if (!r.getSigned(&step))
+            return false;
+        chunk += step;
+        stored->chunks.push_back(chunk);
+    }
+    if (!r.getVarint(&sealed))
         return false;
     stored->sealed = static_cast<std::int64_t>(sealed);
     t.originUs = t.firstUs;
@@ -136,7 +141,8 @@ bool decodeDetail(std::string_view bytes, StoredTrack* stored)
 
 std::pair<std::int64_t, std::int64_t> TrackRow::idHalves(const ZuUuid& id)
 {
-    const std::string bytes = uuidBytes(id);
+    const UuidBytes uuid(id);
+    const std::string_view bytes = uuid.view();
     const std::int64_t low = bigEndian(bytes.data() + 8);
     return {bigEndian(bytes.data()) ^ mixed(low), low};
 }
@@ -146,7 +152,7 @@ ZuUuid TrackRow::idOf(std::int64_t key, std::int64_t low)
     char bytes[16];
     putBigEndian(key ^ mixed(low), bytes);
     putBigEndian(low, bytes + 8);
-    return uuidOf(std::string_view(bytes, 16));
+    return decodeUuid(std::string_view(bytes, 16));
 }
 
 std::int64_t TrackRow::mixed(std::int64_t value)
@@ -200,9 +206,9 @@ bool TrackRow::read(const sql::Statement& row, int c, const StoreDictionary& dic
         dictionary.value(Kind::engine, static_cast<std::uint32_t>(row.int64(c + 5)));
     if (!device || !type || !engine)
         return false;
-    t.deviceId = uuidOf(*device);
+    t.deviceId = decodeUuid(*device);
     t.typeId = *type;
-    t.engineId = uuidOf(*engine);
+    t.engineId = decodeUuid(*engine);
     t.firstUs = row.int64(c + 6);
     t.lastUs = t.firstUs + row.int64(c + 7);
     t.bestShotKind = static_cast<int>(row.int64(c + 8));
@@ -213,22 +219,25 @@ bool TrackRow::read(const sql::Statement& row, int c, const StoreDictionary& dic
 }
 
 void TrackRow::bind(sql::Statement& s, const StoredTrack& stored, AttributeCoder& coder,
-                    StoreDictionary& dictionary)
+                    StoreDictionary& dictionary, Encoded* encoded)
 {
     const TrackAggregate& t = stored.track;
     const auto [high, low] = idHalves(t.id);
     s.bind(1, stored.rowId);
     s.bind(2, high);
     s.bind(3, low);
-    s.bind(4, static_cast<std::int64_t>(dictionary.key(Kind::device, uuidBytes(t.deviceId))));
+    s.bind(4, static_cast<std::int64_t>(dictionary.key(Kind::device, UuidBytes(t.deviceId))));
     s.bind(5, static_cast<std::int64_t>(dictionary.key(Kind::type, t.typeId)));
-    s.bind(6, static_cast<std::int64_t>(dictionary.key(Kind::engine, uuidBytes(t.engineId))));
+    s.bind(6, static_cast<std::int64_t>(dictionary.key(Kind::engine, UuidBytes(t.engineId))));
     s.bind(7, t.firstUs);
     s.bind(8, t.lastUs - t.firstUs);
     s.bind(9, t.bestShotKind);
-    s.bindBlob(10, t.grid.toCompact());
-    s.bindBlob(11, encodeAttributes(t.attributes, coder));
-    s.bindBlob(12, encodeDetail(stored));
+    encoded->grid = t.grid.toCompact();
+    encoded->attributes = encodeAttributes(t.attributes, coder);
+    encoded->detail = encodeDetail(stored);
+    s.bindBlobInPlace(10, encoded->grid);
+    s.bindBlobInPlace(11, encoded->attributes);
+    s.bindBlobInPlace(12, encoded->detail);
 }
 
 std::string attributesSearchText(const std::vector<Attribute>& attributes)

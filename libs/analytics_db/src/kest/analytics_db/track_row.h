@@ -17,8 +17,8 @@ struct StoredTrack
 {
     std::int64_t rowId = 0;
     TrackAggregate track;
-    /** Position chunks stored, numbered from 0 (see positionChunkId). */
-    std::uint32_t parts = 0;
+    /** Its chunks of positions in the `position` table, oldest first; mostly one. */
+    std::vector<std::int64_t> chunks;
     /** The commit that wrote the row last. */
     std::int64_t sealed = 0;
 };
@@ -53,9 +53,16 @@ public:
      */
     static bool read(const sql::Statement& row, int column, const StoreDictionary& dictionary,
                      StoredTrack* out);
+    /** The blobs of a row being written, kept while the statement reads them in place. */
+    struct Encoded
+    {
+        std::string grid;
+        std::string attributes;
+        std::string detail;
+    };
     /** Binds ?1 to ?12 of kInsert; dictionary keys that are missing are added. */
     static void bind(sql::Statement& statement, const StoredTrack& stored, AttributeCoder& coder,
-                     StoreDictionary& dictionary);
+                     StoreDictionary& dictionary, Encoded* encoded);
 
     /** The attribute set in its stored form. */
     static std::string encodeAttributes(const std::vector<common::metadata::Attribute>& attributes,
@@ -71,13 +78,8 @@ private:
     static std::int64_t mixed(std::int64_t value);
 };
 
-/** The row id of a track's chunk of positions number `part`. */
-constexpr std::int64_t positionChunkId(std::int64_t track, std::uint32_t part)
-{
-    return (track << 16) | part;
-}
 /** Chunks per track at most: a track that would need more keeps adding to its last one. */
-constexpr std::uint32_t kMaxPositionChunks = 1 << 16;
+constexpr std::size_t kMaxPositionChunks = 1024;
 
 /** The words free-text search finds: every attribute name and value, one attribute a line. */
 std::string attributesSearchText(const std::vector<common::metadata::Attribute>& attributes);

@@ -32,11 +32,20 @@ struct TrackWriter::OpenTrack
     std::vector<std::shared_ptr<const std::string>> pieces;
     std::vector<std::int64_t> journalRows;
     std::size_t pieceObjects = 0;
+    /** The positions of those runs, as they are, for the chunk the track gets when written. */
+    std::vector<ObjectRecord> pending;
+    std::vector<AttributeList> pendingLists;
     SteadyClock::time_point journaledSince;
     /** The latest first appearance of the tracks numbered before it (see kMaxLagKey). */
     std::int64_t precedingFirstUs = kNoFirstUs;
     SteadyClock::time_point touched;
     std::shared_ptr<const OpenTrackView> view;
+
+    /** The queues of TrackWriter::decide() hold it; its latest entry in the idle queue. */
+    SteadyClock::time_point idleQueuedAt;
+    /** Chosen to be written by the batch in hand; written and ending. */
+    bool scheduled = false;
+    bool closing = false;
 
     // The objects of the batch in hand, with their attribute lists.
     bool inBatch = false;
@@ -65,6 +74,33 @@ bool isBestShot(std::uint8_t kind)
            kind == static_cast<std::uint8_t>(ObjectMetadataType::externalBestShot);
 }
 
+/**
+ * Appends the positions among `records` to `positions`, their attribute lists merged into
+ * `lists`. Positions carry neither kind, type, engine nor stream: they are constant in a chunk.
+ */
+void collectPositions(const std::vector<ObjectRecord>& records,
+                      const std::vector<AttributeList>& recordLists,
+                      std::vector<ObjectRecord>* positions, std::vector<AttributeList>* lists)
+{
+    std::vector<std::uint32_t> mapped(recordLists.size(), 0);
+    for (std::size_t l = 0; l < recordLists.size(); ++l) {
+        const auto it = std::find(lists->begin(), lists->end(), recordLists[l]);
+        mapped[l] = static_cast<std::uint32_t>(it - lists->begin());
+        if (it == lists->end())
+            lists->push_back(recordLists[l]);
+    }
+    for (ObjectRecord r : records) {
+        if (isBestShot(r.kind))
+            continue;
+        r.attributes = r.attributes < mapped.size() ? mapped[r.attributes] : 0;
+        r.kind = 0;
+        r.type = 0;
+        r.engine = 0;
+        r.stream = 0;
+        positions->push_back(r);
+    }
+}
+
 }  // namespace
 
 TrackWriter::TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots)
@@ -81,6 +117,8 @@ DBResult TrackWriter::open(const std::string& file, const sql::ConnectionOptions
         return r;
     if (!m_tokenizer.open(m_db.handle()))
         return m_db.fail(1, "fts5 tokenizer");
+    if (auto r = m_checkpointer.start(file, options, m_db); r != DBResult::ok)
+        return r;
     return recover();
 }
 
@@ -118,14 +156,25 @@ DBResult TrackWriter::loadMeta()
         return m_db.lastResult();
     if (last->step() && !last->isNull(0))
         m_nextRowId = std::max(m_nextRowId, last->int64(0) + 1);
-    return last->result();
+    if (last->result() != DBResult::ok)
+        return last->result();
+    auto* lastChunk = m_db.cached("SELECT max(id) FROM position");
+    if (!lastChunk)
+        return m_db.lastResult();
+    m_nextChunkId = 1;
+    if (lastChunk->step() && !lastChunk->isNull(0))
+        m_nextChunkId = lastChunk->int64(0) + 1;
+    return lastChunk->result();
 }
 
 DBResult TrackWriter::recover()
 {
     m_open.clear();
-    m_journalRefs.clear();
+    m_journal.clear();
     m_unreferencedJournalRows.clear();
+    m_ends.clear();
+    m_idle.clear();
+    m_journalAges.clear();
     m_dictionary.dropUnsaved();
     if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
         return r;
@@ -133,35 +182,53 @@ DBResult TrackWriter::recover()
         return r;
 
     // Rebuild the open tracks from the journal: each run that a stored row does not hold yet.
+    // The ids of tracks without a row come with one of their runs, not always the first.
     auto select = m_db.prepare("SELECT id, data FROM journal ORDER BY id");
     if (!select)
         return m_db.lastResult();
-    std::unordered_set<std::int64_t> ended;
-    std::unordered_map<std::int64_t, OpenTrack*> byRow;
-    const auto now = SteadyClock::now();
-    std::size_t runs = 0;
+    struct Section
+    {
+        std::int64_t rowId = 0;
+        std::string_view piece;
+    };
+    std::vector<std::pair<std::int64_t, std::string>> rows;
+    std::unordered_map<std::int64_t, ZuUuid> ids;
+    std::vector<std::vector<Section>> sectionsOfRows;
     while (select->step()) {
-        const std::int64_t journalRow = select->int64(0);
-        ByteReader in(select->blob(1));
+        rows.emplace_back(select->int64(0), std::string(select->blob(1)));
+        sectionsOfRows.emplace_back();
+        ByteReader in(rows.back().second);
         std::uint64_t sections = 0;
         in.getVarint(&sections);
         std::int64_t rowId = 0;
-        bool referenced = false;
         for (std::uint64_t i = 0; i < sections; ++i) {
             std::uint64_t head = 0;
             std::string_view piece;
-            ZuUuid id;
             if (!in.getVarint(&head))
                 break;
             rowId += static_cast<std::int64_t>(head >> 1);
             if (head & 1) {
-                std::int64_t high = 0, low = 0;
-                if (!in.getFixed(&high) || !in.getFixed(&low))
+                std::int64_t key = 0, low = 0;
+                if (!in.getFixed(&key) || !in.getFixed(&low))
                     break;
-                id = TrackRow::idOf(high, low);
+                ids.emplace(rowId, TrackRow::idOf(key, low));
             }
             if (!in.getBytes(&piece))
                 break;
+            sectionsOfRows.back().push_back({rowId, piece});
+        }
+    }
+    if (select->result() != DBResult::ok)
+        return select->result();
+    std::unordered_set<std::int64_t> ended;
+    std::unordered_map<std::int64_t, OpenTrack*> byRow;
+    const auto now = SteadyClock::now();
+    std::size_t runs = 0;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        const std::int64_t journalRow = rows[row].first;
+        JournalRow& entry = m_journal[journalRow];
+        entry.bytes = rows[row].second.size();
+        for (const auto& [rowId, piece] : sectionsOfRows[row]) {
             if (ended.contains(rowId))
                 continue;
             OpenTrack* track = nullptr;
@@ -176,7 +243,8 @@ DBResult TrackWriter::recover()
                     ended.insert(rowId);
                     continue;
                 }
-                if (!found && id.isNull()) {
+                const auto id = ids.find(rowId);
+                if (!found && id == ids.end()) {
                     KEST_WARNING(this, "Journal row %1 continues track row %2, which is unknown",
                                  journalRow, rowId);
                     ended.insert(rowId);
@@ -190,7 +258,7 @@ DBResult TrackWriter::recover()
                     track->storedAttributes = track->stored.track.attributes;
                 } else {
                     track->stored.rowId = rowId;
-                    track->stored.track.id = id;
+                    track->stored.track.id = id->second;
                 }
                 track->precedingFirstUs = m_maxFirstUs;
                 track->touched = now;
@@ -226,24 +294,30 @@ DBResult TrackWriter::recover()
                     t.addAttributes(attributes[r.attributes]);
             }
             if (track->deviceKey == 0) {
-                track->deviceKey = m_dictionary.key(Kind::device, encodeUuid(t.deviceId));
+                track->deviceKey = m_dictionary.key(Kind::device, UuidBytes(t.deviceId));
             }
             track->pieces.push_back(std::make_shared<const std::string>(piece));
             track->journalRows.push_back(journalRow);
             track->pieceObjects += records.size();
-            ++m_journalRefs[journalRow];
-            referenced = true;
+            collectPositions(records, lists, &track->pending, &track->pendingLists);
+            entry.liveBytes += piece.size();
+            ++entry.pieces;
+            entry.tracks.push_back(track->stored.track.id);
             ++runs;
         }
-        if (!referenced)
+        if (entry.pieces == 0) {
+            m_journal.erase(journalRow);
             m_unreferencedJournalRows.push_back(journalRow);
+        }
     }
-    if (select->result() != DBResult::ok)
-        return select->result();
     select.reset();
     m_db.resetCached();
-    for (auto& [id, track] : m_open)
+    for (auto& [id, track] : m_open) {
         track->view = viewOf(*track);
+        track->idleQueuedAt = now;
+        m_idle.push_back({now, id});
+        m_journalAges.push_back({now, id});
+    }
     m_published = snapshot(m_seq);
     m_snapshots->publish(m_published);
     if (runs > 0) {
@@ -338,7 +412,7 @@ void TrackWriter::addObject(OpenTrack& track, const ObjectMetadataPacket& packet
     r.durationUs = packet.durationUs;
     r.device = deviceKey;
     r.type = m_dictionary.key(Kind::type, object.typeId);
-    r.engine = m_dictionary.key(Kind::engine, encodeUuid(object.analyticsEngineId));
+    r.engine = m_dictionary.key(Kind::engine, UuidBytes(object.analyticsEngineId));
     r.kind = static_cast<std::uint8_t>(object.objectMetadataType);
     r.stream = static_cast<std::uint8_t>(static_cast<int>(packet.streamIndex) + 1);
     r.box = object.boundingBox;
@@ -356,8 +430,7 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
     DBResult result = DBResult::ok;
     const auto now = SteadyClock::now();
     for (const auto& packet : packets) {
-        const std::uint32_t deviceKey =
-            m_dictionary.key(Kind::device, encodeUuid(packet->deviceId));
+        const std::uint32_t deviceKey = m_dictionary.key(Kind::device, UuidBytes(packet->deviceId));
         auto [time, inserted] = m_deviceTime.try_emplace(deviceKey, packet->timestampUs);
         if (!inserted)
             time->second = std::max(time->second, packet->timestampUs);
@@ -371,7 +444,6 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
                 track->inBatch = true;
                 touched.push_back(track);
             }
-            track->touched = now;
             addObject(*track, *packet, object, deviceKey);
         }
         if (result != DBResult::ok)
@@ -379,34 +451,8 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
     }
     if (result == DBResult::ok) {
         std::vector<OpenTrack*> ending, flushing;
-        for (auto& [id, owned] : m_open) {
-            OpenTrack& t = *owned;
-            const auto time = m_deviceTime.find(t.deviceKey);
-            const bool ended = (time != m_deviceTime.end() &&
-                                span(t.stored.track.lastUs, time->second) >= kCloseGapUs &&
-                                time->second > t.stored.track.lastUs) ||
-                               now - t.touched >= kIdleClose;
-            if (ended)
-                ending.push_back(&t);
-            else if (t.pieceObjects + t.batch.size() >= kFlushObjects ||
-                     (!t.journalRows.empty() && now - t.journaledSince >= kMaxJournalAge))
-                flushing.push_back(&t);
-        }
-        if (m_open.size() - ending.size() > kMaxOpenTracks) {
-            std::vector<OpenTrack*> rest;
-            for (auto& [id, owned] : m_open) {
-                if (std::find(ending.begin(), ending.end(), owned.get()) == ending.end())
-                    rest.push_back(owned.get());
-            }
-            const std::size_t excess = rest.size() - kMaxOpenTracks;
-            std::nth_element(rest.begin(), rest.begin() + excess, rest.end(),
-                             [](auto* a, auto* b) { return a->touched < b->touched; });
-            ending.insert(ending.end(), rest.begin(), rest.begin() + excess);
-            std::erase_if(flushing, [&](auto* t) {
-                return std::find(rest.begin(), rest.begin() + excess, t) != rest.begin() + excess;
-            });
-        }
-        result = commit(std::move(flushing), std::move(ending));
+        decide(touched, now, &ending, &flushing);
+        result = commit(touched, std::move(flushing), std::move(ending));
     }
     if (result != DBResult::ok) {
         m_lastError = m_db.lastError();
@@ -421,19 +467,90 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
     return DBResult::ok;
 }
 
+void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::time_point now,
+                         std::vector<OpenTrack*>* ending, std::vector<OpenTrack*>* flushing)
+{
+    const auto take = [](OpenTrack* t, std::vector<OpenTrack*>* list) {
+        if (!t || t->scheduled)
+            return;
+        t->scheduled = true;
+        list->push_back(t);
+    };
+    const auto find = [this](const ZuUuid& id) -> OpenTrack* {
+        const auto it = m_open.find(id);
+        return it == m_open.end() ? nullptr : it->second.get();
+    };
+
+    // Each track is queued with the time it last reached, behind its device; the queues are
+    // looked at from the front, so that a batch costs what it touches, not what is open.
+    std::unordered_set<std::uint32_t> devices;
+    for (OpenTrack* t : touched) {
+        t->touched = now;
+        m_ends[t->deviceKey].push_back({t->stored.track.lastUs, t->stored.track.id});
+        if (now - t->idleQueuedAt >= std::chrono::seconds(1)) {
+            t->idleQueuedAt = now;
+            m_idle.push_back({now, t->stored.track.id});
+        }
+        devices.insert(t->deviceKey);
+    }
+    for (const std::uint32_t device : devices) {
+        auto& queue = m_ends[device];
+        const std::int64_t deviceTime = m_deviceTime[device];
+        while (!queue.empty() && deviceTime > queue.front().lastUs &&
+               span(queue.front().lastUs, deviceTime) >= kCloseGapUs) {
+            OpenTrack* t = find(queue.front().id);
+            if (t && t->stored.track.lastUs == queue.front().lastUs)
+                take(t, ending);
+            queue.pop_front();
+        }
+    }
+    // Tracks that nothing came for, and as many of the least recently seen as are too many.
+    while (!m_idle.empty() && (now - m_idle.front().first >= kIdleClose ||
+                               m_open.size() > kMaxOpenTracks + ending->size())) {
+        const auto [queuedAt, id] = m_idle.front();
+        m_idle.pop_front();
+        OpenTrack* t = find(id);
+        if (!t || t->scheduled)
+            continue;
+        if (now - t->touched >= kIdleClose || m_open.size() > kMaxOpenTracks + ending->size()) {
+            take(t, ending);
+        } else if (t->idleQueuedAt == queuedAt) {
+            // Seen since: queued again at its latest.
+            t->idleQueuedAt = t->touched;
+            m_idle.push_back({t->touched, id});
+        }
+    }
+    for (OpenTrack* t : touched) {
+        if (t->pieceObjects + t->batch.size() >= kFlushObjects)
+            take(t, flushing);
+    }
+    while (!m_journalAges.empty() && now - m_journalAges.front().first >= kMaxJournalAge) {
+        const auto [since, id] = m_journalAges.front();
+        m_journalAges.pop_front();
+        OpenTrack* t = find(id);
+        if (t && !t->journalRows.empty() && t->journaledSince == since)
+            take(t, flushing);
+    }
+    std::erase_if(*flushing, [](OpenTrack* t) { return !t->scheduled; });
+}
+
 DBResult TrackWriter::closeTracks(bool idleOnly)
 {
     const auto now = SteadyClock::now();
-    std::vector<OpenTrack*> ending;
-    for (auto& [id, owned] : m_open) {
-        if (!idleOnly || now - owned->touched >= kIdleClose)
+    std::vector<OpenTrack*> ending, flushing;
+    if (idleOnly) {
+        decide({}, now, &ending, &flushing);
+    } else {
+        for (auto& [id, owned] : m_open) {
+            owned->scheduled = true;
             ending.push_back(owned.get());
+        }
     }
     if (ending.empty() && m_unreferencedJournalRows.empty())
         return DBResult::ok;
     if (auto r = m_db.exec("BEGIN IMMEDIATE"); r != DBResult::ok)
         return r;
-    const DBResult result = commit({}, std::move(ending));
+    const DBResult result = commit({}, std::move(flushing), std::move(ending));
     if (result != DBResult::ok) {
         m_lastError = m_db.lastError();
         m_db.resetCached();
@@ -443,9 +560,11 @@ DBResult TrackWriter::closeTracks(bool idleOnly)
     return result;
 }
 
-DBResult TrackWriter::commit(std::vector<OpenTrack*> toWrite, std::vector<OpenTrack*> toClose)
+DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
+                             std::vector<OpenTrack*> toWrite, std::vector<OpenTrack*> toClose)
 {
     const std::int64_t seq = m_seq + 1;
+    std::vector<OpenTrack*> journaled;
     for (OpenTrack* t : toWrite) {
         if (auto r = writeTrack(*t, false); r != DBResult::ok)
             return r;
@@ -455,45 +574,92 @@ DBResult TrackWriter::commit(std::vector<OpenTrack*> toWrite, std::vector<OpenTr
             return r;
     }
 
-    // The runs of this batch's tracks that go on, one journal row for the batch.
-    std::vector<OpenTrack*> journaled;
-    for (auto& [id, owned] : m_open) {
-        if (!owned->batch.empty())
-            journaled.push_back(owned.get());
+    // The runs of this batch's tracks that go on, one journal row for the batch. Runs that are
+    // all that is left of a row of mostly ended tracks move along, so that the row goes: the
+    // journal stays a few times the size of what the open tracks hold.
+    std::vector<std::pair<OpenTrack*, std::size_t>> sections;  //< Track, its piece; -1: batch.
+    constexpr std::size_t kBatchPiece = static_cast<std::size_t>(-1);
+    for (OpenTrack* t : touched) {
+        if (!t->scheduled && !t->batch.empty())
+            sections.emplace_back(t, kBatchPiece);
     }
-    std::sort(journaled.begin(), journaled.end(),
-              [](auto* a, auto* b) { return a->stored.rowId < b->stored.rowId; });
+    for (auto it = m_journal.begin(); it != m_journal.end();) {
+        const JournalRow& row = it->second;
+        if (row.bytes < kJournalCompactionBytes || row.liveBytes * 4 > row.bytes) {
+            ++it;
+            continue;
+        }
+        for (const ZuUuid& id : row.tracks) {
+            const auto track = m_open.find(id);
+            if (track == m_open.end())
+                continue;
+            const auto& rowsOfTrack = track->second->journalRows;
+            for (std::size_t i = 0; i < rowsOfTrack.size(); ++i) {
+                if (rowsOfTrack[i] == it->first)
+                    sections.emplace_back(track->second.get(), i);
+            }
+        }
+        ++it;
+    }
+    std::sort(sections.begin(), sections.end(), [](const auto& a, const auto& b) {
+        return std::pair(a.first->stored.rowId, a.second) <
+               std::pair(b.first->stored.rowId, b.second);
+    });
+    sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
     const auto now = SteadyClock::now();
-    if (!journaled.empty()) {
+    if (!sections.empty()) {
         std::string data;
         ByteWriter w(&data);
-        w.putVarint(journaled.size());
+        w.putVarint(sections.size());
         std::int64_t previousRowId = 0;
-        for (OpenTrack* t : journaled) {
-            const bool intro = t->journalRows.empty() && !t->hasRow;
+        JournalRow entry;
+        for (const auto& [t, index] : sections) {
+            // A track without a row has its id in its first run, and in every run that moves.
+            const bool intro = !t->hasRow && (index != kBatchPiece || t->journalRows.empty());
             w.putVarint((static_cast<std::uint64_t>(t->stored.rowId - previousRowId) << 1) |
                         (intro ? 1 : 0));
             previousRowId = t->stored.rowId;
             if (intro) {
-                const auto [high, low] = TrackRow::idHalves(t->stored.track.id);
-                w.putFixed(high);
+                const auto [key, low] = TrackRow::idHalves(t->stored.track.id);
+                w.putFixed(key);
                 w.putFixed(low);
             }
-            auto piece =
-                std::make_shared<const std::string>(ObjectRun::encode(t->batch, t->batchLists, 0));
+            std::shared_ptr<const std::string> piece;
+            if (index == kBatchPiece) {
+                piece = std::make_shared<const std::string>(
+                    ObjectRun::encode(t->batch, t->batchLists, 0));
+                if (t->journalRows.empty()) {
+                    t->journaledSince = now;
+                    m_journalAges.push_back({now, t->stored.track.id});
+                }
+                t->pieces.push_back(piece);
+                t->journalRows.push_back(seq);
+                t->pieceObjects += t->batch.size();
+                collectPositions(t->batch, t->batchLists, &t->pending, &t->pendingLists);
+            } else {
+                // Moved from its old row, which loses it.
+                piece = t->pieces[index];
+                JournalRow& old = m_journal[t->journalRows[index]];
+                old.liveBytes -= piece->size();
+                if (--old.pieces == 0) {
+                    m_journal.erase(t->journalRows[index]);
+                    m_unreferencedJournalRows.push_back(t->journalRows[index]);
+                }
+                t->journalRows[index] = seq;
+            }
             w.putBytes(*piece);
-            if (t->journalRows.empty())
-                t->journaledSince = now;
-            t->pieces.push_back(std::move(piece));
-            t->journalRows.push_back(seq);
-            t->pieceObjects += t->batch.size();
-            ++m_journalRefs[seq];
+            entry.liveBytes += piece->size();
+            ++entry.pieces;
+            entry.tracks.push_back(t->stored.track.id);
+            journaled.push_back(t);
         }
+        entry.bytes = data.size();
+        m_journal[seq] = std::move(entry);
         auto* s = m_db.cached("INSERT INTO journal(id, data) VALUES(?, ?)");
         if (!s)
             return m_db.lastResult();
         s->bind(1, seq);
-        s->bindBlob(2, data);
+        s->bindBlobInPlace(2, data);
         if (auto r = s->exec(); r != DBResult::ok)
             return r;
     }
@@ -542,12 +708,16 @@ DBResult TrackWriter::commit(std::vector<OpenTrack*> toWrite, std::vector<OpenTr
         m_storedMeta[key] = value;
     m_seq = seq;
     m_unreferencedJournalRows.clear();
-    for (auto& [id, owned] : m_open) {
-        owned->inBatch = false;
-        owned->batch.clear();
-        owned->batchLists.clear();
-        owned->batchListSources.clear();
+    for (OpenTrack* t : touched) {
+        t->inBatch = false;
+        t->batch.clear();
+        t->batchLists.clear();
+        t->batchListSources.clear();
     }
+    for (OpenTrack* t : toWrite)
+        t->scheduled = false;
+    for (OpenTrack* t : toClose)
+        m_open.erase(t->stored.track.id);
     return DBResult::ok;
 }
 
@@ -556,53 +726,31 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     StoredTrack& stored = track.stored;
     TrackAggregate& t = stored.track;
 
-    // Every position of the pieces and of the batch, with their attribute lists merged.
-    std::vector<ObjectRecord> positions;
-    std::vector<AttributeList> lists;
+    // Every position since the track was last written, with their attribute lists merged.
+    std::vector<ObjectRecord> positions = std::move(track.pending);
+    std::vector<AttributeList> lists = std::move(track.pendingLists);
+    collectPositions(track.batch, track.batchLists, &positions, &lists);
     const auto collect = [&](const std::vector<ObjectRecord>& records,
-                             const std::vector<AttributeList>& ownLists) {
-        std::vector<std::uint32_t> mapped(ownLists.size(), 0);
-        for (std::size_t l = 0; l < ownLists.size(); ++l) {
-            const auto it = std::find(lists.begin(), lists.end(), ownLists[l]);
-            mapped[l] = static_cast<std::uint32_t>(it - lists.begin());
-            if (it == lists.end())
-                lists.push_back(ownLists[l]);
-        }
-        for (ObjectRecord r : records) {
-            if (isBestShot(r.kind))
-                continue;
-            r.attributes = r.attributes < mapped.size() ? mapped[r.attributes] : 0;
-            // Positions carry neither kind, type, engine nor stream: constant in the chunk.
-            r.kind = 0;
-            r.type = 0;
-            r.engine = 0;
-            r.stream = 0;
-            positions.push_back(r);
-        }
+                             const std::vector<AttributeList>& recordLists) {
+        collectPositions(records, recordLists, &positions, &lists);
     };
-    for (const auto& piece : track.pieces) {
-        std::vector<ObjectRecord> records;
-        std::vector<AttributeList> pieceLists;
-        if (ObjectRun::decode(*piece, 0, &records, &pieceLists))
-            collect(records, pieceLists);
-    }
-    collect(track.batch, track.batchLists);
     std::stable_sort(positions.begin(), positions.end(),
                      [](const auto& a, const auto& b) { return a.timestampUs < b.timestampUs; });
 
     if (!positions.empty()) {
-        if (stored.parts < kMaxPositionChunks) {
+        if (stored.chunks.size() < kMaxPositionChunks) {
             auto* s = m_db.cached("INSERT INTO position(id, data) VALUES(?, ?)");
             if (!s)
                 return m_db.lastResult();
-            s->bind(1, positionChunkId(stored.rowId, stored.parts));
-            s->bindBlob(2, ObjectRun::encode(positions, lists, t.firstUs));
+            const std::string chunk = ObjectRun::encode(positions, lists, t.firstUs);
+            s->bind(1, m_nextChunkId);
+            s->bindBlobInPlace(2, chunk);
             if (auto r = s->exec(); r != DBResult::ok)
                 return r;
-            ++stored.parts;
+            stored.chunks.push_back(m_nextChunkId++);
         } else {
-            // Out of chunk numbers: the last chunk takes them.
-            const std::int64_t chunk = positionChunkId(stored.rowId, stored.parts - 1);
+            // As many chunks as a track may have: the last one takes the new positions.
+            const std::int64_t chunk = stored.chunks.back();
             auto* read = m_db.cached("SELECT data FROM position WHERE id = ?");
             if (!read)
                 return m_db.lastResult();
@@ -633,7 +781,8 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     auto* row = m_db.cached(track.hasRow ? TrackRow::kReplace : TrackRow::kInsert);
     if (!row)
         return m_db.lastResult();
-    TrackRow::bind(*row, stored, m_coder, m_dictionary);
+    TrackRow::Encoded encoded;
+    TrackRow::bind(*row, stored, m_coder, m_dictionary, &encoded);
     if (auto r = row->exec(); r != DBResult::ok)
         return r;
 
@@ -643,8 +792,9 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
             m_db.cached("INSERT INTO track_text(track_text, rowid, text) VALUES('delete', ?, ?)");
         if (!s)
             return m_db.lastResult();
+        const std::string text = attributesSearchText(track.storedAttributes);
         s->bind(1, stored.rowId);
-        s->bindText(2, attributesSearchText(track.storedAttributes));
+        s->bindTextInPlace(2, text);
         if (auto r = s->exec(); r != DBResult::ok)
             return r;
     }
@@ -652,8 +802,9 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
         auto* s = m_db.cached("INSERT INTO track_text(rowid, text) VALUES(?, ?)");
         if (!s)
             return m_db.lastResult();
+        const std::string text = attributesSearchText(t.attributes);
         s->bind(1, stored.rowId);
-        s->bindText(2, attributesSearchText(t.attributes));
+        s->bindTextInPlace(2, text);
         if (auto r = s->exec(); r != DBResult::ok)
             return r;
     }
@@ -665,21 +816,23 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     m_maxSpanUs = std::max(m_maxSpanUs, span(t.firstUs, t.lastUs));
     m_maxLagUs = std::max(m_maxLagUs, lagOf(track.precedingFirstUs, t.firstUs));
 
-    for (const std::int64_t journalRow : track.journalRows) {
-        const auto it = m_journalRefs.find(journalRow);
-        if (it == m_journalRefs.end() || --it->second > 0)
+    for (std::size_t i = 0; i < track.journalRows.size(); ++i) {
+        const auto it = m_journal.find(track.journalRows[i]);
+        if (it == m_journal.end())
             continue;
-        m_journalRefs.erase(it);
-        m_unreferencedJournalRows.push_back(journalRow);
+        it->second.liveBytes -= track.pieces[i]->size();
+        if (--it->second.pieces > 0)
+            continue;
+        m_unreferencedJournalRows.push_back(it->first);
+        m_journal.erase(it);
     }
     track.pieces.clear();
     track.journalRows.clear();
     track.pieceObjects = 0;
-    track.batch.clear();
-    track.batchLists.clear();
-    track.batchListSources.clear();
+    track.pending.clear();
+    track.pendingLists.clear();
     if (closing) {
-        m_open.erase(t.id);  //< `track` is gone.
+        track.closing = true;  //< Removed once the commit is done.
         return DBResult::ok;
     }
     track.hasRow = true;
@@ -712,13 +865,31 @@ std::vector<std::string> TrackWriter::wordsOf(const std::vector<Attribute>& attr
 std::shared_ptr<const OpenTrackView> TrackWriter::viewOf(const OpenTrack& track)
 {
     auto view = std::make_shared<OpenTrackView>();
-    view->stored = track.stored;
+    const StoredTrack& from = track.stored;
+    view->stored.rowId = from.rowId;
+    view->stored.chunks = from.chunks;
+    view->stored.sealed = from.sealed;
+    // All but the attributes, which the views of a track share while they stay.
+    const TrackAggregate& t = from.track;
+    TrackAggregate& v = view->stored.track;
+    v.id = t.id;
+    v.deviceId = t.deviceId;
+    v.typeId = t.typeId;
+    v.engineId = t.engineId;
+    v.originUs = t.originUs;
+    v.firstUs = t.firstUs;
+    v.lastUs = t.lastUs;
+    v.grid = t.grid;
+    v.bestShot = t.bestShot;
+    v.bestShotKind = t.bestShotKind;
+    if (track.view && track.view->attributes->attributes.size() == t.attributes.size() &&
+        track.view->attributes->attributes == t.attributes) {
+        view->attributes = track.view->attributes;
+    } else {
+        view->attributes = std::make_shared<const OpenTrackView::Attributes>(
+            OpenTrackView::Attributes{t.attributes, wordsOf(t.attributes)});
+    }
     view->hasRow = track.hasRow;
-    // The words only change with the attributes, which mostly stay.
-    if (track.view && track.view->stored.track.attributes == track.stored.track.attributes)
-        view->words = track.view->words;
-    else
-        view->words = wordsOf(track.stored.track.attributes);
     view->pieces = track.pieces;
     return view;
 }
@@ -729,7 +900,7 @@ std::shared_ptr<const OpenTracks> TrackWriter::snapshot(std::int64_t seq)
     tracks->seq = seq;
     tracks->tracks.reserve(m_open.size());
     for (const auto& [id, owned] : m_open) {
-        if (owned->view)
+        if (owned->view && !owned->closing)
             tracks->tracks.push_back(owned->view);
     }
     return tracks;
@@ -765,17 +936,22 @@ DBResult TrackWriter::deleteExpired(std::int64_t cutoffUs, int maxRows, int* del
     }
     for (const auto& stored : rows) {
         auto* row = m_db.cached("DELETE FROM track WHERE id = ?");
-        auto* chunks = m_db.cached("DELETE FROM position WHERE id >= ? AND id < ?");
         auto* text =
             m_db.cached("INSERT INTO track_text(track_text, rowid, text) VALUES('delete', ?, ?)");
-        if (!row || !chunks || !text)
+        if (!row || !text)
             return m_db.lastResult();
         row->bind(1, stored.rowId);
-        chunks->bind(1, positionChunkId(stored.rowId, 0));
-        chunks->bind(2, positionChunkId(stored.rowId + 1, 0));
         text->bind(1, stored.rowId);
         text->bindText(2, attributesSearchText(stored.track.attributes));
-        for (auto* s : {row, chunks, text}) {
+        for (auto* s : {row, text}) {
+            if (auto r = s->exec(); r != DBResult::ok)
+                return r;
+        }
+        for (const std::int64_t chunk : stored.chunks) {
+            auto* s = m_db.cached("DELETE FROM position WHERE id = ?");
+            if (!s)
+                return m_db.lastResult();
+            s->bind(1, chunk);
             if (auto r = s->exec(); r != DBResult::ok)
                 return r;
         }

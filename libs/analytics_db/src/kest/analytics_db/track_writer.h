@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,6 +16,7 @@
 #include <kest/sql/database.h>
 
 #include "attribute_coder.h"
+#include "checkpointer.h"
 #include "object_metadata_packet.h"
 #include "object_run.h"
 #include "open_tracks_snapshots.h"
@@ -59,7 +61,7 @@ public:
     using SteadyClock = std::chrono::steady_clock;
 
     /** How far a device's time goes past a track's last appearance before the track ends. */
-    static constexpr std::int64_t kCloseGapUs = 5'000'000;
+    static constexpr std::int64_t kCloseGapUs = 2'000'000;
     /** How long a track with no new objects stays open, whatever its device does. */
     static constexpr std::chrono::seconds kIdleClose{10};
     /** Objects of an open track before they are written as a chunk. */
@@ -109,7 +111,11 @@ private:
     OpenTrack* openTrackFor(const ZuUuid& id, sql::DBResult* result);
     void addObject(OpenTrack& track, const common::metadata::ObjectMetadataPacket& packet,
                    const common::metadata::ObjectMetadata& object, std::uint32_t deviceKey);
-    sql::DBResult commit(std::vector<OpenTrack*> toWrite, std::vector<OpenTrack*> toClose);
+    /** Chooses the tracks that end or are written before they end. */
+    void decide(const std::vector<OpenTrack*>& touched, SteadyClock::time_point now,
+                std::vector<OpenTrack*>* ending, std::vector<OpenTrack*>* flushing);
+    sql::DBResult commit(const std::vector<OpenTrack*>& touched, std::vector<OpenTrack*> toWrite,
+                         std::vector<OpenTrack*> toClose);
     sql::DBResult writeTrack(OpenTrack& track, bool closing);
     sql::DBResult storeMeta(const char* key, std::int64_t value);
     void noteFirst(OpenTrack& track);
@@ -118,22 +124,48 @@ private:
     std::vector<std::string> wordsOf(const std::vector<common::metadata::Attribute>& attributes);
 
     sql::Database m_db;
+    Checkpointer m_checkpointer;
     std::shared_ptr<OpenTracksSnapshots> m_snapshots;
     StoreDictionary m_dictionary;
     AttributeCoder m_coder{m_dictionary};
     TextMatcher m_tokenizer;
 
     std::unordered_map<ZuUuid, std::unique_ptr<OpenTrack>, UuidHash> m_open;
-    /** Open tracks that are in a journal run, by journal row: a row goes when none is left. */
-    std::map<std::int64_t, std::size_t> m_journalRefs;
+    /** What a journal row holds, by its id: it goes when no run of an open track is left. */
+    struct JournalRow
+    {
+        std::size_t bytes = 0;
+        /** Of its runs, those of open tracks. */
+        std::size_t liveBytes = 0;
+        std::size_t pieces = 0;
+        /** The tracks it had runs of; some may have ended. */
+        std::vector<ZuUuid> tracks;
+    };
+    /** Rows of this size at least whose runs have mostly ended are compacted. */
+    static constexpr std::size_t kJournalCompactionBytes = 16 * 1024;
+    std::map<std::int64_t, JournalRow> m_journal;
     std::vector<std::int64_t> m_unreferencedJournalRows;
     /** The latest packet time of each device, by dictionary key. */
     std::unordered_map<std::uint32_t, std::int64_t> m_deviceTime;
+    /**
+     * Open tracks in the order they may end: by device and the last appearance they had when
+     * queued, by when they were last seen, and by when their oldest journal run was written.
+     * Entries of tracks that changed since are stale and skipped.
+     */
+    struct Due
+    {
+        std::int64_t lastUs = 0;
+        ZuUuid id;
+    };
+    std::unordered_map<std::uint32_t, std::deque<Due>> m_ends;
+    std::deque<std::pair<SteadyClock::time_point, ZuUuid>> m_idle;
+    std::deque<std::pair<SteadyClock::time_point, ZuUuid>> m_journalAges;
 
     /** The meta values as the store holds them, to write only those that change. */
     std::map<std::string, std::int64_t, std::less<>> m_storedMeta;
     std::int64_t m_seq = 0;
     std::int64_t m_nextRowId = 1;
+    std::int64_t m_nextChunkId = 1;
     std::int64_t m_maxSpanUs = 0;
     /** See kMaxFirstKey and kMaxLagKey of storage_schema.h. */
     std::int64_t m_maxFirstUs = 0;
