@@ -1005,33 +1005,84 @@ TEST_F(EventsStorageTest, InitializeFailureLeavesTheStorageNotReady)
     fails(dir);
 }
 
-TEST_F(EventsStorageTest, RetentionDeletesOnlyOldTracks)
+// Old tracks go with their positions and their words, whichever way they were stored, and the
+// pages they held take new data: the file does not grow while it is refilled.
+TEST_F(EventsStorageTest, RetentionDeletesOldTracksWithTheirWordsAndTheSpaceIsReused)
 {
     const auto now = std::chrono::system_clock::time_point(std::chrono::hours(24 * 365 * 50));
     const auto us = [&](std::chrono::system_clock::duration ago) {
         return std::chrono::duration_cast<std::chrono::microseconds>((now - ago).time_since_epoch())
             .count();
     };
-    m_settings.maxAgeDays = 2;
+    const auto fill = [&](EventsStorage& storage, std::chrono::hours age, int firstTrack,
+                          const std::string& word) {
+        // Tracks of 20 positions each on 10 devices; the age is where they end.
+        for (int step = 0; step < 20; ++step) {
+            for (int d = 0; d < 10; ++d) {
+                auto p = std::make_shared<ObjectMetadataPacket>();
+                p->deviceId = trackId(90 + d);
+                p->timestampUs = us(age) - (20 - step) * 500'000;
+                p->durationUs = 1000;
+                for (int k = 0; k < 100; ++k) {
+                    p->objectMetadataList.push_back(
+                        {trackId(firstTrack + d * 100 + k),
+                         "car",
+                         ObjectMetadataType::regular,
+                         Rect{0.001 * k, 0.02 * step, 0.1, 0.1},
+                         {{"batch", word + std::to_string(d * 100 + k)}, {"color", "red"}},
+                         kEngine});
+                }
+                storage.save(p);
+            }
+        }
+        storage.closeOpenTracks();
+    };
+    m_settings.maxAgeDays = 0;  //< Filled first, deleted when reopened with an age.
     auto storage = open([&] { return now; });
-    storage->save(packet(kDeviceA, us(72h), {{1}}));  //< Old.
-    storage->save(packet(kDeviceA, us(49h), {{2}}));  //< Old.
-    storage->save(packet(kDeviceA, us(72h), {{3}}));  //< Started long ago, still seen:
-    storage->save(packet(kDeviceA, us(1h), {{3}}));   //< kept.
-    storage->save(packet(kDeviceA, us(47h), {{4}}));
-    // More old tracks than one deletion transaction takes.
-    for (int i = 0; i < 2 * EventsStorage::kRetentionBatchRows + 50; ++i)
-        storage->save(packet(kDeviceB, us(100h) + i, {{100 + i}}));
-    storage->flush();
+    fill(*storage, 100h, 10'000, "old");
+    fill(*storage, 1h, 20'000, "new");
+    storage.reset();
 
-    std::vector<ObjectTrackEx> left;
-    for (int i = 0; i < 50; ++i) {
-        left = find(*storage, Filter());
-        if (left.size() <= 2)
-            break;
-        std::this_thread::sleep_for(100ms);
+    const auto file = m_dir.filePath(EventsStorage::kFileName).toStdString();
+    const auto number = [&](const std::string& sql) {
+        sql::Database db;
+        EXPECT_EQ(db.open(file, {}, false), sql::DBResult::ok);
+        auto s = db.prepare(sql);
+        return s && s->step() ? s->int64(0) : -1;
+    };
+    EXPECT_EQ(number("SELECT count(*) FROM track"), 2000);
+    EXPECT_EQ(number("SELECT count(*) FROM track_text WHERE track_text MATCH 'old0'"), 1);
+    const std::int64_t positionsBefore = number("SELECT count(*) FROM position");
+
+    m_settings.maxAgeDays = 2;
+    storage = open([&] { return now; });
+    Filter all;
+    ASSERT_TRUE(waitUntil([&] { return find(*storage, all).size() == 1000; }));
+    storage.reset();
+    EXPECT_EQ(number("SELECT count(*) FROM track"), 1000);
+    EXPECT_EQ(number("SELECT count(*) FROM position"), positionsBefore / 2);
+    // The words of the deleted tracks are out of the full-text index, which holds together.
+    EXPECT_EQ(number("SELECT count(*) FROM track_text WHERE track_text MATCH 'old0'"), 0);
+    EXPECT_EQ(number("SELECT count(*) FROM track_text WHERE track_text MATCH 'new0'"), 1);
+    EXPECT_EQ(number("SELECT count(*) FROM track_text WHERE track_text MATCH 'red'"), 1000);
+    {
+        sql::Database db;
+        ASSERT_EQ(db.open(file, {}, false), sql::DBResult::ok);
+        EXPECT_EQ(db.exec("INSERT INTO track_text(track_text) VALUES('integrity-check')"),
+                  sql::DBResult::ok)
+            << db.lastError();
     }
-    EXPECT_EQ(ids(left), (std::vector<int>{4, 3}));
+    const std::int64_t pages = number("PRAGMA page_count");
+    const std::int64_t free = number("PRAGMA freelist_count");
+    EXPECT_GT(free, pages / 4);
+
+    // As much new data again goes mostly into what the old data left: the file grows by less
+    // than half of what the new data takes (the rest is the journal of the open tracks).
+    storage = open([&] { return now; });
+    fill(*storage, 2h, 30'000, "newer");
+    storage.reset();
+    EXPECT_EQ(number("SELECT count(*) FROM track"), 2000);
+    EXPECT_LE(number("PRAGMA page_count"), pages + (pages - free) / 2);
 }
 
 }  // namespace kest::analytics::db::test

@@ -106,7 +106,7 @@ bool EventsStorage::isReady() const
     }
     const double pending = static_cast<double>(m_pendingObjects.load(std::memory_order_relaxed));
     const double pace = m_objectsPerSecond.load(std::memory_order_relaxed);
-    return pending / pace <= duration<double>(bound).count();
+    return pending / pace <= duration<double>(bound).count() / 2;
 }
 
 bool EventsStorage::acknowledgesAfterCommit() const
@@ -346,6 +346,7 @@ void EventsStorage::writerLoop()
         m_writerTasks.clear();
         const bool closeAll = m_closeRequested;
         std::vector<PacketPtr> batch;
+        std::vector<SteadyTime> batchTimes;
         // Counted as queued until released: the batch holds its memory while it is written.
         std::size_t batchBytes = 0;
         std::size_t batchObjects = 0;
@@ -369,6 +370,7 @@ void EventsStorage::writerLoop()
                 batchObjects += objects;
             }
             m_batchOldest = m_queueTimes.front();
+            batchTimes.assign(m_queueTimes.begin(), m_queueTimes.begin() + count);
             if (count == m_queue.size()) {
                 batch.swap(m_queue);
                 m_queueBytes.clear();
@@ -388,15 +390,30 @@ void EventsStorage::writerLoop()
         for (auto& task : tasks)
             task(m_writer->database());
         bool written = true;
+        std::vector<PacketPtr> rest;
+        std::vector<SteadyTime> restTimes;
         if (!batch.empty()) {
             const auto started = SteadyClock::now();
-            written = writeBatch(batch);
+            std::size_t taken = batch.size();
+            written = writeBatch(batch, started + kBatchTime / 2, &taken);
             const double seconds = duration<double>(SteadyClock::now() - started).count();
-            // Small batches say more about waiting than about the pace.
-            if (written && batchObjects >= 1024 && seconds > 0) {
-                const double pace = batchObjects / seconds;
+            if (taken < batch.size()) {
+                // What the batch had no time for is the head of the queue again.
+                rest.assign(std::make_move_iterator(batch.begin() + taken),
+                            std::make_move_iterator(batch.end()));
+                restTimes.assign(batchTimes.begin() + taken, batchTimes.end());
+                batch.resize(taken);
+            }
+            std::size_t objects = 0;
+            for (const auto& packet : batch)
+                objects += packet->objectMetadataList.size();
+            // Small batches say more about waiting than about the pace; a slow one counts at
+            // once, a fast one a little.
+            if (written && objects >= 1024 && seconds > 0) {
+                const double pace = objects / seconds;
                 const double previous = m_objectsPerSecond.load(std::memory_order_relaxed);
-                m_objectsPerSecond.store(0.7 * previous + 0.3 * pace, std::memory_order_relaxed);
+                m_objectsPerSecond.store(pace < previous ? pace : 0.8 * previous + 0.2 * pace,
+                                         std::memory_order_relaxed);
             }
         } else if (SteadyClock::now() >= nextIdleClose && m_writer->openTracks() > 0) {
             nextIdleClose = SteadyClock::now() + 1s;
@@ -417,6 +434,23 @@ void EventsStorage::writerLoop()
             m_completions.post([released = std::move(batch)] {});
 
         lock.lock();
+        if (!rest.empty()) {
+            std::size_t restBytes = 0, restObjects = 0;
+            std::vector<std::size_t> bytes;
+            for (const auto& packet : rest) {
+                bytes.push_back(packetBytes(*packet));
+                restBytes += bytes.back();
+                restObjects += packet->objectMetadataList.size();
+            }
+            m_queueBytes.insert(m_queueBytes.begin(), bytes.begin(), bytes.end());
+            m_queueTimes.insert(m_queueTimes.begin(), restTimes.begin(), restTimes.end());
+            m_queue.insert(m_queue.begin(), std::make_move_iterator(rest.begin()),
+                           std::make_move_iterator(rest.end()));
+            m_queueObjects += restObjects;
+            batchBytes -= restBytes;
+            batchObjects -= restObjects;
+            m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
+        }
         const std::uint64_t first = m_done + 1;
         m_done += count;
         m_queuedBytes -= batchBytes;
@@ -446,15 +480,19 @@ void EventsStorage::writerLoop()
     }
 }
 
-bool EventsStorage::writeBatch(const std::vector<PacketPtr>& batch)
+bool EventsStorage::writeBatch(const std::vector<PacketPtr>& batch,
+                               SteadyClock::time_point deadline, std::size_t* taken)
 {
-    const DBResult result = m_writer->write(batch);
+    const DBResult result = m_writer->write(batch, deadline, taken);
     if (result == DBResult::ok) {
-        m_packetsCommitted.fetch_add(batch.size(), std::memory_order_relaxed);
-        if (m_commitNotifier.wantsReports())
-            m_commitNotifier.report(result, periodsByDevice(batch));
+        m_packetsCommitted.fetch_add(*taken, std::memory_order_relaxed);
+        if (m_commitNotifier.wantsReports()) {
+            m_commitNotifier.report(result, periodsByDevice(std::vector<PacketPtr>(
+                                                batch.begin(), batch.begin() + *taken)));
+        }
         return true;
     }
+    *taken = batch.size();
     KEST_ERROR(this, "Saving %1 packets to the analytics database failed: %2 (%3)", batch.size(),
                result, m_writer->lastError());
     reportFailure(result, batch);

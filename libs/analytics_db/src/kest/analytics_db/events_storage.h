@@ -35,10 +35,11 @@ namespace kest::analytics::db {
  *
  * What is acknowledged and not committed stays within bounds: past maxQueuedPackets or
  * maxQueuedBytes of packets not yet written the storage is not ready until the queue is below
- * half of both; and it is not ready while the oldest of those packets is older, or the queue
- * would take longer to write at the writer's measured pace, than maxCommitDelay plus
- * kMaxBacklogLag less kAckMargin. A batch takes what the writer writes in kBatchTime at that
- * pace, so that the packets taken are committed soon enough. Before a successful initialize,
+ * half of both; and it is not ready while the oldest of those packets is older than
+ * maxCommitDelay plus kMaxBacklogLag less kAckMargin, or while the queue would take more than
+ * half of that to write at the writer's measured pace. A batch takes what the writer writes in
+ * kBatchTime at that pace, and stops taking packets once it has spent half of it, so that the
+ * packets taken are committed soon enough. Before a successful initialize,
  * lookups complete at once (on the caller's thread) with an error and saves are reported as
  * failed (connectionError).
  */
@@ -115,7 +116,9 @@ private:
                  SteadyClock::time_point now);
     void writerLoop();
     void lookupLoop(int worker);
-    bool writeBatch(const std::vector<PacketPtr>& batch);
+    /** Writes what it can of `batch` by `deadline`; `taken`: how many packets it took. */
+    bool writeBatch(const std::vector<PacketPtr>& batch, SteadyClock::time_point deadline,
+                    std::size_t* taken);
     void applyRetention();
     void stop();
     void reportFailure(sql::DBResult result, const std::vector<PacketPtr>& packets);
@@ -170,8 +173,11 @@ private:
     std::atomic<std::int64_t> m_oldestPendingNs{0};
     /** Objects queued and in the batch in hand. */
     std::atomic<std::uint64_t> m_pendingObjects{0};
-    /** Objects the writer commits per second, as measured over recent batches. */
-    std::atomic<double> m_objectsPerSecond{100'000};
+    /**
+     * Objects the writer commits per second, as measured over recent batches; a slow start, so
+     * that the first saves do not queue more than the writer takes in time.
+     */
+    std::atomic<double> m_objectsPerSecond{20'000};
 
     Mutex m_lookupMutex;
     std::condition_variable m_lookupWake;

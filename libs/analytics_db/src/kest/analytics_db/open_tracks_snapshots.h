@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include <kest/utils/mutex.h>
@@ -17,6 +18,11 @@ struct OpenTracks
     /** The commit, as the store's "seq" meta value names it. */
     std::int64_t seq = 0;
     std::vector<std::shared_ptr<const OpenTrackView>> tracks;
+    /** Indexes into `tracks`: by track id, and by device. */
+    std::unordered_map<ZuUuid, std::size_t> byId;
+    std::unordered_map<ZuUuid, std::vector<std::size_t>> byDevice;
+    /** Those that the store holds an older row of, by row id. */
+    std::vector<std::int64_t> replacedRows;
 };
 
 /**

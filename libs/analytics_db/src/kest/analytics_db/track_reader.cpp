@@ -240,11 +240,26 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     std::vector<Row> found;
     std::unordered_set<std::int64_t> replaced;
     if (open) {
-        for (const auto& view : open->tracks) {
-            if (view->hasRow)
-                replaced.insert(view->stored.rowId);
-            if (matchesOpen(filter, *view))
-                found.push_back({view->stored, view.get()});
+        replaced.insert(open->replacedRows.begin(), open->replacedRows.end());
+        const auto consider = [&](std::size_t index) {
+            const OpenTrackView& view = *open->tracks[index];
+            if (matchesOpen(filter, view))
+                found.push_back({view.stored, &view});
+        };
+        // A track id or devices name the few open tracks that can match.
+        if (!filter.objectTrackId.isNull()) {
+            if (const auto it = open->byId.find(filter.objectTrackId); it != open->byId.end())
+                consider(it->second);
+        } else if (!filter.deviceIds.empty()) {
+            for (const ZuUuid& device : filter.deviceIds) {
+                if (const auto it = open->byDevice.find(device); it != open->byDevice.end()) {
+                    for (const std::size_t index : it->second)
+                        consider(index);
+                }
+            }
+        } else {
+            for (std::size_t index = 0; index < open->tracks.size(); ++index)
+                consider(index);
         }
     }
 

@@ -420,8 +420,11 @@ void TrackWriter::addObject(OpenTrack& track, const ObjectMetadataPacket& packet
     track.batch.push_back(r);
 }
 
-DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
+DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::time_point deadline,
+                            std::size_t* taken)
 {
+    if (taken)
+        *taken = packets.size();
     // Reads of stored tracks happen inside the write transaction too: outside it, each would take
     // and drop the WAL read lock on its own.
     if (auto r = m_db.exec("BEGIN IMMEDIATE"); r != DBResult::ok)
@@ -429,7 +432,14 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
     std::vector<OpenTrack*> touched;
     DBResult result = DBResult::ok;
     const auto now = SteadyClock::now();
-    for (const auto& packet : packets) {
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+        // A batch that takes longer than it was meant to ends early, so that what it took is
+        // committed in time; the rest goes to the next one.
+        if (taken && i > 0 && i % 256 == 0 && SteadyClock::now() > deadline) {
+            *taken = i;
+            break;
+        }
+        const auto& packet = packets[i];
         const std::uint32_t deviceKey = m_dictionary.key(Kind::device, UuidBytes(packet->deviceId));
         auto [time, inserted] = m_deviceTime.try_emplace(deviceKey, packet->timestampUs);
         if (!inserted)
@@ -504,9 +514,12 @@ void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::ti
             queue.pop_front();
         }
     }
-    // Tracks that nothing came for, and as many of the least recently seen as are too many.
-    while (!m_idle.empty() && (now - m_idle.front().first >= kIdleClose ||
-                               m_open.size() > kMaxOpenTracks + ending->size())) {
+    // Tracks that nothing came for, and as many of the least recently seen as are too many; a
+    // batch takes a bounded number of them, so that it takes a bounded time.
+    std::size_t idleTaken = 0;
+    while (!m_idle.empty() && idleTaken < kMaxIdleClosesPerBatch &&
+           (now - m_idle.front().first >= kIdleClose ||
+            m_open.size() > kMaxOpenTracks + ending->size())) {
         const auto [queuedAt, id] = m_idle.front();
         m_idle.pop_front();
         OpenTrack* t = find(id);
@@ -514,6 +527,7 @@ void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::ti
             continue;
         if (now - t->touched >= kIdleClose || m_open.size() > kMaxOpenTracks + ending->size()) {
             take(t, ending);
+            ++idleTaken;
         } else if (t->idleQueuedAt == queuedAt) {
             // Seen since: queued again at its latest.
             t->idleQueuedAt = t->touched;
@@ -524,12 +538,16 @@ void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::ti
         if (t->pieceObjects + t->batch.size() >= kFlushObjects)
             take(t, flushing);
     }
-    while (!m_journalAges.empty() && now - m_journalAges.front().first >= kMaxJournalAge) {
+    std::size_t agedTaken = 0;
+    while (!m_journalAges.empty() && agedTaken < kMaxIdleClosesPerBatch &&
+           now - m_journalAges.front().first >= kMaxJournalAge) {
         const auto [since, id] = m_journalAges.front();
         m_journalAges.pop_front();
         OpenTrack* t = find(id);
-        if (t && !t->journalRows.empty() && t->journaledSince == since)
+        if (t && !t->journalRows.empty() && t->journaledSince == since) {
             take(t, flushing);
+            ++agedTaken;
+        }
     }
     std::erase_if(*flushing, [](OpenTrack* t) { return !t->scheduled; });
 }
@@ -899,9 +917,16 @@ std::shared_ptr<const OpenTracks> TrackWriter::snapshot(std::int64_t seq)
     auto tracks = std::make_shared<OpenTracks>();
     tracks->seq = seq;
     tracks->tracks.reserve(m_open.size());
+    tracks->byId.reserve(m_open.size());
     for (const auto& [id, owned] : m_open) {
-        if (owned->view && !owned->closing)
-            tracks->tracks.push_back(owned->view);
+        if (!owned->view || owned->closing)
+            continue;
+        const std::size_t index = tracks->tracks.size();
+        tracks->tracks.push_back(owned->view);
+        tracks->byId.emplace(id, index);
+        tracks->byDevice[owned->view->stored.track.deviceId].push_back(index);
+        if (owned->view->hasRow)
+            tracks->replacedRows.push_back(owned->view->stored.rowId);
     }
     return tracks;
 }

@@ -70,6 +70,8 @@ public:
     static constexpr std::chrono::seconds kMaxJournalAge{60};
     /** Open tracks at most; past it the least recently seen ones are written. */
     static constexpr std::size_t kMaxOpenTracks = 200'000;
+    /** Tracks that a batch writes for their age (not for their device's time) at most. */
+    static constexpr std::size_t kMaxIdleClosesPerBatch = 2048;
 
     TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots);
     ~TrackWriter();
@@ -79,9 +81,12 @@ public:
 
     /**
      * All of the batch or nothing of it is stored. After a failure the open tracks are rebuilt
-     * from the store as it was before the batch.
+     * from the store as it was before the batch. Packets are taken until `deadline`: `taken`
+     * gets how many were (the others are for a later batch); all of them without `taken`.
      */
-    sql::DBResult write(const std::vector<PacketPtr>& packets);
+    sql::DBResult write(const std::vector<PacketPtr>& packets,
+                        SteadyClock::time_point deadline = SteadyClock::time_point::max(),
+                        std::size_t* taken = nullptr);
 
     /**
      * Writes every open track (a stop, or a test that wants rows); `idleOnly`: only those that
