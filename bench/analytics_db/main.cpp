@@ -189,8 +189,10 @@ void measureIngest(const Options& options)
     storage->flush();
     const double seconds = secondsSince(start);
     const double cpu = cpuSeconds() - cpuStart;
+    // What the writes of the ingest cost once they are where they stay: the tracks still open
+    // written as if they had ended, the log folded in.
+    storage->closeOpenTracks();
     storage.reset();
-    // What the writes of the ingest cost once they are where they stay: the log folded in.
     checkpointSqliteFiles(path);
     const std::uint64_t written = processWrittenBytes() - writtenBefore;
     const std::uint64_t grown = directoryBytes(path) - storeBefore;

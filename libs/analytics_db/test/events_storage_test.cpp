@@ -4,6 +4,7 @@
 #include <QTemporaryDir>
 #include <functional>
 #include <future>
+#include <random>
 #include <set>
 #include <thread>
 
@@ -675,7 +676,11 @@ TEST_F(EventsStorageTest, FailedBatchReachesTheHandlerWithPeriodsPerDevice)
     // The file may not grow any more: the next batch fails with SQLITE_FULL.
     storage->runOnWriter(
         [](sql::Database& db) { db.exec("PRAGMA max_page_count = " + std::to_string(1)); });
-    std::string padding(20'000, 'x');
+    // A value that does not compress, so that the batch needs new pages whatever is stored how.
+    std::string padding;
+    std::mt19937 random(1);
+    for (int i = 0; i < 20'000; ++i)
+        padding += static_cast<char>('a' + random() % 26);
     storage->save(packet(kDeviceA, 5'000'500, {{2, "car", {}, {{"big", padding}}}}));
     storage->save(packet(kDeviceB, 7'000'000, {{3}}));
     storage->save(packet(kDeviceA, 6'000'000, {{4}}));

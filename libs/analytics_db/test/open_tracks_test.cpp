@@ -6,6 +6,7 @@
 
 #include <QTemporaryDir>
 #include <future>
+#include <thread>
 
 #include <kest/analytics_db/events_storage.h>
 #include <kest/analytics_db/track_writer.h>
@@ -103,10 +104,13 @@ TEST_F(OpenTracksTest, AGrowingTrackIsWrittenOnceWhenItEnds)
         EXPECT_EQ(count("position"), 0);
         EXPECT_EQ(count("journal"), i + 1);
     }
-    // The device goes on past the track's end: its row and one chunk are written, the journal
-    // is emptied.
+    // The device goes on past the track's end: its row and one chunk are written (with those of
+    // other tracks that end about then), the journal is emptied.
     storage->save(packet(100 * kS + 10 * kS + TrackWriter::kCloseGapUs, {2}));
     storage->flush();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (count("track") == 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(count("track"), 1);
     EXPECT_EQ(count("position"), 1);
     EXPECT_EQ(count("journal WHERE id < (SELECT max(id) FROM journal)"), 0);
@@ -196,6 +200,58 @@ TEST_F(OpenTracksTest, ALongTrackIsWrittenInChunksAsItGoes)
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0].objectPositionSequence.size(), static_cast<std::size_t>(objects));
     EXPECT_EQ(count("journal"), 0);
+}
+
+TEST_F(OpenTracksTest, ABacklogWritesLargeRunsWhereTheyStayAndTheJournalOnlyNamesThem)
+{
+    const int run = static_cast<int>(TrackWriter::kDirectChunkObjects);
+    std::vector<ObjectTrackEx> before;
+    {
+        auto storage = open();
+        // One batch: a run of track 1 large enough for a chunk of its own, with a best shot in
+        // it, and a small run of track 2, which goes to the journal.
+        for (int k = 0; k < run + 4; ++k) {
+            auto p = std::make_shared<ObjectMetadataPacket>(
+                *packet(400 * kS + k * 100'000, {1}, {{"color", "blue"}}));
+            if (k == 3) {
+                p->objectMetadataList.push_back(p->objectMetadataList.front());
+                p->objectMetadataList.back().objectMetadataType = ObjectMetadataType::bestShot;
+            }
+            storage->save(p);
+        }
+        storage->save(packet(400 * kS, {2}));
+        storage->flush();
+        EXPECT_EQ(count("position"), 1);
+        EXPECT_EQ(count("journal"), 1);
+        EXPECT_EQ(count("track"), 0);
+        Filter all;
+        all.needFullTrack = true;
+        before = find(*storage, all);
+        ASSERT_EQ(before.size(), 2u);
+        EXPECT_EQ(fullTrack(*storage, 1).at(0).objectPositionSequence.size(),
+                  static_cast<std::size_t>(run + 4));
+    }  //< Stopped with both open.
+
+    auto storage = open();
+    Filter all;
+    all.needFullTrack = true;
+    EXPECT_EQ(find(*storage, all), before);
+    // An earlier object moves the track's start before that of the chunk: the chunk still reads.
+    storage->save(packet(399 * kS, {1}, {{"color", "blue"}}));
+    storage->closeOpenTracks();
+    EXPECT_EQ(count("track"), 2);
+    EXPECT_EQ(count("journal"), 0);
+    EXPECT_EQ(count("position"), 3);
+    const auto track = fullTrack(*storage, 1);
+    ASSERT_EQ(track.size(), 1u);
+    EXPECT_EQ(track[0].firstAppearanceTimeUs, 399 * kS);
+    EXPECT_EQ(track[0].bestShot.timestampUs, 400 * kS + 300'000);
+    auto expected = before[0].id == trackId(1) ? before[0] : before[1];
+    ASSERT_EQ(track[0].objectPositionSequence.size(), expected.objectPositionSequence.size() + 1);
+    EXPECT_EQ(track[0].objectPositionSequence.front().timestampUs, 399 * kS);
+    EXPECT_TRUE(std::equal(expected.objectPositionSequence.begin(),
+                           expected.objectPositionSequence.end(),
+                           track[0].objectPositionSequence.begin() + 1));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <string>
 #include <thread>
@@ -11,16 +12,20 @@ namespace kest::analytics::db {
 
 /**
  * Folds the write-ahead log into the database on a thread and connection of its own, so that
- * the writer never waits for the copy and its syncs: the writer's connection tells it how long
- * the log has grown after each commit (SQLite's own checkpoints after commits are off). Passive
- * checkpoints: they never wait for readers or the writer, and the log starts over once one has
- * caught up.
+ * the writer does not wait for the copy and its syncs: the writer's connection tells it how long
+ * the log has grown after each commit (SQLite's own checkpoints after commits are off), and it
+ * copies once kPages frames have come since its last copy. Passive checkpoints: they never wait
+ * for readers or the writer. The log starts over at a commit once a checkpoint has caught up with
+ * it; should the writer keep it from catching up for long, the writer restarts the log itself
+ * between two batches (restartIfLong()).
  */
 class Checkpointer
 {
 public:
-    /** Log pages past which a checkpoint starts. */
+    /** Log frames that start a checkpoint. */
     static constexpr int kPages = 4096;
+    /** Log frames past which the writer restarts the log. */
+    static constexpr int kLongLog = 8 * kPages;
 
     Checkpointer() = default;
     /** Runs a last checkpoint, then stops. */
@@ -32,6 +37,9 @@ public:
     sql::DBResult start(const std::string& file, const sql::ConnectionOptions& options,
                         sql::Database& writer);
 
+    /** On the writer's thread, between its transactions: copies and restarts a long log. */
+    void restartIfLong(sql::Database& writer);
+
 private:
     static int onCommit(void* self, struct sqlite3* db, const char* name, int pages);
     void run();
@@ -39,8 +47,11 @@ private:
     sql::Database m_db;
     Mutex m_mutex;
     std::condition_variable m_wake;
-    int m_pages = 0;
+    /** Frames in the log after the last commit, and of them the ones copied. */
+    int m_frames = 0;
+    int m_copied = 0;
     bool m_stopping = false;
+    std::atomic<int> m_logFrames{0};
     std::thread m_thread;
 };
 

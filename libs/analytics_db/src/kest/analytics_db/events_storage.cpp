@@ -396,6 +396,7 @@ void EventsStorage::writerLoop()
             const auto started = SteadyClock::now();
             std::size_t taken = batch.size();
             written = writeBatch(batch, started + kBatchTime / 2, &taken);
+
             const double seconds = duration<double>(SteadyClock::now() - started).count();
             if (taken < batch.size()) {
                 // What the batch had no time for is the head of the queue again.

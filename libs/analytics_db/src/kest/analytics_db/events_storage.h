@@ -50,7 +50,7 @@ public:
 
     static constexpr const char* kFileName = "events.sqlite";
     /** A batch is committed once this many packets are waiting, or after maxCommitDelay. */
-    static constexpr std::size_t kBatchPackets = 4096;
+    static constexpr std::size_t kBatchPackets = 16384;
     static constexpr std::size_t kMaxBatchPackets = 16384;
     /** What a batch may take to write, at the writer's pace. */
     static constexpr std::chrono::milliseconds kBatchTime{300};

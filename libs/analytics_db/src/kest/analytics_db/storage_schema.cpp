@@ -126,7 +126,7 @@ DBResult convert(LegacyStore& legacy, sql::Database& out, std::int64_t* tracks)
             });
             chunk->reset();
             chunk->bind(1, ++*chunks);
-            chunk->bindBlob(2, ObjectRun::encode(records, lists, t.firstUs));
+            chunk->bindBlob(2, ObjectRun::encode(records, lists, 0));
             if (auto r = chunk->exec(); r != DBResult::ok)
                 return r;
             stored.chunks = {*chunks};

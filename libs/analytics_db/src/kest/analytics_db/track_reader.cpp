@@ -699,8 +699,8 @@ DBResult TrackReader::loadPositions(const StoredTrack& stored, ObjectTrackEx* tr
         if (!s)
             return m_db.lastResult();
         s->bind(1, chunk);
-        if (s->step() && !decodePositions(s->blob(0), stored.track.firstUs,
-                                          &track->objectPositionSequence, false)) {
+        // Chunks written while the track was open hold its best shots too.
+        if (s->step() && !decodePositions(s->blob(0), 0, &track->objectPositionSequence, true)) {
             return m_db.fail(SQLITE_CORRUPT, "a chunk of positions that cannot be read");
         }
         if (s->result() != DBResult::ok)

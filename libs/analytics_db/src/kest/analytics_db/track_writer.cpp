@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <zlib.h>
+
 #include <kest/sql/transaction.h>
 #include <kest/utils/log/log.h>
 
@@ -28,11 +30,17 @@ struct TrackWriter::OpenTrack
     bool hasRow = false;
     /** The attributes of that row, whose words the full-text index holds. */
     std::vector<Attribute> storedAttributes;
-    /** Runs of its objects in the journal, not in a chunk yet, oldest first; and their rows. */
+    /**
+     * Runs of its objects since it was last written, oldest first; the journal rows that hold
+     * them or name them; the position rows of those written where they stay (0: in the journal).
+     */
     std::vector<std::shared_ptr<const std::string>> pieces;
     std::vector<std::int64_t> journalRows;
+    std::vector<std::int64_t> pieceChunks;
     std::size_t pieceObjects = 0;
-    /** The positions of those runs, as they are, for the chunk the track gets when written. */
+    /** The position rows among pieceChunks, for the track's row when it is written. */
+    std::vector<std::int64_t> directChunks;
+    /** The positions of the runs in the journal, for the chunk the track gets when written. */
     std::vector<ObjectRecord> pending;
     std::vector<AttributeList> pendingLists;
     SteadyClock::time_point journaledSince;
@@ -46,6 +54,9 @@ struct TrackWriter::OpenTrack
     /** Chosen to be written by the batch in hand; written and ending. */
     bool scheduled = false;
     bool closing = false;
+    /** Ended, waiting in m_ended to be written with others; since when. */
+    bool ended = false;
+    SteadyClock::time_point endedAt;
 
     // The objects of the batch in hand, with their attribute lists.
     bool inBatch = false;
@@ -66,6 +77,46 @@ std::int64_t span(std::int64_t first, std::int64_t last)
 {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(last) -
                                      static_cast<std::uint64_t>(first));
+}
+
+/**
+ * A journal row as stored: its size, then the row compressed (zlib, fastest level): runs of one
+ * batch repeat their attribute lists and headers, and what is journaled is written again later.
+ */
+std::string packJournal(const std::string& row)
+{
+    std::string out;
+    ByteWriter w(&out);
+    w.putVarint(row.size());
+    const std::size_t header = out.size();
+    uLongf size = compressBound(row.size());
+    out.resize(header + size);
+    if (compress2(reinterpret_cast<Bytef*>(out.data() + header), &size,
+                  reinterpret_cast<const Bytef*>(row.data()), row.size(), 1) != Z_OK) {
+        return {};
+    }
+    out.resize(header + size);
+    return out;
+}
+
+bool unpackJournal(std::string_view stored, std::string* row)
+{
+    ByteReader r(stored);
+    std::uint64_t size = 0;
+    if (!r.getVarint(&size) || size > (std::uint64_t{1} << 32))
+        return false;
+    row->resize(size);
+    uLongf unpacked = size;
+    const std::string_view rest = r.rest();
+    return uncompress(reinterpret_cast<Bytef*>(row->data()), &unpacked,
+                      reinterpret_cast<const Bytef*>(rest.data()), rest.size()) == Z_OK &&
+           unpacked == size;
+}
+
+/** What a run takes in a journal row: its bytes, or the number of its position row. */
+std::size_t journaledBytes(const std::string& piece, std::int64_t chunk)
+{
+    return chunk != 0 ? sizeof(std::int64_t) : piece.size();
 }
 
 bool isBestShot(std::uint8_t kind)
@@ -175,6 +226,7 @@ DBResult TrackWriter::recover()
     m_ends.clear();
     m_idle.clear();
     m_journalAges.clear();
+    m_ended.clear();
     m_dictionary.dropUnsaved();
     if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
         return r;
@@ -190,12 +242,19 @@ DBResult TrackWriter::recover()
     {
         std::int64_t rowId = 0;
         std::string_view piece;
+        /** The position row that holds the run, if it is not in the journal row. */
+        std::int64_t chunk = 0;
     };
     std::vector<std::pair<std::int64_t, std::string>> rows;
     std::unordered_map<std::int64_t, ZuUuid> ids;
     std::vector<std::vector<Section>> sectionsOfRows;
     while (select->step()) {
-        rows.emplace_back(select->int64(0), std::string(select->blob(1)));
+        std::string row;
+        if (!unpackJournal(select->blob(1), &row)) {
+            KEST_WARNING(this, "Journal row %1 cannot be read; its runs are lost",
+                         select->int64(0));
+        }
+        rows.emplace_back(select->int64(0), std::move(row));
         sectionsOfRows.emplace_back();
         ByteReader in(rows.back().second);
         std::uint64_t sections = 0;
@@ -206,16 +265,17 @@ DBResult TrackWriter::recover()
             std::string_view piece;
             if (!in.getVarint(&head))
                 break;
-            rowId += static_cast<std::int64_t>(head >> 1);
-            if (head & 1) {
+            rowId += static_cast<std::int64_t>(head >> 2);
+            if (head & kSectionIntro) {
                 std::int64_t key = 0, low = 0;
                 if (!in.getFixed(&key) || !in.getFixed(&low))
                     break;
                 ids.emplace(rowId, TrackRow::idOf(key, low));
             }
-            if (!in.getBytes(&piece))
+            std::uint64_t chunk = 0;
+            if (head & kSectionChunk ? !in.getVarint(&chunk) : !in.getBytes(&piece))
                 break;
-            sectionsOfRows.back().push_back({rowId, piece});
+            sectionsOfRows.back().push_back({rowId, piece, static_cast<std::int64_t>(chunk)});
         }
     }
     if (select->result() != DBResult::ok)
@@ -228,9 +288,20 @@ DBResult TrackWriter::recover()
         const std::int64_t journalRow = rows[row].first;
         JournalRow& entry = m_journal[journalRow];
         entry.bytes = rows[row].second.size();
-        for (const auto& [rowId, piece] : sectionsOfRows[row]) {
+        for (auto [rowId, piece, chunk] : sectionsOfRows[row]) {
             if (ended.contains(rowId))
                 continue;
+            std::string chunkBytes;
+            if (chunk != 0) {
+                auto* read = m_db.cached("SELECT data FROM position WHERE id = ?");
+                if (!read)
+                    return m_db.lastResult();
+                read->bind(1, chunk);
+                if (read->step())
+                    chunkBytes = read->blob(0);
+                read->reset();
+                piece = chunkBytes;
+            }
             OpenTrack* track = nullptr;
             if (auto it = byRow.find(rowId); it != byRow.end()) {
                 track = it->second;
@@ -298,9 +369,13 @@ DBResult TrackWriter::recover()
             }
             track->pieces.push_back(std::make_shared<const std::string>(piece));
             track->journalRows.push_back(journalRow);
+            track->pieceChunks.push_back(chunk);
             track->pieceObjects += records.size();
-            collectPositions(records, lists, &track->pending, &track->pendingLists);
-            entry.liveBytes += piece.size();
+            if (chunk != 0)
+                track->directChunks.push_back(chunk);
+            else
+                collectPositions(records, lists, &track->pending, &track->pendingLists);
+            entry.liveBytes += journaledBytes(*track->pieces.back(), chunk);
             ++entry.pieces;
             entry.tracks.push_back(track->stored.track.id);
             ++runs;
@@ -454,15 +529,17 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
                 track->inBatch = true;
                 touched.push_back(track);
             }
+            // Seen again before it was written: it had not ended after all.
+            track->ended = false;
             addObject(*track, *packet, object, deviceKey);
         }
         if (result != DBResult::ok)
             break;
     }
     if (result == DBResult::ok) {
-        std::vector<OpenTrack*> ending, flushing;
-        decide(touched, now, &ending, &flushing);
-        result = commit(touched, std::move(flushing), std::move(ending));
+        std::vector<OpenTrack*> flushing;
+        decide(touched, now, &flushing);
+        result = commit(touched, std::move(flushing), false);
     }
     if (result != DBResult::ok) {
         m_lastError = m_db.lastError();
@@ -478,13 +555,20 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
 }
 
 void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::time_point now,
-                         std::vector<OpenTrack*>* ending, std::vector<OpenTrack*>* flushing)
+                         std::vector<OpenTrack*>* flushing)
 {
     const auto take = [](OpenTrack* t, std::vector<OpenTrack*>* list) {
-        if (!t || t->scheduled)
+        if (!t || t->scheduled || t->ended)
             return;
         t->scheduled = true;
         list->push_back(t);
+    };
+    const auto end = [&](OpenTrack* t) {
+        if (!t || t->ended)
+            return;
+        t->ended = true;
+        t->endedAt = now;
+        m_ended.push_back(t->stored.track.id);
     };
     const auto find = [this](const ZuUuid& id) -> OpenTrack* {
         const auto it = m_open.find(id);
@@ -510,23 +594,23 @@ void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::ti
                span(queue.front().lastUs, deviceTime) >= kCloseGapUs) {
             OpenTrack* t = find(queue.front().id);
             if (t && t->stored.track.lastUs == queue.front().lastUs)
-                take(t, ending);
+                end(t);
             queue.pop_front();
         }
     }
     // Tracks that nothing came for, and as many of the least recently seen as are too many; a
     // batch takes a bounded number of them, so that it takes a bounded time.
     std::size_t idleTaken = 0;
+    const auto tooMany = [&] { return m_open.size() > kMaxOpenTracks + m_ended.size(); };
     while (!m_idle.empty() && idleTaken < kMaxIdleClosesPerBatch &&
-           (now - m_idle.front().first >= kIdleClose ||
-            m_open.size() > kMaxOpenTracks + ending->size())) {
+           (now - m_idle.front().first >= kIdleClose || tooMany())) {
         const auto [queuedAt, id] = m_idle.front();
         m_idle.pop_front();
         OpenTrack* t = find(id);
-        if (!t || t->scheduled)
+        if (!t || t->ended)
             continue;
-        if (now - t->touched >= kIdleClose || m_open.size() > kMaxOpenTracks + ending->size()) {
-            take(t, ending);
+        if (now - t->touched >= kIdleClose || tooMany()) {
+            end(t);
             ++idleTaken;
         } else if (t->idleQueuedAt == queuedAt) {
             // Seen since: queued again at its latest.
@@ -555,20 +639,23 @@ void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::ti
 DBResult TrackWriter::closeTracks(bool idleOnly)
 {
     const auto now = SteadyClock::now();
-    std::vector<OpenTrack*> ending, flushing;
+    std::vector<OpenTrack*> flushing;
     if (idleOnly) {
-        decide({}, now, &ending, &flushing);
+        decide({}, now, &flushing);
     } else {
         for (auto& [id, owned] : m_open) {
-            owned->scheduled = true;
-            ending.push_back(owned.get());
+            if (!owned->ended) {
+                owned->ended = true;
+                owned->endedAt = now;
+                m_ended.push_back(id);
+            }
         }
     }
-    if (ending.empty() && m_unreferencedJournalRows.empty())
+    if (flushing.empty() && !endedDue(now, !idleOnly) && m_unreferencedJournalRows.empty())
         return DBResult::ok;
     if (auto r = m_db.exec("BEGIN IMMEDIATE"); r != DBResult::ok)
         return r;
-    const DBResult result = commit({}, std::move(flushing), std::move(ending));
+    const DBResult result = commit({}, std::move(flushing), !idleOnly);
     if (result != DBResult::ok) {
         m_lastError = m_db.lastError();
         m_db.resetCached();
@@ -578,11 +665,35 @@ DBResult TrackWriter::closeTracks(bool idleOnly)
     return result;
 }
 
+bool TrackWriter::endedDue(SteadyClock::time_point now, bool all) const
+{
+    if (m_ended.empty())
+        return false;
+    if (all || m_ended.size() >= kMaxEndedTracks)
+        return true;
+    const auto first = m_open.find(m_ended.front());
+    return first == m_open.end() || !first->second->ended ||
+           now - first->second->endedAt >= kEndedDelay;
+}
+
 DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
-                             std::vector<OpenTrack*> toWrite, std::vector<OpenTrack*> toClose)
+                             std::vector<OpenTrack*> toWrite, bool allEnded)
 {
     const std::int64_t seq = m_seq + 1;
     std::vector<OpenTrack*> journaled;
+    // Ended tracks are written together, a while after they ended: the index pages that every
+    // commit of tracks touches are then written once for many tracks, not once per batch.
+    std::vector<OpenTrack*> toClose;
+    if (endedDue(SteadyClock::now(), allEnded)) {
+        for (const ZuUuid& id : m_ended) {
+            const auto it = m_open.find(id);
+            if (it == m_open.end() || !it->second->ended || it->second->scheduled)
+                continue;
+            it->second->scheduled = true;
+            toClose.push_back(it->second.get());
+        }
+        m_ended.clear();
+    }
     for (OpenTrack* t : toWrite) {
         if (auto r = writeTrack(*t, false); r != DBResult::ok)
             return r;
@@ -634,50 +745,74 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         for (const auto& [t, index] : sections) {
             // A track without a row has its id in its first run, and in every run that moves.
             const bool intro = !t->hasRow && (index != kBatchPiece || t->journalRows.empty());
-            w.putVarint((static_cast<std::uint64_t>(t->stored.rowId - previousRowId) << 1) |
-                        (intro ? 1 : 0));
-            previousRowId = t->stored.rowId;
-            if (intro) {
-                const auto [key, low] = TrackRow::idHalves(t->stored.track.id);
-                w.putFixed(key);
-                w.putFixed(low);
-            }
             std::shared_ptr<const std::string> piece;
+            std::int64_t chunk = 0;
             if (index == kBatchPiece) {
                 piece = std::make_shared<const std::string>(
                     ObjectRun::encode(t->batch, t->batchLists, 0));
+                // A run this large is a chunk of its own, written where it stays; the journal
+                // only names it. A track keeps a few chunks free for when it is written.
+                if (t->batch.size() >= kDirectChunkObjects &&
+                    t->stored.chunks.size() + t->directChunks.size() + 2 < kMaxPositionChunks) {
+                    auto* s = m_db.cached("INSERT INTO position(id, data) VALUES(?, ?)");
+                    if (!s)
+                        return m_db.lastResult();
+                    s->bind(1, m_nextChunkId);
+                    s->bindBlobInPlace(2, *piece);
+                    if (auto r = s->exec(); r != DBResult::ok)
+                        return r;
+                    chunk = m_nextChunkId++;
+                    t->directChunks.push_back(chunk);
+                } else {
+                    collectPositions(t->batch, t->batchLists, &t->pending, &t->pendingLists);
+                }
                 if (t->journalRows.empty()) {
                     t->journaledSince = now;
                     m_journalAges.push_back({now, t->stored.track.id});
                 }
                 t->pieces.push_back(piece);
                 t->journalRows.push_back(seq);
+                t->pieceChunks.push_back(chunk);
                 t->pieceObjects += t->batch.size();
-                collectPositions(t->batch, t->batchLists, &t->pending, &t->pendingLists);
             } else {
                 // Moved from its old row, which loses it.
                 piece = t->pieces[index];
+                chunk = t->pieceChunks[index];
                 JournalRow& old = m_journal[t->journalRows[index]];
-                old.liveBytes -= piece->size();
+                old.liveBytes -= journaledBytes(*piece, chunk);
                 if (--old.pieces == 0) {
                     m_journal.erase(t->journalRows[index]);
                     m_unreferencedJournalRows.push_back(t->journalRows[index]);
                 }
                 t->journalRows[index] = seq;
             }
-            w.putBytes(*piece);
-            entry.liveBytes += piece->size();
+            w.putVarint((static_cast<std::uint64_t>(t->stored.rowId - previousRowId) << 2) |
+                        (chunk != 0 ? kSectionChunk : 0) | (intro ? kSectionIntro : 0));
+            previousRowId = t->stored.rowId;
+            if (intro) {
+                const auto [key, low] = TrackRow::idHalves(t->stored.track.id);
+                w.putFixed(key);
+                w.putFixed(low);
+            }
+            if (chunk != 0)
+                w.putVarint(static_cast<std::uint64_t>(chunk));
+            else
+                w.putBytes(*piece);
+            entry.liveBytes += journaledBytes(*piece, chunk);
             ++entry.pieces;
             entry.tracks.push_back(t->stored.track.id);
             journaled.push_back(t);
         }
         entry.bytes = data.size();
         m_journal[seq] = std::move(entry);
+        const std::string packed = packJournal(data);
+        if (packed.empty())
+            return m_db.fail(1 /*SQLITE_ERROR*/, "compressing a journal row");
         auto* s = m_db.cached("INSERT INTO journal(id, data) VALUES(?, ?)");
         if (!s)
             return m_db.lastResult();
         s->bind(1, seq);
-        s->bindBlobInPlace(2, data);
+        s->bindBlobInPlace(2, packed);
         if (auto r = s->exec(); r != DBResult::ok)
             return r;
     }
@@ -736,6 +871,7 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         t->scheduled = false;
     for (OpenTrack* t : toClose)
         m_open.erase(t->stored.track.id);
+    m_checkpointer.restartIfLong(m_db);
     return DBResult::ok;
 }
 
@@ -755,12 +891,15 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     std::stable_sort(positions.begin(), positions.end(),
                      [](const auto& a, const auto& b) { return a.timestampUs < b.timestampUs; });
 
+    // The runs written as chunks of their own come first: they are older than the chunk below.
+    stored.chunks.insert(stored.chunks.end(), track.directChunks.begin(), track.directChunks.end());
+    track.directChunks.clear();
     if (!positions.empty()) {
         if (stored.chunks.size() < kMaxPositionChunks) {
             auto* s = m_db.cached("INSERT INTO position(id, data) VALUES(?, ?)");
             if (!s)
                 return m_db.lastResult();
-            const std::string chunk = ObjectRun::encode(positions, lists, t.firstUs);
+            const std::string chunk = ObjectRun::encode(positions, lists, 0);
             s->bind(1, m_nextChunkId);
             s->bindBlobInPlace(2, chunk);
             if (auto r = s->exec(); r != DBResult::ok)
@@ -776,7 +915,7 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
             std::vector<ObjectRecord> old;
             std::vector<AttributeList> oldLists;
             if (read->step())
-                ObjectRun::decode(read->blob(0), t.firstUs, &old, &oldLists);
+                ObjectRun::decode(read->blob(0), 0, &old, &oldLists);
             read->reset();
             std::vector<ObjectRecord> mine = std::move(positions);
             std::vector<AttributeList> myLists = std::move(lists);
@@ -787,7 +926,7 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
             auto* s = m_db.cached("UPDATE position SET data = ? WHERE id = ?");
             if (!s)
                 return m_db.lastResult();
-            s->bindBlob(1, ObjectRun::encode(positions, lists, t.firstUs));
+            s->bindBlob(1, ObjectRun::encode(positions, lists, 0));
             s->bind(2, chunk);
             if (auto r = s->exec(); r != DBResult::ok)
                 return r;
@@ -838,7 +977,7 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
         const auto it = m_journal.find(track.journalRows[i]);
         if (it == m_journal.end())
             continue;
-        it->second.liveBytes -= track.pieces[i]->size();
+        it->second.liveBytes -= journaledBytes(*track.pieces[i], track.pieceChunks[i]);
         if (--it->second.pieces > 0)
             continue;
         m_unreferencedJournalRows.push_back(it->first);
@@ -846,6 +985,7 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     }
     track.pieces.clear();
     track.journalRows.clear();
+    track.pieceChunks.clear();
     track.pieceObjects = 0;
     track.pending.clear();
     track.pendingLists.clear();

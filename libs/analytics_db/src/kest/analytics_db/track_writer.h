@@ -66,12 +66,23 @@ public:
     static constexpr std::chrono::seconds kIdleClose{10};
     /** Objects of an open track before they are written as a chunk. */
     static constexpr std::size_t kFlushObjects = 4096;
+    /**
+     * A batch's run of a track with this many objects is written as a position chunk at once,
+     * not to the journal first: a backlog makes such runs, and they are then written once.
+     */
+    static constexpr std::size_t kDirectChunkObjects = 16;
     /** How long an open track's objects stay in the journal before they are written as a chunk. */
     static constexpr std::chrono::seconds kMaxJournalAge{60};
     /** Open tracks at most; past it the least recently seen ones are written. */
     static constexpr std::size_t kMaxOpenTracks = 200'000;
     /** Tracks that a batch writes for their age (not for their device's time) at most. */
     static constexpr std::size_t kMaxIdleClosesPerBatch = 2048;
+    /**
+     * Ended tracks wait, in the journal still, until this many have ended or the first of them
+     * ended this long ago; then they are written together.
+     */
+    static constexpr std::size_t kMaxEndedTracks = 16384;
+    static constexpr std::chrono::milliseconds kEndedDelay{1000};
 
     TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots);
     ~TrackWriter();
@@ -116,11 +127,13 @@ private:
     OpenTrack* openTrackFor(const ZuUuid& id, sql::DBResult* result);
     void addObject(OpenTrack& track, const common::metadata::ObjectMetadataPacket& packet,
                    const common::metadata::ObjectMetadata& object, std::uint32_t deviceKey);
-    /** Chooses the tracks that end or are written before they end. */
+    /** Marks the tracks that end (m_ended), and chooses those written before they end. */
     void decide(const std::vector<OpenTrack*>& touched, SteadyClock::time_point now,
-                std::vector<OpenTrack*>* ending, std::vector<OpenTrack*>* flushing);
+                std::vector<OpenTrack*>* flushing);
+    /** Whether the ended tracks are to be written now; `all`: whatever their number and age. */
+    bool endedDue(SteadyClock::time_point now, bool all) const;
     sql::DBResult commit(const std::vector<OpenTrack*>& touched, std::vector<OpenTrack*> toWrite,
-                         std::vector<OpenTrack*> toClose);
+                         bool allEnded);
     sql::DBResult writeTrack(OpenTrack& track, bool closing);
     sql::DBResult storeMeta(const char* key, std::int64_t value);
     void noteFirst(OpenTrack& track);
@@ -148,6 +161,9 @@ private:
     };
     /** Rows of this size at least whose runs have mostly ended are compacted. */
     static constexpr std::size_t kJournalCompactionBytes = 16 * 1024;
+    /** Flags of a journal row's section: the track's id follows; its run is in a position row. */
+    static constexpr std::uint64_t kSectionIntro = 1;
+    static constexpr std::uint64_t kSectionChunk = 2;
     std::map<std::int64_t, JournalRow> m_journal;
     std::vector<std::int64_t> m_unreferencedJournalRows;
     /** The latest packet time of each device, by dictionary key. */
@@ -165,6 +181,8 @@ private:
     std::unordered_map<std::uint32_t, std::deque<Due>> m_ends;
     std::deque<std::pair<SteadyClock::time_point, ZuUuid>> m_idle;
     std::deque<std::pair<SteadyClock::time_point, ZuUuid>> m_journalAges;
+    /** Tracks that ended and wait to be written, in the order they ended; some went on since. */
+    std::vector<ZuUuid> m_ended;
 
     /** The meta values as the store holds them, to write only those that change. */
     std::map<std::string, std::int64_t, std::less<>> m_storedMeta;
