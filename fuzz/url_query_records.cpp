@@ -3,7 +3,8 @@
 // once and split by QUrlQuery.
 //
 // Checked beyond crashes: what a reader accepts, the record's writer writes as a query (as the
-// client library sends it) that the reader takes back to the same record.
+// client library sends it) that the reader takes back to the same record; what the frame answers
+// to the query, read with the readers that say what is wrong, is valid UTF-8 JSON.
 
 #include <algorithm>
 #include <cstdint>
@@ -17,8 +18,10 @@
 #include <kest/cloud/storage/controller/data_request_data.h>
 #include <kest/cloud/storage/controller/errors_request_data.h>
 #include <kest/cloud/storage/controller/optimal_instance_request.h>
+#include <kest/network/http/api/base_api_request_handler.h>
 #include <kest/network/http/request.h>
 #include <kest/reflect/json.h>
+#include <kest/reflect/utf8.h>
 
 #include "fuzz_check.h"
 
@@ -37,6 +40,23 @@ QUrlQuery receivedQuery(std::string_view text)
 std::string wireText(const QUrlQuery& query)
 {
     return query.query(QUrl::FullyEncoded).toStdString();
+}
+
+/** The frame's answer to the query as a request of `Record`: an error body or the record. */
+template <typename Record>
+void checkAnswer(std::string_view text)
+{
+    Record record;
+    const auto result = kest::network::http::detail::readUrlQuery(text, &record);
+    const std::string answer =
+        result.success ? kest::reflect::json::serialize(record)
+                       : kest::network::http::detail::BaseApiRequestHandler<Record>::inputError(
+                             result.errorDescription)
+                             .toJson();
+    FUZZ_CHECK(kest::reflect::utf8::isValid(answer), answer);
+    rapidjson::Document document;
+    document.Parse<rapidjson::kParseValidateEncodingFlag>(answer.data(), answer.size());
+    FUZZ_CHECK(!document.HasParseError(), answer);
 }
 
 void checkDataRequest(std::string_view text)
@@ -99,5 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkDataRequest(text);
     checkOptimalInstanceRequest(text);
     checkErrorsRequest(text);
+    checkAnswer<DataRequestData>(text);
+    checkAnswer<OptimalInstanceRequest>(text);
+    checkAnswer<ErrorsRequestData>(text);
     return 0;
 }

@@ -1,8 +1,10 @@
 // Hostile HTTP clients against the service, on loopback: slowloris, header floods, huge declared
-// bodies, garbage bytes, thousands of idle connections and pipelined junk, one attack after the
-// other and then all at once. Throughout, a well-behaved client pings the service on a kept-alive
-// connection, and the service's resident memory is sampled. Prints, per attack, the ping latency
-// (p50, p99, max, failures) and the peak RSS, then the goals with pass or fail. See README.md.
+// bodies, garbage bytes, thousands of idle connections, pipelined junk and a client guessing
+// bearer tokens, one attack after the other and then all at once. With --tls the listener serves
+// TLS and every attack speaks it, plus two that never finish a handshake. Throughout, a
+// well-behaved client pings the service on a kept-alive connection, and the service's resident
+// memory is sampled. Prints, per attack, the ping latency (p50, p99, max, failures) and the peak
+// RSS, then the goals with pass or fail. See README.md.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -30,12 +32,18 @@
 #include <thread>
 #include <vector>
 
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
 #include "../analytics_db/latency_stats.h"
 #include "../http_api/http_connection.h"
+#include "figure.h"
 #include "service_process.h"
+#include "test_certificates.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
+using kest::bench::Figure;
 using kest::bench::HttpConnection;
 using kest::bench::LatencyStats;
 using kest::cloud::storage::metadatadb::test::spawnProcess;
@@ -45,6 +53,9 @@ namespace {
 constexpr auto kPingGoal = 100ms;
 constexpr auto kPingInterval = 5ms;
 const std::string kPing = "POST /metadataDb/ping HTTP/1.1\r\nHost: b\r\nContent-Length: 0\r\n\r\n";
+/** Wrong tokens the brute-force attack must have sent during its phase. */
+constexpr std::size_t kWrongTokensGoal = 10'000;
+constexpr std::size_t kTokensPerStep = 50;
 
 struct Options
 {
@@ -60,6 +71,112 @@ struct Options
     std::size_t rssGoalMiB = 0;
     /** The service's own limits for this run (its defaults unless given). */
     std::size_t maxBodyMiB = 64;
+    /** The listener serves TLS and the attacks speak it. */
+    bool tls = false;
+};
+
+// ------------------------------------------------------------------------------------------------
+// TLS: the client side of every connection when the listener serves it.
+
+SSL_CTX* clientContext()
+{
+    static SSL_CTX* context = [] {
+        SSL_CTX* made = SSL_CTX_new(TLS_client_method());
+        // Attackers do not care whom they talk to.
+        SSL_CTX_set_verify(made, SSL_VERIFY_NONE, nullptr);
+        SSL_CTX_set_mode(made, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+        return made;
+    }();
+    return context;
+}
+
+/** A blocking TLS connection for the pinger, kept alive; one exchange at a time. */
+class TlsPingConnection
+{
+public:
+    explicit TlsPingConnection(std::uint16_t port) : m_port(port) {}
+    ~TlsPingConnection() { close(); }
+
+    /** The status of the answer to `request`; 0 when the connection failed (then reopened). */
+    int exchange(const std::string& request)
+    {
+        if (!m_ssl && !open())
+            return 0;
+        if (SSL_write(m_ssl, request.data(), static_cast<int>(request.size())) <= 0) {
+            close();
+            return 0;
+        }
+        std::size_t headEnd;
+        while ((headEnd = m_buffer.find("\r\n\r\n")) == std::string::npos) {
+            if (!readSome())
+                return 0;
+        }
+        const int status = std::atoi(m_buffer.c_str() + 9);
+        std::size_t length = 0;
+        if (const auto at = m_buffer.find("Content-Length: ");
+            at != std::string::npos && at < headEnd)
+            length = std::stoul(m_buffer.substr(at + 16));
+        while (m_buffer.size() < headEnd + 4 + length) {
+            if (!readSome())
+                return 0;
+        }
+        m_buffer.erase(0, headEnd + 4 + length);
+        return status;
+    }
+
+private:
+    bool open()
+    {
+        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(m_port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        timeval timeout{5, 0};
+        ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+        const int one = 1;
+        ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+        if (::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+            close();
+            return false;
+        }
+        m_ssl = SSL_new(clientContext());
+        SSL_set_fd(m_ssl, m_fd);
+        if (SSL_connect(m_ssl) != 1) {
+            close();
+            return false;
+        }
+        return true;
+    }
+
+    bool readSome()
+    {
+        char buffer[4096];
+        const int got = SSL_read(m_ssl, buffer, sizeof(buffer));
+        if (got <= 0) {
+            close();
+            return false;
+        }
+        m_buffer.append(buffer, static_cast<std::size_t>(got));
+        return true;
+    }
+
+    void close()
+    {
+        if (m_ssl)
+            SSL_free(m_ssl);
+        m_ssl = nullptr;
+        if (m_fd >= 0)
+            ::close(m_fd);
+        m_fd = -1;
+        m_buffer.clear();
+        ERR_clear_error();
+    }
+
+    std::uint16_t m_port;
+    int m_fd = -1;
+    SSL* m_ssl = nullptr;
+    std::string m_buffer;
 };
 
 // ------------------------------------------------------------------------------------------------
@@ -73,6 +190,10 @@ public:
         m_dir = fs::temp_directory_path() / ("hostile_http." + std::to_string(::getpid()));
         fs::create_directories(m_dir);
         const std::string log = (m_dir / "service.log").string();
+        // The token guesser needs credentials to guess; the ping stays open.
+        const std::string tokens = (m_dir / "tokens").string();
+        std::ofstream(tokens) << "reader sha256:" << std::string(64, '0')
+                              << " GET /metadataDb/v1/*\n";
         std::vector<std::string> args = {
             options.service,
             "--http/listenOn=127.0.0.1:0",
@@ -80,7 +201,12 @@ public:
             "--log/file=" + log,
             "--log/level=info",
             "--http/maxBodyBytes=" + std::to_string(options.maxBodyMiB << 20),
+            "--http/tokensFile=" + tokens,
             "--MongoDb/uri=mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100"};
+        if (options.tls) {
+            args.push_back("--http/certificateFile=" + m_certificates.server.certificate);
+            args.push_back("--http/privateKeyFile=" + m_certificates.server.key);
+        }
         m_pid = spawnProcess(std::move(args));
         const auto deadline = steady_clock::now() + 20s;
         const std::regex listening(R"(HTTP server is listening on \{ 127\.0\.0\.1:(\d+) \})");
@@ -122,6 +248,7 @@ public:
     }
 
 private:
+    kest::network::test::TestCertificates m_certificates;
     fs::path m_dir;
     pid_t m_pid = -1;
     std::uint16_t m_port = 0;
@@ -170,19 +297,108 @@ bool drain(int fd)
     }
 }
 
+/**
+ * One attacking connection: plain TCP, or TLS over it with a handshake that advances a step per
+ * pass, so that thousands of them can be driven from one thread.
+ */
+struct AttackConnection
+{
+    int fd = -1;
+    SSL* ssl = nullptr;
+    bool ready = false;
+    /** TLS only: what the last write could not take yet, which must be offered again. */
+    std::string pending;
+
+    void close()
+    {
+        if (ssl)
+            SSL_free(ssl);
+        ssl = nullptr;
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
+        ready = false;
+        pending.clear();
+    }
+
+    bool open(std::uint16_t port, bool tls)
+    {
+        fd = openConnection(port);
+        if (fd < 0)
+            return false;
+        if (tls) {
+            ssl = SSL_new(clientContext());
+            SSL_set_fd(ssl, fd);
+            SSL_set_connect_state(ssl);
+        }
+        ready = !tls;
+        return true;
+    }
+
+    /** False when the connection failed. */
+    bool advanceHandshake()
+    {
+        const int result = SSL_do_handshake(ssl);
+        if (result == 1) {
+            ready = true;
+            return true;
+        }
+        const int error = SSL_get_error(ssl, result);
+        ERR_clear_error();
+        return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+    }
+
+    bool send(std::string_view bytes)
+    {
+        if (!ssl)
+            return sendSome(fd, bytes);
+        pending.append(bytes);
+        while (!pending.empty()) {
+            const int n = SSL_write(ssl, pending.data(), static_cast<int>(pending.size()));
+            if (n > 0) {
+                pending.erase(0, static_cast<std::size_t>(n));
+                continue;
+            }
+            const int error = SSL_get_error(ssl, n);
+            ERR_clear_error();
+            return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+        }
+        return true;
+    }
+
+    /** Reads and drops the answers; false when the server has closed the connection. */
+    bool drainAnswers()
+    {
+        if (!ssl)
+            return drain(fd);
+        char buffer[16384];
+        for (;;) {
+            const int n = SSL_read(ssl, buffer, sizeof(buffer));
+            if (n > 0)
+                continue;
+            const int error = SSL_get_error(ssl, n);
+            ERR_clear_error();
+            return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+        }
+    }
+};
+
 /** Connections of one attack, each reopened when the server closes it. */
 class Attack
 {
 public:
     using Step = std::function<std::string(std::size_t connection, std::size_t round)>;
 
-    Attack(std::string name, std::uint16_t port, int connections, milliseconds pause, Step step)
+    /** `tls` speaks TLS on each connection; the step's bytes go out once its handshake is done. */
+    Attack(std::string name, std::uint16_t port, int connections, milliseconds pause, Step step,
+           bool tls = false)
         : m_name(std::move(name)),
           m_port(port),
-          m_fds(static_cast<std::size_t>(connections), -1),
-          m_rounds(m_fds.size(), 0),
+          m_connections(static_cast<std::size_t>(connections)),
+          m_rounds(m_connections.size(), 0),
           m_pause(pause),
-          m_step(std::move(step))
+          m_step(std::move(step)),
+          m_tls(tls)
     {}
     ~Attack() { closeAll(); }
 
@@ -190,25 +406,35 @@ public:
     std::size_t reopened() const { return m_reopened; }
     std::size_t open() const
     {
-        return static_cast<std::size_t>(
-            std::count_if(m_fds.begin(), m_fds.end(), [](int fd) { return fd >= 0; }));
+        return static_cast<std::size_t>(std::count_if(m_connections.begin(), m_connections.end(),
+                                                      [](const auto& c) { return c.fd >= 0; }));
     }
+    /** Steps whose bytes went out. */
+    std::size_t stepsSent() const { return m_stepsSent; }
 
     /** One pass over the connections: each gets its next bytes. */
     void pass()
     {
-        for (std::size_t i = 0; i < m_fds.size(); ++i) {
-            int& fd = m_fds[i];
-            if (fd < 0) {
-                fd = openConnection(m_port);
+        for (std::size_t i = 0; i < m_connections.size(); ++i) {
+            AttackConnection& connection = m_connections[i];
+            if (connection.fd < 0) {
                 m_rounds[i] = 0;
-                if (fd < 0)
+                if (!connection.open(m_port, m_tls))
                     continue;
             }
-            const std::string bytes = m_step(i, m_rounds[i]++);
-            if (!sendSome(fd, bytes) || !drain(fd)) {
-                ::close(fd);
-                fd = -1;
+            bool alive = connection.ready || connection.advanceHandshake();
+            if (alive && connection.ready) {
+                // Over TLS, new bytes wait until the last ones have gone.
+                if (connection.pending.empty()) {
+                    alive = connection.send(m_step(i, m_rounds[i]++));
+                    ++m_stepsSent;
+                } else {
+                    alive = connection.send({});
+                }
+                alive = alive && connection.drainAnswers();
+            }
+            if (!alive) {
+                connection.close();
                 ++m_reopened;
             }
         }
@@ -218,21 +444,20 @@ public:
 
     void closeAll()
     {
-        for (int& fd : m_fds) {
-            if (fd >= 0)
-                ::close(fd);
-            fd = -1;
-        }
+        for (auto& connection : m_connections)
+            connection.close();
     }
 
 private:
     std::string m_name;
     std::uint16_t m_port;
-    std::vector<int> m_fds;
+    std::vector<AttackConnection> m_connections;
     std::vector<std::size_t> m_rounds;
     milliseconds m_pause;
     Step m_step;
+    bool m_tls = false;
     std::size_t m_reopened = 0;
+    std::size_t m_stepsSent = 0;
 };
 
 std::string junk(std::size_t size, std::uint64_t seed)
@@ -249,28 +474,30 @@ std::vector<std::unique_ptr<Attack>> makeAttacks(const Options& options, std::ui
     std::vector<std::unique_ptr<Attack>> attacks;
     const std::string head = "POST /metadataDb/v1/data HTTP/1.1\r\nHost: h\r\n";
 
-    attacks.push_back(
-        std::make_unique<Attack>("idle connections", port, options.idleConnections, 200ms,
-                                 [](std::size_t, std::size_t) { return std::string(); }));
+    const bool tls = options.tls;
+    attacks.push_back(std::make_unique<Attack>(
+        "idle connections", port, options.idleConnections, 200ms,
+        [](std::size_t, std::size_t) { return std::string(); }, tls));
 
     // A request head one byte at a time, never finished.
     const std::string slowHead = head + "Content-Type: application/json\r\nX-Slow: ";
-    attacks.push_back(std::make_unique<Attack>("slowloris", port, options.slowConnections, 100ms,
-                                               [slowHead](std::size_t, std::size_t round) {
-                                                   return round < slowHead.size()
-                                                              ? std::string(1, slowHead[round])
-                                                              : std::string("a");
-                                               }));
+    attacks.push_back(std::make_unique<Attack>(
+        "slowloris", port, options.slowConnections, 100ms,
+        [slowHead](std::size_t, std::size_t round) {
+            return round < slowHead.size() ? std::string(1, slowHead[round]) : std::string("a");
+        },
+        tls));
 
-    attacks.push_back(
-        std::make_unique<Attack>("header flood", port, options.floodConnections, 0ms,
-                                 [head](std::size_t, std::size_t round) {
-                                     std::string bytes = round == 0 ? head : std::string();
-                                     for (int i = 0; i < 64; ++i)
-                                         bytes += "X-Flood-" + std::to_string(round * 64 + i) +
-                                                  ": " + std::string(40, 'f') + "\r\n";
-                                     return bytes;
-                                 }));
+    attacks.push_back(std::make_unique<Attack>(
+        "header flood", port, options.floodConnections, 0ms,
+        [head](std::size_t, std::size_t round) {
+            std::string bytes = round == 0 ? head : std::string();
+            for (int i = 0; i < 64; ++i)
+                bytes += "X-Flood-" + std::to_string(round * 64 + i) + ": " + std::string(40, 'f') +
+                         "\r\n";
+            return bytes;
+        },
+        tls));
 
     // A length far beyond the limit is refused on its head; one just under it is streamed, and
     // what the server holds is what really arrived.
@@ -288,18 +515,50 @@ std::vector<std::unique_ptr<Attack>> makeAttacks(const Options& options, std::ui
             return round == 0 ? head + "Content-Type: application/json\r\nContent-Length: " +
                                     std::to_string(underLimit) + "\r\n\r\n"
                               : block;
-        }));
+        },
+        tls));
 
     attacks.push_back(std::make_unique<Attack>(
-        "garbage bytes", port, 16, 0ms, [](std::size_t connection, std::size_t round) {
+        "garbage bytes", port, 16, 0ms,
+        [](std::size_t connection, std::size_t round) {
             return junk(4096, connection * 1'000'003 + round);
-        }));
+        },
+        tls));
 
     // A good request, then junk in the same write: answered, then refused and closed.
     attacks.push_back(std::make_unique<Attack>(
-        "pipelined junk", port, 16, 0ms, [](std::size_t connection, std::size_t round) {
+        "pipelined junk", port, 16, 0ms,
+        [](std::size_t connection, std::size_t round) {
             return kPing + kPing + junk(512, connection * 7 + round) + kPing;
-        }));
+        },
+        tls));
+
+    // Guesses at bearer tokens, 50 to a write, as fast as the service answers them.
+    attacks.push_back(std::make_unique<Attack>(
+        "wrong tokens", port, 4, 0ms,
+        [](std::size_t connection, std::size_t round) {
+            std::string bytes;
+            for (std::size_t i = 0; i < kTokensPerStep; ++i) {
+                bytes += "GET /metadataDb/v1/data HTTP/1.1\r\nHost: h\r\nAuthorization: Bearer " +
+                         std::to_string(connection) + "-" + std::to_string(round) + "-" +
+                         std::to_string(i) + "\r\n\r\n";
+            }
+            return bytes;
+        },
+        tls));
+
+    if (tls) {
+        // What reaches a TLS listener before any handshake: nothing at all, and no TLS.
+        attacks.push_back(std::make_unique<Attack>(
+            "no handshake", port, options.idleConnections / 4, 200ms,
+            [](std::size_t, std::size_t) { return std::string(); }, /*tls*/ false));
+        attacks.push_back(std::make_unique<Attack>(
+            "garbage for TLS", port, 16, 0ms,
+            [](std::size_t connection, std::size_t round) {
+                return junk(4096, connection * 31 + round);
+            },
+            /*tls*/ false));
+    }
     return attacks;
 }
 
@@ -316,6 +575,7 @@ struct PhaseResult
 };
 
 /** Runs `attacks` together for the phase's time while pinging and sampling memory. */
+template <typename PingConnection>
 PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attacks,
                      const ServiceChild& service, milliseconds duration)
 {
@@ -325,7 +585,7 @@ PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attack
     std::mutex mutex;
 
     std::thread pinger([&] {
-        HttpConnection connection(service.port());
+        PingConnection connection(service.port());
         while (!stop) {
             const auto start = steady_clock::now();
             const int status = connection.exchange(kPing);
@@ -373,6 +633,13 @@ PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attack
     return result;
 }
 
+PhaseResult runPhase(const Options& options, const std::string& name,
+                     const std::vector<Attack*>& attacks, const ServiceChild& service)
+{
+    return options.tls ? runPhase<TlsPingConnection>(name, attacks, service, options.phase)
+                       : runPhase<HttpConnection>(name, attacks, service, options.phase);
+}
+
 double ms(nanoseconds duration)
 {
     return duration_cast<microseconds>(duration).count() / 1000.0;
@@ -414,10 +681,12 @@ bool parse(int argc, char** argv, Options* options)
             options->idleConnections = std::stoi(v);
         } else if (const char* v = value("--slow")) {
             options->slowConnections = std::stoi(v);
+        } else if (arg == "--tls") {
+            options->tls = true;
         } else {
             std::fprintf(stderr,
-                         "usage: %s [--short] [--service=PATH] [--phase-ms=N] [--idle=N] "
-                         "[--slow=N]\n",
+                         "usage: %s [--short] [--tls] [--service=PATH] [--phase-ms=N] "
+                         "[--idle=N] [--slow=N]\n",
                          argv[0]);
             return false;
         }
@@ -447,29 +716,37 @@ int main(int argc, char** argv)
     // whole up to the body limit, by design), and 32 KiB of buffers per open connection.
     const std::size_t openConnections = static_cast<std::size_t>(
         options.idleConnections + options.slowConnections + options.floodConnections + 64);
+    // Over TLS each connection also holds what Asio's TLS stream keeps for its whole life: an
+    // input and an output buffer of a TLS record each, and OpenSSL's pair of 17 KiB BIO buffers
+    // between them and the SSL object, 68 KiB in all.
+    const std::size_t perConnection = (options.tls ? 32 + 68 : 32) * 1024;
     const std::size_t rssGoal =
         baselineRss +
         static_cast<std::size_t>(options.bodyConnections) * (options.maxBodyMiB << 20) +
-        openConnections * 32 * 1024 + (64u << 20);
+        openConnections * perConnection + (64u << 20);
 
-    std::printf("hostile HTTP against 127.0.0.1:%u, %lld ms per attack%s\n", service.port(),
+    std::printf("hostile %s against 127.0.0.1:%u, %lld ms per attack%s\n",
+                options.tls ? "HTTPS" : "HTTP", service.port(),
                 static_cast<long long>(options.phase.count()), options.shortRun ? " (short)" : "");
     std::printf("service RSS before: %.1f MiB\n\n", baselineRss / 1048576.0);
 
     auto attacks = makeAttacks(options, service.port());
     std::vector<PhaseResult> results;
-    results.push_back(runPhase("no attack", {}, service, options.phase));
+    results.push_back(runPhase(options, "no attack", {}, service));
+    std::size_t wrongTokens = 0;
     for (auto& attack : attacks) {
-        results.push_back(runPhase(attack->name(), {attack.get()}, service, options.phase));
+        results.push_back(runPhase(options, attack->name(), {attack.get()}, service));
+        if (attack->name() == "wrong tokens")
+            wrongTokens = attack->stepsSent() * kTokensPerStep;
         attack->closeAll();
     }
     std::vector<Attack*> all;
     for (auto& attack : attacks)
         all.push_back(attack.get());
-    results.push_back(runPhase("all at once", all, service, options.phase));
+    results.push_back(runPhase(options, "all at once", all, service));
     for (auto& attack : attacks)
         attack->closeAll();
-    results.push_back(runPhase("after", {}, service, options.phase));
+    results.push_back(runPhase(options, "after", {}, service));
     const bool alive = service.alive();
 
     std::printf("%-20s %8s %9s %9s %9s %9s %11s %10s %9s\n", "attack", "pings", "p50 ms", "p99 ms",
@@ -495,10 +772,31 @@ int main(int argc, char** argv)
         "failed: %s\n",
         ms(kPingGoal), p99, allPings.count(), pingFailures, pingOk ? "PASS" : "FAIL");
     std::printf(
-        "goal: peak RSS <= %.1f MiB (idle %.1f MiB + %d streamed bodies x %zu MiB + 32 KiB "
+        "goal: peak RSS <= %.1f MiB (idle %.1f MiB + %d streamed bodies x %zu MiB + %zu KiB "
         "x %zu connections + 64 MiB): %.1f MiB: %s\n",
         rssGoal / 1048576.0, baselineRss / 1048576.0, options.bodyConnections, options.maxBodyMiB,
-        openConnections, peakRss / 1048576.0, memoryOk ? "PASS" : "FAIL");
+        perConnection / 1024, openConnections, peakRss / 1048576.0, memoryOk ? "PASS" : "FAIL");
     std::printf("goal: the service is still running: %s\n", alive ? "PASS" : "FAIL");
-    return pingOk && memoryOk && alive ? 0 : 1;
+    const bool guessesOk = wrongTokens >= kWrongTokensGoal;
+    std::printf(
+        "goal: >= %zu wrong tokens sent in the guessing phase (all refused, ping as "
+        "above): %zu: %s\n",
+        kWrongTokensGoal, wrongTokens, guessesOk ? "PASS" : "FAIL");
+
+    const std::string section = std::string("hostile clients against the ") +
+                                (options.tls ? "TLS" : "plain HTTP") +
+                                " listener (bench/hostile_http" + (options.tls ? " --tls" : "") +
+                                (options.shortRun ? " --short" : "") + ")";
+    kest::bench::recordFigure(Figure::measured(section, "ping p99 through every attack", p99, "ms")
+                                  .atMost(ms(kPingGoal))
+                                  .withNote(std::to_string(pingFailures) + " pings failed of " +
+                                            std::to_string(allPings.count() + pingFailures)));
+    kest::bench::recordFigure(Figure::measured(section, "peak RSS", peakRss / 1048576.0, "MiB")
+                                  .atMost(rssGoal / 1048576.0));
+    kest::bench::recordFigure(Figure::measured(section, "wrong bearer tokens sent in one phase",
+                                               static_cast<double>(wrongTokens), "tokens")
+                                  .atLeast(static_cast<double>(kWrongTokensGoal)));
+    kest::bench::recordFigure(
+        Figure::measured(section, "service still running", alive ? 1 : 0, "").atLeast(1));
+    return pingOk && memoryOk && alive && guessesOk ? 0 : 1;
 }

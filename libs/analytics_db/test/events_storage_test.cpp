@@ -4,6 +4,7 @@
 #include <QTemporaryDir>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <random>
 #include <set>
 #include <thread>
@@ -1088,6 +1089,49 @@ TEST_F(EventsStorageTest, RetentionDeletesOldTracksWithTheirWordsAndTheSpaceIsRe
     storage.reset();
     EXPECT_EQ(number("SELECT count(*) FROM track"), 2000);
     EXPECT_LE(number("PRAGMA page_count"), pages + (pages - free) / 2);
+}
+
+// Seen through the interface, as the service sees it: after deleting by age the storage names
+// the time before which it holds nothing, which is earlier than the cutoff while a track that
+// started before it is still seen.
+TEST_F(EventsStorageTest, RetentionReportsTheOldestDataKept)
+{
+    const auto now = std::chrono::system_clock::time_point(std::chrono::hours(24 * 365 * 50));
+    const auto us = [&](std::chrono::system_clock::duration ago) {
+        return std::chrono::duration_cast<std::chrono::microseconds>((now - ago).time_since_epoch())
+            .count();
+    };
+    m_settings.maxAgeDays = 2;
+    std::unique_ptr<EventsStorage> concrete = open([&] { return now; });
+    AbstractEventsStorage& storage = *concrete;
+    std::mutex mutex;
+    std::vector<std::chrono::system_clock::time_point> reports;
+    storage.setOnRetentionHandler([&](std::chrono::system_clock::time_point oldest) {
+        std::lock_guard lock(mutex);
+        reports.push_back(oldest);
+    });
+    const auto reportedSoon = [&](std::chrono::system_clock::time_point expected) {
+        for (int i = 0; i < 100; ++i) {
+            {
+                std::lock_guard lock(mutex);
+                if (!reports.empty() && reports.back() == expected)
+                    return true;
+            }
+            std::this_thread::sleep_for(50ms);
+        }
+        return false;
+    };
+
+    storage.save(packet(kDeviceA, us(72h), {{1}}));
+    storage.save(packet(kDeviceA, us(47h), {{2}}));
+    storage.flush();
+    EXPECT_TRUE(reportedSoon(now - 48h));
+
+    storage.save(packet(kDeviceB, us(60h), {{3}}));  //< Started before the cutoff,
+    storage.save(packet(kDeviceB, us(1h), {{3}}));   //< still seen.
+    storage.flush();
+    EXPECT_TRUE(reportedSoon(now - 60h));
+    storage.setOnRetentionHandler(nullptr);
 }
 
 }  // namespace kest::analytics::db::test

@@ -109,15 +109,31 @@ TEST(FilterUrlQuery, MalformedValuesAreRefused)
         {"boundingBox", "1,2,3,x"},
         {"boundingBox", "nan,0,1,1"},
         {"boundingBox", "0,0,inf,1"},
+        {"boundingBox", "0.5,0,1.5,1"},
+        {"boundingBox", "-0.1,0,0.5,0.5"},
+        {"durationMs", "-2"},
     };
     for (const auto& [key, value] : cases) {
         Params params;
         params.insert(key, value);
+        params.insert("freeText", "fine");
         Filter f = everyFieldSet();
-        EXPECT_FALSE(deserializeFromParams(params, &f))
+        std::string error;
+        EXPECT_FALSE(deserializeFromParams(params, &f, &error))
             << key.toStdString() << "=" << value.toStdString();
         EXPECT_EQ(f, everyFieldSet()) << "left untouched on failure";
+        // The message names the item and quotes the value, whose text says what is expected.
+        EXPECT_TRUE(error.starts_with(key.toStdString() + ": '" + value.toStdString() + "'"))
+            << error;
     }
+
+    // A long value is quoted cut short, so that an answer stays small.
+    Params params;
+    params.insert("sortOrder", QString(1000, 'x'));
+    Filter f;
+    std::string error;
+    ASSERT_FALSE(deserializeFromParams(params, &f, &error));
+    EXPECT_EQ("sortOrder: '" + std::string(64, 'x') + "...' is neither 'asc' nor 'desc'", error);
 }
 
 TEST(ResultCodeText, NamesEveryCode)

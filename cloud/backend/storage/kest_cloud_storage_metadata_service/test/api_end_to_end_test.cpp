@@ -174,9 +174,10 @@ TEST_F(ApiTest, BadRequestsGetTheirStatusesAndTexts)
         {service.get("/metadataDb/v1/optimalInstance?vmsId=" + m_device.toSimpleStdString()), 400,
          "Error deserializing input of type kest::cloud::storage::metadatadb::"
          "OptimalInstanceRequest: "},
-        {service.get("/metadataDb/v1/dataSaveErrors/;?timestamp=abc"), 400, "stoul"},
+        {service.get("/metadataDb/v1/dataSaveErrors/;?timestamp=abc"), 400,
+         "Invalid URL query: timestamp: 'abc' does not start with a number of milliseconds"},
         {service.get("/metadataDb/v1/dataSaveErrors/;?timestamp=99999999999999999999999"), 400,
-         "stoul"},
+         "Invalid URL query: timestamp: '99999999999999999999999' does not start with"},
     };
     for (const auto& [response, status, text] : cases) {
         ASSERT_TRUE(response) << text;

@@ -9,148 +9,329 @@ namespace {
 
 using namespace std::chrono_literals;
 using kest::utils::log::Level;
+using Span = RecordingDataDistributionStorage::Span;
 
 const ZuUuid kDeviceA("{0a000000-0000-0000-0000-000000000001}");
 const ZuUuid kDeviceB("{0b000000-0000-0000-0000-000000000002}");
 const std::string kHost = "http://10.1.1.1:8080";
+constexpr auto kLease = 5min;
+constexpr std::int64_t kLeaseMs = 300'000;
+constexpr std::int64_t kT0 = 1'767'225'600'000;
 
-/** A committed batch of one device: `count` packets of 1 ms, `stepMs` apart, from `startMs`. */
-std::unordered_map<ZuUuid, ZuTimePeriodList> stream(const ZuUuid& device, std::int64_t startMs,
-                                                    int count, std::int64_t stepMs = 40)
+std::string idOf(const ZuUuid& device)
 {
-    ZuTimePeriodList list;
-    for (int i = 0; i < count; ++i)
-        list.push_back({startMs + i * stepMs, 1});
-    return {{device, list}};
+    return device.toStdString();
 }
 
+/** The data of the devices is stamped with the recorder's clock, as a live stream is. */
 class DataAddressRecorderTest : public ::testing::Test
 {
 protected:
+    std::unique_ptr<DataAddressRecorder> makeRecorder(std::size_t maxPending = 100'000)
+    {
+        return std::make_unique<DataAddressRecorder>(
+            &m_storage, kHost,
+            DataAddressRecorder::Options{.leaseLength = kLease,
+                                         .clock = [this] { return now(); },
+                                         .timer = false,
+                                         .maxPendingSpans = maxPending});
+    }
+
+    std::chrono::system_clock::time_point now() const
+    {
+        return std::chrono::system_clock::time_point(std::chrono::milliseconds(m_nowMs));
+    }
+
+    /** Data of the device from the clock's time on, `ms` long; the clock moves to its end. */
+    void stream(DataAddressRecorder& recorder, const ZuUuid& device, std::int64_t ms)
+    {
+        recorder.recordCommitted({{device, ZuTimePeriodList{ZuTimePeriod(m_nowMs, ms)}}});
+        m_nowMs += ms;
+        recorder.tick();
+    }
+
+    /** Whether the spans stored for the device cover all of `period`. */
+    bool covered(const ZuUuid& device, const ZuTimePeriod& period) const
+    {
+        ZuTimePeriodList left{period};
+        for (const Span& span : m_storage.document(idOf(device)))
+            left.excludeTimePeriod(span.period);
+        return left.empty();
+    }
+
+    /** Two spans of one device that share time name the instance twice for that time. */
+    bool overlapFree(const ZuUuid& device) const
+    {
+        auto spans = m_storage.document(idOf(device));
+        std::ranges::sort(spans, {}, [](const Span& s) { return s.period.startTimeMs; });
+        for (std::size_t i = 1; i < spans.size(); ++i) {
+            if (spans[i].period.startTimeMs < spans[i - 1].period.endTimeMs())
+                return false;
+        }
+        return true;
+    }
+
     RecordingDataDistributionStorage m_storage;
+    std::int64_t m_nowMs = kT0;
 };
 
-// A steady stream becomes one span per device and flush, whatever the number of batches; a
-// silence longer than the flush interval starts another span; the next flush starts afresh.
-TEST_F(DataAddressRecorderTest, CoalescesPerDeviceAndFlush)
+// An hour of a steady stream, committed every 200 ms: each commit is covered as soon as it is
+// reported, a search reaching past the newest data finds it, and the hour costs one span per
+// lease plus the first.
+TEST_F(DataAddressRecorderTest, SteadyStreamIsCoveredAtOnceWithOneSpanPerLease)
 {
-    DataAddressRecorder recorder(&m_storage, kHost, 1000ms);
-    recorder.flush();
-    EXPECT_EQ(m_storage.saveCount(), 0u) << "an empty flush saves nothing";
-
-    for (int batch = 0; batch < 10; ++batch)
-        recorder.recordCommitted(stream(kDeviceA, 100'000 + batch * 400, 10));
-    recorder.recordCommitted(stream(kDeviceB, 50'000, 3));
-    recorder.recordCommitted(stream(kDeviceA, 99'500, 2));   //< Late, within the interval.
-    recorder.recordCommitted(stream(kDeviceA, 200'000, 1));  //< After a long silence.
-    EXPECT_EQ(recorder.pendingSpans(), 3u);
-    recorder.flush();
-
-    ASSERT_EQ(m_storage.saveCount(), 1u);
-    auto items = m_storage.items(0);
-    std::ranges::sort(items, {}, [](const DataInfo& i) { return i.timePeriod.startTimeMs; });
-    const std::string a = kDeviceA.toStdString();
-    ASSERT_EQ(a.front(), '{');  //< Device ids are stored braced, as lookups query them.
-    EXPECT_EQ(items, (std::vector<DataInfo>{{kDeviceB.toStdString(), ZuTimePeriod(50'000, 81)},
-                                            {a, ZuTimePeriod(99'500, 4461)},
-                                            {a, ZuTimePeriod(200'000, 1)}}));
-    EXPECT_EQ(recorder.pendingSpans(), 0u);
-
-    // Data right after what was saved is a new span of the next flush.
-    recorder.recordCommitted(stream(kDeviceA, 200'040, 5));
-    recorder.flush();
-    ASSERT_EQ(m_storage.saveCount(), 2u);
-    EXPECT_EQ(m_storage.items(1), (std::vector<DataInfo>{{a, ZuTimePeriod(200'040, 161)}}));
+    auto recorder = makeRecorder();
+    recorder->start();
+    while (m_nowMs < kT0 + 3'600'000) {
+        const std::int64_t committed = m_nowMs;
+        stream(*recorder, kDeviceA, 200);
+        ASSERT_TRUE(covered(kDeviceA, ZuTimePeriod(committed, 200))) << committed - kT0;
+        ASSERT_TRUE(m_storage.finds(idOf(kDeviceA), ZuTimePeriod(m_nowMs - 1, 60'000), kHost));
+    }
+    EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod::fromInterval(kT0, m_nowMs)));
+    EXPECT_EQ(m_storage.appendedSpans(), 3'600'000 / kLeaseMs + 1);
+    EXPECT_TRUE(overlapFree(kDeviceA));
+    EXPECT_EQ(recorder->pendingSpans(), 0u);
 }
 
-// The first failure is retried with the next flush, next to new spans; a failed retry is logged
-// as an error with its spans, and retried again; a success ends it.
-TEST_F(DataAddressRecorderTest, RetriesFailedSavesAndLogsFailedRetries)
+// A minute of activity every 3 minutes is a steady stream to the leases; silences longer than the
+// lease cost one span each and nothing more.
+TEST_F(DataAddressRecorderTest, SilencesLongerThanTheLeaseCostOneSpanEach)
+{
+    auto recorder = makeRecorder();
+    recorder->start();
+    for (int burst = 0; burst < 20; ++burst) {
+        for (int i = 0; i < 60; ++i)
+            stream(*recorder, kDeviceA, 1'000);
+        m_nowMs += 120'000;
+    }
+    EXPECT_LE(m_storage.appendedSpans(), 3'600'000 / kLeaseMs + 1);
+    EXPECT_TRUE(overlapFree(kDeviceA));
+
+    for (int burst = 0; burst < 4; ++burst) {
+        m_nowMs += 14 * 60'000;
+        const std::int64_t start = m_nowMs;
+        const std::size_t before = m_storage.appendedSpans();
+        for (int i = 0; i < 60; ++i)
+            stream(*recorder, kDeviceB, 1'000);
+        EXPECT_EQ(m_storage.appendedSpans(), before + 1) << burst;
+        EXPECT_TRUE(covered(kDeviceB, ZuTimePeriod::fromInterval(start, m_nowMs)));
+    }
+    EXPECT_TRUE(overlapFree(kDeviceB));
+}
+
+// Data older than what is recorded (a late upload) and data in a gap get spans of their own that
+// end where the recorded ones begin.
+TEST_F(DataAddressRecorderTest, LateDataFillsTheGapsWithoutOverlap)
+{
+    auto recorder = makeRecorder();
+    recorder->start();
+    m_nowMs = kT0 + 3'600'000;
+    stream(*recorder, kDeviceA, 1'000);
+    recorder->recordCommitted(
+        {{kDeviceA, ZuTimePeriodList{ZuTimePeriod(kT0, 1'000), ZuTimePeriod(kT0 + 3'500'000, 1)}}});
+    EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod(kT0, 1'000)));
+    EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod(kT0 + 3'500'000, 1)));
+    EXPECT_TRUE(overlapFree(kDeviceA));
+    const auto before = m_storage.appendedSpans();
+    recorder->recordCommitted({{kDeviceA, ZuTimePeriodList{ZuTimePeriod(kT0 + 500, 10)}}});
+    EXPECT_EQ(m_storage.appendedSpans(), before) << "recorded already";
+}
+
+// A restarted instance reads what it recorded before: data within the old lease gets no new span,
+// and data committed before the read completes is recorded after it.
+TEST_F(DataAddressRecorderTest, RestartRecordsNeitherAgainNorLess)
+{
+    {
+        auto recorder = makeRecorder();
+        recorder->start();
+        for (int i = 0; i < 600; ++i)
+            stream(*recorder, kDeviceA, 1'000);
+        recorder->stop();
+    }
+    const std::size_t before = m_storage.appendedSpans();
+
+    m_storage.holdReads();
+    auto recorder = makeRecorder();
+    recorder->start();
+    stream(*recorder, kDeviceA, 1'000);
+    m_nowMs += 30'000;
+    stream(*recorder, kDeviceB, 1'000);
+    EXPECT_EQ(m_storage.appendedSpans(), before) << "nothing before the read";
+    EXPECT_EQ(recorder->pendingSpans(), 2u);
+    m_storage.completeRead();
+    EXPECT_EQ(m_storage.appendedSpans(), before + 1) << "only the new device";
+    EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod::fromInterval(kT0, m_nowMs)));
+    EXPECT_TRUE(covered(kDeviceB, ZuTimePeriod(m_nowMs - 1'000, 1'000)));
+    EXPECT_TRUE(overlapFree(kDeviceA));
+}
+
+// A failed save is retried after a second, then two, then four, next to new spans, which go
+// first; the first failure is a warning, the second an error with the spans, later ones a count.
+TEST_F(DataAddressRecorderTest, FailedSavesAreRetriedAfterNewSpans)
 {
     LogLines log;
-    DataAddressRecorder recorder(&m_storage, kHost, 1000ms);
-    recorder.recordCommitted(stream(kDeviceA, 1000, 1));
-    recorder.flush();
-    m_storage.fail(0);
-    EXPECT_EQ(recorder.pendingSpans(), 1u);
-    EXPECT_EQ(log.find(Level::warning, "Saving 1 data addresses failed").size(), 1u);
-    EXPECT_TRUE(log.find(Level::error, "").empty());
+    auto recorder = makeRecorder();
+    recorder->start();
+    m_storage.holdWrites();
+    stream(*recorder, kDeviceA, 1'000);
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    m_storage.completeAppend(/*failed*/ 1);
+    EXPECT_EQ(recorder->pendingSpans(), 1u);
+    EXPECT_EQ(log.find(Level::warning, "Saving 1 data addresses failed; retrying in 1000 ms").size(),
+              1u);
+    recorder->tick();
+    EXPECT_EQ(m_storage.heldAppends(), 0u) << "not due yet";
 
-    recorder.recordCommitted(stream(kDeviceB, 5000, 1));
-    recorder.flush();
-    const std::string a = kDeviceA.toStdString();
-    const std::string b = kDeviceB.toStdString();
-    EXPECT_EQ(m_storage.items(1),
-              (std::vector<DataInfo>{{a, ZuTimePeriod(1000, 1)}, {b, ZuTimePeriod(5000, 1)}}));
-    m_storage.fail(1);
-    const auto errors = log.find(Level::error, "Saving data addresses failed again");
+    m_nowMs += 1'000;
+    stream(*recorder, kDeviceB, 1'000);
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    const auto items = m_storage.heldItems();
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(items[0].deviceId, idOf(kDeviceB));
+    EXPECT_EQ(items[1].deviceId, idOf(kDeviceA));
+    m_storage.completeAppend(/*failed*/ 2);
+    auto errors = log.find(Level::error, "Saving data addresses failed again");
     ASSERT_EQ(errors.size(), 1u);
-    EXPECT_NE(errors[0].find(a), std::string::npos);
-    EXPECT_EQ(errors[0].find(b), std::string::npos) << "the new span failed for the first time";
-    EXPECT_EQ(log.find(Level::warning, "Saving 1 data addresses failed").size(), 2u);
+    EXPECT_NE(errors[0].find(idOf(kDeviceA)), std::string::npos);
+    EXPECT_EQ(errors[0].find(idOf(kDeviceB)), std::string::npos);
 
-    // A third failure is counted, not listed again.
-    recorder.flush();
-    m_storage.fail(2);
+    m_nowMs += 1'000;
+    recorder->tick();
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    EXPECT_EQ(m_storage.heldItems().size(), 1u) << "device A waits twice as long";
+    m_storage.completeAppend(/*failed*/ 1);
+    m_nowMs += 1'000;
+    recorder->tick();
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    m_storage.completeAppend(/*failed*/ 1);
     EXPECT_EQ(log.find(Level::error, "Saving data addresses failed again").size(), 2u);
     EXPECT_EQ(log.find(Level::error, "Saving 1 data addresses is still failing").size(), 1u);
 
-    recorder.flush();
-    EXPECT_EQ(m_storage.items(3).size(), 2u);
-    EXPECT_EQ(recorder.pendingSpans(), 0u);  //< Handed over; the storage did not complain.
-    recorder.flush();
-    EXPECT_EQ(m_storage.saveCount(), 4u);
+    m_nowMs += 4'000;
+    recorder->tick();
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    EXPECT_EQ(m_storage.heldItems().size(), 2u);
+    m_storage.completeAppend();
+    EXPECT_EQ(recorder->pendingSpans(), 0u);
+    EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod(kT0, 1'000)));
+    EXPECT_TRUE(covered(kDeviceB, ZuTimePeriod(kT0 + 2'000, 1'000)));
+}
+
+// A span whose document the server refuses goes after the others, so that it holds back no other
+// device; an ordered write stored what came before it.
+TEST_F(DataAddressRecorderTest, RefusedSpansGoLast)
+{
+    auto recorder = makeRecorder();
+    recorder->start();
+    m_storage.holdWrites();
+    recorder->recordCommitted({{kDeviceA, ZuTimePeriodList{ZuTimePeriod(kT0, 10)}}});
+    recorder->recordCommitted({{kDeviceB, ZuTimePeriodList{ZuTimePeriod(kT0, 10)}}});
+    m_storage.completeAppend(/*failed*/ 1, /*refused*/ true);
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    m_storage.completeAppend(/*failed*/ 1);  //< Device B, failed on its own.
+
+    m_nowMs += 1'000;
+    const ZuUuid deviceC = ZuUuid::createUuid();
+    recorder->recordCommitted({{deviceC, ZuTimePeriodList{ZuTimePeriod(kT0, 10)}}});
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    std::vector<std::string> order;
+    for (const auto& item : m_storage.heldItems())
+        order.push_back(item.deviceId);
+    EXPECT_EQ(order, (std::vector<std::string>{idOf(deviceC), idOf(kDeviceB), idOf(kDeviceA)}));
+    m_storage.completeAppend(/*failed*/ 1, /*refused*/ true);
+    EXPECT_EQ(recorder->pendingSpans(), 1u);
+    EXPECT_TRUE(covered(kDeviceB, ZuTimePeriod(kT0, 10)));
+    EXPECT_TRUE(covered(deviceC, ZuTimePeriod(kT0, 10)));
 }
 
 TEST_F(DataAddressRecorderTest, PendingRetriesAreBoundedDroppingTheOldest)
 {
     LogLines log;
-    DataAddressRecorder recorder(&m_storage, kHost, 1000ms, /*maxPendingSpans*/ 3);
+    auto recorder = makeRecorder(/*maxPending*/ 3);
+    recorder->start();
+    m_storage.holdWrites();
+    std::unordered_map<ZuUuid, ZuTimePeriodList> devices;
     for (int i = 0; i < 5; ++i)
-        recorder.recordCommitted(stream(kDeviceA, i * 10'000, 1));
-    recorder.flush();
-    m_storage.fail(0);
-    EXPECT_EQ(recorder.pendingSpans(), 3u);
+        devices[ZuUuid::createUuid()] = ZuTimePeriodList{ZuTimePeriod(kT0, 10)};
+    recorder->recordCommitted(devices);
+    const auto sent = m_storage.heldItems();
+    m_storage.completeAppend(/*failed*/ 5);
+    EXPECT_EQ(recorder->pendingSpans(), 3u);
     const auto dropped = log.find(Level::error, "Dropping 2 data addresses");
     ASSERT_EQ(dropped.size(), 1u);
-    EXPECT_NE(dropped[0].find("startTimeMs: 0,"), std::string::npos) << dropped[0];
-    EXPECT_NE(dropped[0].find("startTimeMs: 10000,"), std::string::npos) << dropped[0];
+    EXPECT_NE(dropped[0].find(sent[0].deviceId), std::string::npos) << dropped[0];
+    EXPECT_NE(dropped[0].find(sent[1].deviceId), std::string::npos) << dropped[0];
 
-    recorder.flush();
-    std::vector<std::int64_t> kept;
-    for (const auto& item : m_storage.items(1))
-        kept.push_back(item.timePeriod.startTimeMs);
-    EXPECT_EQ(kept, (std::vector<std::int64_t>{20'000, 30'000, 40'000}));
+    m_nowMs += 1'000;
+    recorder->tick();
+    m_storage.completeAppend();
+    EXPECT_EQ(recorder->pendingSpans(), 0u);
+    for (std::size_t i = 2; i < sent.size(); ++i)
+        EXPECT_EQ(m_storage.document(sent[i].deviceId).size(), 1u);
 }
 
-// Stop hands over what is recorded; a save that fails after the recorder is gone is logged as
-// lost and touches nothing of it.
-TEST_F(DataAddressRecorderTest, StopFlushesAndLaterFailuresAreLogged)
+// Two days of a steady stream with the hourly compaction: the document stays small and still
+// covers every committed second; once the oldest data is deleted, its spans go too.
+TEST_F(DataAddressRecorderTest, CompactionKeepsTheDocumentSmallAndEveryCommitCovered)
+{
+    auto recorder = makeRecorder();
+    recorder->start();
+    while (m_nowMs < kT0 + 2 * 86'400'000)
+        stream(*recorder, kDeviceA, 1'000);
+    EXPECT_GT(m_storage.replaces(), 40);
+    EXPECT_GE(m_storage.reads(), 48);
+    const auto reads = m_storage.readDevices();
+    EXPECT_TRUE(reads.front().empty()) << "at start, every document that names this instance";
+    EXPECT_EQ(reads.back(), std::vector<std::string>{idOf(kDeviceA)}) << "then its own devices'";
+    const auto spans = m_storage.document(idOf(kDeviceA));
+    // Under two hours of leases, hours of the last day, and the first day.
+    EXPECT_LE(spans.size(), 2 * 12 + 24 + 1u);
+    EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod::fromInterval(kT0, m_nowMs)));
+    EXPECT_TRUE(overlapFree(kDeviceA));
+
+    const std::int64_t oldestKept = kT0 + 36 * 3'600'000;
+    recorder->setOldestKept(std::chrono::system_clock::time_point(1ms * oldestKept));
+    const int readsBefore = m_storage.reads();
+    while (m_storage.reads() == readsBefore)
+        stream(*recorder, kDeviceA, 60'000);
+    for (const Span& span : m_storage.document(idOf(kDeviceA)))
+        EXPECT_GT(span.period.endTimeMs(), oldestKept) << toString(span.period);
+    EXPECT_FALSE(m_storage.finds(idOf(kDeviceA), ZuTimePeriod(kT0, 3'600'000), kHost));
+    EXPECT_TRUE(covered(kDeviceA, ZuTimePeriod::fromInterval(oldestKept, m_nowMs)));
+}
+
+// Stop hands over what waits for a retry at once; a save that fails after the stop is logged as
+// lost.
+TEST_F(DataAddressRecorderTest, StopHandsOverTheRetriesAndLaterFailuresAreLost)
 {
     LogLines log;
-    {
-        DataAddressRecorder recorder(&m_storage, kHost, 1h);
-        recorder.start();
-        recorder.recordCommitted(stream(kDeviceA, 7000, 1));
-        recorder.stop();
-        ASSERT_EQ(m_storage.saveCount(), 1u);
-        EXPECT_EQ(m_storage.items(0).size(), 1u);
-    }
-    m_storage.fail(0);
+    auto recorder = makeRecorder();
+    recorder->start();
+    m_storage.holdWrites();
+    stream(*recorder, kDeviceA, 1'000);
+    m_storage.completeAppend(/*failed*/ 1);
+    recorder->stop();
+    ASSERT_EQ(m_storage.heldAppends(), 1u);
+    EXPECT_EQ(m_storage.heldItems().size(), 1u);
+    m_storage.completeAppend(/*failed*/ 1);
     EXPECT_EQ(log.find(Level::error, "Saving data addresses failed while stopping, lost: ").size(),
               1u);
+    recorder.reset();
+    EXPECT_EQ(m_storage.heldAppends(), 0u);
 }
 
-TEST_F(DataAddressRecorderTest, FlushesOnItsInterval)
+// Retries are due on the recorder's own timer.
+TEST_F(DataAddressRecorderTest, RetriesOnItsOwnTimer)
 {
-    DataAddressRecorder recorder(&m_storage, kHost, 50ms);
+    DataAddressRecorder recorder(&m_storage, kHost, DataAddressRecorder::Options{});
     recorder.start();
-    recorder.recordCommitted(stream(kDeviceA, 1000, 1));
-    ASSERT_TRUE(waitFor([&] { return m_storage.saveCount() == 1; }));
-    recorder.recordCommitted(stream(kDeviceA, 2000, 1));
-    ASSERT_TRUE(waitFor([&] { return m_storage.saveCount() == 2; }));
-    recorder.stop();
-    EXPECT_EQ(m_storage.saveCount(), 2u);
+    m_storage.holdWrites();
+    recorder.recordCommitted({{kDeviceA, ZuTimePeriodList{ZuTimePeriod(kT0, 10)}}});
+    m_storage.completeAppend(/*failed*/ 1);
+    ASSERT_TRUE(waitFor([&] { return m_storage.heldAppends() == 1; }));
+    m_storage.completeAppend();
+    EXPECT_EQ(recorder.pendingSpans(), 0u);
 }
 
 }  // namespace

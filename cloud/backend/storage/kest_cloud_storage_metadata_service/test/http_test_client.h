@@ -113,6 +113,12 @@ public:
         if (!contentType.empty())
             raw += "Content-Type: " + contentType + "\r\n";
         raw += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        return sendRaw(raw);
+    }
+
+    /** Sends bytes as they are: one request or several, pipelined. */
+    bool sendRaw(const std::string& raw)
+    {
         for (std::size_t sent = 0; sent < raw.size();) {
             const ssize_t n = ::send(m_fd, raw.data() + sent, raw.size() - sent, MSG_NOSIGNAL);
             if (n <= 0)

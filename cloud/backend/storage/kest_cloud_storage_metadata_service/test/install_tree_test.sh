@@ -21,6 +21,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 
 for f in bin/metadata_storage bin/kest_service_host lib/libkest_cloud_storage_metadata_service.so \
          lib/libkest_utils.so etc/metadata_storage/metadata_storage.conf \
+         share/metadata_storage/sample_packets.json \
          lib/systemd/system/metadata_storage.service lib/cmake/Kest/KestConfig.cmake \
          bin/metadata_storage_client lib/libkest_cloud_storage_metadata_client.so \
          lib/cmake/KestMetadataStorageClient/KestMetadataStorageClientConfig.cmake \

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <future>
+#include <mutex>
 #include <set>
 #include <thread>
 #include <vector>
@@ -7,6 +8,8 @@
 #include <kest/cloud/storage/model/mongo/client_pool.h>
 #include <kest/cloud/storage/model/mongo/error.h>
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
+
+#include <kest/utils/log/logger.h>
 
 #include "mongo_test_fixture.h"
 
@@ -50,6 +53,45 @@ TEST(MongoDocumentTest, TypedReadersRefuseOtherTypes)
 
 class MongoWrappersTest : public MongoTest
 {};
+
+TEST_F(MongoWrappersTest, DriverLinesGoToTheLogAndEndingSessionsIsNoWarning)
+{
+    using kest::utils::log::Level;
+    std::mutex mutex;
+    std::vector<std::pair<Level, std::string>> lines;
+    auto& logger = kest::utils::log::Logger::instance();
+    const int observer =
+        logger.addObserver([&](Level level, const std::string& tag, const std::string& message) {
+            std::lock_guard lock(mutex);
+            if (tag == "mongoc")
+                lines.emplace_back(level, message);
+        });
+    {
+        // The driver warns that pools ignore minPoolSize: a warning it writes for sure.
+        const Uri uri(m_uri + (m_uri.find('?') == std::string::npos ? "?" : "&") + "minPoolSize=1");
+        ClientPool pool(uri);
+        PooledClient client = pool.pop();
+        // A query runs in a session, which destroying the pool ends; the stand-in refuses that.
+        Cursor cursor = client.collection("metadataStorage", uniqueName("sessions")).find({});
+        while (cursor.next()) {
+        }
+    }
+    logger.removeObserver(observer);
+
+    std::lock_guard lock(mutex);
+    bool warned = false;
+    for (const auto& [level, message] : lines) {
+        if (message.find("minpoolsize is deprecated") != std::string::npos)
+            warned = level == Level::warning;
+        if (message.find("endSessions") != std::string::npos) {
+            EXPECT_EQ(Level::debug, level) << message;
+        }
+    }
+    std::string all;
+    for (const auto& [level, message] : lines)
+        all += std::to_string(static_cast<int>(level)) + " " + message + "\n";
+    EXPECT_TRUE(warned) << all;
+}
 
 TEST_F(MongoWrappersTest, PoolHandsOutClientsConcurrently)
 {

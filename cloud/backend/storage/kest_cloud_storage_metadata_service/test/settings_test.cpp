@@ -47,6 +47,18 @@ TEST(SettingsTest, LoadsEveryGroup)
     EXPECT_EQ(settings.ddsConnection().maxPoolSize, 7u);
 }
 
+TEST(SettingsTest, ServeDocsIsAFlagThatDefaultsToOn)
+{
+    Settings settings;
+    load(settings, {});
+    EXPECT_TRUE(settings.serveDocs());
+    load(settings, {"--http/serveDocs=Off"});
+    EXPECT_FALSE(settings.serveDocs());
+    load(settings, {"--http/serveDocs=1"});
+    EXPECT_TRUE(settings.serveDocs());
+    EXPECT_THROW(load(settings, {"--http/serveDocs=sometimes"}), std::invalid_argument);
+}
+
 TEST(SettingsTest, BadInstancesStopLoading)
 {
     Settings settings;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -23,6 +24,7 @@ using SaveErrorHandler =
 using LookupHandler = utils::MoveOnlyFunc<void(ResultCode, std::vector<ObjectTrackEx>)>;
 using CommitHandler = utils::MoveOnlyFunc<void(std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 using CommittedHandler = utils::MoveOnlyFunc<void(bool committed)>;
+using RetentionHandler = utils::MoveOnlyFunc<void(std::chrono::system_clock::time_point)>;
 
 /** The analytics events storage: packets go in and are aggregated into tracks; searches come out.
  */
@@ -77,6 +79,13 @@ public:
      * the commit handler has been told of those committed.
      */
     virtual void flush() {}
+
+    /**
+     * After each step that deletes tracks by age, the handler gets the time before which the
+     * storage holds no data any more, on the writer's thread; it must not block. A null handler
+     * stops the reports. A storage that deletes nothing by age never calls it.
+     */
+    virtual void setOnRetentionHandler(RetentionHandler /*handler*/) {}
 
     /** Cheap to call from any thread: the figures are kept in atomics. */
     virtual StorageStatistics statistics() const { return {}; }

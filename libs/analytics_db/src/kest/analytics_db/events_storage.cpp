@@ -126,6 +126,12 @@ void EventsStorage::setOnCommitHandler(CommitHandler handler)
         });
 }
 
+void EventsStorage::setOnRetentionHandler(RetentionHandler handler)
+{
+    std::lock_guard lock(m_retentionHandlerMutex);
+    m_retentionHandler = std::move(handler);
+}
+
 StorageStatistics EventsStorage::statistics() const
 {
     StorageStatistics result;
@@ -551,6 +557,17 @@ void EventsStorage::applyRetention()
     }
     if (deleted > 0)
         KEST_DEBUG(this, "Deleted %1 tracks last seen before %2 us", deleted, cutoffUs);
+    if (std::lock_guard lock(m_retentionHandlerMutex); m_retentionHandler) {
+        // A track last seen after the cutoff is kept whole, so the oldest data may start before;
+        // so may a track that is still open.
+        std::int64_t oldestUs = std::min(cutoffUs, m_writer->earliestOpenFirstUs());
+        if (auto* s = m_writer->database().cached("SELECT MIN(first_us) FROM track")) {
+            if (s->step() && !s->isNull(0))
+                oldestUs = std::min(oldestUs, s->int64(0));
+            s->reset();  //< Left on its row, it would hold back checkpoints.
+        }
+        m_retentionHandler(system_clock::time_point(microseconds(oldestUs)));
+    }
     // A full batch means more is waiting: come back after the next write batch.
     m_nextRetention = SteadyClock::now() + (deleted == kRetentionBatchRows ? 0s : 1s);
 }

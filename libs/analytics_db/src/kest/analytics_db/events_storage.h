@@ -77,6 +77,7 @@ public:
         CommittedHandler handler) override;
     void lookup(Filter filter, LookupHandler completionHandler) override;
     void setOnCommitHandler(CommitHandler handler) override;
+    void setOnRetentionHandler(RetentionHandler handler) override;
     void flush() override;
     /** The store's size and free space are measured by the writer, at most once a second. */
     StorageStatistics statistics() const override;
@@ -185,6 +186,9 @@ private:
     bool m_lookupsStopping = false;
     std::vector<std::unique_ptr<TrackReader>> m_readers;
     std::vector<std::thread> m_lookupThreads;
+
+    Mutex m_retentionHandlerMutex;
+    RetentionHandler m_retentionHandler;
 
     PeriodsNotifier m_commitNotifier{PeriodsNotifier::WithoutHandler::drop};
     PeriodsNotifier m_notifier{PeriodsNotifier::WithoutHandler::keep};

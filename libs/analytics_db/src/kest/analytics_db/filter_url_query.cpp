@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <string_view>
 
 #include <kest/reflect/json.h>
@@ -59,62 +60,103 @@ std::string doubleText(double value)
     return std::string(buffer.data(), end);
 }
 
-template <typename T>
-bool parseNumber(std::string_view text, T* out)
+/** A value as a message quotes it: long ones are cut, so that an answer stays short. */
+std::string quoted(std::string_view text)
 {
-    const char* end = text.data() + text.size();
-    const auto [ptr, ec] = std::from_chars(text.data(), end, *out);
-    if constexpr (std::is_floating_point_v<T>) {
-        // from_chars takes "nan" and "inf" too; a rectangle has finite sides.
-        if (!std::isfinite(*out))
-            return false;
-    }
-    return ec == std::errc() && ptr == end && !text.empty();
+    static constexpr int kMaxQuoted = 64;
+    const QString value = QString::fromUtf8(text.data(), static_cast<int>(text.size()));
+    if (value.size() <= kMaxQuoted)
+        return "'" + value.toStdString() + "'";
+    return "'" + value.left(kMaxQuoted).toStdString() + "...'";
 }
 
-bool parseBool(std::string_view text, bool* out)
+/** What a reader found wrong with an item's value; empty when nothing. */
+using Problem = std::string;
+
+template <typename T>
+Problem parseInteger(std::string_view text, T* out, std::string_view meaning)
+{
+    T value{};
+    const char* end = text.data() + text.size();
+    const auto [ptr, ec] = std::from_chars(text.data(), end, value);
+    if (ec == std::errc::result_out_of_range && ptr == end) {
+        return quoted(text) + " is out of range: " + std::to_string(std::numeric_limits<T>::min()) +
+               " to " + std::to_string(std::numeric_limits<T>::max()) + " is expected";
+    }
+    if (ec != std::errc() || ptr != end || text.empty())
+        return quoted(text) + " is not a whole number" + std::string(meaning);
+    *out = value;
+    return {};
+}
+
+Problem parseUuid(std::string_view text, ZuUuid* out)
+{
+    if (fromString(text, out))
+        return {};
+    return quoted(text) +
+           " is not a UUID: 32 hexadecimal digits grouped 8-4-4-4-12 by dashes, braces allowed";
+}
+
+Problem parseBool(std::string_view text, bool* out)
 {
     if (text != "true" && text != "false")
-        return false;
+        return quoted(text) + " is neither 'true' nor 'false'";
     *out = text == "true";
-    return true;
+    return {};
 }
 
-bool parseSortOrder(std::string_view text, SortOrder* out)
+Problem parseSortOrder(std::string_view text, SortOrder* out)
 {
     if (text == "asc")
         *out = SortOrder::asc;
     else if (text == "desc")
         *out = SortOrder::desc;
     else
-        return false;
-    return true;
+        return quoted(text) + " is neither 'asc' nor 'desc'";
+    return {};
 }
 
-bool parseRect(std::string_view text, common::metadata::Rect* out)
+Problem parseRect(std::string_view text, common::metadata::Rect* out)
 {
+    static constexpr std::array<const char*, 4> kNames{"x", "y", "width", "height"};
+    const std::string_view whole = text;
+    const Problem malformed =
+        quoted(whole) + " is not four numbers 'x,y,width,height' (fractions of the frame)";
     std::array<double, 4> values{};
     for (std::size_t i = 0; i < values.size(); ++i) {
         const std::size_t comma = text.find(',');
         const bool last = i + 1 == values.size();
         if (last != (comma == std::string_view::npos))
-            return false;
-        if (!parseNumber(text.substr(0, comma), &values[i]))
-            return false;
+            return malformed;
+        const std::string_view number = text.substr(0, comma);
+        const char* end = number.data() + number.size();
+        const auto [ptr, ec] = std::from_chars(number.data(), end, values[i]);
+        // from_chars takes "nan" and "inf" too.
+        if (ec != std::errc() || ptr != end || number.empty() || !std::isfinite(values[i]))
+            return malformed;
+        if (!isFrameFraction(values[i])) {
+            return quoted(whole) + ": " + kNames[i] + " " + std::string(number) +
+                   " is not within 0 to 1, a fraction of the frame's size";
+        }
         if (!last)
             text.remove_prefix(comma + 1);
     }
     *out = common::metadata::Rect{values[0], values[1], values[2], values[3]};
-    return true;
+    return {};
 }
 
-/** Applies `parse` to the last value of `key`, if the key is there. */
+/** Applies `parse` to the last value of `key`, if the key is there; the problem names the key. */
 template <typename T, typename Parse>
-bool readLast(const network::rest::Params& params, const QString& key, T* out, Parse parse)
+bool readLast(const network::rest::Params& params, const QString& key, T* out, Parse parse,
+              std::string* error)
 {
     if (!params.contains(key))
         return true;
-    return parse(params.value(key).toStdString(), out);
+    const Problem problem = parse(params.value(key).toStdString(), out);
+    if (problem.empty())
+        return true;
+    *error = key.toStdString() + ": " + problem;
+    return false;
 }
 
 }  // namespace
@@ -153,45 +195,68 @@ void serializeToUrlQuery(const Filter& filter, QUrlQuery* query)
 
 bool deserializeFromParams(const network::rest::Params& params, Filter* filter)
 {
+    std::string error;
+    return deserializeFromParams(params, filter, &error);
+}
+
+bool deserializeFromParams(const network::rest::Params& params, Filter* filter, std::string* error)
+{
     Filter result;
     for (const QString& value : params.values(kDeviceIds)) {
         ZuUuid id;
-        if (!fromString(value.toStdString(), &id))
+        if (Problem problem = parseUuid(value.toStdString(), &id); !problem.empty()) {
+            *error = kDeviceIds.toStdString() + ": " + problem;
             return false;
+        }
         result.deviceIds.insert(id);
     }
     for (const QString& value : params.values(kObjectTypeId))
         result.objectTypeId.insert(value.toStdString());
 
-    const auto parseUuid = [](std::string_view text, ZuUuid* out) { return fromString(text, out); };
     const auto parseText = [](std::string_view text, std::string* out) {
         out->assign(text);
-        return true;
+        return Problem();
     };
-    const auto parseInt64 = [](std::string_view text, std::int64_t* out) {
-        return parseNumber(text, out);
+    const auto parseStart = [](std::string_view text, std::int64_t* out) {
+        return parseInteger(text, out, " of milliseconds since 1970-01-01 00:00 UTC");
     };
-    const auto parseInt = [](std::string_view text, int* out) { return parseNumber(text, out); };
+    const auto parseDuration = [](std::string_view text, std::int64_t* out) {
+        Problem problem = parseInteger(text, out, " of milliseconds");
+        if (problem.empty() && *out < ZuTimePeriod::kInfiniteDuration) {
+            problem = quoted(text) +
+                      " is negative: 0 or more milliseconds, or -1 for no end, is expected";
+        }
+        return problem;
+    };
+    const auto parseLimit = [](std::string_view text, int* out) {
+        return parseInteger(text, out, " of tracks (0 for no limit)");
+    };
     common::metadata::Rect box;
     const bool hasBox = params.contains(kBoundingBox);
 
     const bool ok =
-        readLast(params, kObjectTrackId, &result.objectTrackId, parseUuid) &&
-        readLast(params, kStartTimeMs, &result.timePeriod.startTimeMs, parseInt64) &&
-        readLast(params, kDurationMs, &result.timePeriod.durationMs, parseInt64) &&
-        readLast(params, kBoundingBox, &box, parseRect) &&
-        readLast(params, kFreeText, &result.freeText, parseText) &&
-        readLast(params, kMaxObjectTracksToSelect, &result.maxObjectTracksToSelect, parseInt) &&
-        readLast(params, kNeedFullTrack, &result.needFullTrack, parseBool) &&
-        readLast(params, kSortOrder, &result.sortOrder, parseSortOrder) &&
-        readLast(params, kWithBestShotOnly, &result.withBestShotOnly, parseBool) &&
-        readLast(params, kAnalyticsEngineId, &result.analyticsEngineId, parseUuid);
+        readLast(params, kObjectTrackId, &result.objectTrackId, parseUuid, error) &&
+        readLast(params, kStartTimeMs, &result.timePeriod.startTimeMs, parseStart, error) &&
+        readLast(params, kDurationMs, &result.timePeriod.durationMs, parseDuration, error) &&
+        readLast(params, kBoundingBox, &box, parseRect, error) &&
+        readLast(params, kFreeText, &result.freeText, parseText, error) &&
+        readLast(params, kMaxObjectTracksToSelect, &result.maxObjectTracksToSelect, parseLimit,
+                 error) &&
+        readLast(params, kNeedFullTrack, &result.needFullTrack, parseBool, error) &&
+        readLast(params, kSortOrder, &result.sortOrder, parseSortOrder, error) &&
+        readLast(params, kWithBestShotOnly, &result.withBestShotOnly, parseBool, error) &&
+        readLast(params, kAnalyticsEngineId, &result.analyticsEngineId, parseUuid, error);
     if (!ok)
         return false;
     if (hasBox)
         result.boundingBox = box;
     *filter = std::move(result);
     return true;
+}
+
+bool isFrameFraction(double value)
+{
+    return value >= 0 && value <= 1;
 }
 
 std::string toString(const Filter& filter)

@@ -7,8 +7,9 @@
 //   "deviceIds"                one item per device, UUID in simple form (braces are accepted)
 //   "objectTypeId"             one item per type
 //   "objectTrackId"            UUID
-//   "startTimeMs", "durationMs" the time period, decimal; a missing one keeps its default
-//   "boundingBox"              "x,y,width,height", decimal numbers
+//   "startTimeMs", "durationMs" the time period, decimal; a missing one keeps its default; a
+//                              duration is 0 or more, or -1 for no end
+//   "boundingBox"              "x,y,width,height", decimal numbers from 0 to 1
 //   "freeText"                 text
 //   "maxObjectTracksToSelect"  decimal
 //   "needFullTrack", "withBestShotOnly"  "true" or "false"
@@ -36,6 +37,19 @@ void serializeToUrlQuery(const Filter& filter, QUrlQuery* query);
  * leaving `filter` untouched, when an item's value is malformed.
  */
 bool deserializeFromParams(const kest::network::rest::Params& params, Filter* filter);
+
+/**
+ * The same, and on failure `error` names the item, quotes its value and says what it expects:
+ * "deviceIds: 'camera-1' is not a UUID: ...".
+ */
+bool deserializeFromParams(const kest::network::rest::Params& params, Filter* filter,
+                           std::string* error);
+
+/**
+ * Whether a coordinate or size of a box can be: boxes are in fractions of the frame's width and
+ * height, from 0 to 1.
+ */
+bool isFrameFraction(double value);
 
 /** The filter as compact JSON, for log lines. */
 std::string toString(const Filter& filter);

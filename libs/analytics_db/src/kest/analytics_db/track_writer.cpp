@@ -665,6 +665,16 @@ DBResult TrackWriter::closeTracks(bool idleOnly)
     return result;
 }
 
+std::int64_t TrackWriter::earliestOpenFirstUs() const
+{
+    std::int64_t earliest = std::numeric_limits<std::int64_t>::max();
+    for (const auto& [id, track] : m_open) {
+        if (track->stored.track.firstUs != kNoFirstUs)
+            earliest = std::min(earliest, track->stored.track.firstUs);
+    }
+    return earliest;
+}
+
 bool TrackWriter::endedDue(SteadyClock::time_point now, bool all) const
 {
     if (m_ended.empty())

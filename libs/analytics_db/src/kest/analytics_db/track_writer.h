@@ -111,6 +111,8 @@ public:
     /** The longest track (last minus first appearance) stored, which bounds search scans. */
     std::int64_t maxSpanUs() const { return m_maxSpanUs; }
     std::size_t openTracks() const { return m_open.size(); }
+    /** The earliest first appearance of the open tracks; the maximum when none is open. */
+    std::int64_t earliestOpenFirstUs() const;
     std::int64_t seq() const { return m_seq; }
 
     sql::Database& database() { return m_db; }

@@ -42,6 +42,76 @@ DeserializationResult parseDocument(std::string_view text, rapidjson::Document* 
     return {};
 }
 
+bool checkUtf8(const Value& root, ReadContext& context)
+{
+    if (root.IsString())
+        return utf8::isValid({root.GetString(), root.GetStringLength()}) ||
+               context.fail(messages::kInvalidUtf8);
+
+    // Iterative, like the parser: a document may nest deeper than a thread's stack would take.
+    struct Frame
+    {
+        const Value* container;
+        rapidjson::SizeType next;
+    };
+    std::vector<Frame> frames;
+    // The path runs through the child being visited in each of the first `depth` frames.
+    const auto fail = [&](std::string_view message, std::size_t depth) {
+        context.fail(message);
+        for (std::size_t k = depth; k-- > 0;) {
+            const Frame& frame = frames[k];
+            if (frame.container->IsObject())
+                context.failInMember(
+                    (frame.container->MemberBegin() + (frame.next - 1))->name.GetString());
+            else
+                context.failInElement(frame.next - 1);
+        }
+        return false;
+    };
+
+    if (root.IsObject() || root.IsArray())
+        frames.push_back({&root, 0});
+    while (!frames.empty()) {
+        Frame& frame = frames.back();
+        const Value& container = *frame.container;
+        const bool isObject = container.IsObject();
+        if (frame.next == (isObject ? container.MemberCount() : container.Size())) {
+            frames.pop_back();
+            continue;
+        }
+        const Value* child = nullptr;
+        if (isObject) {
+            const auto& member = *(container.MemberBegin() + frame.next++);
+            if (!utf8::isValid({member.name.GetString(), member.name.GetStringLength()}))
+                return fail(messages::kInvalidUtf8Name, frames.size() - 1);
+            child = &member.value;
+        } else {
+            child = &container[frame.next++];
+        }
+        if (child->IsString()) {
+            if (!utf8::isValid({child->GetString(), child->GetStringLength()}))
+                return fail(messages::kInvalidUtf8, frames.size());
+        } else if (child->IsObject() || child->IsArray()) {
+            frames.push_back({child, 0});
+        }
+    }
+    return true;
+}
+
+void writeText(Writer& writer, std::string_view text, bool asKey)
+{
+    std::string repaired;
+    if (!utf8::isValid(text)) {
+        repaired = utf8::toValid(text);
+        text = repaired;
+    }
+    const auto size = static_cast<rapidjson::SizeType>(text.size());
+    if (asKey)
+        writer.Key(text.data(), size);
+    else
+        writer.String(text.data(), size);
+}
+
 void writeDouble(Writer& writer, double value)
 {
     // JSON has no NaN or infinity, and RapidJSON would silently write nothing for them.

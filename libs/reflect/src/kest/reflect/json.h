@@ -6,12 +6,18 @@
 // numbers; doubles in their shortest exact form, a NaN or an infinity as null; an unset optional
 // member is left out (an unset optional elsewhere is null); enums by name (a value without a
 // name as its number); types with a custom string form as that string; durations as their
-// count; lists and sets as arrays; maps with text keys as objects.
+// count; lists and sets as arrays; maps with text keys as objects. Text that is not well-formed
+// UTF-8 (stored before it was refused, or made by a program) is written with U+FFFD in place of
+// each ill-formed sequence, so that the output is always valid JSON.
 //
 // Reading:
 // - The text may start with a UTF-8 byte-order mark. Its top level must be an object or an
 //   array ("Either an object or an array is expected as a json object"); a syntax error gives
 //   "Exception during json deserialization: " and RapidJSON's message.
+// - Every string and member name must be well-formed UTF-8 once its escapes are decoded, those
+//   of unknown keys included ("The text is not valid UTF-8", "A member name is not valid
+//   UTF-8"): nothing ill-formed is taken in, to come out later in answers that no JSON reader
+//   can read.
 // - Records need an object ("Object value expected"); a missing key keeps the member's default,
 //   an unknown key is ignored.
 // - bool: a JSON bool or the string "true" or "false".
@@ -45,6 +51,7 @@
 #include "json_stream_reader.h"
 #include "messages.h"
 #include "traits.h"
+#include "utf8.h"
 
 namespace kest::reflect::json {
 
@@ -98,7 +105,11 @@ struct ReadContext
 
 std::string_view withoutByteOrderMark(std::string_view text);
 DeserializationResult parseDocument(std::string_view text, rapidjson::Document* document);
+/** Fails, naming the path, at the first string or member name that is not well-formed UTF-8. */
+bool checkUtf8(const Value& value, ReadContext& context);
 void writeDouble(Writer& writer, double value);
+/** Writes text as a JSON string, or as a key when `asKey`, repairing ill-formed UTF-8. */
+void writeText(Writer& writer, std::string_view text, bool asKey = false);
 bool readBool(const Value& value, bool* out, ReadContext& context);
 bool readDouble(const Value& value, double* out, ReadContext& context);
 bool readString(const Value& value, std::string* out, ReadContext& context);
@@ -282,8 +293,7 @@ template <typename T>
 void write(Writer& writer, const T& value)
 {
     if constexpr (HasCustomString<T>) {
-        const std::string text = toString(value);
-        writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+        writeText(writer, toString(value));
     } else if constexpr (DescribedEnum<T>) {
         if (const char* name = enumName(value))
             writer.String(name);
@@ -313,7 +323,7 @@ void write(Writer& writer, const T& value)
     } else if constexpr (std::is_floating_point_v<T>) {
         writeDouble(writer, static_cast<double>(value));
     } else if constexpr (std::same_as<T, std::string>) {
-        writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+        writeText(writer, value);
     } else if constexpr (std::same_as<T, QString>) {
         const QByteArray utf8 = value.toUtf8();
         writer.String(utf8.constData(), static_cast<rapidjson::SizeType>(utf8.size()));
@@ -322,12 +332,10 @@ void write(Writer& writer, const T& value)
     } else if constexpr (TextKeyMap<T>) {
         writer.StartObject();
         for (const auto& [key, item] : value) {
-            if constexpr (HasCustomString<typename T::key_type>) {
-                const std::string text = toString(key);
-                writer.Key(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-            } else {
-                writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
-            }
+            if constexpr (HasCustomString<typename T::key_type>)
+                writeText(writer, toString(key), /*asKey*/ true);
+            else
+                writeText(writer, key, /*asKey*/ true);
             write(writer, item);
         }
         writer.EndObject();
@@ -353,7 +361,11 @@ std::string serialize(const T& value)
     return std::string(buffer.GetString(), buffer.GetSize());
 }
 
-/** Reads an already parsed JSON value; `text` rules at the top of this file apply. */
+/**
+ * Reads an already parsed JSON value; the rules at the top of this file apply, but for UTF-8:
+ * what the value holds is taken as it is (answers of other programs, which are repaired when
+ * written out again).
+ */
 template <typename T>
 DeserializationResult deserializeValue(const rapidjson::Value& value, T* out)
 {
@@ -372,6 +384,8 @@ DeserializationResult deserializeDocument(std::string_view text, T* out)
     rapidjson::Document document;
     if (auto parsed = detail::parseDocument(text, &document); !parsed)
         return parsed;
+    if (detail::ReadContext context; !detail::checkUtf8(document, context))
+        return DeserializationResult::failure(context.description());
     return deserializeValue(document, out);
 }
 

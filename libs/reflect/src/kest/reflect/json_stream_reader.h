@@ -23,6 +23,7 @@
 #include <rapidjson/reader.h>
 
 #include "traits.h"
+#include "utf8.h"
 
 namespace kest::reflect::json::stream {
 
@@ -423,15 +424,20 @@ public:
         return ec == std::errc() && ptr == end &&
                scalar([value](ValueSink* s) { return s->uint64(value); });
     }
+    /** Ill-formed UTF-8, even where nothing is read, is left to the document reader to name. */
     bool String(const char* text, rapidjson::SizeType length, bool)
     {
-        return scalar([=](ValueSink* s) { return s->string(std::string_view(text, length)); });
+        const std::string_view view(text, length);
+        return utf8::isValid(view) && scalar([=](ValueSink* s) { return s->string(view); });
     }
     bool Key(const char* text, rapidjson::SizeType length, bool)
     {
+        const std::string_view view(text, length);
+        if (!utf8::isValid(view))
+            return false;
         if (m_skipDepth > 0)
             return true;
-        return m_frames.back()->key(std::string_view(text, length));
+        return m_frames.back()->key(view);
     }
     bool StartObject() { return begin(&ValueSink::beginObject); }
     bool StartArray() { return begin(&ValueSink::beginArray); }

@@ -23,6 +23,8 @@ inline constexpr std::string_view kCustomParserFailed =
     "Can't parse the string (custom parser failed)";
 inline constexpr std::string_view kArrayExpected = "Array is expected";
 inline constexpr std::string_view kObjectExpected = "Object value expected";
+inline constexpr std::string_view kInvalidUtf8 = "The text is not valid UTF-8";
+inline constexpr std::string_view kInvalidUtf8Name = "A member name is not valid UTF-8";
 inline constexpr std::string_view kBadQuery = "Malformed url-encoded text";
 inline constexpr std::string_view kRecordExpected =
     "Only a record can be read from url-encoded text";

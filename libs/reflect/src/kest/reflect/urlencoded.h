@@ -12,7 +12,8 @@
 // "flag=true" read as they would from the JSON strings "12" and "true", and a JSON-encoded
 // member must be valid JSON of its type. A missing parameter keeps the member's default, an
 // empty value leaves an optional member unset, unknown parameters are ignored, and of repeated
-// parameters the last one counts. A '+' reads as a blank. Failures are prefixed with the
+// parameters the last one counts. A '+' reads as a blank. Decoded names and values must be
+// well-formed UTF-8, those of unknown parameters included. Failures are prefixed with the
 // member's name ("filter: Object value expected").
 //
 // A type that is not a record has no such form: it is written and read as JSON text instead.
@@ -90,7 +91,9 @@ bool readValue(const std::string& text, T* out, json::detail::ReadContext& conte
             return context.fail(messages::kParseException,
                                 rapidjson::GetParseError_En(document.GetParseError()));
         }
-        return json::detail::read(document, out, context);
+        // Escapes in the JSON text may still decode to ill-formed UTF-8 ("\udc00").
+        return json::detail::checkUtf8(document, context) &&
+               json::detail::read(document, out, context);
     } else {
         const rapidjson::Value value(
             rapidjson::StringRef(text.data(), static_cast<rapidjson::SizeType>(text.size())));
@@ -134,6 +137,13 @@ DeserializationResult deserialize(std::string_view text, T* out)
         std::unordered_map<std::string, std::string> params;
         if (!detail::parseQuery(text, &params))
             return DeserializationResult::failure(std::string(messages::kBadQuery));
+        for (const auto& [name, value] : params) {
+            if (!utf8::isValid(name))
+                return DeserializationResult::failure(std::string(messages::kInvalidUtf8Name));
+            if (!utf8::isValid(value))
+                return DeserializationResult::failure(name + ": " +
+                                                      std::string(messages::kInvalidUtf8));
+        }
 
         json::detail::ReadContext context;
         T result{};

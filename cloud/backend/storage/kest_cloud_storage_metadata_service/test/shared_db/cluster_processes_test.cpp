@@ -5,7 +5,9 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <future>
+#include <map>
 #include <set>
 #include <thread>
 
@@ -25,22 +27,24 @@ using kest::network::http::StatusCode;
 
 constexpr auto kPeerTimeout = 1000ms;
 
+const std::vector<std::string> kQuickSettings{
+    "--cluster/dataAddressFlushIntervalMs=200", "--cluster/loadPublishIntervalMs=200",
+    "--cluster/peerTimeoutMs=" + std::to_string(kPeerTimeout.count()),
+    "--analyticsDb/maxCommitDelayMs=50"};
+
 /** One service process with its own data directory and log file. */
 struct Instance
 {
-    Instance(const std::string& mongoUri)
+    Instance(const std::string& mongoUri, const std::vector<std::string>& settings)
     {
         const std::uint16_t port = freeLoopbackPort();
         url = "http://127.0.0.1:" + std::to_string(port);
-        process = std::make_unique<ServiceProcess>(
-            KEST_METADATA_STORAGE_PATH,
-            std::vector<std::string>{
-                "--http/listenOn=127.0.0.1:" + std::to_string(port), "--dataDir=" + dir.path(),
-                "--log/file=" + dir.path() + "/log", "--MongoDb/uri=" + mongoUri,
-                "--cluster/advertisedUrl=" + url, "--cluster/dataAddressFlushIntervalMs=200",
-                "--cluster/loadPublishIntervalMs=200",
-                "--cluster/peerTimeoutMs=" + std::to_string(kPeerTimeout.count()),
-                "--analyticsDb/maxCommitDelayMs=50"});
+        std::vector<std::string> args{
+            "--http/listenOn=127.0.0.1:" + std::to_string(port), "--dataDir=" + dir.path(),
+            "--log/file=" + dir.path() + "/log", "--MongoDb/uri=" + mongoUri,
+            "--cluster/advertisedUrl=" + url};
+        args.insert(args.end(), settings.begin(), settings.end());
+        process = std::make_unique<ServiceProcess>(KEST_METADATA_STORAGE_PATH, std::move(args));
         for (int i = 0; i < 200 && !answersPing(port); ++i)
             std::this_thread::sleep_for(50ms);
         started = answersPing(port);
@@ -79,7 +83,7 @@ protected:
         // Loads left by other runs would take part in the choice.
         clearLoads();
         for (int i = 0; i < 3; ++i) {
-            m_instances.push_back(std::make_unique<Instance>(m_uri));
+            m_instances.push_back(std::make_unique<Instance>(m_uri, kQuickSettings));
             ASSERT_TRUE(m_instances.back()->started) << m_instances.back()->process->output();
         }
     }
@@ -184,6 +188,92 @@ TEST_F(ClusterProcessesTest, EveryInstanceFindsEveryInstancesDataAndLosingOneLos
     EXPECT_EQ(status, StatusCode::ok);
     EXPECT_EQ(idsOf(tracks), others);
     EXPECT_LT(std::chrono::steady_clock::now() - started, kPeerTimeout);
+}
+
+// With every setting at its default, as a new user runs it: what one instance commits is found
+// through another within seconds, device by device, the first packet of each included; once the
+// first instance is killed, the second still finds what it holds itself.
+class ClusterFreshnessTest : public MongoTest
+{
+protected:
+    using Clock = std::chrono::steady_clock;
+    static constexpr auto kFoundWithin = 5s;
+
+    /** Saves one packet of its own track per device into the instance, one request each. */
+    std::map<ZuUuid, Clock::time_point> save(Instance& instance, const std::vector<ZuUuid>& devices)
+    {
+        std::map<ZuUuid, Clock::time_point> saved;
+        for (const ZuUuid& device : devices) {
+            EXPECT_EQ(instance.client->saveDataSync(
+                          {packet(device, m_nowMs, ZuUuid::createUuid(), "person")}),
+                      std::make_tuple(StatusCode::ok));
+            saved[device] = Clock::now();
+        }
+        return saved;
+    }
+
+    /** How long after its save each device's track was found through `entry`, polled in turn. */
+    std::map<ZuUuid, Clock::duration> timeToFound(Instance& entry,
+                                                  const std::map<ZuUuid, Clock::time_point>& saved)
+    {
+        std::map<ZuUuid, Clock::duration> found;
+        const auto deadline = Clock::now() + 3 * kFoundWithin;
+        while (found.size() < saved.size() && Clock::now() < deadline) {
+            for (const auto& [device, at] : saved) {
+                if (found.contains(device))
+                    continue;
+                DataRequestData search;
+                search.filter.deviceIds = {device};
+                search.filter.timePeriod = ZuTimePeriod(m_nowMs - 60'000, 120'000);
+                if (!std::get<1>(entry.client->getDataSync(search)).empty())
+                    found[device] = Clock::now() - at;
+            }
+        }
+        return found;
+    }
+
+    void expectFoundInTime(const std::map<ZuUuid, Clock::duration>& found, std::size_t devices)
+    {
+        EXPECT_EQ(found.size(), devices);
+        for (const auto& [device, after] : found) {
+            EXPECT_LE(after, kFoundWithin)
+                << device.toStdString() << " found after "
+                << std::chrono::duration_cast<std::chrono::milliseconds>(after).count() << " ms";
+        }
+    }
+
+    const std::int64_t m_nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::system_clock::now().time_since_epoch())
+                                     .count();
+};
+
+TEST_F(ClusterFreshnessTest, DataIsFoundThroughAnotherInstanceWithinSecondsAtTheDefaults)
+{
+    Instance a(m_uri, {}), b(m_uri, {});
+    ASSERT_TRUE(a.started) << a.process->output();
+    ASSERT_TRUE(b.started) << b.process->output();
+    std::vector<ZuUuid> devices(20);
+    std::ranges::generate(devices, &ZuUuid::createUuid);
+
+    expectFoundInTime(timeToFound(b, save(a, devices)), devices.size());
+
+    a.process->signal(SIGKILL);
+    std::vector<ZuUuid> own(20);
+    std::ranges::generate(own, &ZuUuid::createUuid);
+    expectFoundInTime(timeToFound(b, save(b, own)), own.size());
+
+    // The killed instance refuses connections: the others' tracks come without it at once (each
+    // as often as its instance is named, once per device).
+    DataRequestData search;
+    search.filter.deviceIds.insert(devices.begin(), devices.end());
+    search.filter.deviceIds.insert(own.begin(), own.end());
+    search.filter.timePeriod = ZuTimePeriod(m_nowMs - 60'000, 120'000);
+    const auto [status, tracks] = b.client->getDataSync(search);
+    EXPECT_EQ(status, StatusCode::ok);
+    std::set<ZuUuid> devicesFound;
+    for (const auto& track : tracks)
+        devicesFound.insert(track.deviceId);
+    EXPECT_EQ(devicesFound, std::set<ZuUuid>(own.begin(), own.end()));
 }
 
 }  // namespace

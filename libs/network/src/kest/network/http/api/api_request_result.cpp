@@ -6,6 +6,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <kest/reflect/utf8.h>
 #include <kest/utils/assert.h>
 #include <kest/utils/to_text.h>
 
@@ -120,7 +121,8 @@ std::string ApiRequestResult::toJson() const
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
     writer.StartObject();
     for (const char* name : {kErrorClass, kResultCode, kErrorText, kErrorDetail}) {
-        const std::string value = field(name);
+        // Error texts may quote what a client sent, which need not be well-formed UTF-8.
+        const std::string value = kest::reflect::utf8::toValid(field(name));
         writer.Key(name);
         writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
     }

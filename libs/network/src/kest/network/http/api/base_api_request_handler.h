@@ -34,6 +34,53 @@ concept HasUrlQueryReader = requires(const QUrlQuery& query, T* record)
         } -> std::convertible_to<bool>;
 };
 
+/**
+ * A record's URL-query reader that says what is wrong:
+ * `bool loadFromUrlQuery(const QUrlQuery&, T*, std::string* error)`, the error naming the item
+ * and what it expects ("deviceIds: 'camera-1' is not a UUID"). Preferred to the plain reader.
+ */
+template <typename T>
+concept HasDetailedUrlQueryReader = requires(const QUrlQuery& query, T* record, std::string* error)
+{
+    {
+        loadFromUrlQuery(query, record, error)
+        } -> std::convertible_to<bool>;
+};
+
+/**
+ * "name: The text is not valid UTF-8" for the first item of a once-decoded URL query whose name
+ * or value is not well-formed UTF-8, decoded once more as the readers decode it; empty when
+ * there is none. Qt would otherwise turn such bytes into U+FFFD unseen.
+ */
+std::string invalidUtf8InUrlQuery(std::string_view decodedQuery);
+
+/**
+ * Reads a record with its own URL-query reader from a query string as received: decoded once,
+ * checked for ill-formed UTF-8, split into items. Failures are "Invalid URL query", followed by
+ * what the reader says is wrong, if it says it.
+ */
+template <typename T>
+requires HasUrlQueryReader<T> || HasDetailedUrlQueryReader<T> kest::reflect::DeserializationResult
+readUrlQuery(std::string_view text, T* record)
+{
+    using kest::reflect::DeserializationResult;
+    static constexpr std::string_view kInvalid = "Invalid URL query";
+    const std::string decoded = Request::percentDecode(text);
+    if (std::string problem = invalidUtf8InUrlQuery(decoded); !problem.empty())
+        return DeserializationResult::failure(std::string(kInvalid) + ": " + problem);
+    const QUrlQuery query(QString::fromStdString(decoded));
+    if constexpr (HasDetailedUrlQueryReader<T>) {
+        std::string problem;
+        if (!loadFromUrlQuery(query, record, &problem)) {
+            return DeserializationResult::failure(
+                problem.empty() ? std::string(kInvalid) : std::string(kInvalid) + ": " + problem);
+        }
+    } else if (!loadFromUrlQuery(query, record)) {
+        return DeserializationResult::failure(std::string(kInvalid));
+    }
+    return {};
+}
+
 /** Whether requests of this method carry their input in the body rather than in the query. */
 bool methodAllowsRequestBody(std::string_view method);
 /** Whether responses to this method carry a body (not so for HEAD). */
@@ -78,6 +125,19 @@ public:
                 requestCompleted(ApiRequestResult(ApiRequestErrorClass::internalError,
                                                   "internalError", e.what()));
         }
+    }
+
+    /**
+     * The answer to input that cannot be read as a `T`, or that holds values no `T` can have:
+     * 400, "Error deserializing input of type T: " and the description.
+     */
+    template <typename T = Input>
+    static ApiRequestResult inputError(std::string_view description)
+    {
+        return ApiRequestResult(ApiRequestErrorClass::badRequest, "deserializationError",
+                                kest::utils::format("Error deserializing input of type %1: %2",
+                                                    kest::reflect::typeName<T>(), description),
+                                ApiRequestErrorDetail::deserializationError);
     }
 
     SerializationFormat inputFormat() const { return m_inputFormat; }
@@ -194,11 +254,7 @@ protected:
         if (result.success)
             return true;
 
-        *error = ApiRequestResult(
-            ApiRequestErrorClass::badRequest, "deserializationError",
-            kest::utils::format("Error deserializing input of type %1: %2",
-                                kest::reflect::typeName<T>(), result.errorDescription),
-            ApiRequestErrorDetail::deserializationError);
+        *error = inputError<T>(result.errorDescription);
         return false;
     }
 
@@ -210,12 +266,8 @@ private:
             case SerializationFormat::json:
                 return kest::reflect::json::deserialize(text, input);
             case SerializationFormat::urlQuery:
-                if constexpr (HasUrlQueryReader<T>) {
-                    const QUrlQuery query(QString::fromStdString(Request::percentDecode(text)));
-                    if (!loadFromUrlQuery(query, input))
-                        return kest::reflect::DeserializationResult::failure("Invalid URL query");
-                    return {};
-                }
+                if constexpr (HasUrlQueryReader<T> || HasDetailedUrlQueryReader<T>)
+                    return readUrlQuery(text, input);
                 [[fallthrough]];
             case SerializationFormat::urlencoded:
                 return kest::reflect::urlencoded::deserialize(text, input);

@@ -11,11 +11,11 @@ namespace kest::cloud::storage::metadatadb::conf {
  * How this instance takes part in a cluster of its own (group "cluster"): whether it records in
  * the shared database where its data lives and how loaded it is, and how often.
  *
- * Data addresses: a device's committed data is recorded as one span per flush interval F while it
- * streams, so a steady stream adds 3600 s / F spans per hour to the device's document, plus one
- * per silence longer than F. The document only ever grows and a distributed search reads it
- * whole, while data becomes findable from other instances up to F after its commit. The default
- * of 5 minutes gives 12 spans (about 1 KiB) per device and hour, 288 a day.
+ * Data addresses: a device's committed data is recorded at once as a span that reaches F past
+ * it, and the next span of F before that one runs out, so data is found through other instances
+ * moments after its commit and a steady stream adds 3600 s / F spans per hour to the device's
+ * document, plus one per silence longer than F. Spans older than an hour merge into fewer (see
+ * DataAddressRecorder), so the document stays small however long the device streams.
  */
 class ClusterSettings
 {
@@ -34,7 +34,7 @@ public:
      * instance records nothing.
      */
     std::string advertisedUrl;
-    /** "dataAddressFlushIntervalMs": F above. */
+    /** "dataAddressFlushIntervalMs": F above, the length of a span recorded ahead of the data. */
     std::chrono::milliseconds dataAddressFlushInterval = kDefaultDataAddressFlushInterval;
     /** "loadPublishIntervalMs": how often the load record is refreshed. */
     std::chrono::milliseconds loadPublishInterval = kDefaultLoadPublishInterval;

@@ -12,6 +12,8 @@
 #include <kest/utils/log/log.h>
 #include <kest/utils/url.h>
 
+#include "value_rules.h"
+
 namespace kest::cloud::storage::metadatadb {
 
 using namespace kest::network::http;
@@ -32,6 +34,10 @@ void DataProviderController::processRequest(RequestContext /*requestContext*/,
 {
     KEST_VERBOSE(this, "Processing get data request with filter: %1, internal_lookup: %2",
                  kest::analytics::db::toString(request.filter), request.internal_lookup);
+    if (const auto problem = ValueRules::checkFilter(request.filter); !problem.empty()) {
+        requestCompleted(inputError(problem));
+        return;
+    }
     m_started = std::chrono::steady_clock::now();
     m_filter = std::move(request.filter);
     m_internalLookup = request.internal_lookup;
@@ -142,6 +148,8 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
         client->bindToAioThread(kest::network::aio::AioThread::current());
         // A peer that never answers would otherwise hold the whole search.
         client->setRequestTimeout(m_model.peerTimeout());
+        client->setCredentials(m_model.peerIdentity().credentials);
+        client->setTlsContext(m_model.peerIdentity().tlsContext);
         m_clients.push_back(std::move(client));
     }
     if (addresses.empty()) {

@@ -13,13 +13,19 @@ const QString kInternalLookup = "internal_lookup";
 
 bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data)
 {
+    std::string error;
+    return loadFromUrlQuery(query, data, &error);
+}
+
+bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data, std::string* error)
+{
     auto params = kest::network::rest::Params::fromUrlQuery(query);
     if (params.contains(kInternalLookup)) {
         // Peers have always sent a number here; a word such as "true" converts to 0.
         data->internal_lookup = params.value(kInternalLookup).toLongLong(nullptr, 10) != 0;
         params.remove(kInternalLookup);
     }
-    return kest::analytics::db::deserializeFromParams(params, &data->filter);
+    return kest::analytics::db::deserializeFromParams(params, &data->filter, error);
 }
 
 void serializeToUrlQuery(const DataRequestData& data, QUrlQuery* query)

@@ -2,6 +2,7 @@
 
 #include <QUrlQuery>
 #include <boost/describe/class.hpp>
+#include <string>
 
 #include <kest/analytics_db/filter.h>
 
@@ -25,6 +26,8 @@ BOOST_DESCRIBE_STRUCT(DataRequestData, (), (filter, internal_lookup))
  * flag's items never reach the filter reader. False when the filter's items are malformed.
  */
 bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data);
+/** The same; on failure `error` names the filter's item and what it expects. */
+bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data, std::string* error);
 
 /** Appends the filter's items, then "internal_lookup" as "1" or "0". */
 void serializeToUrlQuery(const DataRequestData& data, QUrlQuery* query);

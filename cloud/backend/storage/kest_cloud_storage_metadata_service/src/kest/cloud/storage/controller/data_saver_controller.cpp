@@ -3,7 +3,10 @@
 #include <memory>
 #include <unordered_set>
 
+#include <kest/cloud/storage/model/service_metrics.h>
 #include <kest/utils/log/log.h>
+
+#include "value_rules.h"
 
 namespace kest::cloud::storage::metadatadb {
 
@@ -12,6 +15,11 @@ using kest::common::metadata::ObjectMetadataPacket;
 
 DataSaverController::DataSaverController(kest::analytics::db::AbstractEventsStorage* eventsStorage)
     : m_eventsStorage(eventsStorage)
+{}
+
+DataSaverController::DataSaverController(kest::analytics::db::AbstractEventsStorage* eventsStorage,
+                                         ServiceMetrics* metrics)
+    : m_eventsStorage(eventsStorage), m_metrics(metrics)
 {}
 
 void DataSaverController::processRequest(RequestContext /*requestContext*/,
@@ -25,11 +33,20 @@ void DataSaverController::processRequest(RequestContext /*requestContext*/,
         KEST_VERBOSE(this, "procsessing save data request with deviceId: %1", deviceIds);
     }
 
+    std::size_t untrackedObjects = 0;
+    if (const auto problem = ValueRules::preparePackets(&packets, &untrackedObjects);
+        !problem.empty()) {
+        requestCompleted(inputError(problem));
+        return;
+    }
+
     if (!m_eventsStorage || !m_eventsStorage->isReady()) {
         KEST_ERROR(this, "analytics db in bad state");
         requestCompleted(StatusCode::internalServerError, ApiRequestResult());
         return;
     }
+    if (m_metrics)
+        m_metrics->untrackedObjectsStored(untrackedObjects);
 
     if (m_eventsStorage->acknowledgesAfterCommit()) {
         // The answer waits for the commit; a commit that fails loses the packets, and the

@@ -1,5 +1,6 @@
 #include "errors_request_data.h"
 
+#include <stdexcept>
 #include <string>
 
 #include <kest/network/rest/params.h>
@@ -31,6 +32,20 @@ bool loadFromUrlQuery(const QUrlQuery& query, ErrorsRequestData* data)
     if (!count.isEmpty())
         data->count = count.toUInt();
     return true;
+}
+
+bool loadFromUrlQuery(const QUrlQuery& query, ErrorsRequestData* data, std::string* error)
+{
+    try {
+        return loadFromUrlQuery(query, data);
+    } catch (const std::logic_error&) {
+        // std::stoul's invalid_argument or out_of_range: only the timestamp is converted so.
+        const QString value = query.queryItemValue(kTimestamp, QUrl::FullyDecoded);
+        *error = kTimestamp.toStdString() + ": '" + value.left(64).toStdString() +
+                 "' does not start with a number of milliseconds since 1970-01-01 00:00 UTC "
+                 "within 64 bits";
+        return false;
+    }
 }
 
 void serializeToUrlQuery(const ErrorsRequestData& data, QUrlQuery* query)

@@ -33,6 +33,8 @@ BOOST_DESCRIBE_STRUCT(ErrorsRequestData, (), (timestamp, count, clearData))
  * Always true.
  */
 bool loadFromUrlQuery(const QUrlQuery& query, ErrorsRequestData* data);
+/** The same, but a timestamp that does not convert is a failure that `error` describes. */
+bool loadFromUrlQuery(const QUrlQuery& query, ErrorsRequestData* data, std::string* error);
 
 /**
  * Replaces `query` with the present fields. The timestamp is written with a unit ("5ms"), so that

@@ -23,6 +23,14 @@ void serializeToUrlQuery(const OptimalInstanceRequest& request, QUrlQuery* query
     *query = params.toUrlQuery();
 }
 
+bool loadFromUrlQuery(const QUrlQuery& query, OptimalInstanceRequest* request, std::string* error)
+{
+    if (loadFromUrlQuery(query, request))
+        return true;
+    *error = kVmsId.toStdString() + ": missing; the UUID of the VMS that asks is expected";
+    return false;
+}
+
 bool loadFromUrlQuery(const QUrlQuery& query, OptimalInstanceRequest* request)
 {
     const auto params = kest::network::rest::Params::fromUrlQuery(query);

@@ -33,6 +33,8 @@ void serializeToUrlQuery(const OptimalInstanceRequest& request, QUrlQuery* query
  * out in the multi-map's order, last item of the query first.
  */
 bool loadFromUrlQuery(const QUrlQuery& query, OptimalInstanceRequest* request);
+/** The same; on failure `error` says that "VmsId" is missing. */
+bool loadFromUrlQuery(const QUrlQuery& query, OptimalInstanceRequest* request, std::string* error);
 
 /** "vmsId: {...}deviceIds: {...}, {...}", for log lines; no devices, no "deviceIds: ". */
 std::string toString(const OptimalInstanceRequest& request);

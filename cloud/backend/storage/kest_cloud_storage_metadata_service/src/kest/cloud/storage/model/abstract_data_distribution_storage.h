@@ -57,6 +57,55 @@ public:
     {
         return {};
     }
+
+    /** What became of spans handed to appendDataAddresses. */
+    struct AppendResult
+    {
+        /** The items that may not have been written, in the order given; empty on success. */
+        std::vector<DataInfo> failed;
+        /**
+         * Whether the server refused the first of `failed` for its device's document (too large,
+         * not of the expected shape), as opposed to a failure of the connection or the command:
+         * retrying it next to other devices' spans would hold theirs back.
+         */
+        bool firstRefused = false;
+    };
+
+    /**
+     * Appends the spans to their devices' documents with `host` as their node, as
+     * saveDataAddress does, and tells the handler the outcome, success included, exactly once.
+     * A storage that cannot reports every item as failed.
+     */
+    virtual void appendDataAddresses(const std::vector<DataInfo>& data, const std::string& /*host*/,
+                                     MoveOnlyFunc<void(AppendResult)> handler)
+    {
+        handler({data, false});
+    }
+
+    /**
+     * Every span whose node is `host` of the given devices, or of every device when none is
+     * given, in stored order.
+     */
+    virtual void getDataAddresses(const std::string& /*host*/,
+                                  const std::vector<std::string>& /*deviceIds*/,
+                                  MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler)
+    {
+        handler(false, {});
+    }
+
+    /**
+     * In the device's document, appends the `add` spans with `host` as their node, then, only
+     * if that succeeded, removes every span equal to one of `remove` (same start, end and node)
+     * in one update: spans that other instances append meanwhile are left alone. The handler
+     * gets whether both steps succeeded.
+     */
+    virtual void replaceDataAddresses(const std::string& /*deviceId*/, const std::string& /*host*/,
+                                      const std::vector<ZuTimePeriod>& /*add*/,
+                                      const std::vector<ZuTimePeriod>& /*remove*/,
+                                      MoveOnlyFunc<void(bool)> handler)
+    {
+        handler(false);
+    }
 };
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -12,8 +12,9 @@ namespace kest::cloud::storage::metadatadb {
 
 ClusterPresence::ClusterPresence(const conf::ClusterSettings& settings, Model& model)
     : m_model(model),
-      m_recorder(std::make_unique<DataAddressRecorder>(model.getDDSModel(), settings.advertisedUrl,
-                                                       settings.dataAddressFlushInterval)),
+      m_recorder(std::make_unique<DataAddressRecorder>(
+          model.getDDSModel(), settings.advertisedUrl,
+          DataAddressRecorder::Options{.leaseLength = settings.dataAddressFlushInterval})),
       m_publisher(std::make_unique<InstanceLoadPublisher>(
           model.getDDSModel(), model.getAnalyticsStorage(), settings.advertisedUrl,
           settings.loadPublishInterval, settings.nominalPacketsPerSecond))
@@ -23,12 +24,16 @@ ClusterPresence::ClusterPresence(const conf::ClusterSettings& settings, Model& m
             [recorder = m_recorder.get()](std::unordered_map<ZuUuid, ZuTimePeriodList> periods) {
                 recorder->recordCommitted(periods);
             });
+        analytics->setOnRetentionHandler(
+            [recorder = m_recorder.get()](std::chrono::system_clock::time_point oldestKept) {
+                recorder->setOldestKept(oldestKept);
+            });
     }
     m_recorder->start();
     m_publisher->start();
     KEST_INFO(this,
-              "Recording data addresses and load as %1: data addresses every %2 ms, load every %3 "
-              "ms",
+              "Recording data addresses and load as %1: data addresses in leases of %2 ms, load "
+              "every %3 ms",
               settings.advertisedUrl, settings.dataAddressFlushInterval.count(),
               settings.loadPublishInterval.count());
 }
@@ -40,6 +45,7 @@ ClusterPresence::~ClusterPresence()
         // recorded, rather than committed unrecorded while the Model stops.
         analytics->flush();
         analytics->setOnCommitHandler(nullptr);
+        analytics->setOnRetentionHandler(nullptr);
     }
     m_recorder->stop();
     m_publisher->stop();

@@ -4,6 +4,7 @@
 #include <QThread>
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 
 #include <kest/cloud/storage/mongo_connection_settings.h>
@@ -194,12 +195,8 @@ std::vector<mongo::UpdateOne> MongoDataDistributionStorage::buildSaveRequest(
         mongo::UpdateOne request;
         request.upsert = true;
         request.filter.appendString(kDeviceId, item.deviceId);
-        mongo::Document span;
-        span.appendDateTime(kTimeFrom, item.timePeriod.startTimeMs)
-            .appendDateTime(kTimeTill, item.timePeriod.endTimeMs())
-            .appendString(kNode, host);
         mongo::Document push;
-        push.appendDocument(kStorageInfo, span);
+        push.appendDocument(kStorageInfo, spanDocument(item.timePeriod, host));
         request.update.appendDocument("$push", push);
         requests.push_back(std::move(request));
     }
@@ -212,36 +209,182 @@ kest::utils::MoveOnlyFunc<void()> MongoDataDistributionStorage::buildSaveTask(
 {
     return [this, requests = buildSaveRequest(data, host), data,
             handler = std::move(handler)]() mutable {
-        bool failed = false;
+        // A throwing handler must not be called a second time: it is called outside the save.
+        if (executeSave(requests, data))
+            handler(data);
+    };
+}
+
+mongo::Document MongoDataDistributionStorage::spanDocument(const ZuTimePeriod& period,
+                                                           const std::string& host)
+{
+    mongo::Document span;
+    span.appendDateTime(kTimeFrom, period.startTimeMs)
+        .appendDateTime(kTimeTill, period.endTimeMs())
+        .appendString(kNode, host);
+    return span;
+}
+
+std::optional<AbstractDataDistributionStorage::AppendResult>
+MongoDataDistributionStorage::executeSave(const std::vector<mongo::UpdateOne>& requests,
+                                          const std::vector<DataInfo>& data) const
+{
+    try {
+        const mongo::PooledClient client = getClient();
+        const mongo::Collection collection =
+            client.collection(m_dbName, kDataDistributionCollection);
+        mongo::BulkWrite bulk = collection.createBulkWrite();
+        for (const auto& request : requests)
+            bulk.append(request);
+        if (const auto result = bulk.execute()) {
+            if (result->modified + result->upserted != static_cast<std::int64_t>(data.size())) {
+                KEST_WARNING(this,
+                             "possible problems while saving data( %1 ) to MongoDB, inserted(%2) "
+                             "+ upserted(%3) != num of items to save(%4)",
+                             data, result->modified, result->upserted, data.size());
+            }
+            return std::nullopt;
+        }
+        KEST_ERROR(this, "saving data( %1 ) to MongoDB failed", data);
+    } catch (const mongo::Error& e) {
+        KEST_ERROR(this, "exception while saving data( %1 ) to MongoDb, %2", data, e.what());
+        const auto index = e.writeErrorIndex();
+        if (index && *index < data.size()) {
+            if (e.isDocumentTooLarge()) {
+                // Nothing more of this device can be saved until its document shrinks.
+                KEST_ERROR(this,
+                           "The data addresses of device %1 cannot be saved: its document in "
+                           "MongoDB is too large (%2)",
+                           data[*index].deviceId, e.what());
+                countFailure(dataAddressDocumentTooLarge);
+            }
+            countFailure(dataAddressSave);
+            // The bulk write is ordered: the server applied the operations before this one.
+            return AppendResult{{data.begin() + static_cast<std::ptrdiff_t>(*index), data.end()},
+                                true};
+        }
+    } catch (const std::exception& e) {
+        KEST_ERROR(this, "exception while saving data( %1 ) to MongoDb, %2", data, e.what());
+    }
+    countFailure(dataAddressSave);
+    return AppendResult{data, false};
+}
+
+void MongoDataDistributionStorage::appendDataAddresses(const std::vector<DataInfo>& data,
+                                                       const std::string& host,
+                                                       MoveOnlyFunc<void(AppendResult)> handler)
+{
+    startTask([this, requests = buildSaveRequest(data, host), data,
+               handler = std::move(handler)]() mutable {
+        handler(executeSave(requests, data).value_or(AppendResult{}));
+    });
+}
+
+void MongoDataDistributionStorage::getDataAddresses(
+    const std::string& host, const std::vector<std::string>& deviceIds,
+    MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler)
+{
+    // Known devices are found by "DeviceId", as searches find them; the others only by a scan.
+    std::vector<mongo::Document> filters;
+    if (deviceIds.empty()) {
+        filters.emplace_back().appendString(kStorageInfo + "." + kNode, host);
+    }
+    for (std::size_t first = 0; first < deviceIds.size(); first += kDeviceIdsPerRead) {
+        const auto begin = deviceIds.begin() + static_cast<std::ptrdiff_t>(first);
+        const auto end = deviceIds.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                                 deviceIds.size(), first + kDeviceIdsPerRead));
+        mongo::Document in;
+        in.appendStringArray("$in", std::vector<std::string>(begin, end));
+        filters.emplace_back().appendDocument(kDeviceId, in);
+    }
+    startTask([this, host, filters = std::move(filters), handler = std::move(handler)]() mutable {
+        std::vector<DataInfo> spans;
+        bool ok = true;
         try {
             const mongo::PooledClient client = getClient();
             const mongo::Collection collection =
                 client.collection(m_dbName, kDataDistributionCollection);
-            mongo::BulkWrite bulk = collection.createBulkWrite();
-            for (const auto& request : requests)
-                bulk.append(request);
-            if (const auto result = bulk.execute()) {
-                if (result->modified + result->upserted != static_cast<std::int64_t>(data.size())) {
-                    KEST_WARNING(
-                        this,
-                        "possible problems while saving data( %1 ) to MongoDB, inserted(%2) + "
-                        "upserted(%3) != num of items to save(%4)",
-                        data, result->modified, result->upserted, data.size());
+            for (const mongo::Document& filter : filters) {
+                mongo::Cursor cursor = collection.find(filter);
+                while (const auto document = cursor.next()) {
+                    const std::string deviceId = document->getString(kDeviceId);
+                    for (const mongo::DocumentView& span :
+                         document->getDocumentArray(kStorageInfo)) {
+                        // Another writer's span of another shape is no reason to fail the others.
+                        try {
+                            if (span.getString(kNode) != host)
+                                continue;
+                            spans.push_back({deviceId, ZuTimePeriod::fromInterval(
+                                                           span.getDateTimeMs(kTimeFrom),
+                                                           span.getDateTimeMs(kTimeTill))});
+                        } catch (const mongo::Error&) {
+                        }
+                    }
                 }
-            } else {
-                KEST_ERROR(this, "saving data( %1 ) to MongoDB failed", data);
-                countFailure(dataAddressSave);
-                failed = true;
             }
         } catch (const std::exception& e) {
-            KEST_ERROR(this, "exception while saving data( %1 ) to MongoDb, %2", data, e.what());
-            countFailure(dataAddressSave);
-            failed = true;
+            KEST_ERROR(this, "Reading the data addresses of %1 failed: %2", host, e.what());
+            countFailure(dataAddressRead);
+            spans.clear();
+            ok = false;
         }
-        // Outside the try block: a throwing handler must not be called a second time.
-        if (failed)
-            handler(data);
+        handler(ok, std::move(spans));
+    });
+}
+
+void MongoDataDistributionStorage::replaceDataAddresses(const std::string& deviceId,
+                                                        const std::string& host,
+                                                        const std::vector<ZuTimePeriod>& add,
+                                                        const std::vector<ZuTimePeriod>& remove,
+                                                        MoveOnlyFunc<void(bool)> handler)
+{
+    mongo::Document filter;
+    filter.appendString(kDeviceId, deviceId);
+    const auto spans = [&host](const std::vector<ZuTimePeriod>& periods) {
+        std::vector<mongo::Document> documents;
+        for (const auto& period : periods)
+            documents.push_back(spanDocument(period, host));
+        return documents;
     };
+    std::optional<mongo::Document> push;
+    if (!add.empty()) {
+        mongo::Document each;
+        each.appendDocumentArray("$each", spans(add));
+        mongo::Document field;
+        field.appendDocument(kStorageInfo, each);
+        push.emplace().appendDocument("$push", field);
+    }
+    std::optional<mongo::Document> pull;
+    if (!remove.empty()) {
+        mongo::Document field;
+        field.appendDocumentArray(kStorageInfo, spans(remove));
+        pull.emplace().appendDocument("$pullAll", field);
+    }
+    startTask([this, deviceId, filter = std::move(filter), push = std::move(push),
+               pull = std::move(pull), handler = std::move(handler)]() mutable {
+        bool ok = false;
+        try {
+            const mongo::PooledClient client = getClient();
+            const mongo::Collection collection =
+                client.collection(m_dbName, kDataDistributionCollection);
+            // Removed only once what replaces them is stored: a search never misses data.
+            ok = !push || [&] {
+                const auto result = collection.updateOne(filter, *push, /*upsert*/ false);
+                return result && result->modified == 1;
+            }();
+            if (ok && pull)
+                ok = collection.updateOne(filter, *pull, /*upsert*/ false).has_value();
+            if (!ok)
+                KEST_WARNING(this, "Replacing data addresses of device %1 changed nothing",
+                             deviceId);
+        } catch (const std::exception& e) {
+            KEST_ERROR(this, "Replacing data addresses of device %1 failed: %2", deviceId,
+                       e.what());
+        }
+        if (!ok)
+            countFailure(dataAddressReplace);
+        handler(ok);
+    });
 }
 
 void MongoDataDistributionStorage::getInstancesLoad(
@@ -363,7 +506,10 @@ std::vector<std::pair<std::string, std::uint64_t>> MongoDataDistributionStorage:
     const
 {
     static constexpr std::array<const char*, operationCount> kNames = {
-        "node_lookup", "data_address_save", "load_lookup", "load_save", "mapping_lookup"};
+        "node_lookup",          "data_address_save",
+        "load_lookup",          "load_save",
+        "mapping_lookup",       "data_address_read",
+        "data_address_replace", "data_address_document_too_large"};
     std::vector<std::pair<std::string, std::uint64_t>> result;
     for (std::size_t i = 0; i < kNames.size(); ++i)
         result.emplace_back(kNames[i], m_failures[i].load(std::memory_order_relaxed));

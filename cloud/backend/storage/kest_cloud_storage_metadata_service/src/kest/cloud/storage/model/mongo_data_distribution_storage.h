@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,8 @@ public:
      * the instance's own background writes (load, data addresses) for many times that.
      */
     static constexpr int kMaxConcurrentOperations = 16;
+    /** Devices named in one query of getDataAddresses, to keep the query well under 16 MiB. */
+    static constexpr std::size_t kDeviceIdsPerRead = 1'000;
 
     /**
      * Connects through "MongoDb/uri" when set, else through the URI built from the other keys.
@@ -81,8 +84,27 @@ public:
     void getDeviceInstancesMapping(std::chrono::system_clock::time_point since,
                                    MoveOnlyFunc<void(bool, DeviceMapping)> handler) override;
     void saveInstanceLoadSync(const InstanseLoad& load) override;
-    /** "node_lookup", "data_address_save", "load_lookup", "load_save", "mapping_lookup". */
+    /**
+     * "node_lookup", "data_address_save", "load_lookup", "load_save", "mapping_lookup",
+     * "data_address_read", "data_address_replace", and "data_address_document_too_large": the
+     * saves among the failed ones whose device document had outgrown the server's limit.
+     */
     std::vector<std::pair<std::string, std::uint64_t>> operationFailures() const override;
+    /** The same bulk write as saveDataAddress. */
+    void appendDataAddresses(const std::vector<DataInfo>& data, const std::string& host,
+                             MoveOnlyFunc<void(AppendResult)> handler) override;
+    /**
+     * Reads the devices' documents, kDeviceIdsPerRead at a time, or every document that names
+     * `host` (a whole scan of the collection, without an index of its own); malformed spans are
+     * left out.
+     */
+    void getDataAddresses(const std::string& host, const std::vector<std::string>& deviceIds,
+                          MoveOnlyFunc<void(bool, std::vector<DataInfo>)> handler) override;
+    /** A "$push" of all `add` spans at once, then a "$pullAll" of the `remove` spans. */
+    void replaceDataAddresses(const std::string& deviceId, const std::string& host,
+                              const std::vector<ZuTimePeriod>& add,
+                              const std::vector<ZuTimePeriod>& remove,
+                              MoveOnlyFunc<void(bool)> handler) override;
 
     /** Runs the save on the calling thread; the handler hears only of failure. */
     void saveDataAddressSync(const std::vector<DataInfo>& data, const std::string& host,
@@ -121,10 +143,18 @@ private:
         loadLookup,
         loadSave,
         mappingLookup,
+        dataAddressRead,
+        dataAddressReplace,
+        dataAddressDocumentTooLarge,
         operationCount,
     };
 
     MongoDataDistributionStorage(const std::string& uri, const std::string& source);
+    /** Runs the bulk write of a save and logs what failed; what failed, nothing on success. */
+    std::optional<AppendResult> executeSave(const std::vector<mongo::UpdateOne>& requests,
+                                            const std::vector<DataInfo>& data) const;
+    /** A stored span, with its fields in the order every span is written in. */
+    static mongo::Document spanDocument(const ZuTimePeriod& period, const std::string& host);
     /** One relaxed add, on the storage's threads, where each failure is logged. */
     void countFailure(Operation operation) const;
 

@@ -32,7 +32,10 @@ ServiceMetrics::ServiceMetrics()
           "timeouts aside")),
       m_peerTimeouts(
           m_registry.counter(name("fanout_peer_timeouts_total"),
-                             "Instances cut off by the peer timeout during a distributed search"))
+                             "Instances cut off by the peer timeout during a distributed search")),
+      m_untrackedObjects(
+          m_registry.counter(name("untracked_objects_total"),
+                             "Objects saved without a track id, each stored as a track of its own"))
 {}
 
 void ServiceMetrics::lookupDone(LookupKind kind,

@@ -46,6 +46,13 @@ public:
     void peerTimedOut() noexcept { m_peerTimeouts.add(); }
     void peerAsked() noexcept { m_peerRequests.add(); }
 
+    /** Objects without a track id were handed to the storage as tracks of their own. */
+    void untrackedObjectsStored(std::uint64_t count) noexcept
+    {
+        if (count > 0)
+            m_untrackedObjects.add(count);
+    }
+
     static std::string name(const char* suffix) { return std::string(kPrefix) + suffix; }
 
 private:
@@ -58,6 +65,7 @@ private:
     kest::utils::metrics::Counter& m_peerRequests;
     kest::utils::metrics::Counter& m_peerFailures;
     kest::utils::metrics::Counter& m_peerTimeouts;
+    kest::utils::metrics::Counter& m_untrackedObjects;
 };
 
 }  // namespace kest::cloud::storage::metadatadb

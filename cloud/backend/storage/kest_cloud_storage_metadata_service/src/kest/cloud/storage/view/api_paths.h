@@ -13,6 +13,10 @@ struct ApiPaths
     static constexpr const char* kErrorHandlerPath = "/metadataDb/v1/dataSaveErrors/{deviceIds}";
     static constexpr const char* kPingPath = "/metadataDb/ping";
     static constexpr const char* kMetricsPath = "/metadataDb/metrics";
+    /** The API documentation: "" (the interactive page), its assets and "openapi.json". */
+    static constexpr const char* kDocsPath = "/metadataDb/v1/docs/{file}";
+    /** Redirected to kDocsPath's directory, so that the page's relative links resolve. */
+    static constexpr const char* kDocsDirectoryPath = "/metadataDb/v1/docs";
 };
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -48,7 +48,24 @@ std::optional<WriteResult> BulkWrite::execute()
                              .upserted = count("nUpserted"),
                              .inserted = count("nInserted")};
     }
+    // The first operation that the server refused, if that is what failed: an ordered write
+    // applied the ones before it.
+    std::optional<Error> refused;
+    if (serverId == 0 && view.has("writeErrors")) {
+        try {
+            const auto writeErrors = view.getDocumentArray("writeErrors");
+            if (!writeErrors.empty()) {
+                const DocumentView& first = writeErrors.front();
+                refused.emplace(error.message, static_cast<int>(first.getNumber("code")),
+                                static_cast<std::size_t>(first.getNumber("index")));
+            }
+        } catch (const Error&) {
+            // A reply of another shape: the driver's error stands for the whole write.
+        }
+    }
     bson_destroy(&reply);
+    if (refused)
+        throw *refused;
     if (serverId == 0)
         throw Error(error);
     return result;

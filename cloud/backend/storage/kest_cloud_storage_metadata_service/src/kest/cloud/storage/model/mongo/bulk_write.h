@@ -30,7 +30,8 @@ public:
 
     /**
      * Sends the queued operations; can be called once. No result for an unacknowledged write.
-     * Throws mongo::Error on a client or server failure, including an empty bulk write.
+     * Throws mongo::Error on a client or server failure, including an empty bulk write; when
+     * the server refused an operation, the error has its index and code.
      */
     std::optional<WriteResult> execute();
 

@@ -33,6 +33,8 @@ public:
     std::int64_t getNumber(std::string_view key) const;
 
     std::string toJson() const;
+    /** The document's length in bytes. */
+    std::size_t size() const { return m_length; }
 
 private:
     const std::uint8_t* m_data;
