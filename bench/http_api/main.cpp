@@ -48,6 +48,9 @@ using kest::common::metadata::ObjectMetadataPacket;
 namespace {
 
 constexpr double kIngestGoalRatio = 0.7;
+/** HTTP ingest with saves answered once committed, over the same without. */
+constexpr double kAckAfterCommitGoalRatio = 0.5;
+constexpr int kAckAfterCommitConnections = 16;
 constexpr const char* kDataPath = "/metadataDb/v1/data";
 
 struct Options
@@ -83,8 +86,9 @@ void printUsage()
         "  --rounds N          ingest rounds, each storage only then HTTP (default 3)\n"
         "  --tracks N          tracks in the searched store (default 1000000)\n"
         "  --queries N         searches of each kind (default 300)\n"
-        "  --dir PATH          the storage benchmark's directory for these parameters (default\n"
-        "                      /tmp/analytics_db_bench/<params>); its store is reused\n"
+        "  --dir PATH          where the storage benchmark keeps its stores (default\n"
+        "                      /tmp/analytics_db_bench); the store of these parameters is\n"
+        "                      reused\n"
         "  --fresh             fill the searched store again\n"
         "  --port N            use the service running on 127.0.0.1:N: ingest posts for\n"
         "                      --ingest-seconds S (default 20), lookups search it\n"
@@ -155,8 +159,7 @@ bool parseOptions(int argc, char** argv, Options* options)
         options->batch <= 0 || options->connections <= 0 || options->rounds <= 0) {
         return false;
     }
-    if (options->dir.empty())
-        options->dir = defaultBenchDir(options->tracks, options->seed);
+    options->dir = benchDir(options->dir, options->tracks, options->seed);
     return true;
 }
 
@@ -315,13 +318,14 @@ double measureStorageIngest(const Options& options,
 }
 
 double measureHttpIngest(const Options& options, const std::vector<std::string>& requests,
-                         std::int64_t packetCount)
+                         std::int64_t packetCount, int connections,
+                         std::vector<std::string> serviceArgs = {})
 {
     const fs::path dataDir = options.dir / "http_bench_service";
     fs::remove_all(dataDir);
     double rate = 0;
     {
-        Service service(dataDir);
+        Service service(dataDir, std::move(serviceArgs));
         if (!service.port()) {
             std::printf("the service did not start\n");
             return 0;
@@ -329,12 +333,12 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
         std::atomic<std::size_t> next{0};
         std::atomic<std::int64_t> refused{0};
         std::atomic<std::int64_t> failed{0};
-        std::vector<LatencyStats> stats(options.connections);
+        std::vector<LatencyStats> stats(connections);
         std::vector<std::thread> threads;
         const auto threadsBefore = threadCpuSeconds();
         const double cpuStart = cpuSeconds();
         const auto start = steady_clock::now();
-        for (int c = 0; c < options.connections; ++c) {
+        for (int c = 0; c < connections; ++c) {
             threads.emplace_back([&, c] {
                 pthread_setname_np(pthread_self(), "bench client");
                 HttpConnection connection(service.port());
@@ -375,7 +379,7 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
         std::printf(
             "  HTTP: POST %s, %d packets per request, %d kept-alive connections, timed "
             "until committed\n",
-            kDataPath, options.batch, options.connections);
+            kDataPath, options.batch, connections);
         std::printf(
             "  %10.0f packets/s   %.2f s (all answered after %.2f s)   process CPU %.1f us "
             "per packet (client included)\n",
@@ -468,7 +472,8 @@ void measureIngest(const Options& options)
         std::printf("\n-- round %d\n", round);
         const double storageRate =
             measureStorageIngest(options, makeIngestPackets(options.seed, options.ingestPackets));
-        const double httpRate = measureHttpIngest(options, requests, options.ingestPackets);
+        const double httpRate =
+            measureHttpIngest(options, requests, options.ingestPackets, options.connections);
         storageRates.push_back(storageRate);
         httpRates.push_back(httpRate);
         ratios.push_back(storageRate > 0 ? httpRate / storageRate : 0);
@@ -493,6 +498,29 @@ void measureIngest(const Options& options)
     recordFigure(Figure::measured(section, "HTTP / storage only", ratio, "x")
                      .atLeast(kIngestGoalRatio)
                      .withNote(rounds));
+
+    // Saves answered only once committed, from many clients at once: each waits for a commit,
+    // which the writer shares between the saves that wait together.
+    std::printf("\n== analyticsDb/ackAfterCommit, %d kept-alive connections\n",
+                kAckAfterCommitConnections);
+    std::vector<double> ackRatios;
+    for (int round = 1; round <= std::max(1, options.rounds - 1); ++round) {
+        std::printf("\n-- round %d\n", round);
+        const double without =
+            measureHttpIngest(options, requests, options.ingestPackets, kAckAfterCommitConnections);
+        const double with =
+            measureHttpIngest(options, requests, options.ingestPackets, kAckAfterCommitConnections,
+                              {"--analyticsDb/ackAfterCommit=true"});
+        ackRatios.push_back(without > 0 ? with / without : 0);
+        std::printf("  acknowledged after commit / at once = %.2f\n", ackRatios.back());
+        std::fflush(stdout);
+    }
+    const std::string ackNote = std::to_string(kAckAfterCommitConnections) + " connections, " +
+                                "median of " + std::to_string(ackRatios.size()) + " rounds";
+    recordFigure(
+        Figure::measured(section, "HTTP ingest, ackAfterCommit on / off", median(ackRatios), "x")
+            .atLeast(kAckAfterCommitGoalRatio)
+            .withNote(ackNote));
 }
 
 std::string searchTarget(const kest::analytics::db::Filter& filter)

@@ -9,9 +9,11 @@
 #include <random>
 #include <thread>
 
+#include <kest/analytics_db/activity_counter.h>
 #include <kest/analytics_db/activity_histogram.h>
 #include <kest/analytics_db/activity_index.h>
 #include <kest/analytics_db/events_storage.h>
+#include <kest/analytics_db/track_reader.h>
 
 namespace kest::analytics::db::test {
 namespace {
@@ -313,15 +315,37 @@ struct Sighting
     int engine = 0;
 };
 
+/** Polls `condition` until it holds or `timeout` passes; whether it held. */
+bool waitUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds timeout = std::chrono::seconds(10))
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 class ActivityStoreTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(m_dir.isValid());
+        open();
+    }
+
+    void open(EventsStorage::Clock clock = nullptr, int maxAgeDays = -1)
+    {
+        m_storage.reset();
+        m_storage = std::make_unique<EventsStorage>(std::move(clock));
         Settings settings;
         settings.path = m_dir.path();
-        ASSERT_TRUE(m_storage.initialize(settings));
+        if (maxAgeDays >= 0)
+            settings.maxAgeDays = maxAgeDays;
+        ASSERT_TRUE(m_storage->initialize(settings));
     }
 
     void save(const Sighting& s)
@@ -333,13 +357,13 @@ protected:
         packet->streamIndex = common::metadata::StreamIndex::primary;
         packet->objectMetadataList.push_back({numbered("aaaaaaaa", s.track), s.type, s.kind, s.box,
                                               s.attributes, numbered("eeeeeeee", s.engine)});
-        m_storage.save(std::move(packet));
+        m_storage->save(std::move(packet));
     }
 
     std::pair<ResultCode, Activity> count(const ActivityQuery& query)
     {
         std::promise<std::pair<ResultCode, Activity>> done;
-        m_storage.countActivity(query, [&](ResultCode code, Activity activity) {
+        m_storage->countActivity(query, [&](ResultCode code, Activity activity) {
             done.set_value({code, std::move(activity)});
         });
         return done.get_future().get();
@@ -349,7 +373,7 @@ protected:
     {
         std::promise<std::vector<ObjectTrackEx>> done;
         filter.maxObjectTracksToSelect = 0;
-        m_storage.lookup(filter, [&](ResultCode code, std::vector<ObjectTrackEx> tracks) {
+        m_storage->lookup(filter, [&](ResultCode code, std::vector<ObjectTrackEx> tracks) {
             EXPECT_EQ(code, ResultCode::ok);
             done.set_value(std::move(tracks));
         });
@@ -357,7 +381,7 @@ protected:
     }
 
     QTemporaryDir m_dir;
-    EventsStorage m_storage;
+    std::unique_ptr<EventsStorage> m_storage;
 };
 
 TEST_F(ActivityStoreTest, EachFilterFieldNarrowsTheCount)
@@ -375,7 +399,7 @@ TEST_F(ActivityStoreTest, EachFilterFieldNarrowsTheCount)
     // Track 3: a blue car on device 2 of engine 2, ending exactly where minute 4 starts.
     save({2, 3, at(3, 10'000), "car", {0.5, 0.5, 0.1, 0.1}, {{"color", "blue"}}, {}, 2});
     save({2, 3, at(4) - 1000, "car", {0.5, 0.5, 0.1, 0.1}, {}, {}, 2});
-    m_storage.flush();
+    m_storage->flush();
 
     ActivityQuery query = queryOf(t0, 5 * kMinute, kMinute, /*heatmap*/ true);
     const auto expect = [&](const char* what, std::vector<std::int64_t> buckets) {
@@ -447,20 +471,53 @@ TEST_F(ActivityStoreTest, EachFilterFieldNarrowsTheCount)
               (std::map<std::string, std::int64_t>{{"car", 2}, {"person", 1}}));
 }
 
-// Random tracks and random filters: every count must be what the tracks that the search finds
-// give, counted bucket by bucket.
-TEST_F(ActivityStoreTest, CountsAgreeWithABruteForceCountOfTheSearchedTracks)
+/** Random filters over `devices` devices, with the words and types the stores below use. */
+ActivityQuery randomQuery(std::mt19937& random, std::int64_t t0Us, int devices, int tracks,
+                          bool anyField)
 {
-    std::mt19937 random(11);
-    const std::int64_t t0Us = 1'700'000'000'000'000;
+    static const std::vector<std::string> types{"car", "person", "truck", "bicycle"};
+    static const std::vector<std::string> words{"red", "blue", "green", "tall", "toyota"};
+    const std::int64_t bucketMs = std::int64_t{1000} << (random() % 18);
+    ActivityQuery query =
+        queryOf(t0Us / 1000 - 600'000 + random() % 1'800'000, 60'000 + random() % 4'000'000,
+                std::max<std::int64_t>(bucketMs, 400), anyField && random() % 2);
+    if (query.bucketCount() > ActivityQuery::kMaxBuckets)
+        query.bucketMs = query.filter.timePeriod.durationMs / 1000 + 1;
+    Filter& filter = query.filter;
+    if (random() % 3 == 0)
+        filter.deviceIds = {numbered("dddddddd", 1 + random() % devices),
+                            numbered("dddddddd", 1 + random() % devices)};
+    if (random() % 3 == 0)
+        filter.objectTypeId = {types[random() % types.size()]};
+    if (random() % 4 == 0)
+        filter.freeText = words[random() % words.size()].substr(0, 2 + random() % 3);
+    if (random() % 5 == 0)
+        filter.withBestShotOnly = true;
+    if (!anyField)
+        return query;
+    if (random() % 4 == 0)
+        filter.boundingBox = Rect{(random() % 50) / 100.0, (random() % 50) / 100.0, 0.5, 0.5};
+    if (random() % 5 == 0)
+        filter.analyticsEngineId = numbered("eeeeeeee", 1 + random() % 2);
+    if (random() % 10 == 0)
+        filter.objectTrackId = numbered("aaaaaaaa", 1 + random() % tracks);
+    return query;
+}
+
+/** Sightings of `tracks` random tracks from `t0Us` on, a track's in the order of their times. */
+std::vector<std::vector<Sighting>> randomTracks(std::mt19937& random, std::int64_t t0Us,
+                                                int devices, int tracks)
+{
     const std::vector<std::string> types{"car", "person", "truck", "bicycle"};
     const std::vector<std::string> words{"red", "blue", "green", "tall", "toyota"};
-    for (int track = 1; track <= 150; ++track) {
-        const int device = 1 + random() % 4;
+    std::vector<std::vector<Sighting>> result;
+    for (int track = 1; track <= tracks; ++track) {
+        const int device = 1 + random() % devices;
         const std::string type = types[random() % types.size()];
         const int engine = 1 + random() % 2;
         std::int64_t timeUs = t0Us + static_cast<std::int64_t>(random() % 3'600'000) * 1000;
         const int sightings = 1 + random() % 6;
+        result.emplace_back();
         for (int i = 0; i < sightings; ++i) {
             const Rect box{(random() % 90) / 100.0, (random() % 90) / 100.0, 0.1, 0.1};
             std::vector<Attribute> attributes;
@@ -468,45 +525,165 @@ TEST_F(ActivityStoreTest, CountsAgreeWithABruteForceCountOfTheSearchedTracks)
                 attributes.push_back({"color", words[random() % words.size()]});
             const auto kind =
                 random() % 8 == 0 ? ObjectMetadataType::bestShot : ObjectMetadataType::regular;
-            save({device, track, timeUs, type, box, attributes, kind, engine});
+            result.back().push_back({device, track, timeUs, type, box, attributes, kind, engine});
             timeUs += static_cast<std::int64_t>(random() % 400'000) * 1000;
         }
     }
-    m_storage.flush();
+    return result;
+}
+
+// Random tracks and random filters: every count must be what the tracks that the search finds
+// give, counted bucket by bucket. The store holds written tracks, open ones, and open ones that
+// were written before (objects came after they had ended), whose rows the count must skip.
+TEST_F(ActivityStoreTest, CountsAgreeWithABruteForceCountOfTheSearchedTracks)
+{
+    std::mt19937 random(11);
+    const std::int64_t t0Us = 1'700'000'000'000'000;
+    const auto tracks = randomTracks(random, t0Us, 4, 150);
+    for (std::size_t track = 0; track < 100; ++track) {
+        for (const Sighting& sighting : tracks[track])
+            save(sighting);
+    }
+    m_storage->closeOpenTracks();
+    for (std::size_t track = 0; track < tracks.size(); ++track) {
+        Sighting late = tracks[track].back();
+        if (track >= 100) {
+            for (const Sighting& sighting : tracks[track])
+                save(sighting);
+        } else if (track % 4 == 0) {
+            late.timestampUs += 30'000'000;
+            save(late);
+        }
+    }
+    m_storage->flush();
 
     int nonEmpty = 0;
-    for (int round = 0; round < 40; ++round) {
-        const std::int64_t bucketMs = std::int64_t{1000} << (random() % 18);
-        ActivityQuery query =
-            queryOf(t0Us / 1000 - 600'000 + random() % 1'800'000, 60'000 + random() % 4'000'000,
-                    std::max<std::int64_t>(bucketMs, 400), random() % 2);
-        if (query.bucketCount() > ActivityQuery::kMaxBuckets)
-            query.bucketMs = query.filter.timePeriod.durationMs / 1000 + 1;
-        Filter& filter = query.filter;
-        if (random() % 3 == 0)
-            filter.deviceIds = {numbered("dddddddd", 1 + random() % 4),
-                                numbered("dddddddd", 1 + random() % 4)};
-        if (random() % 3 == 0)
-            filter.objectTypeId = {types[random() % types.size()]};
-        if (random() % 4 == 0)
-            filter.freeText = words[random() % words.size()].substr(0, 2 + random() % 3);
-        if (random() % 4 == 0)
-            filter.boundingBox = Rect{(random() % 50) / 100.0, (random() % 50) / 100.0, 0.5, 0.5};
-        if (random() % 5 == 0)
-            filter.analyticsEngineId = numbered("eeeeeeee", 1 + random() % 2);
-        if (random() % 5 == 0)
-            filter.withBestShotOnly = true;
-        if (random() % 10 == 0)
-            filter.objectTrackId = numbered("aaaaaaaa", 1 + random() % 150);
-
+    for (int round = 0; round < 60; ++round) {
+        const ActivityQuery query = randomQuery(random, t0Us, 4, 150, /*anyField*/ true);
         const auto [code, activity] = count(query);
         ASSERT_EQ(code, ResultCode::ok);
-        const std::vector<ObjectTrackEx> tracks = find(filter);
-        nonEmpty += !tracks.empty();
-        ASSERT_EQ(activity, bruteForce(query, tracks))
-            << "round " << round << ": " << tracks.size() << " tracks";
+        const std::vector<ObjectTrackEx> found = find(query.filter);
+        nonEmpty += !found.empty();
+        ASSERT_EQ(activity, bruteForce(query, found))
+            << "round " << round << ": " << found.size() << " tracks";
     }
-    EXPECT_GT(nonEmpty, 20);
+    EXPECT_GT(nonEmpty, 30);
+}
+
+// Counts of written tracks from the index and from the track table agree, with each other and
+// with the search; the filters are those that the index can count.
+TEST_F(ActivityStoreTest, TheIndexCountsAsTheTrackTable)
+{
+    std::mt19937 random(5);
+    const std::int64_t t0Us = 1'700'000'000'000'000;
+    for (const auto& track : randomTracks(random, t0Us, 6, 300)) {
+        for (const Sighting& sighting : track)
+            save(sighting);
+    }
+    m_storage->closeOpenTracks();
+    m_storage.reset();
+
+    TrackReader reader;
+    ASSERT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+              sql::DBResult::ok);
+    auto index = std::make_shared<ActivityIndex>();
+    ASSERT_EQ(index->load(reader.database()), sql::DBResult::ok);
+    EXPECT_EQ(ActivityIndex::Reader(*index).size(), 300u);
+    ActivityCounter indexed(reader.database(), nullptr, index);
+    ActivityCounter fromTable(reader.database(), nullptr, nullptr);
+    for (int round = 0; round < 60; ++round) {
+        const ActivityQuery query = randomQuery(random, t0Us, 6, 300, /*anyField*/ false);
+        Activity a, b;
+        ASSERT_EQ(indexed.count(query, &a), ResultCode::ok);
+        EXPECT_EQ(indexed.lastSource(), ActivityCounter::Source::index);
+        ASSERT_EQ(fromTable.count(query, &b), ResultCode::ok);
+        EXPECT_EQ(fromTable.lastSource(), ActivityCounter::Source::table);
+        ASSERT_EQ(a, b) << "round " << round;
+        Filter filter = query.filter;
+        filter.maxObjectTracksToSelect = 0;
+        std::vector<ObjectTrackEx> found;
+        ASSERT_EQ(reader.lookup(filter, &found), ResultCode::ok);
+        ASSERT_EQ(a, bruteForce(query, found)) << "round " << round;
+    }
+
+    // An index of another state of the store is not used: here nothing feeds it any more.
+    open();
+    save({1, 1000, t0Us + 1'000'000, "car", {}, {}});
+    m_storage->closeOpenTracks();
+    const ActivityQuery query = queryOf(t0Us / 1000, 3'600'000, 60'000);
+    Activity activity;
+    ASSERT_EQ(indexed.count(query, &activity), ResultCode::ok);
+    EXPECT_EQ(indexed.lastSource(), ActivityCounter::Source::table);
+    std::vector<ObjectTrackEx> found;
+    ASSERT_EQ(reader.lookup(query.filter, &found), ResultCode::ok);
+    EXPECT_EQ(found.size(), 301u);
+    EXPECT_EQ(activity, bruteForce(query, found));
+}
+
+// What is accepted is counted as soon as a search finds it, whether its track is open or
+// written; while tracks go from open to written, no count sees one twice or not at all.
+TEST_F(ActivityStoreTest, CountsFollowTheCommitsWholly)
+{
+    const std::int64_t t0 = 1'700'000'000'000;
+    const ActivityQuery query = queryOf(t0, 60 * kMinute, 60 * kMinute);
+    const auto total = [&] {
+        const auto [code, activity] = count(query);
+        EXPECT_EQ(code, ResultCode::ok);
+        return activity.buckets.empty() ? -1 : activity.buckets[0].tracks;
+    };
+
+    save({1, 1, t0 * 1000, "car", {0.1, 0.1, 0.1, 0.1}, {{"color", "red"}}});
+    ASSERT_TRUE(waitUntil([&] { return !find(query.filter).empty(); }));
+    EXPECT_EQ(total(), 1) << "an open track";
+
+    // Tracks of one sighting a second on one device: each ends as the device's time moves on,
+    // and ended tracks are written in groups while counts run.
+    constexpr int kTracks = 600;
+    std::atomic<bool> saved{false};
+    std::thread saver([&] {
+        for (int track = 2; track <= kTracks; ++track) {
+            save({2, track, (t0 + track * 1000) * 1000, track % 2 ? "car" : "person", {}, {}});
+            if (track % 50 == 0)
+                m_storage->flush();
+        }
+        saved = true;
+    });
+    std::int64_t previous = 1;
+    int counts = 0;
+    while (!saved || counts < 20) {
+        const std::int64_t now = total();
+        ASSERT_GE(now, previous) << "count " << counts;
+        ASSERT_LE(now, kTracks);
+        previous = now;
+        ++counts;
+    }
+    saver.join();
+    m_storage->flush();
+    EXPECT_EQ(total(), kTracks);
+    m_storage->closeOpenTracks();
+    EXPECT_EQ(total(), kTracks);
+}
+
+// Retention deletes rows without a commit of tracks: counts follow it all the same.
+TEST_F(ActivityStoreTest, CountsLeaveOutWhatRetentionDeleted)
+{
+    const auto now = std::chrono::system_clock::time_point(std::chrono::hours(24 * 365 * 54));
+    const auto clock = [&] { return now; };
+    const std::int64_t nowMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
+    const std::int64_t dayMs = 24 * 60 * kMinute;
+    open(clock, 0);
+    for (int day = 0; day < 4; ++day) {
+        for (int track = 0; track < 5; ++track)
+            save({1, day * 10 + track, (nowMs - day * dayMs - dayMs / 2) * 1000, "car", {}, {}});
+    }
+    m_storage->closeOpenTracks();
+    const ActivityQuery query = queryOf(nowMs - 4 * dayMs, 4 * dayMs, dayMs);
+    EXPECT_EQ(totals(count(query).second), (std::vector<std::int64_t>{5, 5, 5, 5}));
+
+    open(clock, 2);
+    ASSERT_TRUE(waitUntil([&] { return find(query.filter).size() == 10; }));
+    EXPECT_EQ(totals(count(query).second), (std::vector<std::int64_t>{0, 0, 5, 5}));
 }
 
 TEST_F(ActivityStoreTest, AStorageThatCannotCountSaysSo)
