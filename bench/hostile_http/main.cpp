@@ -32,7 +32,7 @@
 
 #include "../analytics_db/latency_stats.h"
 #include "../http_api/http_connection.h"
-#include "service_process.h"
+#include <kest/cloud/storage/testing/service_process.h>
 
 namespace fs = std::filesystem;
 using namespace std::chrono;

@@ -10,9 +10,9 @@
 #include <kest/cloud/storage/api/client.h>
 #include <kest/cloud/storage/api/client_factory.h>
 #include <kest/utils/assert.h>
-
-#include "running_service.h"
-#include "scripted_distribution_storage.h"
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -55,7 +55,7 @@ protected:
         return api::ClientFactory::instance().create(kest::utils::Url(url));
     }
 
-    ScriptedDistributionGuard m_distribution;
+    ScriptedDistribution m_distribution;
     const ZuUuid m_device = ZuUuid::createUuid();
     const ZuUuid m_person = ZuUuid::createUuid();
     const ZuUuid m_car = ZuUuid::createUuid();
@@ -65,8 +65,8 @@ TEST_F(ClientTest, EveryOperationAsynchronouslyAndBlocking)
 {
     RunningService service(kUnreachableMongo);
     ASSERT_TRUE(service.started());
-    m_distribution.script->setAddresses({service.url()});
-    m_distribution.script->setLoads({{"http://h1:1", 0.1, 0.7}, {"http://h2:2", 0.9, 0.2}});
+    m_distribution.setAddresses({service.url()});
+    m_distribution.setLoads({{"http://h1:1", 0.1, 0.7}, {"http://h2:2", 0.9, 0.2}});
     const auto client = makeClient(service.url());
     ASSERT_TRUE(client);
     const std::int64_t t0 = 1'767'225'600'000;

@@ -8,10 +8,10 @@
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 #include <kest/utils/log/logger.h>
 #include <kest/utils/to_text.h>
+#include <kest/cloud/storage/testing/null_data_distribution_storage.h>
 
 #include "log_capture.h"
 #include "mongo_test_fixture.h"
-#include "null_data_distribution_storage.h"
 
 namespace kest::cloud::storage::metadatadb {
 namespace {

@@ -7,10 +7,10 @@
 
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 #include <kest/reflect/json.h>
+#include <kest/cloud/storage/testing/running_service.h>
 
 #include "../log_capture.h"
 #include "../mongo_test_fixture.h"
-#include "../running_service.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -51,7 +51,7 @@ TEST_F(OptimalInstanceTest, OptimalInstanceIsTheFirstOfTheLeastLoadedHosts)
             return "no response";
         if (response->status != 200)
             return std::to_string(response->status) + response->body;
-        EXPECT_TRUE(hasJsonContentType(*response));
+        EXPECT_TRUE(response->hasJsonContentType());
         // A bare JSON string: not a document the record reader takes, so parse it first.
         rapidjson::Document document;
         document.Parse(response->body.c_str());
