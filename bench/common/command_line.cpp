@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <cstdio>
+#include <optional>
 
 namespace kest::bench {
 
@@ -104,7 +105,12 @@ bool CommandLine::parse(int argc, char** argv, bool* helpShown)
 {
     std::string error;
     for (int i = 1; i < argc && error.empty(); ++i) {
-        const std::string arg = argv[i];
+        std::string arg = argv[i];
+        std::optional<std::string> inlineValue;  //< Of "--name=value".
+        if (const auto equals = arg.find('='); arg.starts_with("--") && equals != std::string::npos) {
+            inlineValue = arg.substr(equals + 1);
+            arg.resize(equals);
+        }
         if (arg == "-h" || arg == "--help") {
             printUsage(stdout);
             if (helpShown)
@@ -119,7 +125,11 @@ bool CommandLine::parse(int argc, char** argv, bool* helpShown)
         if (!option) {
             error = "unknown option " + arg;
         } else if (auto** flag = std::get_if<bool*>(&option->target)) {
+            if (inlineValue)
+                error = arg + " takes no value";
             **flag = true;
+        } else if (inlineValue) {
+            error = read(*option, *inlineValue);
         } else if (i + 1 >= argc) {
             error = arg + " needs a value";
         } else {

@@ -10,8 +10,8 @@
 namespace kest::bench {
 
 /**
- * The options of a benchmark, each bound to a variable that holds its default: `--name value`,
- * or `--name` alone for a flag. `--help` prints them.
+ * The options of a benchmark, each bound to a variable that holds its default: `--name value` or
+ * `--name=value`, or `--name` alone for a flag. `--help` prints them.
  */
 class CommandLine
 {

@@ -3,15 +3,28 @@
 #include <future>
 
 #include <kest/network/http/client/async_http_client.h>
+#include <kest/network/ssl/client_context.h>
 
 namespace kest::bench {
 
 using kest::network::http::client::AsyncHttpClient;
 using kest::network::http::client::Response;
 
-HttpClient::HttpClient(std::string baseUrl)
+HttpClient::HttpClient(std::string baseUrl, const std::string& caFile)
     : m_baseUrl(std::move(baseUrl)), m_client(std::make_unique<AsyncHttpClient>())
-{}
+{
+    m_client->setAcceptGzip(false);
+    if (!caFile.empty()) {
+        kest::network::ssl::ClientContext::Options options;
+        options.caFile = caFile;
+        m_client->setTlsContext(std::make_shared<kest::network::ssl::ClientContext>(options));
+    }
+}
+
+void HttpClient::setHeader(std::string name, std::string value)
+{
+    m_client->addRequestHeader(std::move(name), std::move(value));
+}
 
 HttpClient::~HttpClient()
 {

@@ -11,13 +11,14 @@ namespace kest::bench {
 
 /**
  * Blocking calls to one service through the network library's HTTP client, one at a time, its
- * connection kept alive between them.
+ * connection kept alive between them. Answers come as the service sends them: no gzip is asked
+ * for unless a header says so, and then the body is handed over still compressed.
  */
 class HttpClient
 {
 public:
-    /** `baseUrl` as "http://127.0.0.1:8080". */
-    explicit HttpClient(std::string baseUrl);
+    /** `baseUrl` as "http://127.0.0.1:8080"; an https one trusts the CAs of `caFile`. */
+    explicit HttpClient(std::string baseUrl, const std::string& caFile = {});
     ~HttpClient();
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
@@ -28,6 +29,9 @@ public:
         int status = 0;
         std::string body;
     };
+    /** Sent with every request from now on. */
+    void setHeader(std::string name, std::string value);
+
     Reply get(const std::string& target);
     Reply post(const std::string& target, std::string body,
                std::string contentType = "application/json");

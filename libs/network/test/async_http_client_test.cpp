@@ -85,7 +85,10 @@ TEST_F(AsyncHttpClientTest, SendsMethodHeadersQueryAndBodyAndReadsTheWholeAnswer
     server.start();
     AsyncHttpClient client(&thread);
     client.addRequestHeader("X-Custom", "v1");
-    client.setCredentials({"user", "secret"});
+    Credentials credentials;
+    credentials.username = "user";
+    credentials.password = "secret";
+    client.setCredentials(credentials);
 
     auto get = call(client, server.url("/echo/x?a=1&b=%2526"));
     ASSERT_FALSE(get.error) << get.error.message();
@@ -111,8 +114,16 @@ TEST_F(AsyncHttpClientTest, SendsMethodHeadersQueryAndBodyAndReadsTheWholeAnswer
     }
 
     EXPECT_EQ(call(client, server.url("/nothing")).response->statusCode, StatusCode::notFound);
-    EXPECT_EQ(call(client, kest::utils::Url("https://127.0.0.1:1/")).error,
-              std::errc::protocol_not_supported);
+    EXPECT_EQ(call(client, kest::utils::Url("ftp://127.0.0.1:1/")).error,
+              std::errc::invalid_argument);
+
+    // A bearer token goes instead of basic credentials.
+    credentials.bearerToken = "t0k3n";
+    client.setCredentials(credentials);
+    call(client, server.url("/echo"));
+    const auto headers = server.requests().back().headers;
+    EXPECT_TRUE(
+        std::count(headers.begin(), headers.end(), HttpHeader{"Authorization", "Bearer t0k3n"}));
 }
 
 TEST_F(AsyncHttpClientTest, ChunkedEofDelimitedAndClosingAnswersAreReadAndNotPooledWhenClosing)

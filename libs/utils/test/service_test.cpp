@@ -99,6 +99,36 @@ TEST(ServiceTest, StartsReportsAndStopsFromAnotherThread)
     EXPECT_EQ(started.calls, 1);
 }
 
+TEST(ServiceTest, ReloadsRunOnTheMainLoopsThreadAndRequestsTogetherRunOnce)
+{
+    TestService service({"prog"}, TestService::Behaviour::runLoop);
+    Started started;
+    service.setOnStartedEventHandler(started.handler());
+    std::promise<std::thread::id> reloaded;
+    std::atomic<int> reloads{0};
+    service.setReloadHandler([&] {
+        if (reloads++ == 0)
+            reloaded.set_value(std::this_thread::get_id());
+    });
+    // Asked before the loop runs, as a SIGHUP during the start would: run once it does.
+    service.pleaseReload();
+    service.pleaseReload();
+
+    std::thread::id loopThread;
+    auto result = std::async(std::launch::async, [&] {
+        loopThread = std::this_thread::get_id();
+        return service.exec();
+    });
+    auto reloadThread = reloaded.get_future();
+    ASSERT_EQ(reloadThread.wait_for(10s), std::future_status::ready);
+    ASSERT_EQ(started.future.wait_for(10s), std::future_status::ready);
+    service.pleaseStop();
+    ASSERT_EQ(result.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(result.get(), 0);
+    EXPECT_EQ(reloadThread.get(), loopThread);
+    EXPECT_EQ(reloads, 1);
+}
+
 TEST(ServiceTest, StopBeforeMainLoopEndsItAtOnce)
 {
     TestService service({"prog"}, TestService::Behaviour::runLoop);

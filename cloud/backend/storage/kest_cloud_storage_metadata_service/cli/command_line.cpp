@@ -41,6 +41,10 @@ std::vector<CommandOption> commandOptions()
         {QCommandLineOption("json"), {}},
         {QCommandLineOption("verbose"), {}},
         {withValue("timeout-ms", "MS"), {}},
+        {withValue("token", "TOKEN"), {}},
+        {withValue("cacert", "FILE"), {}},
+        {withValue("cert", "FILE"), {}},
+        {withValue("key", "FILE"), {}},
         {withValue("device", "ID"), {Command::search, Command::optimalInstance}},
         {withValue("type", "TYPE"), search},
         {withValue("track", "ID"), search},
@@ -98,7 +102,8 @@ CommandLine::Outcome CommandLine::fail(std::string error)
     return Outcome::usageError;
 }
 
-CommandLine::Outcome CommandLine::parse(const QStringList& arguments)
+CommandLine::Outcome CommandLine::parse(const QStringList& arguments,
+                                        const std::string& environmentToken)
 {
     QCommandLineParser parser;
     const auto options = commandOptions();
@@ -131,11 +136,23 @@ CommandLine::Outcome CommandLine::parse(const QStringList& arguments)
 
     const QString url = parser.isSet("url") ? parser.value("url") : QString(kDefaultUrl);
     const auto parsedUrl = kest::utils::Url::parse(url.toStdString());
-    if (!parsedUrl || (parsedUrl->scheme() != "http"))
-        return fail("--url: not an http URL: " + url.toStdString());
+    if (!parsedUrl || (parsedUrl->scheme() != "http" && parsedUrl->scheme() != "https"))
+        return fail("--url: not an http or https URL: " + url.toStdString());
     run.url = *parsedUrl;
     run.json = parser.isSet("json");
     run.verbose = parser.isSet("verbose");
+    run.token = parser.isSet("token") ? parser.value("token").toStdString() : environmentToken;
+    for (const char c : run.token) {
+        if (static_cast<unsigned char>(c) < 0x21 || c == 0x7f)
+            return fail("the token holds a blank or control character");
+    }
+    run.caFile = parser.value("cacert").toStdString();
+    run.certificateFile = parser.value("cert").toStdString();
+    run.privateKeyFile = parser.value("key").toStdString();
+    if (run.certificateFile.empty() != run.privateKeyFile.empty())
+        return fail("--cert and --key go together");
+    if ((!run.caFile.empty() || !run.certificateFile.empty()) && run.url.scheme() != "https")
+        return fail("--cacert, --cert and --key are for https URLs");
     if (parser.isSet("timeout-ms")) {
         const auto timeout = parseInteger(parser.value("timeout-ms"));
         if (!timeout || *timeout <= 0)
@@ -321,10 +338,15 @@ Commands:
   optimal-instance          The base URL of the least loaded instance.
 
 Options of every command:
-  --url URL                 The service instance (default http://127.0.0.1:8080).
+  --url URL                 The service instance (default http://127.0.0.1:8080); https:// for
+                            TLS.
+  --token TOKEN             The bearer token to call with (default: the environment variable
+                            KEST_METADATA_TOKEN, which keeps it out of the process list).
+  --cacert FILE             https: trust the CAs of this PEM file instead of the system's.
+  --cert FILE, --key FILE   https: present this client certificate (PEM) and its key.
   --json                    JSON output even on a terminal.
   --timeout-ms MS           Give up on a call after MS milliseconds without progress.
-  --verbose                 Log why a call failed (for example a refused connection).
+  --verbose                 Log every exchange that failed, with the service's error text.
   -h, --help                This text.
 
 Search options (each optional; repeated ones select any of their values):
@@ -353,8 +375,9 @@ Optimal-instance options:
   --vms ID                  The VMS asking (default: the null id).
   --device ID               A device it will send; repeatable.
 
-Exit status: 0 done, 1 the call failed (the status and what it means are printed), 2 the command
-line or the packets could not be read.
+Exit status: 0 done, 1 the call failed (what happened is printed: no connection, no answer in
+time, a certificate not trusted, or the status that the service answered and what it means), 2
+the command line, the packets or a certificate file could not be read.
 )";
 }
 

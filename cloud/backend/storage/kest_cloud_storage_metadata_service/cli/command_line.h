@@ -34,6 +34,12 @@ struct Invocation
     bool json = false;
     /** Log why calls fail (connection errors, the service's error texts). */
     bool verbose = false;
+    /** Sent as "Authorization: Bearer": --token, else the environment's KEST_METADATA_TOKEN. */
+    std::string token;
+    /** https: the CAs to trust instead of the system's, and a client certificate with its key. */
+    std::string caFile;
+    std::string certificateFile;
+    std::string privateKeyFile;
 
     /** save: the file to read packets from; empty for standard input. */
     std::string packetsFile;
@@ -58,8 +64,11 @@ public:
         usageError,
     };
 
-    /** `arguments` without the program name. */
-    Outcome parse(const QStringList& arguments);
+    /** The environment variable that holds the token when --token is not given. */
+    static constexpr const char* kTokenVariable = "KEST_METADATA_TOKEN";
+
+    /** `arguments` without the program name; `environmentToken` is kTokenVariable's value. */
+    Outcome parse(const QStringList& arguments, const std::string& environmentToken = {});
 
     const Invocation& invocation() const { return m_invocation; }
     const std::string& error() const { return m_error; }

@@ -4,11 +4,15 @@
 
 #include <QStringList>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <mutex>
+#include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string_view>
 
 #include <kest/cloud/storage/api/client_factory.h>
@@ -75,11 +79,41 @@ bool readPackets(const std::string& file, std::vector<ObjectMetadataPacket>* pac
     return false;
 }
 
-int failed(const Invocation& run, StatusCode::Value status)
+/** How the last exchange of the call ended: the result code alone says 500 for no answer. */
+class LastExchange
+{
+public:
+    void record(const kest::network::http::ApiExchangeReport& report)
+    {
+        std::lock_guard lock(m_mutex);
+        m_report = report;
+    }
+    std::optional<kest::network::http::ApiExchangeReport> get() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_report;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::optional<kest::network::http::ApiExchangeReport> m_report;
+};
+
+int failed(const Invocation& run, StatusCode::Value status, const LastExchange& last)
 {
     std::cerr << kProgram << ": " << commandName(run.command) << " at " << run.url.toString()
-              << " failed: " << static_cast<int>(status) << ' ' << StatusCode::toString(status)
-              << ": " << explainStatus(run.command, status) << '\n';
+              << " failed: ";
+    const auto report = last.get();
+    if (report && report->error) {
+        std::cerr << explainTransportError(report->error, run.url) << '\n';
+        return kExitCallFailed;
+    }
+    if (report && report->status != StatusCode::undefined)
+        status = report->status;
+    std::cerr << static_cast<int>(status) << ' ' << StatusCode::toString(status) << ": "
+              << (report && !report->errorText.empty() ? report->errorText
+                                                       : explainStatus(run.command, status))
+              << '\n';
     return kExitCallFailed;
 }
 
@@ -100,18 +134,36 @@ int execute(const Invocation& run)
         }
     }
 
+    LastExchange last;
     const auto client = api::ClientFactory::instance().create(run.url);
     if (!client)
-        return failed(run, StatusCode::internalServerError);
+        return failed(run, StatusCode::internalServerError, last);
     if (run.timeout)
         client->setRequestTimeout(*run.timeout);
+    client->setExchangeObserver(
+        [&last](const kest::network::http::ApiExchangeReport& report) { last.record(report); });
+    if (!run.token.empty()) {
+        kest::network::http::client::Credentials credentials;
+        credentials.bearerToken = run.token;
+        client->setCredentials(credentials);
+    }
+    if (!run.caFile.empty() || !run.certificateFile.empty()) {
+        try {
+            client->setTlsContext(std::make_shared<kest::network::ssl::ClientContext>(
+                kest::network::ssl::ClientContext::Options{run.caFile, run.certificateFile,
+                                                           run.privateKeyFile}));
+        } catch (const std::runtime_error& e) {
+            std::cerr << kProgram << ": " << e.what() << '\n';
+            return kExitUsage;
+        }
+    }
     const bool table = !run.json && ::isatty(STDOUT_FILENO);
 
     switch (run.command) {
         case Command::save: {
             const auto [status] = client->saveDataSync(packets);
             if (status != StatusCode::ok)
-                return failed(run, status);
+                return failed(run, status, last);
             std::cout << packets.size() << (packets.size() == 1 ? " packet" : " packets")
                       << " accepted\n";
             return kExitOk;
@@ -119,7 +171,7 @@ int execute(const Invocation& run)
         case Command::search: {
             const auto [status, tracks] = client->getDataSync(run.search);
             if (status != StatusCode::ok)
-                return failed(run, status);
+                return failed(run, status, last);
             if (table)
                 std::cout << trackTable(tracks);
             else
@@ -137,7 +189,7 @@ int execute(const Invocation& run)
                                                "GET", std::string(base) + ";", query)
                                          : client->getErrorsSync(run.errors, run.errorDevices);
             if (status != StatusCode::ok)
-                return failed(run, status);
+                return failed(run, status, last);
             if (table)
                 std::cout << errorsTable(errors);
             else
@@ -147,7 +199,7 @@ int execute(const Invocation& run)
         case Command::optimalInstance: {
             const auto [status, url] = client->getOptimalInstanceSync(run.optimalInstance);
             if (status != StatusCode::ok)
-                return failed(run, status);
+                return failed(run, status, last);
             if (run.json)
                 printJson(url);
             else
@@ -169,7 +221,8 @@ int main(int argc, char** argv)
         arguments.push_back(QString::fromLocal8Bit(argv[i]));
 
     CommandLine commandLine;
-    switch (commandLine.parse(arguments)) {
+    const char* token = std::getenv(CommandLine::kTokenVariable);
+    switch (commandLine.parse(arguments, token ? token : "")) {
         case CommandLine::Outcome::help:
             std::cout << CommandLine::helpText();
             return kExitOk;

@@ -3,6 +3,9 @@
 #include <QDateTime>
 #include <algorithm>
 
+#include <kest/network/http/client/async_http_client.h>
+#include <kest/network/ssl/tls_errors.h>
+
 namespace kest::cloud::storage::metadatadb::cli {
 
 namespace {
@@ -97,8 +100,11 @@ std::string explainStatus(Invocation::Command command, StatusCode::Value status)
     switch (status) {
         case StatusCode::badRequest:
             return "the service could not read the request";
+        case StatusCode::unauthorized:
+            return "the service needs credentials: a token (--token or KEST_METADATA_TOKEN) or a "
+                   "client certificate (--cert and --key) that it knows";
         case StatusCode::forbidden:
-            return "the service refused the request";
+            return "the credentials given do not allow this call";
         case StatusCode::notFound:
             return "no such API at this URL: is it a metadata storage instance?";
         case StatusCode::notAcceptable:
@@ -112,25 +118,43 @@ std::string explainStatus(Invocation::Command command, StatusCode::Value status)
         default:
             return "an answer this client does not expect";
     }
-    // The client reports a service that could not be reached as 500 too.
-    const std::string unreachable = ", or the service could not be reached";
     switch (command) {
         case Command::save:
             return "the service's storage does not accept packets now (not ready, or its queue is "
-                   "full: try again later)" +
-                   unreachable;
+                   "full: try again later)";
         case Command::search:
             return "the search failed: the storage is not ready, or the shared MongoDB database "
-                   "could not be read" +
-                   unreachable;
+                   "could not be read";
         case Command::errors:
-            return "the service has no save-error history" + unreachable;
+            return "the service has no save-error history";
         case Command::optimalInstance:
             return "no instance has published its load yet, or the shared MongoDB database could "
-                   "not be read" +
-                   unreachable;
+                   "not be read";
     }
-    return "the service failed" + unreachable;
+    return "the service failed";
+}
+
+std::string explainTransportError(std::error_code error, const kest::utils::Url& url)
+{
+    const std::string where = url.host() + ":" + std::to_string(url.port());
+    if (error == std::errc::connection_refused)
+        return "cannot connect to " + where +
+               ": connection refused (is the service running there?)";
+    if (error == std::errc::timed_out)
+        return "no answer in time from " + where + " (timed out)";
+    if (error == std::errc::network_unreachable || error == std::errc::host_unreachable)
+        return "cannot reach " + where + ": " + error.message();
+    if (error.category() == kest::network::ssl::certificateCategory())
+        return "the TLS certificate of " + where + " is not trusted: " + error.message();
+    if (kest::network::ssl::isTlsError(error)) {
+        return "the TLS handshake with " + where + " failed: " + error.message() +
+               (url.scheme() == "https" ? " (does it serve TLS on this port?)" : "");
+    }
+    if (error == kest::network::http::client::AsyncHttpClient::badContentEncoding())
+        return "the answer of " + where + " could not be read: " + error.message();
+    const std::string text = error.message();
+    // The resolver's errors come from its own category, which says what went wrong well enough.
+    return "no answer from " + where + ": " + text;
 }
 
 }  // namespace kest::cloud::storage::metadatadb::cli

@@ -3,11 +3,13 @@
 // What the command-line client prints on a terminal, and how it explains a failed call.
 
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <kest/analytics_db/object_track_ex.h>
 #include <kest/cloud/storage/model/db_error_data.h>
 #include <kest/network/http/status_code.h>
+#include <kest/utils/url.h>
 
 #include "command_line.h"
 
@@ -25,5 +27,8 @@ std::string formatTimeMs(std::int64_t milliseconds);
 /** What a status means for the command, in a sentence for an operator. */
 std::string explainStatus(Invocation::Command command,
                           kest::network::http::StatusCode::Value status);
+
+/** Why no answer came from the service at `url`: refused, timed out, TLS, ... */
+std::string explainTransportError(std::error_code error, const kest::utils::Url& url);
 
 }  // namespace kest::cloud::storage::metadatadb::cli

@@ -8,12 +8,16 @@
 #include <fstream>
 
 #include <kest/analytics_db/object_track_ex.h>
+#include <kest/network/http/server/token_table.h>
 #include <kest/reflect/json.h>
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/scripted_distribution.h>
 #include <kest/cloud/storage/testing/service_process.h>
 #include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/network/testing/test_certificates.h>
+
+#include "fake_peers.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -149,7 +153,8 @@ TEST_F(CliTest, FailedCallsExit1AndBadCommandLines2WithTheReason)
         {cli({"optimal-instance", url}), 1,
          "optimal-instance at " + service.url() +
              " failed: 500 Internal Server Error: no instance has published its load"},
-        {cli({"search", "--url=http://127.0.0.1:1"}), 1, "or the service could not be reached"},
+        {cli({"search", "--url=http://127.0.0.1:1"}), 1,
+         "search at http://127.0.0.1:1 failed: cannot connect to 127.0.0.1:1: connection refused"},
         {cli({"save", url, m_dir.path() + "/missing.json"}), 2, "cannot open"},
         {cli({"save", url, write("bad.json", R"([{"deviceId": 5}])")}), 2,
          "cannot read packets from " + m_dir.path() + "/bad.json: [0].deviceId"},
@@ -161,7 +166,11 @@ TEST_F(CliTest, FailedCallsExit1AndBadCommandLines2WithTheReason)
         {cli({"errors", "--text=x"}), 2, "--text is not an option of errors"},
         {cli({"frobnicate"}), 2, "unknown command \"frobnicate\""},
         {cli({}), 2, "no command given"},
-        {cli({"search", "--url=ftp://h/"}), 2, "not an http URL"},
+        {cli({"search", "--url=ftp://h/"}), 2, "not an http or https URL"},
+        {cli({"search", "--cert=c.pem"}), 2, "--cert and --key go together"},
+        {cli({"search", "--cacert=ca.pem"}), 2, "are for https URLs"},
+        {cli({"search", "--url=https://127.0.0.1:1", "--cacert=" + m_dir.path() + "/none.pem"}), 2,
+         "Cannot use the CA file " + m_dir.path() + "/none.pem: No such file or directory"},
     };
     for (const auto& [result, exitCode, text] : cases) {
         EXPECT_EQ(result.exitCode, exitCode) << text << ": " << result.output;
@@ -170,6 +179,66 @@ TEST_F(CliTest, FailedCallsExit1AndBadCommandLines2WithTheReason)
     const auto help = cli({"--help"});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_EQ(help.output.rfind("Usage: metadata_storage_client COMMAND", 0), 0u) << help.output;
+}
+
+TEST_F(CliTest, SaysWhyNoAnswerCameAndCallsWithATokenOverHttps)
+{
+    kest::network::test::TestCertificates certificates;
+    const std::string token = "cli-3d9a61";
+    const std::string tokens =
+        write("tokens", "operator " + kest::network::http::server::TokenTable::credentialOf(token) +
+                            " * /metadataDb/v1/*\n");
+    RunningService service(
+        kUnreachableMongo,
+        {"--http/certificateFile=" + certificates.server.certificate,
+         "--http/privateKeyFile=" + certificates.server.key, "--http/tokensFile=" + tokens});
+    ASSERT_TRUE(service.started());
+    const std::string url = "--url=https://127.0.0.1:" + std::to_string(service.port());
+    const std::string where = "127.0.0.1:" + std::to_string(service.port());
+    const std::string cacert = "--cacert=" + certificates.caFile;
+    const std::string search = "search --internal --device=" + m_device.toSimpleStdString();
+    SilentPeer silent;
+
+    struct Case
+    {
+        CliResult result;
+        int exitCode;
+        std::string text;
+    };
+    const Case cases[] = {
+        {cli({"search", url, "--token=" + token}), 1,
+         "the TLS certificate of " + where +
+             " is not trusted: unable to get local issuer certificate"},
+        {cli({"search", url, cacert}), 1,
+         "failed: 401 Unauthorized: Credentials are required: a valid bearer token or client "
+         "certificate"},
+        {cli({"search", url, cacert, "--token=wrong"}), 1, "401 Unauthorized"},
+        {cli({"search", url, cacert, "--token=" + token, "--internal"}), 0, "[]"},
+        {shell("KEST_METADATA_TOKEN=" + token + " " KEST_CLIENT_CLI_PATH " " + search + " " + url +
+               " " + cacert),
+         0, "[]"},
+        {shell("KEST_METADATA_TOKEN=" + token + " " KEST_CLIENT_CLI_PATH " " + search + " " + url +
+               " " + cacert + " --token=other"),
+         1, "401 Unauthorized"},
+        {cli({"search", "--url=http://" + where}), 1, "failed: no answer from " + where},
+        {cli({"search", "--url=" + silent.url(), "--timeout-ms=300"}), 1,
+         "no answer in time from 127.0.0.1:"},
+    };
+    for (const auto& [result, exitCode, text] : cases) {
+        EXPECT_EQ(result.exitCode, exitCode) << text << ": " << result.output;
+        EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
+        EXPECT_EQ(result.output.find(token), std::string::npos) << result.output;
+    }
+
+    RunningService plain(kUnreachableMongo);
+    const auto tlsToPlain =
+        cli({"search", "--url=https://127.0.0.1:" + std::to_string(plain.port()), cacert});
+    EXPECT_EQ(tlsToPlain.exitCode, 1);
+    EXPECT_NE(tlsToPlain.output.find(
+                  "the TLS handshake with 127.0.0.1:" + std::to_string(plain.port()) + " failed: "),
+              std::string::npos)
+        << tlsToPlain.output;
+    EXPECT_NE(tlsToPlain.output.find("(does it serve TLS on this port?)"), std::string::npos);
 }
 
 }  // namespace

@@ -19,11 +19,18 @@ namespace {
 std::atomic<Service*> g_signalTarget{nullptr};
 struct sigaction g_previousInt;
 struct sigaction g_previousTerm;
+struct sigaction g_previousHup;
 
 void onStopSignal(int /*signal*/)
 {
     if (Service* service = g_signalTarget.load())
         service->pleaseStop();
+}
+
+void onReloadSignal(int /*signal*/)
+{
+    if (Service* service = g_signalTarget.load())
+        service->pleaseReload();
 }
 
 bool isProcessMainThread()
@@ -106,6 +113,12 @@ int Service::runMainLoop()
 {
     reportStarted(true);
     while (!m_stopRequested.load()) {
+        if (m_reloadRequested.exchange(false)) {
+            std::lock_guard lock(m_reloadMutex);
+            if (m_reloadHandler)
+                m_reloadHandler();
+            continue;
+        }
         if (m_wakeUpPipe[0] < 0) {
             // No pipe: poll rather than hang forever.
             usleep(10'000);
@@ -126,6 +139,21 @@ void Service::pleaseStop()
         const char byte = 1;
         [[maybe_unused]] const ssize_t n = write(m_wakeUpPipe[1], &byte, 1);
     }
+}
+
+void Service::pleaseReload()
+{
+    m_reloadRequested.store(true);
+    if (m_wakeUpPipe[1] >= 0) {
+        const char byte = 2;
+        [[maybe_unused]] const ssize_t n = write(m_wakeUpPipe[1], &byte, 1);
+    }
+}
+
+void Service::setReloadHandler(MoveOnlyFunc<void()> handler)
+{
+    std::lock_guard lock(m_reloadMutex);
+    m_reloadHandler = std::move(handler);
 }
 
 void Service::setOnStartedEventHandler(MoveOnlyFunc<void(bool)> handler)
@@ -159,6 +187,9 @@ void Service::installSignalHandlers()
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &g_previousInt);
     sigaction(SIGTERM, &action, &g_previousTerm);
+    struct sigaction reload = action;
+    reload.sa_handler = &onReloadSignal;
+    sigaction(SIGHUP, &reload, &g_previousHup);
     m_signalHandlersInstalled = true;
 }
 
@@ -168,6 +199,7 @@ void Service::restoreSignalHandlers()
         return;
     sigaction(SIGINT, &g_previousInt, nullptr);
     sigaction(SIGTERM, &g_previousTerm, nullptr);
+    sigaction(SIGHUP, &g_previousHup, nullptr);
     g_signalTarget.store(nullptr);
     m_signalHandlersInstalled = false;
 }

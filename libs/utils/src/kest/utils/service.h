@@ -15,7 +15,7 @@ namespace kest::utils {
 /**
  * The host of a service process: creates and loads the settings, configures logging, runs
  * serviceMain() and offers it a main loop that ends on pleaseStop() or, when enabled, on SIGINT
- * or SIGTERM.
+ * or SIGTERM. The loop also runs the reload handler on pleaseReload() or, when enabled, SIGHUP.
  */
 class Service
 {
@@ -38,12 +38,21 @@ public:
     /** Thread-safe and async-signal-safe. */
     void pleaseStop();
 
+    /**
+     * Asks the main loop to run the reload handler (once for several requests that come
+     * together). Thread-safe and async-signal-safe.
+     */
+    void pleaseReload();
+    /** Runs on the thread of runMainLoop(); replaces the handler set before. */
+    void setReloadHandler(MoveOnlyFunc<void()> handler);
+
     /** Called exactly once per exec(): true from runMainLoop(), false when starting failed. */
     void setOnStartedEventHandler(MoveOnlyFunc<void(bool)> handler);
 
     /**
-     * Makes SIGINT and SIGTERM ask for a stop while exec() runs in the process main thread.
-     * Opt-in so that services hosted on other threads (tests) leave signals alone.
+     * Makes SIGINT and SIGTERM ask for a stop, and SIGHUP for a reload, while exec() runs in the
+     * process main thread. Opt-in so that services hosted on other threads (tests) leave signals
+     * alone.
      */
     void enableSignalHandling() { m_signalHandlingEnabled = true; }
 
@@ -62,6 +71,9 @@ private:
     std::vector<std::string> m_args;
     std::vector<const char*> m_argv;
     std::atomic<bool> m_stopRequested{false};
+    std::atomic<bool> m_reloadRequested{false};
+    std::mutex m_reloadMutex;
+    MoveOnlyFunc<void()> m_reloadHandler;
     int m_wakeUpPipe[2] = {-1, -1};
     bool m_signalHandlingEnabled = false;
     bool m_signalHandlersInstalled = false;

@@ -1,5 +1,7 @@
 #include "aio_thread_pool.h"
 
+#include <openssl/ssl.h>
+
 #include <thread>
 
 namespace kest::network::aio {
@@ -38,7 +40,12 @@ std::weak_ptr<AioThread> AioThreadPool::nextWeak()
 
 AioThreadPool& AioThreadPool::instance()
 {
+    // OpenSSL frees what each thread of it holds (its error queue, its random generators) when
+    // the thread ends, but no longer once its own clean-up at exit has run. Initialised before
+    // the pool, it cleans up after the pool's threads have ended.
+    static const bool openSsl = OPENSSL_init_ssl(0, nullptr) == 1;
     static AioThreadPool pool;
+    (void)openSsl;
     return pool;
 }
 

@@ -122,6 +122,10 @@ public:
     {
         m_httpClient.setMessageBodyReadTimeout(value);
     }
+    void setTlsContext(std::shared_ptr<ssl::ClientContext> context)
+    {
+        m_httpClient.setTlsContext(std::move(context));
+    }
 
     const kest::utils::Url& url() const { return m_url; }
 
@@ -166,17 +170,13 @@ private:
 
     FusionDataHttpClient(Construct, kest::utils::Url url, client::Credentials credentials,
                          ssl::CertificateCheck certificateCheck, aio::AbstractAioThread* aioThread)
-        : BasicPollable(aioThread),
-          m_url(std::move(url)),
-          m_certificateCheck(std::move(certificateCheck)),
-          m_httpClient(getAioThread())
+        : BasicPollable(aioThread), m_url(std::move(url)), m_httpClient(getAioThread())
     {
         m_httpClient.setCredentials(std::move(credentials));
+        m_httpClient.setCertificateCheck(std::move(certificateCheck));
     }
 
     kest::utils::Url m_url;
-    /** Kept for when HTTPS is served; plain HTTP has no certificate to check. */
-    ssl::CertificateCheck m_certificateCheck;
     client::AsyncHttpClient m_httpClient;
 };
 

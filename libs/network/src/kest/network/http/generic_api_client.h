@@ -3,6 +3,7 @@
 #include <QUrlQuery>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <map>
 #include <memory>
@@ -17,6 +18,7 @@
 #include <kest/network/http/fusion_data_http_client.h>
 #include <kest/network/http/status_code.h>
 #include <kest/network/ssl/certificate_check.h>
+#include <kest/network/ssl/client_context.h>
 #include <kest/utils/assert.h>
 #include <kest/utils/move_only_func.h>
 #include <kest/utils/mutex.h>
@@ -60,6 +62,19 @@ struct ApiCallTypes<ResultCode, void>
 
 }  // namespace detail
 
+/** How one HTTP exchange of an API call ended, in more detail than its result code. */
+struct ApiExchangeReport
+{
+    std::string method;
+    std::string url;
+    /** Why no answer came (refused, timed out, a TLS failure); none when one came. */
+    std::error_code error;
+    /** The answer's status; undefined when none came. */
+    StatusCode::Value status = StatusCode::undefined;
+    /** The "errorText" of the service's error body, when it sent one. */
+    std::string errorText;
+};
+
 /**
  * The frame of a typed API client: one call (method, path, URL query, optional input record)
  * becomes an HTTP exchange with the service at the base URL, whose JSON answer is decoded into
@@ -71,6 +86,10 @@ struct ApiCallTypes<ResultCode, void>
  * Handlers run on the client's I/O thread. Stopping the client cancels every call in flight, and
  * none of their handlers runs afterwards. A client with calls in flight must be stopped before it
  * is destroyed, from another thread or from its own; the destructor stops it too.
+ *
+ * Every exchange carries the client's credentials and, for https, uses its TLS context and
+ * certificate check. An exchange observer, when set, learns how each exchange ended (for example
+ * "connection refused"), which the result code alone does not tell.
  *
  * URL queries are put on the wire in QUrlQuery's fully encoded form. The service decodes a query
  * once before splitting it, so records that hold "%&=+#;" in text values escape those twice in
@@ -87,6 +106,8 @@ public:
     using SyncResult = typename detail::ApiCallTypes<ResultCode, Output>::SyncResult;
     /** True when the status of an attempt is final, false to make another attempt. */
     using RetryPredicate = kest::utils::MoveOnlyFunc<bool(StatusCode::Value)>;
+    /** Called on the I/O thread once per exchange, before the call's handler. */
+    using ExchangeObserver = std::function<void(const ApiExchangeReport&)>;
 
     explicit GenericApiClient(
         kest::utils::Url baseApiUrl,
@@ -122,6 +143,23 @@ public:
         std::lock_guard lock(m_mutex);
         m_retryPredicate = std::move(predicate);
     }
+    /** Sent with every request: a bearer token, or a user name and password. */
+    void setCredentials(client::Credentials credentials)
+    {
+        std::lock_guard lock(m_mutex);
+        m_credentials = std::move(credentials);
+    }
+    /** The CAs trusted and the certificate presented over https; the system's CAs by default. */
+    void setTlsContext(std::shared_ptr<ssl::ClientContext> context)
+    {
+        std::lock_guard lock(m_mutex);
+        m_tlsContext = std::move(context);
+    }
+    void setExchangeObserver(ExchangeObserver observer)
+    {
+        std::lock_guard lock(m_mutex);
+        m_exchangeObserver = std::move(observer);
+    }
 
     /** Rebinds the client and every call in flight; see BasicPollable::bindToAioThread. */
     void bindToAioThread(aio::AbstractAioThread* aioThread) override
@@ -147,7 +185,7 @@ public:
         const kest::utils::Url& url, Input input)
     {
         return registerHttpClient(std::make_shared<FusionDataHttpClient<Input, Output>>(
-            url, client::Credentials{}, m_certificateCheck, input, getAioThread()));
+            url, credentials(), m_certificateCheck, input, getAioThread()));
     }
 
     template <typename Output>
@@ -155,7 +193,7 @@ public:
         const kest::utils::Url& url)
     {
         return registerHttpClient(std::make_shared<FusionDataHttpClient<void, Output>>(
-            url, client::Credentials{}, m_certificateCheck, getAioThread()));
+            url, credentials(), m_certificateCheck, getAioThread()));
     }
 
     /** From any thread; callers start with attempt number 1. */
@@ -219,10 +257,18 @@ protected:
 private:
     static constexpr std::chrono::milliseconds kStopCheckPeriod{10};
 
+    client::Credentials credentials()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_credentials;
+    }
+
     template <typename Client>
     std::shared_ptr<Client> registerHttpClient(std::shared_ptr<Client> client)
     {
         std::lock_guard lock(m_mutex);
+        if (m_tlsContext)
+            client->setTlsContext(m_tlsContext);
         if (m_requestTimeout) {
             client->setSendTimeout(*m_requestTimeout);
             client->setResponseReadTimeout(*m_requestTimeout);
@@ -252,6 +298,32 @@ private:
         return m_retryPredicate && m_attemptLimit > attemptNumber && !(*m_retryPredicate)(status);
     }
 
+    void reportExchange(const std::string& method, const kest::utils::Url& url,
+                        std::error_code error, const client::Response* response)
+    {
+        ExchangeObserver observer;
+        {
+            std::lock_guard lock(m_mutex);
+            observer = m_exchangeObserver;
+        }
+        if (!observer)
+            return;
+        ApiExchangeReport report;
+        report.method = method;
+        report.url = url.toString();
+        if (!response)
+            report.error = error;
+        if (response) {
+            report.status = response->statusCode;
+            ApiRequestResult result;
+            if (!StatusCode::isSuccessCode(response->statusCode) && !response->body.empty() &&
+                result.fromJson(response->body)) {
+                report.errorText = result.errorText();
+            }
+        }
+        observer(report);
+    }
+
     kest::utils::Url requestUrl(const std::string& requestPath, const QUrlQuery& urlQuery) const
     {
         kest::utils::Url url = m_baseApiUrl;
@@ -275,12 +347,14 @@ private:
         else
             httpClient = createHttpClient<Output, Input>(url, std::move(call.input));
 
-        auto onDone = [this, key = static_cast<aio::BasicPollable*>(httpClient.get()),
-                       repeat = std::move(repeat), attemptNumber, handler = std::move(handler)](
-                          std::error_code error, std::unique_ptr<client::Response> response,
-                          auto... output) mutable {
+        auto onDone = [this, key = static_cast<aio::BasicPollable*>(httpClient.get()), url,
+                       method = call.method, repeat = std::move(repeat), attemptNumber,
+                       handler = std::move(handler)](std::error_code error,
+                                                     std::unique_ptr<client::Response> response,
+                                                     auto... output) mutable {
             // Destroys the finished client, whose handler this is; it allows that.
             takeActiveRequest(key);
+            reportExchange(method, url, error, response.get());
             const StatusCode::Value status =
                 response ? response->statusCode : StatusCode::internalServerError;
             if (repeat && shouldRepeat(status, attemptNumber)) {
@@ -340,6 +414,9 @@ private:
 
     kest::utils::Url m_baseApiUrl;
     ssl::CertificateCheck m_certificateCheck;
+    client::Credentials m_credentials;
+    std::shared_ptr<ssl::ClientContext> m_tlsContext;
+    ExchangeObserver m_exchangeObserver;
     /** The HTTP clients of the exchanges in flight, by their own address. */
     std::map<aio::BasicPollable*, std::shared_ptr<aio::BasicPollable>> m_activeRequests;
     kest::Mutex m_mutex;

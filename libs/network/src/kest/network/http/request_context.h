@@ -14,6 +14,13 @@ struct RequestContext
     Request request;
     RequestPathParams requestPathParams;
     SocketAddress clientEndpoint;
+    /** Came over TLS. */
+    bool secure = false;
+    /**
+     * The common name of the subject of the certificate that the client presented and the
+     * server's client CA verified; empty without one.
+     */
+    std::string clientCertificateName;
 
     RequestContext() = default;
     RequestContext(Request request, SocketAddress clientEndpoint)

@@ -6,6 +6,7 @@
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl/error.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/error.hpp>
@@ -14,7 +15,12 @@
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
 
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+
 #include <kest/network/aio/aio_thread.h>
+#include <kest/network/http/gzip.h>
+#include <kest/network/ssl/tls_errors.h>
 #include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
@@ -33,8 +39,19 @@ bool isConnectionLoss(const boost::system::error_code& error)
 {
     return error == beast_http::error::end_of_stream || error == asio::error::eof ||
            error == asio::error::connection_reset || error == asio::error::connection_aborted ||
-           error == asio::error::broken_pipe || error == asio::error::not_connected;
+           error == asio::error::broken_pipe || error == asio::error::not_connected ||
+           error == asio::ssl::error::stream_truncated;
 }
+
+class ContentEncodingCategory : public std::error_category
+{
+public:
+    const char* name() const noexcept override { return "content-encoding"; }
+    std::string message(int) const override
+    {
+        return "the answer's gzip-compressed body does not decode";
+    }
+};
 
 std::string lowerCase(std::string text)
 {
@@ -56,6 +73,10 @@ struct AsyncHttpClient::Exchange : std::enable_shared_from_this<Exchange>
         std::chrono::milliseconds bodyTimeout;
         std::size_t maxBodySize;
         bool reuseConnections;
+        /** The request asked for gzip: a gzip answer is decoded. */
+        bool decodeGzip;
+        std::shared_ptr<ssl::ClientContext> tlsContext;
+        ssl::CertificateCheck certificateCheck;
     };
 
     Exchange(aio::AioThread& thread, Options options, kest::utils::Url url,
@@ -73,6 +94,10 @@ struct AsyncHttpClient::Exchange : std::enable_shared_from_this<Exchange>
     void start();
     void connect();
     void onConnected(const boost::system::error_code& error);
+    void handshake();
+    void onHandshake(const boost::system::error_code& error);
+    /** The certificate check of the owner, when it has one; true otherwise. */
+    bool passesCertificateCheck();
     void write();
     void onWritten(const boost::system::error_code& error);
     void readHeader();
@@ -98,8 +123,9 @@ struct AsyncHttpClient::Exchange : std::enable_shared_from_this<Exchange>
     beast_http::request<beast_http::string_body> request;
     Handler handler;
 
+    bool tls = false;
     tcp::resolver resolver;
-    std::optional<tcp::socket> socket;
+    std::unique_ptr<ClientConnection> connection;
     asio::steady_timer timer;
     std::uint64_t deadlineGeneration = 0;
     boost::beast::flat_buffer buffer;
@@ -112,17 +138,28 @@ struct AsyncHttpClient::Exchange : std::enable_shared_from_this<Exchange>
 
 void AsyncHttpClient::Exchange::start()
 {
-    if (url.scheme() == "https")
-        return failLater(std::make_error_code(std::errc::protocol_not_supported));
-    if (!url.isValid() || url.scheme() != "http" || url.port() == 0)
+    const std::string scheme = url.scheme();
+    if (!url.isValid() || (scheme != "http" && scheme != "https") || url.port() == 0)
         return failLater(std::make_error_code(std::errc::invalid_argument));
+    tls = scheme == "https";
     poolKey = lowerCase(url.host()) + ":" + std::to_string(url.port());
+    if (tls) {
+        // Connections checked by one owner's check are not handed to another's unchecked, nor
+        // those of one context to another (which may present another client certificate).
+        poolKey = "https://" + poolKey + "#" + std::to_string(options.tlsContext->id()) +
+                  (options.certificateCheck ? "+check" : "");
+    }
 
     if (options.reuseConnections) {
         if (auto pooled = pool.take(poolKey)) {
-            socket = std::move(pooled);
+            connection = std::move(pooled);
             reusedConnection = true;
             setDeadline(options.sendTimeout);
+            // An owner's check may judge differently from the one that made the connection.
+            if (!passesCertificateCheck()) {
+                closeSocket();
+                return failLater(ssl::certificateRejectedByCheck());
+            }
             return write();
         }
     }
@@ -133,16 +170,18 @@ void AsyncHttpClient::Exchange::connect()
 {
     closeSocket();
     reusedConnection = false;
-    socket.emplace(ioContext);
+    connection = tls ? std::make_unique<ClientConnection>(ioContext, options.tlsContext)
+                     : std::make_unique<ClientConnection>(ioContext);
     setDeadline(options.sendTimeout);
 
     boost::system::error_code error;
     const auto address = asio::ip::make_address(url.host(), error);
     if (!error) {
-        socket->async_connect(tcp::endpoint(address, url.port()),
-                              [self = shared_from_this()](const boost::system::error_code& error) {
-                                  self->onConnected(error);
-                              });
+        connection->socket().async_connect(
+            tcp::endpoint(address, url.port()),
+            [self = shared_from_this()](const boost::system::error_code& error) {
+                self->onConnected(error);
+            });
         return;
     }
     resolver.async_resolve(url.host(), std::to_string(url.port()),
@@ -153,7 +192,7 @@ void AsyncHttpClient::Exchange::connect()
                                if (error)
                                    return self->fail(error);
                                asio::async_connect(
-                                   *self->socket, endpoints,
+                                   self->connection->socket(), endpoints,
                                    [self](const boost::system::error_code& error,
                                           const tcp::endpoint&) { self->onConnected(error); });
                            });
@@ -167,15 +206,74 @@ void AsyncHttpClient::Exchange::onConnected(const boost::system::error_code& err
         return fail(error);
     boost::system::error_code ignored;
     // Small requests and answers: waiting to fill a segment only adds latency.
-    socket->set_option(tcp::no_delay(true), ignored);
+    connection->socket().set_option(tcp::no_delay(true), ignored);
+    if (tls)
+        return handshake();
     write();
+}
+
+void AsyncHttpClient::Exchange::handshake()
+{
+    SSL* ssl = connection->tls()->native_handle();
+    const std::string host = url.host();
+    boost::system::error_code notAnAddress;
+    asio::ip::make_address(host, notAnAddress);
+    const bool isAddress = !notAnAddress;
+    if (!isAddress)
+        SSL_set_tlsext_host_name(ssl, host.c_str());  //< SNI takes names only.
+    if (options.certificateCheck) {
+        // The owner's check decides, once the chain is known.
+        SSL_set_verify(ssl, SSL_VERIFY_NONE, nullptr);
+    } else {
+        // OpenSSL verifies the chain and the name during the handshake, and says which failed.
+        X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
+        if (isAddress) {
+            X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str());
+        } else {
+            X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+            X509_VERIFY_PARAM_set1_host(param, host.c_str(), host.size());
+        }
+        SSL_set_verify(ssl, SSL_VERIFY_PEER, nullptr);
+    }
+    connection->tls()->async_handshake(
+        asio::ssl::stream_base::client,
+        [self = shared_from_this()](const boost::system::error_code& error) {
+            self->onHandshake(error);
+        });
+}
+
+void AsyncHttpClient::Exchange::onHandshake(const boost::system::error_code& error)
+{
+    if (done)
+        return;
+    if (error) {
+        const long verifyResult = SSL_get_verify_result(connection->tls()->native_handle());
+        if (!timedOut && !options.certificateCheck && verifyResult != X509_V_OK)
+            return fail(ssl::makeCertificateError(verifyResult));
+        return fail(error);
+    }
+    if (!passesCertificateCheck())
+        return fail(ssl::certificateRejectedByCheck());
+    write();
+}
+
+bool AsyncHttpClient::Exchange::passesCertificateCheck()
+{
+    if (!tls || !options.certificateCheck)
+        return true;
+    const auto chain = ssl::peerCertificateChain(connection->tls()->native_handle());
+    return !chain.empty() && options.certificateCheck(chain, url.host());
 }
 
 void AsyncHttpClient::Exchange::write()
 {
-    beast_http::async_write(*socket, request,
-                            [self = shared_from_this()](const boost::system::error_code& error,
-                                                        std::size_t) { self->onWritten(error); });
+    connection->visit([this](auto& stream) {
+        beast_http::async_write(
+            stream, request,
+            [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
+                self->onWritten(error);
+            });
+    });
 }
 
 void AsyncHttpClient::Exchange::onWritten(const boost::system::error_code& error)
@@ -196,11 +294,13 @@ void AsyncHttpClient::Exchange::readHeader()
     parser->body_limit(options.maxBodySize);
     if (request.method() == beast_http::verb::head)
         parser->skip(true);
-    beast_http::async_read_header(
-        *socket, buffer, *parser,
-        [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
-            self->onHeader(error);
-        });
+    connection->visit([this](auto& stream) {
+        beast_http::async_read_header(
+            stream, buffer, *parser,
+            [self = shared_from_this()](const boost::system::error_code& error, std::size_t) {
+                self->onHeader(error);
+            });
+    });
 }
 
 void AsyncHttpClient::Exchange::onHeader(const boost::system::error_code& error)
@@ -217,9 +317,11 @@ void AsyncHttpClient::Exchange::onHeader(const boost::system::error_code& error)
     if (parser->is_done())
         return finish();
     setDeadline(options.bodyTimeout);
-    beast_http::async_read(*socket, buffer, *parser,
-                           [self = shared_from_this()](const boost::system::error_code& error,
-                                                       std::size_t) { self->onBody(error); });
+    connection->visit([this](auto& stream) {
+        beast_http::async_read(stream, buffer, *parser,
+                               [self = shared_from_this()](const boost::system::error_code& error,
+                                                           std::size_t) { self->onBody(error); });
+    });
 }
 
 void AsyncHttpClient::Exchange::onBody(const boost::system::error_code& error)
@@ -242,16 +344,37 @@ void AsyncHttpClient::Exchange::finish()
     response->statusCode = static_cast<StatusCode::Value>(message.result_int());
     response->reasonPhrase = std::string(message.reason());
     response->version = message.version();
-    for (const auto& field : message)
+    bool gzipped = false;
+    for (const auto& field : message) {
+        if (options.decodeGzip && field.name() == beast_http::field::content_encoding) {
+            if (equalsIgnoreCase(field.value(), "gzip") ||
+                equalsIgnoreCase(field.value(), "x-gzip")) {
+                gzipped = true;
+                continue;
+            }
+        }
         response->headers.emplace_back(std::string(field.name_string()),
                                        std::string(field.value()));
-    response->body = std::move(message.body());
+    }
+    if (gzipped) {
+        std::erase_if(response->headers, [](const HttpHeader& h) {
+            return equalsIgnoreCase(h.first, "Content-Length");
+        });
+        const auto result = Gzip::decompress(message.body(), options.maxBodySize, &response->body);
+        if (result != Gzip::DecodeResult::ok) {
+            return fail(
+                result == Gzip::DecodeResult::tooLarge
+                    ? std::error_code(boost::system::error_code(beast_http::error::body_limit))
+                    : badContentEncoding());
+        }
+    } else {
+        response->body = std::move(message.body());
+    }
 
     ++deadlineGeneration;
     timer.cancel();
     if (keepAlive) {
-        pool.put(poolKey, std::move(*socket));
-        socket.reset();
+        pool.put(poolKey, std::move(connection));
     } else {
         closeSocket();
     }
@@ -336,11 +459,16 @@ void AsyncHttpClient::Exchange::onTimeout()
 
 void AsyncHttpClient::Exchange::closeSocket()
 {
-    if (!socket)
-        return;
-    boost::system::error_code ignored;
-    socket->shutdown(tcp::socket::shutdown_both, ignored);
-    socket->close(ignored);
+    // The connection stays until the exchange ends: a TLS stream must outlive the operations
+    // that the close cuts short, whose completions still use it.
+    if (connection)
+        connection->close();
+}
+
+std::error_code AsyncHttpClient::badContentEncoding()
+{
+    static const ContentEncodingCategory category;
+    return std::error_code(1, category);
 }
 
 AsyncHttpClient::AsyncHttpClient(aio::AbstractAioThread* aioThread) : BasicPollable(aioThread) {}
@@ -376,21 +504,31 @@ void AsyncHttpClient::doRequest(std::string method, const kest::utils::Url& url,
     if (url.hasExplicitPort())
         hostField += ":" + std::to_string(url.port());
     request.set(beast_http::field::host, hostField);
-    if (!m_credentials.empty()) {
+    if (!m_credentials.bearerToken.empty()) {
+        request.set(beast_http::field::authorization, "Bearer " + m_credentials.bearerToken);
+    } else if (!m_credentials.empty()) {
         const QByteArray pair =
             QByteArray::fromStdString(m_credentials.username + ":" + m_credentials.password);
         request.set(beast_http::field::authorization, "Basic " + pair.toBase64().toStdString());
     }
     for (const auto& [name, value] : m_headers)
         request.insert(name, value);
+    const bool decodeGzip =
+        m_acceptGzip && request.find(beast_http::field::accept_encoding) == request.end();
+    if (decodeGzip)
+        request.set(beast_http::field::accept_encoding, "gzip");
     if (!m_body.empty() || !m_contentType.empty()) {
         request.set(beast_http::field::content_type, m_contentType);
         request.body() = m_body;
     }
     request.prepare_payload();
 
-    const Exchange::Options options{m_sendTimeout, m_responseTimeout, m_bodyTimeout, m_maxBodySize,
-                                    m_reuseConnections};
+    std::shared_ptr<ssl::ClientContext> tlsContext = m_tlsContext;
+    if (!tlsContext && url.scheme() == "https")
+        tlsContext = ssl::ClientContext::systemDefault();
+    const Exchange::Options options{m_sendTimeout,         m_responseTimeout,  m_bodyTimeout,
+                                    m_maxBodySize,         m_reuseConnections, decodeGzip,
+                                    std::move(tlsContext), m_certificateCheck};
     dispatch([this, thread, options, url, request = std::move(request),
               handler = std::move(handler)]() mutable {
         if (m_exchange && !m_exchange->done) {

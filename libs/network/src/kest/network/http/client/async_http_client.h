@@ -8,6 +8,8 @@
 
 #include <kest/network/aio/basic_pollable.h>
 #include <kest/network/http/request.h>
+#include <kest/network/ssl/certificate_check.h>
+#include <kest/network/ssl/client_context.h>
 #include <kest/utils/move_only_func.h>
 #include <kest/utils/url.h>
 
@@ -17,9 +19,10 @@
 namespace kest::network::http::client {
 
 /**
- * An asynchronous HTTP/1.1 client bound to one I/O thread (an AioThread): one exchange at a time,
- * its completion handler called on that thread. Kept-alive connections go back to the thread's
- * ConnectionPool and are taken from it by any client to the same host:port.
+ * An asynchronous HTTP/1.1 client, over TLS for "https" URLs, bound to one I/O thread (an
+ * AioThread): one exchange at a time, its completion handler called on that thread. Kept-alive
+ * connections go back to the thread's ConnectionPool and are taken from it by any client to the
+ * same scheme, host:port and TLS context.
  *
  * A request that fails on a reused connection before any byte of its answer has arrived (the peer
  * had closed the idle connection) is sent once more on a fresh connection; a request on a fresh
@@ -28,8 +31,14 @@ namespace kest::network::http::client {
  * Stopping (pleaseStop, pleaseStopSync, destruction) closes the exchange's connection, and its
  * handler is not called after that. The handler may destroy the client.
  *
- * Only "http" URLs are served: TLS would wrap the socket after connecting, with the handshake
- * and the certificate check (ssl::CertificateCheck) before the request is written.
+ * TLS: the handshake follows the connect, within the send timeout. The server's certificate must
+ * chain to a CA that the client's context trusts and name the host of the URL, unless a
+ * certificate check is set, which then decides alone. A certificate refused is reported as an
+ * error of ssl::certificateCategory() saying why.
+ *
+ * Answers are asked for gzip-compressed ("Accept-Encoding: gzip") unless the caller sets an
+ * Accept-Encoding of its own, and handed over decoded, without their Content-Encoding and
+ * Content-Length headers; the body size limit applies to the decoded body.
  */
 class AsyncHttpClient : public aio::BasicPollable
 {
@@ -39,6 +48,9 @@ public:
      * std::errc::timed_out, a body over the limit is Beast's http::error::body_limit.
      */
     using Handler = kest::utils::MoveOnlyFunc<void(std::error_code, std::unique_ptr<Response>)>;
+
+    /** A compressed answer that does not decode. */
+    static std::error_code badContentEncoding();
 
     /** Connecting (with name resolution) and writing the whole request. */
     static constexpr std::chrono::milliseconds kDefaultSendTimeout{20'000};
@@ -61,6 +73,15 @@ public:
     /** Off: every exchange connects anew and closes afterwards. On by default. */
     void setReuseConnections(bool value) { m_reuseConnections = value; }
     void setCredentials(Credentials credentials) { m_credentials = std::move(credentials); }
+    /** For https URLs; by default ssl::ClientContext::systemDefault(). */
+    void setTlsContext(std::shared_ptr<ssl::ClientContext> context)
+    {
+        m_tlsContext = std::move(context);
+    }
+    /** Replaces the verification of server certificates; see the class comment. */
+    void setCertificateCheck(ssl::CertificateCheck check) { m_certificateCheck = std::move(check); }
+    /** Whether gzip-compressed answers are asked for; on by default. */
+    void setAcceptGzip(bool value) { m_acceptGzip = value; }
 
     /** Sent with every request from now on; "Connection: close" keeps the connection out of the
      * pool. */
@@ -96,7 +117,10 @@ private:
     std::chrono::milliseconds m_bodyTimeout = kDefaultMessageBodyReadTimeout;
     std::size_t m_maxBodySize = kDefaultMaxResponseBodySize;
     bool m_reuseConnections = true;
+    bool m_acceptGzip = true;
     Credentials m_credentials;
+    std::shared_ptr<ssl::ClientContext> m_tlsContext;
+    ssl::CertificateCheck m_certificateCheck;
     HttpHeaders m_headers;
     std::string m_body;
     std::string m_contentType;

@@ -33,12 +33,13 @@ boost::asio::execution_context::id ConnectionPool::id;
 
 struct ConnectionPool::Idle
 {
-    Idle(std::uint64_t id, boost::asio::ip::tcp::socket socket, boost::asio::io_context& ioContext)
-        : id(id), socket(std::move(socket)), expiry(ioContext)
+    Idle(std::uint64_t id, std::unique_ptr<ClientConnection> connection,
+         boost::asio::io_context& ioContext)
+        : id(id), connection(std::move(connection)), expiry(ioContext)
     {}
 
     std::uint64_t id;
-    boost::asio::ip::tcp::socket socket;
+    std::unique_ptr<ClientConnection> connection;
     boost::asio::steady_timer expiry;
 };
 
@@ -78,32 +79,32 @@ std::chrono::milliseconds ConnectionPool::idleTimeout()
     return std::chrono::milliseconds(g_idleTimeoutMs.load());
 }
 
-std::optional<boost::asio::ip::tcp::socket> ConnectionPool::take(const std::string& key)
+std::unique_ptr<ClientConnection> ConnectionPool::take(const std::string& key)
 {
     const auto it = m_idle.find(key);
     if (it == m_idle.end())
-        return std::nullopt;
+        return nullptr;
     auto& connections = it->second;
-    std::optional<boost::asio::ip::tcp::socket> result;
+    std::unique_ptr<ClientConnection> result;
     while (!connections.empty() && !result) {
         std::unique_ptr<Idle> idle = std::move(connections.back());
         connections.pop_back();
         // Their handlers may already be queued; they find the id gone and do nothing.
         idle->expiry.cancel();
         boost::system::error_code ignored;
-        idle->socket.cancel(ignored);
-        if (looksOpen(idle->socket))
-            result.emplace(std::move(idle->socket));
+        idle->connection->socket().cancel(ignored);
+        if (looksOpen(idle->connection->socket()))
+            result = std::move(idle->connection);
     }
     if (connections.empty())
         m_idle.erase(it);
     return result;
 }
 
-void ConnectionPool::put(const std::string& key, boost::asio::ip::tcp::socket socket)
+void ConnectionPool::put(const std::string& key, std::unique_ptr<ClientConnection> connection)
 {
     const std::size_t limit = maxIdlePerHost();
-    if (limit == 0 || !socket.is_open())
+    if (limit == 0 || !connection->socket().is_open())
         return;
     auto& connections = m_idle[key];
     while (connections.size() >= limit)
@@ -111,15 +112,16 @@ void ConnectionPool::put(const std::string& key, boost::asio::ip::tcp::socket so
 
     const std::uint64_t id = ++m_nextId;
     auto& idle =
-        connections.emplace_back(std::make_unique<Idle>(id, std::move(socket), m_ioContext));
+        connections.emplace_back(std::make_unique<Idle>(id, std::move(connection), m_ioContext));
 
-    // Readable while idle means the peer closed it or sent something unasked: either way it can
-    // no longer carry a request. The pool outlives every handler queued on its io_context.
-    idle->socket.async_wait(boost::asio::socket_base::wait_read,
-                            [this, key, id](const boost::system::error_code& error) {
-                                if (error != boost::asio::error::operation_aborted)
-                                    drop(key, id);
-                            });
+    // Readable while idle means the peer closed it or sent something unasked (over TLS, its
+    // close_notify): either way it can no longer carry a request. The pool outlives every handler
+    // queued on its io_context.
+    idle->connection->socket().async_wait(boost::asio::socket_base::wait_read,
+                                          [this, key, id](const boost::system::error_code& error) {
+                                              if (error != boost::asio::error::operation_aborted)
+                                                  drop(key, id);
+                                          });
     if (const auto timeout = idleTimeout(); timeout.count() > 0) {
         idle->expiry.expires_after(timeout);
         idle->expiry.async_wait([this, key, id](const boost::system::error_code& error) {

@@ -14,6 +14,8 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "client_connection.h"
+
 namespace kest::network::aio {
 class AioThread;
 }  // namespace kest::network::aio
@@ -21,11 +23,12 @@ class AioThread;
 namespace kest::network::http::client {
 
 /**
- * The idle kept-alive HTTP connections of one I/O thread, keyed by "host:port". Every client on
- * the thread shares them, so short-lived clients to the same peer skip the TCP handshake. An idle
- * connection is closed when the peer closes it (or sends anything), when it has been idle for
- * the idle timeout, or when the host already has its cap of idle connections. Lives as long as
- * the thread's io_context; used only on that thread.
+ * The idle kept-alive HTTP connections of one I/O thread, keyed by "host:port", or for TLS by
+ * "https://host:port#" and the client context that made them. Every client on the thread shares
+ * them, so short-lived clients to the same peer skip the TCP handshake. An idle connection is
+ * closed when the peer closes it (or sends anything), when it has been idle for the idle timeout,
+ * or when the host already has its cap of idle connections. Lives as long as the thread's
+ * io_context; used only on that thread.
  */
 class ConnectionPool : public boost::asio::execution_context::service
 {
@@ -52,9 +55,9 @@ public:
     static std::chrono::milliseconds idleTimeout();
 
     /** The connection used most recently that still looks open, or nothing. */
-    std::optional<boost::asio::ip::tcp::socket> take(const std::string& key);
+    std::unique_ptr<ClientConnection> take(const std::string& key);
     /** Keeps a connection whose last response has been read whole. */
-    void put(const std::string& key, boost::asio::ip::tcp::socket socket);
+    void put(const std::string& key, std::unique_ptr<ClientConnection> connection);
 
     std::size_t idleCount(const std::string& key) const;
 

@@ -4,13 +4,17 @@
 
 namespace kest::network::http::client {
 
-/** A user name and password for HTTP basic authentication; empty ones send nothing. */
+/**
+ * Who the client is: a bearer token, sent as "Authorization: Bearer", or else a user name and
+ * password for basic authentication. Empty ones send nothing.
+ */
 struct Credentials
 {
     std::string username;
     std::string password;
+    std::string bearerToken;
 
-    bool empty() const { return username.empty() && password.empty(); }
+    bool empty() const { return username.empty() && password.empty() && bearerToken.empty(); }
 };
 
 }  // namespace kest::network::http::client

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include <kest/network/http/abstract_request_handler.h>
 
@@ -20,6 +21,16 @@ public:
     virtual std::unique_ptr<AbstractRequestHandler> dispatchRequest(
         RequestContext requestContext,
         kest::utils::MoveOnlyFunc<void(RequestResult)> completionHandler) = 0;
+
+    /**
+     * Looks at a request whose head has arrived while its body is still coming. An answer ends
+     * the request there, without reading the body, and the connection is closed after it;
+     * nothing lets it go on to dispatchRequest() once whole. On the connection's I/O thread.
+     */
+    virtual std::optional<RequestResult> screenHead(const RequestContext& /*head*/)
+    {
+        return std::nullopt;
+    }
 };
 
 }  // namespace kest::network::http::server

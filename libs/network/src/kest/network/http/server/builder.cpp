@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include <kest/network/ssl/server_context.h>
+
 #include "authentication_dispatcher.h"
 #include "http_server_shared_state.h"
 
@@ -25,6 +27,15 @@ std::unique_ptr<MultiAddressHttpServer> Builder::buildOrThrow(
     state->limits.requestReadTimeout = settings.requestReadTimeout;
     state->limits.idleTimeout = settings.idleTimeout;
     state->maxConnections = settings.maxConnections;
+    if (!settings.tlsEndpoints.empty()) {
+        try {
+            state->tlsContext = std::make_shared<ssl::ServerContext>(ssl::ServerContext::Options{
+                settings.certificateFile, settings.privateKeyFile, settings.clientCaFile});
+        } catch (const std::runtime_error& e) {
+            throw std::invalid_argument(e.what());
+        }
+        state->tlsAddresses = settings.tlsEndpoints;
+    }
     if (authenticationDispatcher) {
         authenticationDispatcher->setNextDispatcher(messageDispatcher);
         state->dispatcher = authenticationDispatcher;

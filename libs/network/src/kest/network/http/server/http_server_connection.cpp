@@ -3,10 +3,14 @@
 #include <array>
 #include <charconv>
 
+#include <openssl/ssl.h>
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/write.hpp>
 
+#include <kest/network/http/gzip.h>
 #include <kest/network/http/server/abstract_message_dispatcher.h>
+#include <kest/network/ssl/tls_errors.h>
 #include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
@@ -19,6 +23,9 @@ namespace {
 constexpr std::size_t kReadChunk = 16 * 1024;
 constexpr std::chrono::milliseconds kMaxLinger{2000};
 constexpr std::chrono::milliseconds kMaxCheckPeriod{1000};
+constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+/** A TLS answer up to this size goes out as one record: the head and the body copied together. */
+constexpr std::size_t kMaxCoalescedBody = 16 * 1024;
 
 std::chrono::milliseconds checkPeriodFor(const HttpConnectionLimits& limits)
 {
@@ -50,16 +57,26 @@ SocketAddress toSocketAddress(const boost::asio::ip::tcp::endpoint& endpoint)
     return SocketAddress{endpoint.address().to_string(), endpoint.port()};
 }
 
+bool hasHeader(const HttpHeaders& headers, std::string_view name)
+{
+    for (const auto& header : headers) {
+        if (equalsIgnoreCase(header.first, name))
+            return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 HttpServerConnection::HttpServerConnection(
     std::weak_ptr<aio::AioThread> thread, boost::asio::ip::tcp::socket socket,
     const HttpConnectionLimits& limits, AbstractMessageDispatcher* dispatcher,
     std::shared_ptr<std::atomic<std::size_t>> connectionCount,
-    std::shared_ptr<PendingHandlers> pendingHandlers, ClosedHandler closedHandler)
+    std::shared_ptr<PendingHandlers> pendingHandlers, ClosedHandler closedHandler,
+    std::shared_ptr<ssl::ServerContext> tlsContext)
     : m_thread(thread.lock().get()),
       m_threadRef(std::move(thread)),
-      m_socket(std::move(socket)),
+      m_tlsContext(std::move(tlsContext)),
       m_limits(limits),
       m_dispatcher(dispatcher),
       m_connectionCount(std::move(connectionCount)),
@@ -67,9 +84,33 @@ HttpServerConnection::HttpServerConnection(
       m_closedHandler(std::move(closedHandler)),
       m_parser(limits.request),
       m_checkPeriod(checkPeriodFor(limits))
-{}
+{
+    m_socket.emplace(std::move(socket));
+}
 
 HttpServerConnection::~HttpServerConnection() = default;
+
+template <typename Operation>
+void HttpServerConnection::withStream(Operation&& operation)
+{
+    if (m_tls)
+        operation(*m_tls);
+    else
+        operation(*m_socket);
+}
+
+template <typename Handler>
+auto HttpServerConnection::tracked(Handler handler)
+{
+    if (m_tls)
+        ++m_tlsOperations;
+    return [self = shared_from_this(), handler = std::move(handler)](
+               const boost::system::error_code& error, auto... result) mutable {
+        if (self->m_tls && --self->m_tlsOperations == 0 && self->m_closed)
+            self->m_tls.reset();
+        handler(error, result...);
+    };
+}
 
 auto HttpServerConnection::continueOrClose(void (HttpServerConnection::*next)())
 {
@@ -112,12 +153,57 @@ void HttpServerConnection::start()
     if (m_closed)  //< The server stopped before the connection got to start.
         return;
     boost::system::error_code error;
-    const auto peer = m_socket->remote_endpoint(error);
+    const auto peer = socket().remote_endpoint(error);
     if (!error)
         m_peer = toSocketAddress(peer);
-    m_socket->set_option(boost::asio::ip::tcp::no_delay(true), error);
+    socket().set_option(boost::asio::ip::tcp::no_delay(true), error);
     m_timer.emplace(m_thread->ioContext());
+    if (m_tlsContext) {
+        // A handshake that crawls is a slowloris too.
+        setDeadline(deadlineAfter(m_limits.requestReadTimeout));
+        // The TLS stream holds four buffers of a TLS record each (68 KiB) for as long as it
+        // lives: it is made once the client has sent something, not for a silent connection.
+        m_socket->async_wait(boost::asio::socket_base::wait_read,
+                             [self = shared_from_this()](const boost::system::error_code& error) {
+                                 self->startHandshake(error);
+                             });
+        return;
+    }
     readRequest();
+}
+
+void HttpServerConnection::startHandshake(const boost::system::error_code& error)
+{
+    if (m_closed)
+        return;
+    if (error) {
+        close();
+        return;
+    }
+    guarded([this]() {
+        m_tls.emplace(std::move(*m_socket), m_tlsContext->native());
+        m_socket.reset();
+        m_tls->async_handshake(
+            boost::asio::ssl::stream_base::server,
+            tracked([this](const boost::system::error_code& error) { onHandshake(error); }));
+    });
+}
+
+void HttpServerConnection::onHandshake(const boost::system::error_code& error)
+{
+    if (m_closed)
+        return;
+    if (error) {
+        KEST_DEBUG(this, "TLS handshake with %1 failed: %2", m_peer.toString(), error.message());
+        close();
+        return;
+    }
+    SSL* ssl = m_tls->native_handle();
+    // A certificate that the client CA does not vouch for fails the handshake; one that got here
+    // was verified.
+    if (m_tlsContext->asksForClientCertificates() && SSL_get_verify_result(ssl) == X509_V_OK)
+        m_clientCertificateName = ssl::peerCommonName(ssl);
+    guarded([this]() { readRequest(); });
 }
 
 void HttpServerConnection::close()
@@ -130,11 +216,15 @@ void HttpServerConnection::close()
         m_refusesCompletions = true;
     }
     boost::system::error_code ignored;
-    m_socket->shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
-    m_socket->close(ignored);
+    socket().shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+    socket().close(ignored);
     // Destroyed now rather than with the connection, which a pending handler may keep alive
-    // beyond the life of the I/O thread's context.
-    m_socket.reset();
+    // beyond the life of the I/O thread's context. A TLS stream goes once the operations that
+    // the close cut short have completed, since they use it until then.
+    if (!m_tls)
+        m_socket.reset();
+    else if (m_tlsOperations == 0)
+        m_tls.reset();
     m_timer.reset();
     m_connectionCount->fetch_sub(1, std::memory_order_relaxed);
     if (auto handler = std::move(m_closedHandler))
@@ -151,6 +241,7 @@ void HttpServerConnection::closeWhenIdle()
 void HttpServerConnection::readRequest()
 {
     m_continueSent = false;
+    m_headScreened = false;
     if (m_parser.bufferedBytes() > 0) {
         m_waitingForRequest = false;
         setDeadline(deadlineAfter(m_limits.requestReadTimeout));
@@ -164,11 +255,11 @@ void HttpServerConnection::readRequest()
 
 void HttpServerConnection::readSome()
 {
-    m_socket->async_read_some(
-        m_parser.prepare(kReadChunk),
-        [self = shared_from_this()](const boost::system::error_code& error, std::size_t bytes) {
-            self->onRead(error, bytes);
-        });
+    withStream([this](auto& stream) {
+        stream.async_read_some(m_parser.prepare(kReadChunk),
+                               tracked([this](const boost::system::error_code& error,
+                                              std::size_t bytes) { onRead(error, bytes); }));
+    });
 }
 
 void HttpServerConnection::onRead(const boost::system::error_code& error, std::size_t bytes)
@@ -204,15 +295,45 @@ void HttpServerConnection::parse()
         case RequestParser::Result::needMore:
             break;
     }
+    if (!m_headScreened && screenHead())
+        return;
     if (!m_continueSent && m_parser.waitsForContinue()) {
         // Clients such as curl hold a larger body back until they are told to go on.
         m_continueSent = true;
-        static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
-        boost::asio::async_write(*m_socket, boost::asio::buffer(kContinue),
-                                 continueOrClose(&HttpServerConnection::readSome));
+        withStream([this](auto& stream) {
+            boost::asio::async_write(stream, boost::asio::buffer(kContinue),
+                                     tracked(continueOrClose(&HttpServerConnection::readSome)));
+        });
         return;
     }
     readSome();
+}
+
+bool HttpServerConnection::screenHead()
+{
+    const Request* head = m_parser.pendingHead();
+    if (!head)
+        return false;
+    m_headScreened = true;
+    RequestContext context;
+    context.request.method = head->method;
+    context.request.target = head->target;
+    context.request.path = head->path;
+    context.request.query = head->query;
+    context.request.headers = head->headers;
+    context.request.version = head->version;
+    context.clientEndpoint = m_peer;
+    context.secure = m_tls.has_value();
+    context.clientCertificateName = m_clientCertificateName;
+    auto refusal = m_dispatcher->screenHead(context);
+    if (!refusal)
+        return false;
+    // The body is not read: the answer goes out now and the connection closes after it.
+    m_http10 = head->version == 10;
+    m_isHead = false;
+    m_acceptsGzip = false;
+    sendResponse(std::move(*refusal), /*keepAlive*/ false);
+    return true;
 }
 
 void HttpServerConnection::dispatch()
@@ -221,6 +342,8 @@ void HttpServerConnection::dispatch()
     Request request = m_parser.takeRequest();
     m_http10 = request.version == 10;
     m_isHead = request.method == "HEAD";
+    const auto acceptEncoding = request.header("Accept-Encoding");
+    m_acceptsGzip = acceptEncoding && Gzip::isAccepted(*acceptEncoding);
     // The handler may take as long as it needs; timeouts apply to the client only.
     setDeadline(Clock::time_point::max());
 
@@ -245,8 +368,10 @@ void HttpServerConnection::dispatch()
     m_inDispatch = true;
     bool failed = true;
     try {
-        auto handler = m_dispatcher->dispatchRequest(RequestContext(std::move(request), m_peer),
-                                                     std::move(completion));
+        RequestContext context(std::move(request), m_peer);
+        context.secure = m_tls.has_value();
+        context.clientCertificateName = m_clientCertificateName;
+        auto handler = m_dispatcher->dispatchRequest(std::move(context), std::move(completion));
         std::lock_guard lock(m_completionMutex);
         m_handler = std::move(handler);
         failed = false;
@@ -317,6 +442,7 @@ void HttpServerConnection::onResult(RequestResult result)
 void HttpServerConnection::sendError(StatusCode::Value status, std::string_view reason)
 {
     m_isHead = false;
+    m_acceptsGzip = false;
     RequestResult result(status);
     if (!reason.empty()) {
         result.body.assign(reason).push_back('\n');
@@ -337,6 +463,18 @@ void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
     for (const auto& [name, value] : result.headers) {
         m_head.append(name).append(": ").append(value).append("\r\n");
     }
+    if (!m_isHead && result.body.size() > kMinGzipBytes &&
+        !hasHeader(result.headers, "Content-Encoding")) {
+        // Caches must keep the coded and the plain answer apart.
+        m_head.append("Vary: Accept-Encoding\r\n");
+        if (m_acceptsGzip) {
+            auto compressed = Gzip::compress(result.body);
+            if (compressed && compressed->size() < result.body.size()) {
+                result.body = std::move(*compressed);
+                m_head.append("Content-Encoding: gzip\r\n");
+            }
+        }
+    }
     if (!result.body.empty() && !result.contentType.empty())
         m_head.append("Content-Type: ").append(result.contentType).append("\r\n");
     m_head.append("Content-Length: ");
@@ -350,14 +488,22 @@ void HttpServerConnection::sendResponse(RequestResult result, bool keepAlive)
     m_body = std::move(result.body);
     if (m_isHead)
         m_body.clear();
+    if (m_tls && m_body.size() <= kMaxCoalescedBody) {
+        // Each buffer would be a TLS record and a write of its own.
+        m_head.append(m_body);
+        m_body.clear();
+    }
     m_writing = true;
 
     setDeadline(deadlineAfter(m_limits.requestReadTimeout));
     const std::array<boost::asio::const_buffer, 2> buffers{boost::asio::buffer(m_head),
                                                            boost::asio::buffer(m_body)};
-    boost::asio::async_write(*m_socket, buffers,
-                             [self = shared_from_this()](const boost::system::error_code& error,
-                                                         std::size_t) { self->onWritten(error); });
+    withStream([this, &buffers](auto& stream) {
+        boost::asio::async_write(
+            stream, buffers, tracked([this](const boost::system::error_code& error, std::size_t) {
+                onWritten(error);
+            }));
+    });
 }
 
 void HttpServerConnection::onWritten(const boost::system::error_code& error)
@@ -378,22 +524,37 @@ void HttpServerConnection::onWritten(const boost::system::error_code& error)
 
 void HttpServerConnection::lingerAndClose()
 {
-    // Closing with unread input makes the kernel reset the connection, and the client may lose
-    // the answer it has not read yet: send FIN and drain what the client still sends.
-    boost::system::error_code ignored;
-    m_socket->shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
     const auto readTimeout = m_limits.requestReadTimeout;
     setDeadline(deadlineAfter(readTimeout > std::chrono::milliseconds::zero()
                                   ? std::min(readTimeout, kMaxLinger)
                                   : kMaxLinger));
+    if (m_tls) {
+        // close_notify first. Whatever the client does then (its own close_notify, a close, or
+        // more of a body that will not be read), the socket under the stream is drained.
+        m_tls->async_shutdown(tracked([this](const boost::system::error_code&) {
+            if (!m_closed)
+                drainAndClose();
+        }));
+        return;
+    }
+    drainAndClose();
+}
+
+void HttpServerConnection::drainAndClose()
+{
+    // Closing with unread input makes the kernel reset the connection, and the client may lose
+    // the answer it has not read yet: send FIN and drain what the client still sends.
+    boost::system::error_code ignored;
+    socket().shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
     drain();
 }
 
 void HttpServerConnection::drain()
 {
-    // Read into the parser's free space and never committed: the input is thrown away.
-    m_socket->async_read_some(m_parser.prepare(kReadChunk),
-                              continueOrClose(&HttpServerConnection::drain));
+    // Read into the parser's free space and never committed: the input is thrown away. Over
+    // TLS, the records are thrown away undecrypted.
+    socket().async_read_some(m_parser.prepare(kReadChunk),
+                             tracked(continueOrClose(&HttpServerConnection::drain)));
 }
 
 void HttpServerConnection::setDeadline(Clock::time_point deadline)

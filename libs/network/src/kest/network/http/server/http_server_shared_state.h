@@ -6,8 +6,11 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include <kest/network/aio/aio_thread_pool.h>
+#include <kest/network/socket_address.h>
+#include <kest/network/ssl/server_context.h>
 
 #include "request_parser.h"
 
@@ -74,6 +77,9 @@ struct HttpServerSharedState
     /** 0 means no limit. */
     std::size_t maxConnections = 0;
     AbstractMessageDispatcher* dispatcher = nullptr;
+    /** Listening addresses, as configured, that serve TLS with `tlsContext`. */
+    std::vector<SocketAddress> tlsAddresses;
+    std::shared_ptr<ssl::ServerContext> tlsContext;
     aio::AioThreadPool threadPool;
     // Shared with the connections, which may outlive the server while a handler is pending.
     std::shared_ptr<std::atomic<std::size_t>> connectionCount =

@@ -75,6 +75,8 @@ struct HttpStreamSocketServer::Private : std::enable_shared_from_this<Private>
     tcp::acceptor acceptor;
     boost::asio::steady_timer retryTimer;
     SocketAddress address;
+    /** Set when the address bound serves TLS. */
+    std::shared_ptr<ssl::ServerContext> tlsContext;
     std::error_code lastError;
     // On the accept thread. Each completion holds this object, which owns the thread pool: a
     // stop waits until none is outstanding, lest one be left queued on a stopped thread.
@@ -139,7 +141,8 @@ void HttpStreamSocketServer::Private::onAccepted(const boost::system::error_code
         [weak = std::weak_ptr<ConnectionSet>(connections)](HttpServerConnection* connection) {
             if (const auto set = weak.lock())
                 set->remove(connection);
-        });
+        },
+        tlsContext);
     {
         std::lock_guard lock(connections->mutex);
         connections->connections.emplace(connection.get(), connection);
@@ -187,6 +190,9 @@ HttpStreamSocketServer::~HttpStreamSocketServer()
 
 bool HttpStreamSocketServer::bind(const SocketAddress& address)
 {
+    const auto& tlsAddresses = d->state->tlsAddresses;
+    if (std::find(tlsAddresses.begin(), tlsAddresses.end(), address) != tlsAddresses.end())
+        d->tlsContext = d->state->tlsContext;
     boost::system::error_code error;
     tcp::endpoint endpoint;
     const auto ip = boost::asio::ip::make_address(address.host, error);
@@ -240,6 +246,11 @@ bool HttpStreamSocketServer::listen(int backlog)
 SocketAddress HttpStreamSocketServer::address() const
 {
     return d->address;
+}
+
+bool HttpStreamSocketServer::servesTls() const
+{
+    return d->tlsContext != nullptr;
 }
 
 std::error_code HttpStreamSocketServer::lastError() const

@@ -10,7 +10,7 @@ namespace kest::network::http::server {
 
 struct HttpServerSharedState;
 
-/** One listening socket and the HTTP/1.1 connections it accepted. */
+/** One listening socket, plain or TLS, and the HTTP/1.1 connections it accepted. */
 class HttpStreamSocketServer
 {
 public:
@@ -20,11 +20,13 @@ public:
     HttpStreamSocketServer(const HttpStreamSocketServer&) = delete;
     HttpStreamSocketServer& operator=(const HttpStreamSocketServer&) = delete;
 
+    /** Serves TLS when the shared state lists `address` among its TLS addresses. */
     bool bind(const SocketAddress& address);
     /** Switches the socket to non-blocking mode, listens and starts accepting. */
     bool listen(int backlog);
     /** The bound address, with the real port after binding port 0. */
     SocketAddress address() const;
+    bool servesTls() const;
     std::error_code lastError() const;
 
     /** Cancels the pending accept and waits until no accept can complete. */

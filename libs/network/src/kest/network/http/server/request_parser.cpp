@@ -520,6 +520,13 @@ bool RequestParser::waitsForContinue() const
     return expect && equalsIgnoreCase(*expect, "100-continue");
 }
 
+const Request* RequestParser::pendingHead() const
+{
+    if (!m_message || !m_message->is_header_done() || m_message->is_done())
+        return nullptr;
+    return &m_message->request;
+}
+
 std::size_t RequestParser::heldBytes() const
 {
     return m_buffer.capacity() + (m_message ? m_message->request.body.capacity() : 0);

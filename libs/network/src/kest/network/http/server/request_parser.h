@@ -75,6 +75,11 @@ public:
 
     /** The head of the current request is complete and its client waits for "100 Continue". */
     bool waitsForContinue() const;
+    /**
+     * The request whose head is complete while its body is still coming (method, target and
+     * headers; the body so far); null otherwise.
+     */
+    const Request* pendingHead() const;
 
     const Failure& failure() const { return m_failure; }
     /** Received bytes not parsed yet. */

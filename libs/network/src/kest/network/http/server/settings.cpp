@@ -23,6 +23,11 @@ void readNumber(const ZuSettings& settings, const QString& key, T* out)
     *out = static_cast<T>(number);
 }
 
+std::string readText(const ZuSettings& settings, const QString& key)
+{
+    return settings.value(key).toString().trimmed().toStdString();
+}
+
 }  // namespace
 
 Settings::Settings(QString group) : m_group(std::move(group)) {}
@@ -30,19 +35,55 @@ Settings::Settings(QString group) : m_group(std::move(group)) {}
 void Settings::load(const ZuSettings& settings)
 {
     const QString prefix = m_group + "/";
+    const std::string group = prefix.toStdString();
+    certificateFile = readText(settings, prefix + "certificateFile");
+    privateKeyFile = readText(settings, prefix + "privateKeyFile");
+    clientCaFile = readText(settings, prefix + "clientCaFile");
+    if (certificateFile.empty() != privateKeyFile.empty()) {
+        throw std::invalid_argument("TLS needs both " + group + "certificateFile and " + group +
+                                    "privateKeyFile");
+    }
+    const bool haveCertificate = !certificateFile.empty();
+    if (!clientCaFile.empty() && !haveCertificate) {
+        throw std::invalid_argument(
+            group + "clientCaFile asks TLS clients for certificates: " + group +
+            "certificateFile and " + group + "privateKeyFile must be set too");
+    }
+
     const QVariant listenOn = settings.value(prefix + "listenOn");
     if (!listenOn.isNull()) {
         endpoints.clear();
+        tlsEndpoints.clear();
         for (const QString& item : listenOn.toString().split(',', Qt::SkipEmptyParts)) {
-            const QString trimmed = item.trimmed();
-            if (trimmed.isEmpty())
+            std::string text = item.trimmed().toStdString();
+            if (text.empty())
                 continue;
-            const auto address = SocketAddress::parse(trimmed.toStdString());
-            if (!address)
-                throw std::invalid_argument("Invalid endpoint in setting " + prefix.toStdString() +
-                                            "listenOn: " + trimmed.toStdString());
+            bool tls = haveCertificate;
+            if (text.starts_with("https://")) {
+                tls = true;
+                text.erase(0, 8);
+            } else if (text.starts_with("http://")) {
+                tls = false;
+                text.erase(0, 7);
+            }
+            if (!text.empty() && text.back() == '/')
+                text.pop_back();
+            const auto address = SocketAddress::parse(text);
+            if (!address) {
+                throw std::invalid_argument("Invalid endpoint in setting " + group +
+                                            "listenOn: " + item.trimmed().toStdString());
+            }
+            if (tls && !haveCertificate) {
+                throw std::invalid_argument(group + "listenOn: " + item.trimmed().toStdString() +
+                                            " serves TLS, which needs " + group +
+                                            "certificateFile and " + group + "privateKeyFile");
+            }
             endpoints.push_back(*address);
+            if (tls)
+                tlsEndpoints.push_back(*address);
         }
+    } else if (haveCertificate) {
+        tlsEndpoints = endpoints;
     }
     readNumber(settings, prefix + "backlog", &listenBacklog);
     readNumber(settings, prefix + "ioThreads", &ioThreads);

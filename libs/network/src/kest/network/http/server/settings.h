@@ -3,6 +3,7 @@
 #include <QString>
 #include <chrono>
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include <kest/network/socket_address.h>
@@ -28,8 +29,23 @@ public:
 
     explicit Settings(QString group = "http");
 
-    /** "listenOn": comma-separated host:port; port 0 picks a free port; empty means none. */
+    /**
+     * "listenOn": comma-separated host:port; port 0 picks a free port; empty means none. An
+     * address written "https://host:port" serves TLS, "http://host:port" plain HTTP; one without
+     * a scheme serves TLS when a certificate is set, plain HTTP otherwise.
+     */
     std::vector<SocketAddress> endpoints{SocketAddress{"0.0.0.0", 8080}};
+    /** The addresses of `endpoints` that serve TLS. */
+    std::vector<SocketAddress> tlsEndpoints;
+    /** "certificateFile": PEM certificate of the TLS addresses, followed by its chain. */
+    std::string certificateFile;
+    /** "privateKeyFile": PEM private key of the certificate. */
+    std::string privateKeyFile;
+    /**
+     * "clientCaFile": PEM CA certificates. When set, TLS clients are asked for a certificate,
+     * which must chain to one of them; its subject's common name then names the client.
+     */
+    std::string clientCaFile;
     /** "backlog": the listen queue length. */
     int listenBacklog = kDefaultBacklog;
     /** "ioThreads": I/O threads of the server; 0 means one per core. */
@@ -57,7 +73,8 @@ public:
 
     /**
      * Reads the keys of the group; missing keys keep their defaults. Throws
-     * std::invalid_argument naming the key when a value is malformed.
+     * std::invalid_argument naming the key when a value is malformed, or when TLS is asked for
+     * without a certificate and key.
      */
     void load(const ZuSettings& settings);
 

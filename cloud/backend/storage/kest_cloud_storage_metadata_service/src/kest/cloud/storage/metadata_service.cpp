@@ -50,7 +50,11 @@ int MetadataService::serviceMain(const kest::utils::AbstractServiceSettings& abs
     m_view = &view;
     view.start();
 
-    return runMainLoop();
+    // SIGHUP: the tokens file is read again, without a restart.
+    setReloadHandler([&view]() { view.reloadCredentials(); });
+    const int result = runMainLoop();
+    setReloadHandler(nullptr);
+    return result;
 }
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -57,6 +57,7 @@ void Settings::loadSettings()
         m_analyticsDb.path = dataDir() + "/analytics_db";
     m_ddsConnection.load(settings());
     m_cluster.load(settings());
+    m_security.load(settings());
     m_serveDocs = readFlag(settings(), "http/serveDocs", true);
 }
 
@@ -71,7 +72,14 @@ std::string Settings::additionalHelp() const
            "  MongoDb/minPoolSize, MongoDb/maxPoolSize\n"
            "  MongoDb/uri              complete connection string; replaces the keys above\n"
            "  cluster/advertisedUrl    this instance's base URL as peers reach it; when set, the\n"
-           "                           instance records its data addresses and load\n";
+           "                           instance records its data addresses and load\n"
+           "  http/certificateFile, http/privateKeyFile   serve TLS (https://) with them\n"
+           "  http/clientCaFile        ask TLS clients for certificates signed by these CAs\n"
+           "  http/tokensFile          bearer tokens (SHA-256) and the routes each may call\n"
+           "  http/authenticatePing    the ping needs credentials too (default false)\n"
+           "  cluster/peerToken        bearer token sent to the other instances\n"
+           "  cluster/peerCaFile       CAs of the other instances' certificates (default: "
+           "system)\n";
 }
 
 }  // namespace kest::cloud::storage::metadatadb::conf

@@ -9,6 +9,7 @@
 
 #include "cluster_settings.h"
 #include "dds_connetion_settings.h"
+#include "security_settings.h"
 
 namespace kest::cloud::storage::metadatadb::conf {
 
@@ -29,6 +30,7 @@ public:
     const kest::analytics::db::Settings& analyticsDb() const { return m_analyticsDb; }
     const DDSConnetionSettings& ddsConnection() const { return m_ddsConnection; }
     const ClusterSettings& cluster() const { return m_cluster; }
+    const SecuritySettings& security() const { return m_security; }
     /**
      * "http/serveDocs": whether the interactive API documentation and the OpenAPI description
      * are served under /metadataDb/v1/docs/ (true, the default, or false).
@@ -45,6 +47,7 @@ private:
     kest::analytics::db::Settings m_analyticsDb;
     DDSConnetionSettings m_ddsConnection;
     ClusterSettings m_cluster;
+    SecuritySettings m_security;
     bool m_serveDocs = true;
 };
 

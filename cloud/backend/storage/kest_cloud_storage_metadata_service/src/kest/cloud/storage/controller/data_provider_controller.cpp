@@ -148,6 +148,8 @@ void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::st
         client->bindToAioThread(kest::network::aio::AioThread::current());
         // A peer that never answers would otherwise hold the whole search.
         client->setRequestTimeout(m_model.peerTimeout());
+        client->setCredentials(m_model.peerIdentity().credentials);
+        client->setTlsContext(m_model.peerIdentity().tlsContext);
         m_clients.push_back(std::move(client));
     }
     if (addresses.empty()) {

@@ -17,7 +17,8 @@ Model::Model(const conf::Settings& settings)
           DataDistribStorageFactory::instance().create(settings.ddsConnection())),
       m_errorsStorageModel(std::make_unique<ErrorsStorageModel>()),
       m_analyticsStorage(DdProviderFactory::instance().create()),
-      m_peerTimeout(settings.cluster().peerTimeout)
+      m_peerTimeout(settings.cluster().peerTimeout),
+      m_peerIdentity(PeerIdentity::fromSettings(settings))
 {
     // A storage that fails to open only reports itself not ready: the service keeps answering
     // so that callers learn why their data is refused.

@@ -5,6 +5,8 @@
 
 #include <kest/analytics_db/abstract_events_storage.h>
 
+#include "peer_identity.h"
+
 namespace kest::cloud::storage::metadatadb {
 
 namespace conf {
@@ -36,6 +38,8 @@ public:
 
     /** How long a distributed search waits for one instance's answer ("cluster/peerTimeoutMs"). */
     std::chrono::milliseconds peerTimeout() const;
+    /** The token and TLS context of the calls to other instances. */
+    const PeerIdentity& peerIdentity() const { return m_peerIdentity; }
 
 private:
     // Declared in the order of creation; the destructor releases them in reverse, so that the
@@ -46,6 +50,7 @@ private:
     std::unique_ptr<ErrorsStorageModel> m_errorsStorageModel;
     std::unique_ptr<kest::analytics::db::AbstractEventsStorage> m_analyticsStorage;
     std::chrono::milliseconds m_peerTimeout;
+    PeerIdentity m_peerIdentity;
 };
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -65,6 +65,7 @@ private:
 View::View(const conf::Settings& settings, Model& model)
     : m_settings(settings), m_authenticationDispatcher(&m_httpMessageDispatcher)
 {
+    setUpAuthentication();
     m_multiAddressHttpServer = server::Builder::buildOrThrow(
         m_settings.httpServer(), &m_authenticationDispatcher, &m_httpMessageDispatcher);
     m_httpMessageDispatcher.setRequestMetrics(&model.metrics().requestMetrics());
@@ -91,6 +92,50 @@ void View::start()
         throw std::system_error(error, "Cannot start listening");
     }
     KEST_INFO(this, "HTTP server is listening on %1", httpEndpoints());
+    std::vector<kest::network::SocketAddress> tls;
+    for (const auto& server : m_multiAddressHttpServer->servers()) {
+        if (server->servesTls())
+            tls.push_back(server->address());
+    }
+    if (!tls.empty())
+        KEST_INFO(this, "TLS is served on %1", tls);
+    else if (!m_settings.httpServer().certificateFile.empty())
+        KEST_WARNING(this, "http/certificateFile is set, but every address serves plain HTTP");
+}
+
+void View::setUpAuthentication()
+{
+    const auto& security = m_settings.security();
+    const bool certificates = !m_settings.httpServer().clientCaFile.empty();
+    if (security.tokensFile.empty() && !certificates)
+        return;
+    server::TokenAuthenticator::Options options;
+    options.tokensFile = security.tokensFile;
+    if (!security.authenticatePing) {
+        std::string error;
+        // Load balancers ping without credentials.
+        options.openRoutes.push_back(*server::AccessRule::make("POST", kPingPath, &error));
+    }
+    try {
+        m_tokenAuthenticator = std::make_unique<server::TokenAuthenticator>(std::move(options));
+    } catch (const std::runtime_error& e) {
+        KEST_ERROR(this, "%1", e.what());
+        throw;
+    }
+    m_authenticationDispatcher.addAuthenticator(
+        [authenticator = m_tokenAuthenticator.get()](const RequestContext& context) {
+            return authenticator->authenticate(context);
+        });
+    KEST_INFO(this, "Requests need credentials: %1%2%3",
+              security.tokensFile.empty() ? "" : "tokens of " + security.tokensFile,
+              !security.tokensFile.empty() && certificates ? " or " : "",
+              certificates ? "client certificates" : "");
+}
+
+void View::reloadCredentials()
+{
+    if (m_tokenAuthenticator)
+        m_tokenAuthenticator->reload();
 }
 
 void View::stop()
@@ -183,6 +228,13 @@ void View::registerMetricSources(Model& model)
             }));
     }
 
+    sources.push_back(registry.collector(
+        name("http_refused_requests_total"),
+        "Requests refused before any route: 401 without valid credentials, 403 not allowed",
+        MetricType::counter, [dispatcher = &m_authenticationDispatcher](TextWriter& writer) {
+            writer.sample({{"status", "401"}}, dispatcher->unauthenticatedCount());
+            writer.sample({{"status", "403"}}, dispatcher->forbiddenCount());
+        }));
     sources.push_back(registry.gauge(name("http_open_connections"), "HTTP connections open now",
                                      [server = m_multiAddressHttpServer.get()]() {
                                          std::size_t count = 0;

@@ -11,6 +11,7 @@
 #include <kest/network/http/server/authentication_dispatcher.h>
 #include <kest/network/http/server/builder.h>
 #include <kest/network/http/server/rest/message_dispatcher.h>
+#include <kest/network/http/server/token_authenticator.h>
 #include <kest/network/socket_address.h>
 #include <kest/utils/assert.h>
 #include <kest/utils/metrics/registration.h>
@@ -32,8 +33,10 @@ class Model;
 class ErrorsStorageModel;
 
 /**
- * The HTTP front end: binds the listening sockets, routes requests to a new controller each,
- * and feeds the analytics storage's save-error reports into the errors history.
+ * The HTTP front end: binds the listening sockets (plain or TLS), routes requests to a new
+ * controller each, and feeds the analytics storage's save-error reports into the errors history.
+ * When the service has credentials (a tokens file or a client CA), every route but the open ones
+ * is refused without them, before any controller is made.
  */
 class View : public ApiPaths
 {
@@ -53,6 +56,9 @@ public:
     /** The addresses actually bound; a port 0 endpoint shows its real port. */
     std::vector<kest::network::SocketAddress> httpEndpoints() const;
 
+    /** Reads the tokens file again; what was read before stays when it cannot be used. */
+    void reloadCredentials();
+
     void respondOk(
         kest::network::http::RequestContext requestContext,
         kest::utils::MoveOnlyFunc<void(kest::network::http::RequestResult)> completionHandler);
@@ -62,6 +68,8 @@ private:
     void registerDbErrorsHandler(kest::analytics::db::AbstractEventsStorage* analyticsStorage,
                                  ErrorsStorageModel* errorsStorageModel);
     void startAcceptor();
+    /** Puts the token and certificate checks in front of the routes, when configured. */
+    void setUpAuthentication();
     /** The figures read at scrape time: the server's, the storages' and the process's. */
     void registerMetricSources(Model& model);
 
@@ -93,6 +101,7 @@ private:
     const conf::Settings& m_settings;
     kest::network::http::server::rest::MessageDispatcher m_httpMessageDispatcher;
     kest::network::http::server::AuthenticationDispatcher m_authenticationDispatcher;
+    std::unique_ptr<kest::network::http::server::TokenAuthenticator> m_tokenAuthenticator;
     std::unique_ptr<kest::network::http::server::MultiAddressHttpServer> m_multiAddressHttpServer;
     std::vector<kest::utils::metrics::Registration> m_metricSources;
 };

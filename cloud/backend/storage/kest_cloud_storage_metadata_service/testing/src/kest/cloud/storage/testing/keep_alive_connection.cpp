@@ -39,6 +39,11 @@ bool KeepAliveConnection::send(const std::string& method, const std::string& tar
     if (!contentType.empty())
         raw += "Content-Type: " + contentType + "\r\n";
     raw += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    return sendRaw(raw);
+}
+
+bool KeepAliveConnection::sendRaw(const std::string& raw)
+{
     for (std::size_t sent = 0; sent < raw.size();) {
         const ssize_t n = ::send(m_fd, raw.data() + sent, raw.size() - sent, MSG_NOSIGNAL);
         if (n <= 0)

@@ -25,6 +25,8 @@ public:
     /** Sends a request and does not wait for its answer. */
     bool send(const std::string& method, const std::string& target, const std::string& body = {},
               const std::string& contentType = {});
+    /** Sends bytes as they are: one request or several, pipelined. */
+    bool sendRaw(const std::string& raw);
     /** Reads one answer, framed by its Content-Length. Nothing on a timeout or a close. */
     std::optional<HttpResponse> receive();
     /** Whether an answer (or a close) has arrived, without waiting. */
