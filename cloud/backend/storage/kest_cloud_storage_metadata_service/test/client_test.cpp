@@ -13,6 +13,7 @@
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/scripted_distribution.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -124,10 +125,10 @@ TEST_F(ClientTest, EveryOperationAsynchronouslyAndBlocking)
     service.events().runOnWriter([](kest::sql::Database& db) { db.exec("PRAGMA query_only = 0"); });
     const DbErrorData expected{failing, {{5'000, 1}}};
     std::vector<DbErrorData> errors;
-    for (int i = 0; i < 500 && errors.empty(); ++i) {
+    waitFor([&] {
         std::tie(status, errors) = client->getErrorsSync({}, {failing, m_device});
-        std::this_thread::sleep_for(10ms);
-    }
+        return !errors.empty();
+    });
     EXPECT_EQ(status, StatusCode::ok);
     EXPECT_EQ(errors, std::vector{expected});
     // A small timestamp still reaches the service, which ignores values of two characters.

@@ -18,6 +18,7 @@
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/scripted_distribution.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
 #include "fake_peers.h"
 #include "log_capture.h"
@@ -287,8 +288,10 @@ TEST_F(FanOutTest, AnInstanceThatNeverAnswersIsCutOffByThePeerTimeout)
     {
         KeepAliveConnection leaving(m_service->port());
         ASSERT_TRUE(leaving.send("GET", dataTarget(m_request)));
+        ASSERT_TRUE(waitFor([&] { return m_peers.asked().size() == 2; }));
     }
-    std::this_thread::sleep_for(500ms);
+    // The silent instance is cut off then, and the search ends with nobody to answer.
+    ASSERT_TRUE(waitFor([&] { return log.count(kFailedReply) == 2; }));
     EXPECT_EQ(typesOf(tracksOf(search({good}))), std::vector<std::string>{"g"});
 }
 

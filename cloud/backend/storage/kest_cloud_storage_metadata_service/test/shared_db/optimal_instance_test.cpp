@@ -8,6 +8,7 @@
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 #include <kest/reflect/json.h>
 #include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
 #include "../log_capture.h"
 #include "../mongo_test_fixture.h"
@@ -85,8 +86,7 @@ TEST_F(OptimalInstanceTest, OptimalInstanceIsTheFirstOfTheLeastLoadedHosts)
 
     m_storage->saveInstanceLoad({"http://h4:4", 0.0, 0.05});
     std::string host;
-    for (int i = 0; i < 500 && (host = chosenHost()) != "http://h4:4"; ++i)
-        std::this_thread::sleep_for(10ms);
+    waitFor([&] { return (host = chosenHost()) == "http://h4:4"; });
     EXPECT_EQ("http://h4:4", host);
 
     // One record of the wrong shape spoils the whole choice.
