@@ -72,10 +72,15 @@ bool TokenAuthenticator::reload()
         KEST_ERROR(this, "%1; the tokens read before stay in use", error);
         return false;
     }
-    KEST_INFO(this, "Read %1 token(s) of %2 name(s) from %3 again", table->tokenCount(),
-              table->nameCount(), m_options.tokensFile);
-    std::lock_guard lock(m_mutex);
-    m_table = std::move(table);
+    const std::size_t tokens = table->tokenCount();
+    const std::size_t names = table->nameCount();
+    {
+        std::lock_guard lock(m_mutex);
+        m_table = std::move(table);
+    }
+    // Logged once the new tokens are in use, so that whoever watches the log can rely on them.
+    KEST_INFO(this, "Read %1 token(s) of %2 name(s) from %3 again", tokens, names,
+              m_options.tokensFile);
     return true;
 }
 
