@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <QFile>
+#include <kest/cloud/storage/testing/running_service.h>
 
-#include "running_service.h"
+#include <QFile>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
