@@ -1,18 +1,15 @@
 // A year of one device's data addresses in the shared database: the data-address recorder on a
 // simulated clock saves and compacts the spans of a steady and of a bursty device, with and
-// without retention, its last days in a real MongoDB (the run script starts a stand-in) and the
-// days before in a model of the document in memory; then distributed searches for the device's
-// newest minute go through an in-process service whose address the spans name, and the document
-// is measured. See README.md.
-//
-//   data_addresses_bench --mongo URI [--days N] [--live-days N] [--searches N]
+// without retention, its last days in a real MongoDB (bench/common/with_standin starts a
+// stand-in) and the days before in a model of the document in memory; then distributed searches
+// for the device's newest minute go through an in-process service whose address the spans name,
+// and the document is measured. See README.md.
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <mutex>
 #include <string>
@@ -23,13 +20,13 @@
 #include <kest/cloud/storage/cluster_settings.h>
 #include <kest/cloud/storage/model/data_address_recorder.h>
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
-#include <kest/cloud/storage/test_launcher.h>
+#include <kest/cloud/storage/testing/recording_data_distribution_storage.h>
+#include <kest/cloud/storage/testing/running_service.h>
 #include <kest/utils/log/logger.h>
-#include "figure.h"
 
-#include "../analytics_db/latency_stats.h"
-#include "cluster_fakes.h"
-#include "service_process.h"
+#include "command_line.h"
+#include "figure.h"
+#include "latency_stats.h"
 
 namespace {
 
@@ -37,7 +34,6 @@ using namespace std::chrono_literals;
 using namespace kest::cloud::storage::metadatadb;
 using kest::network::http::StatusCode;
 using Clock = std::chrono::steady_clock;
-namespace fs = std::filesystem;
 
 constexpr std::int64_t kDayMs = 86'400'000;
 constexpr std::int64_t kStepMs = 10'000;         //< One committed batch per device and step.
@@ -51,27 +47,6 @@ struct Options
     int liveDays = 3;
     int searches = 200;
 };
-
-bool parseOptions(int argc, char** argv, Options* options)
-{
-    if (const char* uri = std::getenv("KEST_TEST_MONGODB_URI"))
-        options->mongoUri = uri;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string name = argv[i];
-        const std::string value = argv[i + 1];
-        if (name == "--mongo")
-            options->mongoUri = value;
-        else if (name == "--days")
-            options->days = std::max(2, std::atoi(value.c_str()));
-        else if (name == "--live-days")
-            options->liveDays = std::max(1, std::atoi(value.c_str()));
-        else if (name == "--searches")
-            options->searches = std::max(1, std::atoi(value.c_str()));
-        else
-            return false;
-    }
-    return argc % 2 == 1 && !options->mongoUri.empty();
-}
 
 /**
  * What the recorder asks of the shared database goes to a model of the documents in memory, or,
@@ -310,22 +285,15 @@ double ms(std::chrono::nanoseconds duration)
     return std::chrono::duration<double, std::milli>(duration).count();
 }
 
-int run(const Options& options, const fs::path& work)
+int run(const Options& options)
 {
     // The service whose address the spans name: a search reads the document and asks it.
-    const std::uint16_t port = kest::cloud::storage::metadatadb::test::freeLoopbackPort();
-    const std::string node = "http://127.0.0.1:" + std::to_string(port);
-    const std::vector<std::string> args{"--http/listenOn=127.0.0.1:" + std::to_string(port),
-                                        "--dataDir=" + work.string(), "--log/level=warning",
-                                        "--MongoDb/uri=" + options.mongoUri};
-    std::vector<const char*> argv;
-    for (const auto& arg : args)
-        argv.push_back(arg.c_str());
-    kest::cloud::storage::metadatadb::test::Launcher launcher;
-    if (!launcher.startService(argv, /*waitUntilStarted*/ true)) {
+    test::RunningService service(options.mongoUri, {"--log/level=warning"});
+    if (!service.started()) {
         std::fprintf(stderr, "the in-process service did not start\n");
         return 1;
     }
+    const std::string node = service.url();
     auto entry = api::ClientFactory::instance().create(kest::utils::Url(node));
 
     const Scenario scenarios[] = {{"steady, maxAgeDays 0", false, 0},
@@ -385,8 +353,6 @@ int run(const Options& options, const fs::path& work)
         "\nGoals: a document of at most 64 KiB, a search median of at most 10 ms, at most "
         "3600 s / F = %.0f spans\nadded per device-hour of steady stream.\n",
         3600 / leaseS);
-    entry.reset();
-    launcher.stop();
     return status;
 }
 
@@ -395,18 +361,22 @@ int run(const Options& options, const fs::path& work)
 int main(int argc, char** argv)
 {
     Options options;
-    if (!parseOptions(argc, argv, &options)) {
-        std::fprintf(stderr,
-                     "usage: data_addresses_bench --mongo URI [--days N] [--live-days N] "
-                     "[--searches N]\n(or "
-                     "KEST_TEST_MONGODB_URI instead of --mongo; bench/data_addresses/run starts a "
-                     "MongoDB stand-in)\n");
+    if (const char* uri = std::getenv("KEST_TEST_MONGODB_URI"))
+        options.mongoUri = uri;
+    kest::bench::CommandLine commandLine(
+        "data_addresses_bench [OPTIONS]: a device's data addresses over a simulated year\n"
+        "(run through bench/common/with_standin, or with KEST_TEST_MONGODB_URI or --mongo)");
+    commandLine.option("--mongo", &options.mongoUri, "the shared MongoDB's URI")
+        .option("--days", &options.days, "simulated days", 2)
+        .option("--live-days", &options.liveDays, "the last days, run against MongoDB", 1)
+        .option("--searches", &options.searches, "distributed searches per scenario", 1);
+    bool help = false;
+    if (!commandLine.parse(argc, argv, &help))
+        return help ? 0 : 2;
+    if (options.mongoUri.empty()) {
+        commandLine.printUsage(stderr);
         return 2;
     }
     kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);
-    char pattern[] = "/tmp/data_addresses_bench.XXXXXX";
-    const fs::path work = ::mkdtemp(pattern);
-    const int status = run(options, work);
-    fs::remove_all(work);
-    return status;
+    return run(options);
 }

@@ -1,21 +1,13 @@
 // Distributed search latency over three local instances, next to the same search as an internal
 // lookup on one instance that holds all of their data. The instances are metadata_storage
-// processes sharing one MongoDB (the run script starts a stand-in); the searches go through the
-// client library, one at a time. See README.md.
-//
-//   fanout_bench --mongo URI [--devices N] [--packets N] [--searches N] [--window-s S]
-//                [--fresh-devices N] [--activities N] [--service PATH]
-
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// processes sharing one MongoDB (bench/common/with_standin starts a stand-in); the searches go
+// through the client library, one at a time. See README.md.
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
-#include <map>
 #include <memory>
 #include <random>
 #include <set>
@@ -25,27 +17,27 @@
 
 #include <kest/cloud/storage/api/client_factory.h>
 #include <kest/cloud/storage/cluster_settings.h>
-#include <kest/cloud/storage/model/data_distrib_storage_factory.h>
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
-#include <kest/cloud/storage/test_launcher.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
+#include <kest/cloud/storage/testing/service_process.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 #include <kest/utils/log/logger.h>
+
+#include "command_line.h"
 #include "figure.h"
-
-#include "../analytics_db/latency_stats.h"
-#include "null_data_distribution_storage.h"
-#include "service_process.h"
-
-extern char** environ;
+#include "latency_stats.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace kest::cloud::storage::metadatadb;
 using kest::analytics::db::ObjectTrackEx;
+using kest::bench::Figure;
+using kest::bench::LatencyStats;
 using kest::common::metadata::ObjectMetadataPacket;
 using kest::network::http::StatusCode;
-using test::freeLoopbackPort;
-using test::spawnProcess;
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
@@ -66,35 +58,6 @@ struct Options
     int activities = 500;
 };
 
-bool parseOptions(int argc, char** argv, Options* options)
-{
-    if (const char* uri = std::getenv("KEST_TEST_MONGODB_URI"))
-        options->mongoUri = uri;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string name = argv[i];
-        const std::string value = argv[i + 1];
-        if (name == "--mongo")
-            options->mongoUri = value;
-        else if (name == "--service")
-            options->service = value;
-        else if (name == "--devices")
-            options->devicesPerInstance = std::max(1, std::atoi(value.c_str()));
-        else if (name == "--packets")
-            options->packetsPerDevice = std::max(1, std::atoi(value.c_str()));
-        else if (name == "--searches")
-            options->searches = std::max(1, std::atoi(value.c_str()));
-        else if (name == "--window-s")
-            options->windowSeconds = std::max(1, std::atoi(value.c_str()));
-        else if (name == "--fresh-devices")
-            options->freshDevices = std::max(0, std::atoi(value.c_str()));
-        else if (name == "--activities")
-            options->activities = std::max(0, std::atoi(value.c_str()));
-        else
-            return false;
-    }
-    return argc % 2 == 1 && !options->mongoUri.empty();
-}
-
 /** A metadata_storage process; stopped with SIGTERM when destroyed. */
 class Instance
 {
@@ -102,119 +65,38 @@ public:
     Instance(const Options& options, const fs::path& dir, bool clustered)
     {
         fs::create_directories(dir);
-        const std::uint16_t port = freeLoopbackPort();
+        const std::uint16_t port = test::freeLoopbackPort();
         url = "http://127.0.0.1:" + std::to_string(port);
-        std::vector<std::string> args{options.service,
-                                      "--http/listenOn=127.0.0.1:" + std::to_string(port),
-                                      "--dataDir=" + dir.string(),
-                                      "--log/level=warning",
+        std::vector<std::string> args{"--http/listenOn=127.0.0.1:" + std::to_string(port),
+                                      "--dataDir=" + dir.string(), "--log/level=warning",
                                       "--log/file=" + (dir / "log").string(),
                                       "--MongoDb/uri=" + options.mongoUri};
         if (clustered)
             args.push_back("--cluster/advertisedUrl=" + url);
-        m_pid = spawnProcess(std::move(args));
+        m_process = std::make_unique<test::ServiceProcess>(options.service, std::move(args));
         client = api::ClientFactory::instance().create(kest::utils::Url(url));
     }
-
     ~Instance()
     {
         client.reset();
-        if (m_pid <= 0)
-            return;
-        ::kill(m_pid, SIGTERM);
         // A stopping instance saves its last data addresses; a slow database must not hold the run.
-        for (int i = 0; i < 200; ++i) {
-            if (::waitpid(m_pid, nullptr, WNOHANG) != 0)
-                return;
-            std::this_thread::sleep_for(50ms);
-        }
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
+        m_process->terminate(10s);
     }
 
     bool waitUntilServing()
     {
-        for (int i = 0; i < 200 && m_pid > 0; ++i) {
-            if (::waitpid(m_pid, nullptr, WNOHANG) != 0) {
-                m_pid = -1;
-                return false;
-            }
-            DataRequestData probe;
-            probe.internal_lookup = true;
-            probe.filter.maxObjectTracksToSelect = 1;
-            if (std::get<0>(client->getDataSync(probe)) == StatusCode::ok)
-                return true;
-            std::this_thread::sleep_for(50ms);
-        }
-        return false;
+        DataRequestData probe;
+        probe.internal_lookup = true;
+        probe.filter.maxObjectTracksToSelect = 1;
+        return test::waitFor(
+            [&] { return std::get<0>(client->getDataSync(probe)) == StatusCode::ok; });
     }
 
     std::string url;
     std::unique_ptr<api::AbstractClient> client;
 
 private:
-    pid_t m_pid = -1;
-};
-
-/**
- * Names the instance of each device at once, from memory: an entry instance with it shows what
- * the fan-out itself costs, without the shared database's lookup.
- */
-class InstantDistributionStorage : public test::NullDataDistributionStorage
-{
-public:
-    explicit InstantDistributionStorage(std::map<std::string, std::string> nodeOfDevice)
-        : m_nodeOfDevice(std::move(nodeOfDevice))
-    {}
-
-    void getStorageInfo(const std::vector<std::string>& deviceIds, const ZuTimePeriod&,
-                        MoveOnlyFunc<void(bool, std::vector<std::string>)> handler) override
-    {
-        std::vector<std::string> nodes;
-        for (const auto& id : deviceIds) {
-            if (const auto node = m_nodeOfDevice.find(id); node != m_nodeOfDevice.end())
-                nodes.push_back(node->second);
-        }
-        handler(true, std::move(nodes));
-    }
-
-private:
-    const std::map<std::string, std::string> m_nodeOfDevice;
-};
-
-/** A service in this process whose address lookups are instant; an entry to the cluster. */
-class InstantEntry
-{
-public:
-    InstantEntry(std::map<std::string, std::string> nodeOfDevice, const fs::path& dir)
-    {
-        auto previous = DataDistribStorageFactory::instance().setCreateFunction(
-            [&nodeOfDevice](const conf::MongoConnectionSettings&)
-                -> std::unique_ptr<AbstractDataDistributionStorage> {
-                return std::make_unique<InstantDistributionStorage>(nodeOfDevice);
-            });
-        const std::vector<std::string> args{"--http/listenOn=127.0.0.1:0",
-                                            "--dataDir=" + dir.string(), "--log/level=warning"};
-        std::vector<const char*> argv;
-        for (const auto& arg : args)
-            argv.push_back(arg.c_str());
-        if (m_launcher.startService(argv, /*waitUntilStarted*/ true)) {
-            client = api::ClientFactory::instance().create(kest::utils::Url(
-                "http://127.0.0.1:" +
-                std::to_string(m_launcher.moduleInstance()->httpEndpoints().front().port)));
-        }
-        DataDistribStorageFactory::instance().setCreateFunction(std::move(previous));
-    }
-    ~InstantEntry()
-    {
-        client.reset();
-        m_launcher.stop();
-    }
-
-    std::unique_ptr<api::AbstractClient> client;
-
-private:
-    kest::cloud::storage::metadatadb::test::Launcher m_launcher;
+    std::unique_ptr<test::ServiceProcess> m_process;
 };
 
 std::set<ZuUuid> idsOf(const std::vector<ObjectTrackEx>& tracks)
@@ -230,7 +112,7 @@ double ms(std::chrono::nanoseconds duration)
     return std::chrono::duration<double, std::milli>(duration).count();
 }
 
-void printRow(const char* name, const kest::bench::LatencyStats& stats)
+void printRow(const char* name, const LatencyStats& stats)
 {
     std::printf("%-44s %8.2f %8.2f %8.2f\n", name, ms(stats.percentile(50)),
                 ms(stats.percentile(99)), ms(stats.percentile(100)));
@@ -239,8 +121,8 @@ void printRow(const char* name, const kest::bench::LatencyStats& stats)
 /** Times from the save's answer and from the commit to found through another instance. */
 struct Freshness
 {
-    kest::bench::LatencyStats fromSave;
-    kest::bench::LatencyStats fromCommit;
+    LatencyStats fromSave;
+    LatencyStats fromCommit;
     int missed = 0;
 };
 
@@ -252,22 +134,11 @@ struct Freshness
 Freshness measureFreshness(Instance& saved, Instance& searched, int devices)
 {
     Freshness result;
-    constexpr auto kGiveUp = 30s;
     for (int d = 0; d < devices; ++d) {
         const std::int64_t nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(
                                        std::chrono::system_clock::now().time_since_epoch())
                                        .count();
-        ObjectMetadataPacket packet;
-        packet.deviceId = ZuUuid::createUuid();
-        packet.timestampUs = nowMs * 1'000;
-        packet.durationUs = 40'000;
-        packet.streamIndex = kest::common::metadata::StreamIndex::primary;
-        kest::common::metadata::ObjectMetadata object;
-        object.trackId = ZuUuid::createUuid();
-        object.typeId = "car";
-        object.objectMetadataType = kest::common::metadata::ObjectMetadataType::regular;
-        object.boundingBox = {0.1, 0.2, 0.3, 0.4};
-        packet.objectMetadataList.push_back(std::move(object));
+        const auto packet = test::packet(ZuUuid::createUuid(), nowMs, ZuUuid::createUuid(), "car");
         DataRequestData search;
         search.filter.deviceIds = {packet.deviceId};
         search.filter.timePeriod = ZuTimePeriod(nowMs - 1'000, 60'000);
@@ -279,11 +150,8 @@ Freshness measureFreshness(Instance& saved, Instance& searched, int devices)
         }
         const auto savedAt = Clock::now();
         const auto foundBy = [&](Instance& instance, const DataRequestData& request) {
-            while (std::get<1>(instance.client->getDataSync(request)).empty()) {
-                if (Clock::now() - savedAt > kGiveUp)
-                    return false;
-            }
-            return true;
+            return test::waitFor(
+                [&] { return !std::get<1>(instance.client->getDataSync(request)).empty(); });
         };
         if (!foundBy(saved, local)) {
             ++result.missed;
@@ -300,12 +168,78 @@ Freshness measureFreshness(Instance& saved, Instance& searched, int devices)
     return result;
 }
 
+/** Devices of their own per instance, saved into it and into `single` too; the tracks. */
+std::size_t fill(const Options& options, std::vector<std::unique_ptr<Instance>>& cluster,
+                 Instance& single, std::vector<std::vector<ZuUuid>>* devices)
+{
+    std::size_t tracks = 0;
+    for (int i = 0; i < kInstances; ++i) {
+        std::vector<ObjectMetadataPacket> packets;
+        const auto send = [&]() {
+            for (Instance* target : {cluster[i].get(), &single}) {
+                if (std::get<0>(target->client->saveDataSync(packets)) != StatusCode::ok) {
+                    std::fprintf(stderr, "saving to %s failed\n", target->url.c_str());
+                    std::exit(1);
+                }
+            }
+            tracks += packets.size();
+            packets.clear();
+        };
+        for (int d = 0; d < options.devicesPerInstance; ++d) {
+            const ZuUuid device = ZuUuid::createUuid();
+            (*devices)[i].push_back(device);
+            for (int p = 0; p < options.packetsPerDevice; ++p) {
+                packets.push_back(test::packet(device, kStartMs + p * 1'000, ZuUuid::createUuid(),
+                                               p % 3 == 0 ? "car" : "person",
+                                               {{"color", p % 2 == 0 ? "red" : "blue"}}));
+                if (packets.size() == kPacketsPerRequest)
+                    send();
+            }
+        }
+        if (!packets.empty())
+            send();
+    }
+    return tracks;
+}
+
+/**
+ * Whether the single instance has committed every packet and, through the cluster, the first and
+ * the last second of every device's data are found: the spans are recorded. Device by device: an
+ * instance asked for several devices answers for all that it holds, so a search for all of them
+ * finds everything once any span is recorded.
+ */
+bool ready(const Options& options, Instance& entry, Instance& single,
+           const std::vector<std::vector<ZuUuid>>& devices, std::size_t tracks)
+{
+    const auto idsFound = [](Instance& instance, DataRequestData request, bool internal) {
+        request.internal_lookup = internal;
+        return idsOf(std::get<1>(instance.client->getDataSync(request)));
+    };
+    DataRequestData all;
+    for (const auto& group : devices)
+        all.filter.deviceIds.insert(group.begin(), group.end());
+    if (idsFound(single, all, true).size() != tracks)
+        return false;
+    for (const auto& group : devices) {
+        for (const ZuUuid& device : group) {
+            for (const std::int64_t second : {0, options.packetsPerDevice - 1}) {
+                DataRequestData edge;
+                edge.filter.deviceIds = {device};
+                edge.filter.timePeriod = ZuTimePeriod(kStartMs + second * 1'000, 1'000);
+                if (idsFound(entry, edge, false) != idsFound(single, edge, true))
+                    return false;
+            }
+        }
+    }
+    return true;
+}
+
 /** Activity counts timed as internal, distributed and with an instant address lookup. */
 struct ActivityTimes
 {
-    kest::bench::LatencyStats internal;
-    kest::bench::LatencyStats distributed;
-    kest::bench::LatencyStats instant;
+    LatencyStats internal;
+    LatencyStats distributed;
+    LatencyStats instant;
     std::size_t differing = 0;
 };
 
@@ -315,8 +249,9 @@ struct ActivityTimes
  * cluster and through the entry whose address lookup answers at once. Each sum must equal the
  * internal count.
  */
-ActivityTimes measureActivity(const Options& options, const std::vector<std::vector<ZuUuid>>& devices,
-                              Instance& a, Instance& b, Instance& c, Instance& single,
+ActivityTimes measureActivity(const Options& options,
+                              const std::vector<std::vector<ZuUuid>>& devices, Instance& a,
+                              Instance& b, Instance& c, Instance& single,
                               api::AbstractClient& entry)
 {
     ActivityTimes result;
@@ -357,8 +292,8 @@ ActivityTimes measureActivity(const Options& options, const std::vector<std::vec
                              "activity count %d differs: internal %d, distributed %d (%u of %u "
                              "answered), instant lookup %d\n",
                              s, static_cast<int>(localStatus), static_cast<int>(status),
-                             summed.instancesAnswered.value_or(0), summed.instancesAsked.value_or(0),
-                             static_cast<int>(instantStatus));
+                             summed.instancesAnswered.value_or(0),
+                             summed.instancesAsked.value_or(0), static_cast<int>(instantStatus));
             }
         }
     }
@@ -380,45 +315,8 @@ int run(const Options& options, const fs::path& work)
         }
     }
 
-    // Devices of their own per instance; the single instance gets every packet too.
     std::vector<std::vector<ZuUuid>> devices(kInstances);
-    std::size_t tracks = 0;
-    for (int i = 0; i < kInstances; ++i) {
-        std::vector<ObjectMetadataPacket> packets;
-        const auto send = [&]() {
-            for (Instance* target : {cluster[i].get(), &single}) {
-                if (std::get<0>(target->client->saveDataSync(packets)) != StatusCode::ok) {
-                    std::fprintf(stderr, "saving to %s failed\n", target->url.c_str());
-                    std::exit(1);
-                }
-            }
-            tracks += packets.size();
-            packets.clear();
-        };
-        for (int d = 0; d < options.devicesPerInstance; ++d) {
-            const ZuUuid device = ZuUuid::createUuid();
-            devices[i].push_back(device);
-            for (int p = 0; p < options.packetsPerDevice; ++p) {
-                ObjectMetadataPacket packet;
-                packet.deviceId = device;
-                packet.timestampUs = (kStartMs + p * 1'000) * 1'000;
-                packet.durationUs = 40'000;
-                packet.streamIndex = kest::common::metadata::StreamIndex::primary;
-                kest::common::metadata::ObjectMetadata object;
-                object.trackId = ZuUuid::createUuid();
-                object.typeId = p % 3 == 0 ? "car" : "person";
-                object.objectMetadataType = kest::common::metadata::ObjectMetadataType::regular;
-                object.boundingBox = {0.1, 0.2, 0.3, 0.4};
-                object.attributes = {{"color", p % 2 == 0 ? "red" : "blue"}};
-                packet.objectMetadataList.push_back(std::move(object));
-                packets.push_back(std::move(packet));
-                if (packets.size() == kPacketsPerRequest)
-                    send();
-            }
-        }
-        if (!packets.empty())
-            send();
-    }
+    const std::size_t tracks = fill(options, cluster, single, &devices);
 
     // Searches: one device of each instance, a window of the data.
     std::mt19937 random(42);
@@ -435,77 +333,43 @@ int run(const Options& options, const fs::path& work)
         searches.push_back(std::move(search));
     }
 
-    // Ready once the single instance has committed every packet and, through the cluster, the
-    // first and the last second of every device's data are found: the spans are recorded.
-    DataRequestData all;
-    for (const auto& group : devices)
-        all.filter.deviceIds.insert(group.begin(), group.end());
-    const auto idsFound = [&](const DataRequestData& request, Instance& instance) {
-        return idsOf(std::get<1>(instance.client->getDataSync(request)));
-    };
-    const auto ready = [&]() {
-        auto local = all;
-        local.internal_lookup = true;
-        if (idsFound(local, single).size() != tracks)
-            return false;
-        // Device by device: an instance asked for several devices answers for all that it
-        // holds, so a search for all of them finds everything once any span is recorded.
-        for (const auto& group : devices) {
-            for (const ZuUuid& device : group) {
-                for (const std::int64_t second : {0, options.packetsPerDevice - 1}) {
-                    DataRequestData edge;
-                    edge.filter.deviceIds = {device};
-                    edge.filter.timePeriod = ZuTimePeriod(kStartMs + second * 1'000, 1'000);
-                    auto localEdge = edge;
-                    localEdge.internal_lookup = true;
-                    if (idsFound(edge, *cluster[0]) != idsFound(localEdge, single))
-                        return false;
-                }
-            }
-        }
-        return true;
-    };
-    const auto deadline = Clock::now() + 60s;
-    while (!ready()) {
-        if (Clock::now() > deadline) {
-            std::fprintf(stderr, "the data was not committed and recorded within a minute\n");
-            return 1;
-        }
-        std::this_thread::sleep_for(200ms);
-    }
-
-    std::map<std::string, std::string> nodeOfDevice;
-    for (int i = 0; i < kInstances; ++i) {
-        for (const ZuUuid& device : devices[i])
-            nodeOfDevice[device.toStdString()] = cluster[i]->url;
-    }
-    InstantEntry entry(nodeOfDevice, work / "entry");
-    if (!entry.client) {
-        std::fprintf(stderr, "the in-process entry instance did not start\n");
+    if (!test::waitFor([&] { return ready(options, *cluster[0], single, devices, tracks); }, 60s)) {
+        std::fprintf(stderr, "the data was not committed and recorded within a minute\n");
         return 1;
     }
 
+    // An entry in this process whose address lookup names the three instances at once, as the
+    // shared database does for a search of one device of each: the fan-out and merge alone.
+    test::ScriptedDistribution instantLookup;
+    instantLookup.setAddresses({cluster[0]->url, cluster[1]->url, cluster[2]->url});
+    test::RunningService entryService(test::kUnreachableMongo, {"--log/level=warning"});
+    if (!entryService.started()) {
+        std::fprintf(stderr, "the in-process entry instance did not start\n");
+        return 1;
+    }
+    const auto entry = api::ClientFactory::instance().create(kest::utils::Url(entryService.url()));
+
     MongoDataDistributionStorage addresses(options.mongoUri);
-    kest::bench::LatencyStats internal, distributed, instant, lookup;
+    LatencyStats internal, distributed, instant, lookup;
     std::size_t asked = 0, differing = 0, found = 0;
     for (std::size_t s = 0; s < searches.size(); ++s) {
         const bool measured = s >= kWarmUpSearches;
+        const auto timed = [&](LatencyStats& stats, auto call) {
+            const auto started = Clock::now();
+            auto result = call();
+            if (measured)
+                stats.add(Clock::now() - started);
+            return result;
+        };
         auto local = searches[s];
         local.internal_lookup = true;
-        auto started = Clock::now();
-        const auto [localStatus, localTracks] = single.client->getDataSync(local);
-        if (measured)
-            internal.add(Clock::now() - started);
-
+        const auto [localStatus, localTracks] =
+            timed(internal, [&] { return single.client->getDataSync(local); });
         // Entered through each instance in turn.
-        started = Clock::now();
-        const auto [status, tracks] = cluster[s % kInstances]->client->getDataSync(searches[s]);
-        if (measured)
-            distributed.add(Clock::now() - started);
-        started = Clock::now();
-        const auto [instantStatus, instantTracks] = entry.client->getDataSync(searches[s]);
-        if (measured)
-            instant.add(Clock::now() - started);
+        const auto [status, tracks] = timed(
+            distributed, [&] { return cluster[s % kInstances]->client->getDataSync(searches[s]); });
+        const auto [instantStatus, instantTracks] =
+            timed(instant, [&] { return entry->getDataSync(searches[s]); });
         if (localStatus != StatusCode::ok || status != StatusCode::ok ||
             instantStatus != StatusCode::ok || idsOf(tracks) != idsOf(localTracks) ||
             idsOf(instantTracks) != idsOf(localTracks)) {
@@ -522,14 +386,14 @@ int run(const Options& options, const fs::path& work)
         std::vector<std::string> deviceIds;
         for (const ZuUuid& id : searches[s].filter.deviceIds)
             deviceIds.push_back(id.toStdString());
-        std::promise<std::size_t> nodes;
-        started = Clock::now();
-        addresses.getStorageInfo(
-            deviceIds, searches[s].filter.timePeriod,
-            [&nodes](bool, std::vector<std::string> list) { nodes.set_value(list.size()); });
-        const std::size_t count = nodes.get_future().get();
+        const std::size_t count = timed(lookup, [&] {
+            std::promise<std::size_t> nodes;
+            addresses.getStorageInfo(
+                deviceIds, searches[s].filter.timePeriod,
+                [&nodes](bool, std::vector<std::string> list) { nodes.set_value(list.size()); });
+            return nodes.get_future().get();
+        });
         if (measured) {
-            lookup.add(Clock::now() - started);
             asked += count;
             found += localTracks.size();
         }
@@ -560,25 +424,7 @@ int run(const Options& options, const fs::path& work)
     std::printf("answers that differed from the internal lookup: %zu\n", differing);
 
     const ActivityTimes activity =
-        measureActivity(options, devices, *cluster[0], *cluster[1], *cluster[2], single, *entry.client);
-
-    const auto fresh = measureFreshness(*cluster[0], *cluster[1], options.freshDevices);
-    if (options.freshDevices > 0) {
-        std::printf(
-            "\nA packet of a new device saved into one instance, found through another "
-            "(%d devices,\none at a time; the commit is when that instance first finds it; "
-            "lease length F = %lld s,\nthe default):\n",
-            options.freshDevices,
-            static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
-                                       conf::ClusterSettings::kDefaultDataAddressFlushInterval)
-                                       .count()));
-        std::printf("%-44s %8s %8s %8s\n", "", "p50 ms", "p99 ms", "max ms");
-        printRow("committed to found through another instance", fresh.fromCommit);
-        printRow("saved to found through another instance", fresh.fromSave);
-        std::printf("not found within 30 s: %d\n", fresh.missed);
-    }
-
-    using kest::bench::Figure;
+        measureActivity(options, devices, *cluster[0], *cluster[1], *cluster[2], single, *entry);
     if (options.activities > 0) {
         std::printf(
             "\nActivity counts of one device of each instance over all of their data (%d s), a "
@@ -597,15 +443,14 @@ int run(const Options& options, const fs::path& work)
         recordFigure(Figure::measured(activitySection, "distributed count, p50",
                                       ms(activity.distributed.percentile(50)), "ms")
                          .withNote("the address lookup in the stand-in included"));
-        recordFigure(
-            Figure::measured(activitySection, "added p50, the stand-in's lookup apart",
-                             activityAdded, "ms")
-                .atMost(10.0)
-                .withNote(std::to_string(options.activities) + " counts, an entry whose address "
-                          "lookup answers at once" +
-                          (activity.differing ? ", " + std::to_string(activity.differing) +
-                                                    " sums differed"
-                                              : std::string())));
+        recordFigure(Figure::measured(activitySection, "added p50, the stand-in's lookup apart",
+                                      activityAdded, "ms")
+                         .atMost(10.0)
+                         .withNote(std::to_string(options.activities) +
+                                   " counts, an entry whose address lookup answers at once" +
+                                   (activity.differing ? ", " + std::to_string(activity.differing) +
+                                                             " sums differed"
+                                                       : std::string())));
     }
 
     const std::string section = "end to end: distributed search over three instances";
@@ -625,21 +470,35 @@ int run(const Options& options, const fs::path& work)
     recordFigure(
         Figure::measured(section, "added p50, address lookup answered at once", addedInstant, "ms")
             .withNote("the fan-out and merge alone"));
-    if (options.freshDevices > 0) {
-        const std::string freshNote =
-            std::to_string(options.freshDevices) + " new devices, at the default lease length" +
-            (fresh.missed ? ", " + std::to_string(fresh.missed) + " not found" : "");
-        recordFigure(Figure::measured(section, "committed to found through another instance, p50",
-                                      ms(fresh.fromCommit.percentile(50)), "ms")
-                         .withNote(freshNote));
-        recordFigure(Figure::measured(section, "committed to found through another instance, p99",
-                                      ms(fresh.fromCommit.percentile(99)), "ms")
-                         .atMost(5'000)
-                         .withNote(freshNote));
-        recordFigure(Figure::measured(section, "saved to found through another instance, p99",
-                                      ms(fresh.fromSave.percentile(99)), "ms")
-                         .withNote("the commit included"));
-    }
+
+    if (options.freshDevices == 0)
+        return differing == 0 && activity.differing == 0 ? 0 : 1;
+    const auto fresh = measureFreshness(*cluster[0], *cluster[1], options.freshDevices);
+    std::printf(
+        "\nA packet of a new device saved into one instance, found through another (%d "
+        "devices,\none at a time; the commit is when that instance first finds it; lease length "
+        "F = %lld s,\nthe default):\n",
+        options.freshDevices,
+        static_cast<long long>(std::chrono::duration_cast<std::chrono::seconds>(
+                                   conf::ClusterSettings::kDefaultDataAddressFlushInterval)
+                                   .count()));
+    std::printf("%-44s %8s %8s %8s\n", "", "p50 ms", "p99 ms", "max ms");
+    printRow("committed to found through another instance", fresh.fromCommit);
+    printRow("saved to found through another instance", fresh.fromSave);
+    std::printf("not found within 30 s: %d\n", fresh.missed);
+    const std::string freshNote =
+        std::to_string(options.freshDevices) + " new devices, at the default lease length" +
+        (fresh.missed ? ", " + std::to_string(fresh.missed) + " not found" : "");
+    recordFigure(Figure::measured(section, "committed to found through another instance, p50",
+                                  ms(fresh.fromCommit.percentile(50)), "ms")
+                     .withNote(freshNote));
+    recordFigure(Figure::measured(section, "committed to found through another instance, p99",
+                                  ms(fresh.fromCommit.percentile(99)), "ms")
+                     .atMost(5'000)
+                     .withNote(freshNote));
+    recordFigure(Figure::measured(section, "saved to found through another instance, p99",
+                                  ms(fresh.fromSave.percentile(99)), "ms")
+                     .withNote("the commit included"));
     return differing == 0 && fresh.missed == 0 && activity.differing == 0 ? 0 : 1;
 }
 
@@ -648,12 +507,24 @@ int run(const Options& options, const fs::path& work)
 int main(int argc, char** argv)
 {
     Options options;
-    if (!parseOptions(argc, argv, &options)) {
-        std::fprintf(stderr,
-                     "usage: fanout_bench --mongo URI [--devices N] [--packets N] [--searches N] "
-                     "[--window-s S] [--fresh-devices N] [--activities N] [--service PATH]\n(or "
-                     "KEST_TEST_MONGODB_URI instead of "
-                     "--mongo; bench/fanout/run starts a MongoDB stand-in)\n");
+    if (const char* uri = std::getenv("KEST_TEST_MONGODB_URI"))
+        options.mongoUri = uri;
+    kest::bench::CommandLine commandLine(
+        "fanout_bench [OPTIONS]: distributed searches over three metadata_storage processes\n"
+        "(run through bench/common/with_standin, or with KEST_TEST_MONGODB_URI or --mongo)");
+    commandLine.option("--mongo", &options.mongoUri, "the shared MongoDB's URI")
+        .option("--service", &options.service, "the service executable")
+        .option("--devices", &options.devicesPerInstance, "devices per instance", 1)
+        .option("--packets", &options.packetsPerDevice, "packets per device, one a second", 1)
+        .option("--searches", &options.searches, "measured searches of each kind", 1)
+        .option("--window-s", &options.windowSeconds, "seconds of data each search names", 1)
+        .option("--fresh-devices", &options.freshDevices, "new devices timed until found", 0)
+        .option("--activities", &options.activities, "measured activity counts of each kind", 0);
+    bool help = false;
+    if (!commandLine.parse(argc, argv, &help))
+        return help ? 0 : 2;
+    if (options.mongoUri.empty()) {
+        commandLine.printUsage(stderr);
         return 2;
     }
     kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);

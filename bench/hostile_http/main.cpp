@@ -35,16 +35,18 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
-#include "../analytics_db/latency_stats.h"
-#include "../http_api/http_connection.h"
+#include <kest/cloud/storage/testing/service_process.h>
+#include <kest/network/testing/test_certificates.h>
+
+#include "command_line.h"
 #include "figure.h"
-#include "service_process.h"
-#include "test_certificates.h"
+#include "http_client.h"
+#include "latency_stats.h"
+#include "process_info.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
 using kest::bench::Figure;
-using kest::bench::HttpConnection;
 using kest::bench::LatencyStats;
 using kest::cloud::storage::metadatadb::test::spawnProcess;
 
@@ -53,6 +55,7 @@ namespace {
 constexpr auto kPingGoal = 100ms;
 constexpr auto kPingInterval = 5ms;
 const std::string kPing = "POST /metadataDb/ping HTTP/1.1\r\nHost: b\r\nContent-Length: 0\r\n\r\n";
+constexpr const char* kPingPath = "/metadataDb/ping";
 /** Wrong tokens the brute-force attack must have sent during its phase. */
 constexpr std::size_t kWrongTokensGoal = 10'000;
 constexpr std::size_t kTokensPerStep = 50;
@@ -90,95 +93,6 @@ SSL_CTX* clientContext()
     return context;
 }
 
-/** A blocking TLS connection for the pinger, kept alive; one exchange at a time. */
-class TlsPingConnection
-{
-public:
-    explicit TlsPingConnection(std::uint16_t port) : m_port(port) {}
-    ~TlsPingConnection() { close(); }
-
-    /** The status of the answer to `request`; 0 when the connection failed (then reopened). */
-    int exchange(const std::string& request)
-    {
-        if (!m_ssl && !open())
-            return 0;
-        if (SSL_write(m_ssl, request.data(), static_cast<int>(request.size())) <= 0) {
-            close();
-            return 0;
-        }
-        std::size_t headEnd;
-        while ((headEnd = m_buffer.find("\r\n\r\n")) == std::string::npos) {
-            if (!readSome())
-                return 0;
-        }
-        const int status = std::atoi(m_buffer.c_str() + 9);
-        std::size_t length = 0;
-        if (const auto at = m_buffer.find("Content-Length: ");
-            at != std::string::npos && at < headEnd)
-            length = std::stoul(m_buffer.substr(at + 16));
-        while (m_buffer.size() < headEnd + 4 + length) {
-            if (!readSome())
-                return 0;
-        }
-        m_buffer.erase(0, headEnd + 4 + length);
-        return status;
-    }
-
-private:
-    bool open()
-    {
-        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(m_port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        timeval timeout{5, 0};
-        ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-        const int one = 1;
-        ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-        if (::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-            close();
-            return false;
-        }
-        m_ssl = SSL_new(clientContext());
-        SSL_set_fd(m_ssl, m_fd);
-        if (SSL_connect(m_ssl) != 1) {
-            close();
-            return false;
-        }
-        return true;
-    }
-
-    bool readSome()
-    {
-        char buffer[4096];
-        const int got = SSL_read(m_ssl, buffer, sizeof(buffer));
-        if (got <= 0) {
-            close();
-            return false;
-        }
-        m_buffer.append(buffer, static_cast<std::size_t>(got));
-        return true;
-    }
-
-    void close()
-    {
-        if (m_ssl)
-            SSL_free(m_ssl);
-        m_ssl = nullptr;
-        if (m_fd >= 0)
-            ::close(m_fd);
-        m_fd = -1;
-        m_buffer.clear();
-        ERR_clear_error();
-    }
-
-    std::uint16_t m_port;
-    int m_fd = -1;
-    SSL* m_ssl = nullptr;
-    std::string m_buffer;
-};
-
 // ------------------------------------------------------------------------------------------------
 // The service as a child process.
 
@@ -203,6 +117,7 @@ public:
             "--http/maxBodyBytes=" + std::to_string(options.maxBodyMiB << 20),
             "--http/tokensFile=" + tokens,
             "--MongoDb/uri=mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100"};
+        m_tls = options.tls;
         if (options.tls) {
             args.push_back("--http/certificateFile=" + m_certificates.server.certificate);
             args.push_back("--http/privateKeyFile=" + m_certificates.server.key);
@@ -234,21 +149,23 @@ public:
 
     std::uint16_t port() const { return m_port; }
     bool alive() const { return m_pid > 0 && ::waitpid(m_pid, nullptr, WNOHANG) == 0; }
+    /** Where a well-behaved client reaches it, and the CAs it then trusts. */
+    std::string url() const
+    {
+        return (m_tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(m_port);
+    }
+    std::string caFile() const { return m_tls ? m_certificates.caFile : std::string(); }
 
-    /** Resident memory in bytes, from /proc. */
+    /** Resident memory in bytes. */
     std::size_t rss() const
     {
-        std::ifstream status("/proc/" + std::to_string(m_pid) + "/status");
-        std::string line;
-        while (std::getline(status, line)) {
-            if (line.starts_with("VmRSS:"))
-                return std::stoull(line.substr(6)) * 1024;
-        }
-        return 0;
+        return static_cast<std::size_t>(
+            kest::bench::ProcessInfo(m_pid).residentMiB().value_or(0) * 1048576);
     }
 
 private:
     kest::network::test::TestCertificates m_certificates;
+    bool m_tls = false;
     fs::path m_dir;
     pid_t m_pid = -1;
     std::uint16_t m_port = 0;
@@ -575,9 +492,8 @@ struct PhaseResult
 };
 
 /** Runs `attacks` together for the phase's time while pinging and sampling memory. */
-template <typename PingConnection>
-PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attacks,
-                     const ServiceChild& service, milliseconds duration)
+PhaseResult runPhase(const Options& options, const std::string& name,
+                     const std::vector<Attack*>& attacks, const ServiceChild& service)
 {
     PhaseResult result;
     result.name = name;
@@ -585,10 +501,10 @@ PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attack
     std::mutex mutex;
 
     std::thread pinger([&] {
-        PingConnection connection(service.port());
+        kest::bench::HttpClient client(service.url(), service.caFile());
         while (!stop) {
             const auto start = steady_clock::now();
-            const int status = connection.exchange(kPing);
+            const int status = client.post(kPingPath, {}, {}).status;
             const auto elapsed = steady_clock::now() - start;
             {
                 std::lock_guard lock(mutex);
@@ -620,7 +536,7 @@ PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attack
         });
     }
 
-    std::this_thread::sleep_for(duration);
+    std::this_thread::sleep_for(options.phase);
     stop = true;
     for (auto& thread : attackers)
         thread.join();
@@ -631,13 +547,6 @@ PhaseResult runPhase(const std::string& name, const std::vector<Attack*>& attack
         result.openAtEnd += attack->open();
     }
     return result;
-}
-
-PhaseResult runPhase(const Options& options, const std::string& name,
-                     const std::vector<Attack*>& attacks, const ServiceChild& service)
-{
-    return options.tls ? runPhase<TlsPingConnection>(name, attacks, service, options.phase)
-                       : runPhase<HttpConnection>(name, attacks, service, options.phase);
 }
 
 double ms(nanoseconds duration)
@@ -660,37 +569,32 @@ void raiseDescriptorLimit(int wanted)
                 static_cast<unsigned long long>(limit.rlim_max));
 }
 
-bool parse(int argc, char** argv, Options* options)
+bool parse(int argc, char** argv, Options* options, bool* help)
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const auto value = [&](const char* name) -> const char* {
-            const std::string prefix = std::string(name) + "=";
-            return arg.starts_with(prefix) ? argv[i] + prefix.size() : nullptr;
-        };
-        if (arg == "--short") {
-            options->shortRun = true;
-            options->phase = 1500ms;
-            options->idleConnections = 1500;
-            options->slowConnections = 300;
-        } else if (const char* v = value("--service")) {
-            options->service = v;
-        } else if (const char* v = value("--phase-ms")) {
-            options->phase = milliseconds(std::stoll(v));
-        } else if (const char* v = value("--idle")) {
-            options->idleConnections = std::stoi(v);
-        } else if (const char* v = value("--slow")) {
-            options->slowConnections = std::stoi(v);
-        } else if (arg == "--tls") {
-            options->tls = true;
-        } else {
-            std::fprintf(stderr,
-                         "usage: %s [--short] [--tls] [--service=PATH] [--phase-ms=N] "
-                         "[--idle=N] [--slow=N]\n",
-                         argv[0]);
-            return false;
-        }
+    std::int64_t phaseMs = 0;
+    int idle = 0, slow = 0;
+    kest::bench::CommandLine commandLine(
+        "hostile_http_bench [OPTIONS]: hostile clients against a service process, pinged "
+        "meanwhile");
+    commandLine.flag("--short", &options->shortRun, "1.5 s per attack and fewer connections")
+        .flag("--tls", &options->tls, "against a TLS listener")
+        .option("--service", &options->service, "the service executable")
+        .option("--phase-ms", &phaseMs, "milliseconds per attack (8000, short 1500)", 1)
+        .option("--idle", &idle, "idle connections (5000, short 1500)", 0)
+        .option("--slow", &slow, "slowloris connections (1000, short 300)", 0);
+    if (!commandLine.parse(argc, argv, help))
+        return false;
+    if (options->shortRun) {
+        options->phase = 1500ms;
+        options->idleConnections = 1500;
+        options->slowConnections = 300;
     }
+    if (commandLine.given("--phase-ms"))
+        options->phase = milliseconds(phaseMs);
+    if (commandLine.given("--idle"))
+        options->idleConnections = idle;
+    if (commandLine.given("--slow"))
+        options->slowConnections = slow;
     return true;
 }
 
@@ -699,8 +603,9 @@ bool parse(int argc, char** argv, Options* options)
 int main(int argc, char** argv)
 {
     Options options;
-    if (!parse(argc, argv, &options))
-        return 2;
+    bool help = false;
+    if (!parse(argc, argv, &options, &help))
+        return help ? 0 : 2;
     ::signal(SIGPIPE, SIG_IGN);
     // The attackers' sockets and the service's (which inherits the limit) with room to spare.
     const int connections = options.idleConnections * 2 + options.slowConnections * 2 + 256;

@@ -4,8 +4,6 @@
 // file.
 
 #include <pthread.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <QUrl>
 #include <QUrlQuery>
@@ -14,35 +12,32 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <kest/analytics_db/events_storage.h>
 #include <kest/cloud/storage/controller/data_request_data.h>
-#include <kest/cloud/storage/model/dd_provider_factory.h>
-#include <kest/cloud/storage/test_launcher.h>
+#include <kest/cloud/storage/testing/running_service.h>
 #include <kest/reflect/json.h>
 #include <kest/utils/log/logger.h>
 
-#include "../analytics_db/latency_stats.h"
 #include "../analytics_db/searched_store.h"
+#include "command_line.h"
 #include "figure.h"
-#include "http_connection.h"
+#include "http_client.h"
+#include "latency_stats.h"
+#include "process_info.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
 using namespace kest::bench;
-using kest::analytics::db::EventsStorage;
 using kest::analytics::db::ObjectTrackEx;
 using kest::cloud::storage::metadatadb::DataRequestData;
-using kest::cloud::storage::metadatadb::DdProviderFactory;
+using kest::cloud::storage::metadatadb::test::RunningService;
 using kest::common::metadata::ObjectMetadataPacket;
 
 namespace {
@@ -56,108 +51,54 @@ constexpr const char* kDataPath = "/metadataDb/v1/data";
 struct Options
 {
     std::int64_t tracks = 1'000'000;
-    std::uint64_t seed = 1;
+    std::int64_t seed = 1;
     fs::path dir;
     bool fresh = false;
     bool quick = false;
-    bool ingest = true;
-    bool lookups = true;
+    bool noIngest = false;
+    bool noLookups = false;
     int queries = 300;
     std::int64_t ingestPackets = 300'000;
     int batch = 100;
     int connections = 4;
     int rounds = 3;
     /** A service already running on this port, instead of one in this process. */
-    std::uint16_t port = 0;
+    int port = 0;
     /** With a port: how long to keep posting the ingest requests, over and over. */
     double ingestSeconds = 20;
 };
 
-void printUsage()
+bool parseOptions(int argc, char** argv, Options* options, bool* help)
 {
-    std::printf(
-        "usage: http_api_bench [--quick] [--connections N] [--batch N] [--ingest-packets N]\n"
-        "                      [--rounds N] [--no-ingest] [--no-lookups] [--tracks N] [--queries "
-        "N]\n"
-        "                      [--dir PATH] [--fresh] [--seed N]\n"
-        "  --connections N     kept-alive client connections (default 4)\n"
-        "  --batch N           packets per POST (default 100)\n"
-        "  --ingest-packets N  packets of the ingest measurements (default 300000)\n"
-        "  --rounds N          ingest rounds, each storage only then HTTP (default 3)\n"
-        "  --tracks N          tracks in the searched store (default 1000000)\n"
-        "  --queries N         searches of each kind (default 300)\n"
-        "  --dir PATH          where the storage benchmark keeps its stores (default\n"
-        "                      /tmp/analytics_db_bench); the store of these parameters is\n"
-        "                      reused\n"
-        "  --fresh             fill the searched store again\n"
-        "  --port N            use the service running on 127.0.0.1:N: ingest posts for\n"
-        "                      --ingest-seconds S (default 20), lookups search it\n"
-        "  --quick             a small store and fewer packets and queries, for a smoke run\n");
-}
-
-bool parseOptions(int argc, char** argv, Options* options)
-{
-    bool tracksGiven = false, queriesGiven = false, ingestGiven = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const auto value = [&]() -> std::string {
-            if (i + 1 >= argc)
-                throw std::invalid_argument(arg);
-            return argv[++i];
-        };
-        try {
-            if (arg == "--tracks") {
-                options->tracks = std::stoll(value());
-                tracksGiven = true;
-            } else if (arg == "--queries") {
-                options->queries = std::stoi(value());
-                queriesGiven = true;
-            } else if (arg == "--ingest-packets") {
-                options->ingestPackets = std::stoll(value());
-                ingestGiven = true;
-            } else if (arg == "--batch") {
-                options->batch = std::stoi(value());
-            } else if (arg == "--rounds") {
-                options->rounds = std::stoi(value());
-            } else if (arg == "--port") {
-                const int port = std::stoi(value());
-                if (port <= 0 || port > 65535)
-                    return false;
-                options->port = static_cast<std::uint16_t>(port);
-            } else if (arg == "--ingest-seconds") {
-                options->ingestSeconds = std::stod(value());
-            } else if (arg == "--connections") {
-                options->connections = std::stoi(value());
-            } else if (arg == "--dir") {
-                options->dir = value();
-            } else if (arg == "--seed") {
-                options->seed = std::stoull(value());
-            } else if (arg == "--fresh") {
-                options->fresh = true;
-            } else if (arg == "--quick") {
-                options->quick = true;
-            } else if (arg == "--no-ingest") {
-                options->ingest = false;
-            } else if (arg == "--no-lookups") {
-                options->lookups = false;
-            } else {
-                return false;
-            }
-        } catch (const std::exception&) {
-            return false;
-        }
-    }
-    if (options->quick) {
-        if (!tracksGiven)
-            options->tracks = 20'000;
-        if (!queriesGiven)
-            options->queries = 50;
-        if (!ingestGiven)
-            options->ingestPackets = 30'000;
-    }
-    if (options->tracks <= 0 || options->queries <= 0 || options->ingestPackets <= 0 ||
-        options->batch <= 0 || options->connections <= 0 || options->rounds <= 0) {
+    CommandLine commandLine("http_api_bench [OPTIONS]: HTTP ingest and searches of the service");
+    commandLine.option("--connections", &options->connections, "kept-alive connections", 1)
+        .option("--batch", &options->batch, "packets per POST", 1)
+        .option("--ingest-packets", &options->ingestPackets, "packets of the ingest measures", 1)
+        .option("--rounds", &options->rounds, "ingest rounds, each storage only then HTTP", 1)
+        .flag("--no-ingest", &options->noIngest, "no ingest measures")
+        .flag("--no-lookups", &options->noLookups, "no searches")
+        .option("--tracks", &options->tracks, "tracks in the searched store", 1)
+        .option("--queries", &options->queries, "searches of each kind", 1)
+        .option("--dir", &options->dir,
+                "where the storage benchmark keeps its stores (default /tmp/analytics_db_bench); "
+                "the store of these parameters is reused")
+        .flag("--fresh", &options->fresh, "fill the searched store again")
+        .option("--seed", &options->seed, "of the generated data", 0)
+        .option("--port", &options->port,
+                "use the service running on 127.0.0.1:PORT: ingest posts for --ingest-seconds, "
+                "lookups search it",
+                1)
+        .option("--ingest-seconds", &options->ingestSeconds, "with --port")
+        .flag("--quick", &options->quick, "a small store and fewer packets and queries");
+    if (!commandLine.parse(argc, argv, help))
         return false;
+    if (options->quick) {
+        if (!commandLine.given("--tracks"))
+            options->tracks = 20'000;
+        if (!commandLine.given("--queries"))
+            options->queries = 50;
+        if (!commandLine.given("--ingest-packets"))
+            options->ingestPackets = 30'000;
     }
     options->dir = benchDir(options->dir, options->tracks, options->seed);
     return true;
@@ -168,52 +109,25 @@ double secondsSince(steady_clock::time_point start)
     return duration<double>(steady_clock::now() - start).count();
 }
 
-double cpuSeconds()
+/** CPU seconds of each thread of this process so far, by thread id. */
+std::map<int, ProcessInfo::Thread> threadCpu()
 {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-/** CPU seconds of each thread of the process so far, by thread id. */
-std::map<int, std::pair<std::string, double>> threadCpuSeconds()
-{
-    std::map<int, std::pair<std::string, double>> threads;
-    const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
-    for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
-        std::ifstream in(entry.path() / "stat");
-        std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        const auto open = text.find('('), close = text.rfind(')');
-        if (open == std::string::npos || close == std::string::npos)
-            continue;
-        std::istringstream fields(text.substr(close + 2));
-        std::string field;
-        double utime = 0, stime = 0;
-        // After the name: state is field 3; utime and stime are fields 14 and 15.
-        for (int i = 3; i <= 15 && fields >> field; ++i) {
-            if (i == 14)
-                utime = std::stod(field);
-            if (i == 15)
-                stime = std::stod(field);
-        }
-        threads[std::stoi(entry.path().filename().string())] = {
-            text.substr(open + 1, close - open - 1), (utime + stime) / tick};
-    }
+    std::map<int, ProcessInfo::Thread> threads;
+    for (auto& thread : ProcessInfo().threads())
+        threads[thread.id] = std::move(thread);
     return threads;
 }
 
 /** The CPU each thread used since `before`, the busiest first. */
-void printThreadCpu(const std::map<int, std::pair<std::string, double>>& before,
-                    const std::map<int, std::pair<std::string, double>>& after,
-                    std::int64_t packets)
+void printThreadCpu(const std::map<int, ProcessInfo::Thread>& before,
+                    const std::map<int, ProcessInfo::Thread>& after, std::int64_t packets)
 {
     std::vector<std::pair<double, std::string>> used;
     for (const auto& [tid, thread] : after) {
         const auto it = before.find(tid);
-        const double seconds = thread.second - (it == before.end() ? 0 : it->second.second);
+        const double seconds = thread.cpuSeconds - (it == before.end() ? 0 : it->second.cpuSeconds);
         if (seconds >= 0.01)
-            used.emplace_back(seconds, thread.first);
+            used.emplace_back(seconds, thread.name);
     }
     std::sort(used.rbegin(), used.rend());
     std::printf("  CPU by thread:");
@@ -226,48 +140,6 @@ double toMs(nanoseconds value)
 {
     return duration<double, std::milli>(value).count();
 }
-
-/**
- * The service in-process, as the launcher of the service tests runs it, with the MongoDB
- * storage pointed nowhere (it connects lazily; internal lookups and saves do not use it).
- */
-class Service
-{
-public:
-    explicit Service(const fs::path& dataDir, std::vector<std::string> extraArgs = {})
-    {
-        m_previous = DdProviderFactory::instance().setCreateFunction(
-            [this]() -> std::unique_ptr<kest::analytics::db::AbstractEventsStorage> {
-                auto storage = std::make_unique<EventsStorage>();
-                m_events = storage.get();
-                return storage;
-            });
-        std::vector<std::string> args{"--http/listenOn=127.0.0.1:0", "--log/level=warning",
-                                      "--dataDir=" + dataDir.string(),
-                                      "--MongoDb/uri=mongodb://127.0.0.1:1/"
-                                      "?serverSelectionTimeoutMS=100"};
-        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-        std::vector<const char*> argv;
-        for (const auto& arg : args)
-            argv.push_back(arg.c_str());
-        if (m_launcher.startService(argv, true))
-            m_port = m_launcher.moduleInstance()->httpEndpoints().front().port;
-    }
-    ~Service()
-    {
-        m_launcher.stop();
-        DdProviderFactory::instance().setCreateFunction(std::move(m_previous));
-    }
-
-    std::uint16_t port() const { return m_port; }
-    EventsStorage* events() const { return m_events; }
-
-private:
-    DdProviderFactory::CreateFunction m_previous;
-    std::atomic<EventsStorage*> m_events{nullptr};
-    kest::cloud::storage::metadatadb::test::Launcher m_launcher;
-    std::uint16_t m_port = 0;
-};
 
 /**
  * How a client waits before resending a batch that the service refused because its storage is
@@ -297,15 +169,15 @@ double measureStorageIngest(const Options& options,
     auto storage = openStorage(path);
     if (!storage)
         return 0;
-    const auto threadsBefore = threadCpuSeconds();
-    const double cpuStart = cpuSeconds();
+    const auto threadsBefore = threadCpu();
+    const double cpuStart = ProcessInfo().cpuSeconds().value_or(0);
     const auto start = steady_clock::now();
     for (auto& packet : packets)
         saveWhenReady(*storage, std::move(packet));
     storage->flush();
     const double seconds = secondsSince(start);
-    const double cpu = cpuSeconds() - cpuStart;
-    const auto threadsAfter = threadCpuSeconds();
+    const double cpu = ProcessInfo().cpuSeconds().value_or(0) - cpuStart;
+    const auto threadsAfter = threadCpu();
     storage.reset();
     fs::remove_all(path);
 
@@ -325,8 +197,12 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
     fs::remove_all(dataDir);
     double rate = 0;
     {
-        Service service(dataDir, std::move(serviceArgs));
-        if (!service.port()) {
+        // MongoDB is not used by saves and internal lookups.
+        std::vector<std::string> args{"--log/level=warning", "--dataDir=" + dataDir.string()};
+        args.insert(args.end(), serviceArgs.begin(), serviceArgs.end());
+        RunningService service(kest::cloud::storage::metadatadb::test::kUnreachableMongo,
+                               std::move(args));
+        if (!service.started()) {
             std::printf("the service did not start\n");
             return 0;
         }
@@ -335,18 +211,18 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
         std::atomic<std::int64_t> failed{0};
         std::vector<LatencyStats> stats(connections);
         std::vector<std::thread> threads;
-        const auto threadsBefore = threadCpuSeconds();
-        const double cpuStart = cpuSeconds();
+        const auto threadsBefore = threadCpu();
+        const double cpuStart = ProcessInfo().cpuSeconds().value_or(0);
         const auto start = steady_clock::now();
         for (int c = 0; c < connections; ++c) {
             threads.emplace_back([&, c] {
                 pthread_setname_np(pthread_self(), "bench client");
-                HttpConnection connection(service.port());
+                HttpClient client(service.url());
                 BackOff backOff;
                 for (std::size_t i; (i = next++) < requests.size();) {
                     for (;;) {
                         const auto sent = steady_clock::now();
-                        const int status = connection.exchange(requests[i]);
+                        const int status = client.post(kDataPath, requests[i]).status;
                         stats[c].add(steady_clock::now() - sent);
                         if (status == 200) {
                             backOff.reset();
@@ -367,10 +243,10 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
         for (auto& thread : threads)
             thread.join();
         const double answered = secondsSince(start);
-        service.events()->flush();
+        service.events().flush();
         const double seconds = secondsSince(start);
-        const double cpu = cpuSeconds() - cpuStart;
-        const auto threadsAfter = threadCpuSeconds();
+        const double cpu = ProcessInfo().cpuSeconds().value_or(0) - cpuStart;
+        const auto threadsAfter = threadCpu();
 
         LatencyStats all;
         for (const auto& s : stats)
@@ -398,7 +274,7 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
 /** Posts the requests over and over from every connection for the set time (memory runs). */
 void feedIngest(const Options& options, const std::vector<std::string>& requests)
 {
-    std::printf("\n== Posting to 127.0.0.1:%u for %.0f s from %d connections\n", options.port,
+    std::printf("\n== Posting to 127.0.0.1:%d for %.0f s from %d connections\n", options.port,
                 options.ingestSeconds, options.connections);
     std::fflush(stdout);
     std::atomic<std::size_t> next{0};
@@ -408,10 +284,11 @@ void feedIngest(const Options& options, const std::vector<std::string>& requests
     std::vector<std::thread> threads;
     for (int c = 0; c < options.connections; ++c) {
         threads.emplace_back([&] {
-            HttpConnection connection(options.port);
+            HttpClient client("http://127.0.0.1:" + std::to_string(options.port));
             BackOff backOff;
             while (steady_clock::now() < end) {
-                const int status = connection.exchange(requests[next++ % requests.size()]);
+                const int status =
+                    client.post(kDataPath, requests[next++ % requests.size()]).status;
                 if (status == 200) {
                     ++accepted;
                     backOff.reset();
@@ -442,7 +319,7 @@ double median(std::vector<double> values)
 
 void measureIngest(const Options& options)
 {
-    // Request texts made beforehand, so that the client spends its time sending.
+    // Request bodies made beforehand, so that the client spends its time sending.
     std::vector<std::string> requests;
     {
         const auto packets = makeIngestPackets(options.seed, options.ingestPackets);
@@ -450,7 +327,7 @@ void measureIngest(const Options& options)
             std::vector<ObjectMetadataPacket> batch;
             for (std::size_t j = i; j < std::min(packets.size(), i + options.batch); ++j)
                 batch.push_back(*packets[j]);
-            requests.push_back(postJsonRequest(kDataPath, kest::reflect::json::serialize(batch)));
+            requests.push_back(kest::reflect::json::serialize(batch));
         }
     }
     if (options.port) {
@@ -461,7 +338,7 @@ void measureIngest(const Options& options)
     for (const auto& request : requests)
         bytes += request.size();
     std::printf(
-        "\n== Ingest: %lld packets of 5 objects, %zu requests, %.0f KB per request, %d "
+        "\n== Ingest: %lld packets of 5 objects, %zu requests, %.0f KB per body, %d "
         "rounds of storage only then HTTP\n",
         static_cast<long long>(options.ingestPackets), requests.size(),
         bytes / 1024.0 / requests.size(), options.rounds);
@@ -549,16 +426,18 @@ void measureLookups(const Options& options)
 
     const fs::path dataDir = options.dir / "http_bench_lookups";
     fs::remove_all(dataDir);
-    std::optional<Service> service;
-    std::uint16_t port = options.port;
-    if (!port) {
-        service.emplace(dataDir, std::vector<std::string>{"--analyticsDb/path=" +
-                                                          searchedStorePath(options.dir).string()});
-        port = service->port();
-    }
-    if (!port) {
-        std::printf("the service did not start\n");
-        return;
+    std::optional<RunningService> service;
+    std::string url = "http://127.0.0.1:" + std::to_string(options.port);
+    if (!options.port) {
+        service.emplace(kest::cloud::storage::metadatadb::test::kUnreachableMongo,
+                        std::vector<std::string>{
+                            "--log/level=warning", "--dataDir=" + dataDir.string(),
+                            "--analyticsDb/path=" + searchedStorePath(options.dir).string()});
+        if (!service->started()) {
+            std::printf("the service did not start\n");
+            return;
+        }
+        url = service->url();
     }
     const std::string section =
         "end to end: internal lookups over HTTP on " + std::to_string(info.trackCount) + " tracks";
@@ -568,27 +447,26 @@ void measureLookups(const Options& options)
         "sending the request to its whole answer)\n");
     std::printf("%-36s %8s %8s %8s %10s %10s %8s\n", "", "p50", "p99", "max", "goal p99",
                 "mean hits", "");
-    HttpConnection connection(port);
+    HttpClient client(url);
     std::vector<std::string> all;
     for (const auto& kind : kinds) {
         if (kind.filters.empty())
             continue;
         std::vector<std::string> requests;
         for (const auto& filter : kind.filters)
-            requests.push_back(getRequest(searchTarget(filter)));
+            requests.push_back(searchTarget(filter));
         all.insert(all.end(), requests.begin(), requests.end());
         for (std::size_t i = 0; i < std::min<std::size_t>(5, requests.size()); ++i)
-            connection.exchange(requests[i]);
+            client.get(requests[i]);
 
         LatencyStats stats;
         std::size_t hits = 0, failures = 0;
-        std::string body;
         for (const auto& request : requests) {
             const auto start = steady_clock::now();
-            const int status = connection.exchange(request, &body);
+            const auto reply = client.get(request);
             stats.add(steady_clock::now() - start);
             std::vector<ObjectTrackEx> tracks;
-            if (status != 200 || !kest::reflect::json::deserialize(body, &tracks))
+            if (reply.status != 200 || !kest::reflect::json::deserialize(reply.body, &tracks))
                 ++failures;
             hits += tracks.size();
         }
@@ -614,10 +492,10 @@ void measureLookups(const Options& options)
     const auto start = steady_clock::now();
     for (int c = 0; c < options.connections; ++c) {
         threads.emplace_back([&, c] {
-            HttpConnection own(port);
+            HttpClient own(url);
             for (std::size_t i; (i = next++) < all.size();) {
                 const auto sent = steady_clock::now();
-                own.exchange(all[i]);
+                own.get(all[i]);
                 stats[c].add(steady_clock::now() - sent);
             }
         });
@@ -646,10 +524,9 @@ void measureLookups(const Options& options)
 int main(int argc, char** argv)
 {
     Options options;
-    if (!parseOptions(argc, argv, &options)) {
-        printUsage();
-        return 2;
-    }
+    bool help = false;
+    if (!parseOptions(argc, argv, &options, &help))
+        return help ? 0 : 2;
     kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);
     std::printf("http_api_bench: working in %s\n", options.dir.c_str());
     std::printf(
@@ -658,9 +535,9 @@ int main(int argc, char** argv)
         kIngestGoalRatio * 100, kLookupGoalMs, kFreeTextGoalMs);
     fs::create_directories(options.dir);
 
-    if (options.ingest)
+    if (!options.noIngest)
         measureIngest(options);
-    if (options.lookups)
+    if (!options.noLookups)
         measureLookups(options);
     return 0;
 }

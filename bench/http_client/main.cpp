@@ -3,13 +3,9 @@
 // search makes one per peer), then a new TCP connection per call, then the same reused calls
 // through the typed API frame. Prints p50, p99 and mean per mode and the connections the server
 // saw.
-//
-//   http_client_bench [CALLS]      CALLS per mode, 5000 by default (after 200 warm-up calls)
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -25,6 +21,9 @@
 #include <kest/network/http/generic_api_client.h>
 #include <kest/network/http/server/builder.h>
 #include <kest/network/http/server/rest/message_dispatcher.h>
+
+#include "command_line.h"
+#include "latency_stats.h"
 
 namespace {
 
@@ -65,8 +64,7 @@ private:
 
 struct Figures
 {
-    double p50Us = 0;
-    double p99Us = 0;
+    kest::bench::LatencyStats latency;
     double meanUs = 0;
     int failures = 0;
 };
@@ -75,27 +73,22 @@ Figures measure(int calls, const std::function<bool()>& call)
 {
     for (int i = 0; i < kWarmUpCalls; ++i)
         call();
-    std::vector<double> samples;
-    samples.reserve(calls);
     Figures figures;
+    Clock::duration total{};
     for (int i = 0; i < calls; ++i) {
         const auto start = Clock::now();
         if (!call())
             ++figures.failures;
-        samples.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        figures.latency.add(Clock::now() - start);
+        total += Clock::now() - start;
     }
-    std::sort(samples.begin(), samples.end());
-    const auto at = [&](double fraction) {
-        const auto rank = static_cast<std::size_t>(fraction * static_cast<double>(samples.size()));
-        return samples[std::min(rank, samples.size() - 1)];
-    };
-    figures.p50Us = at(0.50);
-    figures.p99Us = at(0.99);
-    double sum = 0;
-    for (const double sample : samples)
-        sum += sample;
-    figures.meanUs = sum / static_cast<double>(samples.size());
+    figures.meanUs = std::chrono::duration<double, std::micro>(total).count() / calls;
     return figures;
+}
+
+double us(std::chrono::nanoseconds duration)
+{
+    return std::chrono::duration<double, std::micro>(duration).count();
 }
 
 bool plainCall(aio::AioThread* thread, const kest::utils::Url& url, bool reuse)
@@ -113,7 +106,13 @@ bool plainCall(aio::AioThread* thread, const kest::utils::Url& url, bool reuse)
 
 int main(int argc, char** argv)
 {
-    const int calls = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5000;
+    int calls = 5000;
+    kest::bench::CommandLine commandLine(
+        "http_client_bench [OPTIONS]: sequential GETs of the HTTP client against our server");
+    commandLine.option("--calls", &calls, "calls per mode, after 200 warm-up ones", 1);
+    bool help = false;
+    if (!commandLine.parse(argc, argv, &help))
+        return help ? 0 : 2;
 
     std::mutex mutex;
     std::set<std::uint16_t> ports;
@@ -171,8 +170,9 @@ int main(int argc, char** argv)
             std::lock_guard lock(mutex);
             after = ports.size();
         }
-        std::printf("%-30s %10.1f %10.1f %10.1f %12zu %9d\n", mode.name, figures.p50Us,
-                    figures.p99Us, figures.meanUs, after - before, figures.failures);
+        std::printf("%-30s %10.1f %10.1f %10.1f %12zu %9d\n", mode.name,
+                    us(figures.latency.percentile(50)), us(figures.latency.percentile(99)),
+                    figures.meanUs, after - before, figures.failures);
     }
     apiClient.pleaseStopSync();
     return 0;

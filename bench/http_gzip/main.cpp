@@ -2,30 +2,28 @@
 // and without "Accept-Encoding: gzip", the time to answer each over loopback, the client's time
 // to decode, and from these the time saved on links of 10 and 100 Mbit/s. See README.md.
 
-#include <signal.h>
-#include <sys/wait.h>
-
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <regex>
 #include <string>
 #include <thread>
 
+#include <kest/cloud/storage/testing/service_process.h>
+#include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 #include <kest/network/http/gzip.h>
 
-#include "../analytics_db/latency_stats.h"
-#include "../http_api/http_connection.h"
+#include "command_line.h"
 #include "figure.h"
-#include "service_process.h"
+#include "http_client.h"
+#include "latency_stats.h"
 
-namespace fs = std::filesystem;
 using namespace std::chrono;
 using kest::bench::Figure;
-using kest::bench::HttpConnection;
+using kest::bench::HttpClient;
 using kest::bench::LatencyStats;
+namespace test = kest::cloud::storage::metadatadb::test;
 using kest::network::http::Gzip;
 
 namespace {
@@ -66,11 +64,7 @@ std::string packets()
     return json + "]";
 }
 
-std::string searchRequest(bool gzip)
-{
-    return std::string("GET /metadataDb/v1/data?internal_lookup=1&deviceIds=") + kDevice +
-           " HTTP/1.1\r\nHost: b\r\n" + (gzip ? "Accept-Encoding: gzip\r\n" : "") + "\r\n";
-}
+const std::string kSearch = std::string("/metadataDb/v1/data?internal_lookup=1&deviceIds=") + kDevice;
 
 double ms(nanoseconds duration)
 {
@@ -81,22 +75,19 @@ double ms(nanoseconds duration)
 
 int main(int argc, char** argv)
 {
-    int rounds = 2000;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--quick") {
-            rounds = 300;
-        } else {
-            std::fprintf(stderr, "usage: %s [--quick]\n", argv[0]);
-            return 2;
-        }
-    }
+    bool quick = false;
+    kest::bench::CommandLine commandLine(
+        "http_gzip_bench [OPTIONS]: what gzip on the wire saves on a search of 100 tracks");
+    commandLine.flag("--quick", &quick, "300 rounds instead of 2000");
+    bool help = false;
+    if (!commandLine.parse(argc, argv, &help))
+        return help ? 0 : 2;
+    const int rounds = quick ? 300 : 2000;
 
-    const fs::path dir = fs::temp_directory_path() / ("http_gzip." + std::to_string(::getpid()));
-    fs::create_directories(dir);
-    kest::cloud::storage::metadatadb::test::ServiceProcess service(
+    test::TemporaryDirectory dir;
+    test::ServiceProcess service(
         KEST_METADATA_STORAGE_PATH,
-        {"--http/listenOn=127.0.0.1:0", "--dataDir=" + dir.string(), "--log/level=info",
+        {"--http/listenOn=127.0.0.1:0", "--dataDir=" + dir.path(), "--log/level=info",
          "--MongoDb/uri=mongodb://127.0.0.1:1/?serverSelectionTimeoutMS=100"});
     const auto listening =
         service.waitForLine(std::regex(R"(HTTP server is listening on \{ 127\.0\.0\.1:(\d+) \})"));
@@ -104,25 +95,21 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "the service did not start:\n%s\n", service.output().c_str());
         return 1;
     }
-    const auto port = static_cast<std::uint16_t>(std::stoi((*listening)[1].str()));
+    const std::string url = "http://127.0.0.1:" + (*listening)[1].str();
+    HttpClient plainClient(url), gzipClient(url);
+    gzipClient.setHeader("Accept-Encoding", "gzip");
 
-    HttpConnection connection(port);
-    if (connection.exchange(kest::bench::postJsonRequest("/metadataDb/v1/data", packets())) !=
-        200) {
+    if (plainClient.post("/metadataDb/v1/data", packets()).status != 200) {
         std::fprintf(stderr, "the packets were not accepted\n");
         return 1;
     }
     // Written within the commit delay; then the answer is whole.
     std::string plain;
-    const auto deadline = steady_clock::now() + 20s;
-    while (steady_clock::now() < deadline) {
-        connection.exchange(searchRequest(false), &plain);
-        if (plain.find("7a000099-") != std::string::npos)
-            break;
-        std::this_thread::sleep_for(50ms);
-    }
-    std::string compressed;
-    connection.exchange(searchRequest(true), &compressed);
+    test::waitFor([&] {
+        plain = plainClient.get(kSearch).body;
+        return plain.find("7a000099-") != std::string::npos;
+    });
+    const std::string compressed = gzipClient.get(kSearch).body;
     std::string decoded;
     if (Gzip::decompress(compressed, 64 << 20, &decoded) != Gzip::DecodeResult::ok ||
         decoded != plain) {
@@ -134,21 +121,17 @@ int main(int argc, char** argv)
     LatencyStats plainTimes;
     LatencyStats gzipTimes;
     LatencyStats decodeTimes;
-    std::string body;
     for (int i = 0; i < rounds; ++i) {
         for (const bool gzip : {false, true}) {
             const auto start = steady_clock::now();
-            connection.exchange(searchRequest(gzip), &body);
+            (gzip ? gzipClient : plainClient).get(kSearch);
             (gzip ? gzipTimes : plainTimes).add(steady_clock::now() - start);
         }
         const auto start = steady_clock::now();
         Gzip::decompress(compressed, 64 << 20, &decoded);
         decodeTimes.add(steady_clock::now() - start);
     }
-    service.signal(SIGTERM);
-    service.wait();
-    std::error_code ignored;
-    fs::remove_all(dir, ignored);
+    service.terminate(10s);
 
     const double plainMs = ms(plainTimes.percentile(50));
     const double gzipMs = ms(gzipTimes.percentile(50));

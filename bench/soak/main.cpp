@@ -2,19 +2,10 @@
 // sample period it prints a row: each instance's resident memory, what was sent and what failed.
 // At the end it counts, through internal lookups on each instance, the tracks stored against the
 // tracks whose saves were answered 200. scripts/soak starts the instances and runs it.
-//
-//   soak_driver --urls URL,URL,... [--pids PID,PID,...] [--seconds S] [--sample-seconds S]
-//               [--tracks-per-second N] [--searches-per-second N] [--devices N]
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -27,6 +18,10 @@
 
 #include <kest/cloud/storage/api/client_factory.h>
 #include <kest/utils/log/logger.h>
+
+#include "command_line.h"
+#include "http_client.h"
+#include "process_info.h"
 
 namespace {
 
@@ -44,8 +39,8 @@ constexpr auto kTick = 100ms;
 
 struct Options
 {
-    std::vector<std::string> urls;
-    std::vector<int> pids;
+    std::string urls;
+    std::string pids;
     int seconds = 600;
     int sampleSeconds = 30;
     int tracksPerSecond = 40;  //< Per instance; each track is 5 packets.
@@ -64,69 +59,10 @@ std::vector<std::string> split(const std::string& text)
     return parts;
 }
 
-bool parseOptions(int argc, char** argv, Options* options)
+/** The metrics page of an instance; empty when it does not answer. */
+std::string metricsPage(const std::string& url)
 {
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string name = argv[i];
-        const std::string value = argv[i + 1];
-        const int number = std::atoi(value.c_str());
-        if (name == "--urls")
-            options->urls = split(value);
-        else if (name == "--pids")
-            for (const auto& pid : split(value))
-                options->pids.push_back(std::atoi(pid.c_str()));
-        else if (name == "--seconds")
-            options->seconds = std::max(1, number);
-        else if (name == "--sample-seconds")
-            options->sampleSeconds = std::max(1, number);
-        else if (name == "--tracks-per-second")
-            options->tracksPerSecond = std::max(1, number);
-        else if (name == "--searches-per-second")
-            options->searchesPerSecond = std::max(0, number);
-        else if (name == "--devices")
-            options->devicesPerInstance = std::max(1, number);
-        else
-            return false;
-    }
-    return argc % 2 == 1 && !options->urls.empty() &&
-           (options->pids.empty() || options->pids.size() == options->urls.size());
-}
-
-/** Resident memory of a process in MiB, from /proc; -1 when it is gone. */
-double rssMiB(int pid)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::atof(line.c_str() + 6) / 1024.0;
-    }
-    return -1;
-}
-
-/** GET of a loopback URL's path with a fresh connection; the body, empty on failure. */
-std::string httpGet(const std::string& url, const std::string& path)
-{
-    const auto colon = url.rfind(':');
-    const int port = std::atoi(url.c_str() + colon + 1);
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    timeval timeout{5, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
-    std::string response;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-        const std::string request =
-            "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
-        ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
-        char buffer[16384];
-        for (ssize_t n; (n = ::recv(fd, buffer, sizeof(buffer), 0)) > 0;)
-            response.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(fd);
-    const auto bodyStart = response.find("\r\n\r\n");
-    return bodyStart == std::string::npos ? std::string() : response.substr(bodyStart + 4);
+    return kest::bench::HttpClient(url).get("/metadataDb/metrics").body;
 }
 
 /** The value of an unlabelled (or fully written) series in a metrics page; -1 when missing. */
@@ -284,17 +220,31 @@ void search(std::vector<std::unique_ptr<Target>>* targets, const Options& option
 int main(int argc, char** argv)
 {
     Options options;
-    if (!parseOptions(argc, argv, &options)) {
-        std::fprintf(stderr,
-                     "usage: soak_driver --urls URL,URL,... [--pids PID,PID,...] [--seconds S] "
-                     "[--sample-seconds S] [--tracks-per-second N] [--searches-per-second N] "
-                     "[--devices N]\n");
+    kest::bench::CommandLine commandLine(
+        "soak_driver --urls URL,URL,... [OPTIONS]: mixed ingest and search against running "
+        "instances");
+    commandLine.option("--urls", &options.urls, "the instances' base URLs, comma-separated")
+        .option("--pids", &options.pids, "their PIDs, for their memory (else their metrics)")
+        .option("--seconds", &options.seconds, "how long to drive them", 1)
+        .option("--sample-seconds", &options.sampleSeconds, "seconds between rows", 1)
+        .option("--tracks-per-second", &options.tracksPerSecond, "per instance, 5 packets each", 1)
+        .option("--searches-per-second", &options.searchesPerSecond, "in all", 0)
+        .option("--devices", &options.devicesPerInstance, "devices per instance", 1);
+    bool help = false;
+    if (!commandLine.parse(argc, argv, &help))
+        return help ? 0 : 2;
+    const auto urls = split(options.urls);
+    std::vector<pid_t> pids;
+    for (const auto& pid : split(options.pids))
+        pids.push_back(std::atoi(pid.c_str()));
+    if (urls.empty() || (!pids.empty() && pids.size() != urls.size())) {
+        commandLine.printUsage(stderr);
         return 2;
     }
     kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);
 
     std::vector<std::unique_ptr<Target>> targets;
-    for (const auto& url : options.urls)
+    for (const auto& url : urls)
         targets.push_back(std::make_unique<Target>(url, options.devicesPerInstance));
     SearchCounts searches;
 
@@ -319,14 +269,10 @@ int main(int argc, char** argv)
         const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
         std::printf("%8.0f", elapsed);
         for (std::size_t i = 0; i < targets.size(); ++i) {
-            double mib = -1;
-            if (!options.pids.empty()) {
-                mib = rssMiB(options.pids[i]);
-            } else {
-                mib = metric(httpGet(targets[i]->url, "/metadataDb/metrics"),
-                             "process_resident_memory_bytes") /
-                      (1024.0 * 1024.0);
-            }
+            const double mib =
+                pids.empty() ? metric(metricsPage(targets[i]->url), "process_resident_memory_bytes") /
+                                   (1024.0 * 1024.0)
+                             : kest::bench::ProcessInfo(pids[i]).residentMiB().value_or(-1);
             rss[i].push_back(mib);
             std::printf("  %9.1f", mib);
         }
@@ -356,8 +302,8 @@ int main(int argc, char** argv)
     for (int i = 0; i < 120; ++i) {
         bool drained = true;
         for (const auto& target : targets) {
-            const std::string page = httpGet(target->url, "/metadataDb/metrics");
-            drained = drained && metric(page, "metadatadb_write_queue_packets") == 0;
+            drained = drained &&
+                      metric(metricsPage(target->url), "metadatadb_write_queue_packets") == 0;
         }
         if (drained)
             break;
@@ -388,7 +334,7 @@ int main(int argc, char** argv)
                 ids.insert(track.id);
             stored += ids.size();
         }
-        const std::string page = httpGet(target->url, "/metadataDb/metrics");
+        const std::string page = metricsPage(target->url);
         std::printf("%-24s %12llu %12llu %12llu %10llu %10llu %10.0f %10.0f %10.0f %10.0f\n",
                     target->url.c_str(), (unsigned long long)target->tracksAccepted.load(),
                     (unsigned long long)stored, (unsigned long long)target->tracksSent.load(),

@@ -876,6 +876,23 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
+// An idle writer sleeps a second at a time between its housekeeping steps. A packet that comes
+// meanwhile must start its own delay: each one here arrives just as the writer has gone idle
+// again, so a writer that finished its sleep first would take about a second for each.
+TEST_F(EventsStorageTest, ALonePacketIsCommittedAndFoundWithinTheDelayOfAnIdleWriter)
+{
+    m_settings.maxCommitDelay = 20ms;
+    auto storage = open();
+    for (int i = 0; i < 3; ++i) {
+        const std::uint64_t before = storage->statistics().packetsCommitted;
+        const auto savedAt = std::chrono::steady_clock::now();
+        storage->save(packet(kDeviceA, 1'000'000 + i * 10'000'000, {{i}}));
+        ASSERT_TRUE(waitUntil([&] { return storage->statistics().packetsCommitted > before; }));
+        EXPECT_LT(std::chrono::steady_clock::now() - savedAt, 500ms) << "packet " << i;
+        EXPECT_EQ(find(*storage, Filter()).size(), static_cast<std::size_t>(i + 1));
+    }
+}
+
 TEST_F(EventsStorageTest, NotReadyWhileTheOldestUncommittedPacketNearsItsBound)
 {
     // What is acknowledged and not yet written must stay within a time bound, however few

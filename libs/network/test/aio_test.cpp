@@ -178,6 +178,18 @@ TEST(AioThread, SurvivesThrowingHandlersAndSyncCallsNeverHangOnAStoppedThread)
     }
 }
 
+/**
+ * Returns once a timer due `delay` from now has fired on `thread`. Handlers due earlier run
+ * before it, however loaded the machine: whatever was to happen by then has happened.
+ */
+void waitPast(AioThread& thread, std::chrono::milliseconds delay)
+{
+    Timer sentinel(&thread);
+    std::promise<void> fired;
+    sentinel.start(delay, [&]() { fired.set_value(); });
+    fired.get_future().wait();
+}
+
 TEST(Timer, FiresOnceOnItsThread)
 {
     AioThread thread;
@@ -189,7 +201,7 @@ TEST(Timer, FiresOnceOnItsThread)
         fired.set_value(thread.isInSelfThread());
     });
     EXPECT_TRUE(fired.get_future().get());
-    std::this_thread::sleep_for(50ms);
+    waitPast(thread, 50ms);
     EXPECT_EQ(calls, 1);
 }
 
@@ -197,6 +209,7 @@ TEST(Timer, NoCallAfterCancelOrRestart)
 {
     AioThread thread;
     Timer timer(&thread);
+    Recorder onThread(&thread);
     std::atomic<int> stale{0};
     for (int i = 0; i < 200; ++i) {
         // Cancel just when the timer is due, so that some completions are already queued.
@@ -204,22 +217,22 @@ TEST(Timer, NoCallAfterCancelOrRestart)
         std::this_thread::sleep_for(std::chrono::microseconds(900));
         timer.cancelSync();
         const int seen = stale;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        // Anything the thread had queued by now runs before this.
+        onThread.executeInAioThreadSync([]() {});
         ASSERT_EQ(stale, seen) << "handler ran after cancelSync returned";
     }
 
     std::atomic<int> first{0};
-    std::atomic<int> second{0};
+    std::promise<void> second;
     timer.start(10ms, [&]() { ++first; });
-    timer.start(20ms, [&]() { ++second; });  // replaces the first
-    std::this_thread::sleep_for(80ms);
-    EXPECT_EQ(first, 0);
-    EXPECT_EQ(second, 1);
+    timer.start(20ms, [&]() { second.set_value(); });  // replaces the first
+    second.get_future().wait();
+    EXPECT_EQ(first, 0) << "the first was due earlier";
 
     std::atomic<int> afterStop{0};
     timer.start(10ms, [&]() { ++afterStop; });
     timer.pleaseStopSync();
-    std::this_thread::sleep_for(40ms);
+    waitPast(thread, 20ms);
     EXPECT_EQ(afterStop, 0);
 }
 
@@ -233,7 +246,7 @@ TEST(Timer, DestroyedWithPendingWaitNeverCalls)
         std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
     const int seen = calls;
-    std::this_thread::sleep_for(20ms);
+    waitPast(thread, 1ms);
     EXPECT_EQ(calls, seen);
 }
 

@@ -30,9 +30,9 @@ namespace kest::network::http::test {
 
 using namespace std::chrono_literals;
 
-/** Polls `condition` for up to `timeout`. */
+/** Polls `condition` for up to `timeout`: generous, since a loaded machine slows what is awaited. */
 inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds timeout = 5s)
+                      std::chrono::milliseconds timeout = 30s)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {

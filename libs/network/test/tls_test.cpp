@@ -15,7 +15,7 @@
 #include <kest/utils/zu_settings.h>
 
 #include "http_test_peers.h"
-#include "test_certificates.h"
+#include <kest/network/testing/test_certificates.h>
 
 namespace kest::network::http::client {
 namespace {

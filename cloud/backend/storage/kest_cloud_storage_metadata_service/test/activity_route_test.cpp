@@ -11,12 +11,13 @@
 #include <kest/analytics_db/activity_histogram.h>
 #include <kest/cloud/storage/api/client.h>
 #include <kest/cloud/storage/api/client_factory.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
 #include <kest/cloud/storage/view/activity_chart.h>
 #include <kest/utils/assert.h>
 
 #include "log_capture.h"
-#include "running_service.h"
-#include "scripted_distribution_storage.h"
 #include "scripted_peers.h"
 
 namespace kest::cloud::storage::metadatadb::test {
@@ -181,7 +182,7 @@ TEST_F(ActivityRouteTest, InternalCountsInEveryFormAndAsAPicture)
     const auto refused = m_service.get(activityTarget(unbounded, "/activity.svg"));
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->status, 400);
-    EXPECT_TRUE(hasJsonContentType(*refused)) << refused->head;
+    EXPECT_TRUE(refused->hasJsonContentType()) << refused->head;
     const auto notAcceptable = m_service.get(activityTarget(request) + "&format=ubjson");
     ASSERT_TRUE(notAcceptable);
     EXPECT_EQ(notAcceptable->status, 406);
@@ -312,11 +313,11 @@ protected:
                                       std::vector<std::string> addresses, bool lookupOk = true,
                                       const char* path = "/activity")
     {
-        m_distribution.script->setAddresses(std::move(addresses), lookupOk);
+        m_distribution.setAddresses(std::move(addresses), lookupOk);
         return m_service->get(activityTarget(request, path));
     }
 
-    ScriptedDistributionGuard m_distribution;
+    ScriptedDistribution m_distribution;
     Peers m_peers;
     api::ClientFactory::CreateFunction m_previousFactory;
     std::optional<RunningService> m_service;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <time.h>
 #include <unistd.h>
 
 #include <QUrl>
@@ -20,11 +21,14 @@
 #include <kest/network/http/api/api_request_result.h>
 #include <kest/reflect/json.h>
 #include <kest/reflect/urlencoded.h>
+#include <kest/cloud/storage/testing/http_exchange.h>
+#include <kest/cloud/storage/testing/keep_alive_connection.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
-#include "http_test_client.h"
 #include "log_capture.h"
 #include "mongo_test_fixture.h"
-#include "running_service.h"
 #include "storage_fakes.h"
 
 namespace kest::cloud::storage::metadatadb {
@@ -130,7 +134,7 @@ TEST_F(ApiTest, SavedPacketsAreFoundByInternalLookupsInEveryInputForm)
     ASSERT_TRUE(empty);
     EXPECT_EQ(200, empty->status);
     EXPECT_EQ("[]", empty->body);
-    EXPECT_TRUE(hasJsonContentType(*empty));
+    EXPECT_TRUE(empty->hasJsonContentType());
 }
 
 TEST_F(ApiTest, BadRequestsGetTheirStatusesAndTexts)
@@ -188,7 +192,7 @@ TEST_F(ApiTest, BadRequestsGetTheirStatusesAndTexts)
         EXPECT_EQ(status == 406 ? kest::network::http::ApiRequestErrorDetail::notAcceptable
                                 : kest::network::http::ApiRequestErrorDetail::deserializationError,
                   error.errorDetail());
-        EXPECT_TRUE(hasJsonContentType(*response));
+        EXPECT_TRUE(response->hasJsonContentType());
     }
 
     // Nothing of that disturbed the service.
@@ -316,12 +320,8 @@ std::vector<DbErrorData> saveErrors(RunningService& service, const std::string& 
 /** Waits until the reports have reached the errors history (they travel on a thread). */
 std::vector<DbErrorData> waitForSaveErrors(RunningService& service, std::size_t devices)
 {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
     std::vector<DbErrorData> errors;
-    while ((errors = saveErrors(service, ";")).size() < devices &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(20ms);
-    }
+    waitFor([&] { return (errors = saveErrors(service, ";")).size() >= devices; });
     return errors;
 }
 
@@ -410,17 +410,23 @@ void runWriterGoesOnWhileAClearSpins()
         "Processing get errors request with params: timestamp: 1500 clearData: "
         "true, deviceIds: { " +
         toString(a) + " }";
-    for (int i = 0; i < 500 && !log.containsLine(spinLine); ++i)
-        std::this_thread::sleep_for(10ms);
-    check(log.containsLine(spinLine), "clear request started");
-    std::this_thread::sleep_for(100ms);
+    check(waitFor([&] { return log.containsLine(spinLine); }), "clear request started");
+    // The clear spins holding the lock, and nothing else runs meanwhile: once the process has
+    // used a fifth of a second of CPU time since, the clear is surely spinning.
+    const auto cpuTime = [] {
+        timespec used{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+        return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+    };
+    const auto started = cpuTime();
+    check(waitFor([&] { return cpuTime() - started >= 200ms; }), "clear spinning");
 
     // Another failure: its report now waits for the lock, and the writer does not.
     const ZuUuid c = ZuUuid::createUuid();
     const ZuUuid track = ZuUuid::createUuid();
     service.events().runOnWriter([](kest::sql::Database& db) { db.exec("PRAGMA query_only = 1"); });
     const auto failed = within(
-        10s,
+        30s,
         [&] {
             return saves.request("POST", "/metadataDb/v1/data",
                                  kest::reflect::json::serialize(std::vector{
@@ -430,11 +436,11 @@ void runWriterGoesOnWhileAClearSpins()
         "save during the fault");
     check(failed && failed->status == 200, "save during the fault answered 200");
     within(
-        10s, [&] { service.events().flush(); }, "failed batch finished");
+        30s, [&] { service.events().flush(); }, "failed batch finished");
     service.events().runOnWriter([](kest::sql::Database& db) { db.exec("PRAGMA query_only = 0"); });
 
     const auto saved = within(
-        10s,
+        30s,
         [&] {
             return saves.request(
                 "POST", "/metadataDb/v1/data",
@@ -444,13 +450,13 @@ void runWriterGoesOnWhileAClearSpins()
         "save after the fault");
     check(saved && saved->status == 200, "save after the fault answered 200");
     within(
-        10s, [&] { service.events().flush(); }, "writer committed while the clear spins");
+        30s, [&] { service.events().flush(); }, "writer committed while the clear spins");
 
     DataRequestData request;
     request.internal_lookup = true;
     request.filter.deviceIds = {c};
     const auto found = within(
-        10s, [&] { return searches.request("GET", dataTarget(request)); }, "search");
+        30s, [&] { return searches.request("GET", dataTarget(request)); }, "search");
     check(found && found->status == 200 && found->body.find(toString(track)) != std::string::npos,
           "the committed track is found");
     check(!clear.readable(), "the clear is still unanswered");

@@ -11,13 +11,14 @@
 #include <kest/cloud/storage/controller/activity_answer.h>
 #include <kest/network/http/server/token_table.h>
 #include <kest/reflect/json.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
+#include <kest/cloud/storage/testing/service_process.h>
+#include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/network/testing/test_certificates.h>
 
 #include "fake_peers.h"
-#include "running_service.h"
-#include "scripted_distribution_storage.h"
-#include "service_process.h"
-#include "temporary_directory.h"
-#include "test_certificates.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -70,7 +71,7 @@ protected:
         return path;
     }
 
-    ScriptedDistributionGuard m_distribution;
+    ScriptedDistribution m_distribution;
     TemporaryDirectory m_dir;
     const ZuUuid m_device = ZuUuid::createUuid();
 };
@@ -79,8 +80,8 @@ TEST_F(CliTest, SavesSearchesAndReportsAsTheApiAnswers)
 {
     RunningService service(kUnreachableMongo);
     ASSERT_TRUE(service.started());
-    m_distribution.script->setAddresses({service.url()});
-    m_distribution.script->setLoads({{"http://h1:1", 0, 0.5}, {"http://h2:2", 0, 0.1}});
+    m_distribution.setAddresses({service.url()});
+    m_distribution.setLoads({{"http://h1:1", 0, 0.5}, {"http://h2:2", 0, 0.1}});
     const std::string url = "--url=" + service.url();
     const std::int64_t t0 = 1'767'225'600'000;  // 2026-01-01T00:00:00Z
     const ZuUuid person = ZuUuid::createUuid(), car = ZuUuid::createUuid(),

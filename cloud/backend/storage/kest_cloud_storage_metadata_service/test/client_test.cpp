@@ -10,9 +10,10 @@
 #include <kest/cloud/storage/api/client.h>
 #include <kest/cloud/storage/api/client_factory.h>
 #include <kest/utils/assert.h>
-
-#include "running_service.h"
-#include "scripted_distribution_storage.h"
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -55,7 +56,7 @@ protected:
         return api::ClientFactory::instance().create(kest::utils::Url(url));
     }
 
-    ScriptedDistributionGuard m_distribution;
+    ScriptedDistribution m_distribution;
     const ZuUuid m_device = ZuUuid::createUuid();
     const ZuUuid m_person = ZuUuid::createUuid();
     const ZuUuid m_car = ZuUuid::createUuid();
@@ -65,8 +66,8 @@ TEST_F(ClientTest, EveryOperationAsynchronouslyAndBlocking)
 {
     RunningService service(kUnreachableMongo);
     ASSERT_TRUE(service.started());
-    m_distribution.script->setAddresses({service.url()});
-    m_distribution.script->setLoads({{"http://h1:1", 0.1, 0.7}, {"http://h2:2", 0.9, 0.2}});
+    m_distribution.setAddresses({service.url()});
+    m_distribution.setLoads({{"http://h1:1", 0.1, 0.7}, {"http://h2:2", 0.9, 0.2}});
     const auto client = makeClient(service.url());
     ASSERT_TRUE(client);
     const std::int64_t t0 = 1'767'225'600'000;
@@ -124,10 +125,10 @@ TEST_F(ClientTest, EveryOperationAsynchronouslyAndBlocking)
     service.events().runOnWriter([](kest::sql::Database& db) { db.exec("PRAGMA query_only = 0"); });
     const DbErrorData expected{failing, {{5'000, 1}}};
     std::vector<DbErrorData> errors;
-    for (int i = 0; i < 500 && errors.empty(); ++i) {
+    waitFor([&] {
         std::tie(status, errors) = client->getErrorsSync({}, {failing, m_device});
-        std::this_thread::sleep_for(10ms);
-    }
+        return !errors.empty();
+    });
     EXPECT_EQ(status, StatusCode::ok);
     EXPECT_EQ(errors, std::vector{expected});
     // A small timestamp still reaches the service, which ignores values of two characters.

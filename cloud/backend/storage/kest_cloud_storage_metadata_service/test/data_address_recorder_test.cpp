@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <kest/cloud/storage/model/data_address_recorder.h>
+#include <kest/cloud/storage/testing/recording_data_distribution_storage.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
-#include "cluster_fakes.h"
+#include "log_capture.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -170,7 +172,7 @@ TEST_F(DataAddressRecorderTest, RestartRecordsNeitherAgainNorLess)
 // first; the first failure is a warning, the second an error with the spans, later ones a count.
 TEST_F(DataAddressRecorderTest, FailedSavesAreRetriedAfterNewSpans)
 {
-    LogLines log;
+    LogCapture log;
     auto recorder = makeRecorder();
     recorder->start();
     m_storage.holdWrites();
@@ -247,7 +249,7 @@ TEST_F(DataAddressRecorderTest, RefusedSpansGoLast)
 
 TEST_F(DataAddressRecorderTest, PendingRetriesAreBoundedDroppingTheOldest)
 {
-    LogLines log;
+    LogCapture log;
     auto recorder = makeRecorder(/*maxPending*/ 3);
     recorder->start();
     m_storage.holdWrites();
@@ -305,7 +307,7 @@ TEST_F(DataAddressRecorderTest, CompactionKeepsTheDocumentSmallAndEveryCommitCov
 // lost.
 TEST_F(DataAddressRecorderTest, StopHandsOverTheRetriesAndLaterFailuresAreLost)
 {
-    LogLines log;
+    LogCapture log;
     auto recorder = makeRecorder();
     recorder->start();
     m_storage.holdWrites();

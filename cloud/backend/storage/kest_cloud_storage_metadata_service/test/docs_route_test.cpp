@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <kest/cloud/storage/testing/running_service.h>
+
 #include <QFile>
 #include <tuple>
-
-#include "running_service.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <time.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -127,8 +130,10 @@ TEST_F(ErrorsStorageModelTest, ClearNamingEveryDeviceReturns)
     EXPECT_EQ(kDeviceB, errors[0].deviceId);
 }
 
-// A clear that names some devices must not return while another device is in the history. The
-// clear never ends, so it runs in a child process that a watchdog ends with a known code.
+// A clear that names some devices must not return while another device is in the history. It
+// spins on that device: once it has run for a fifth of a second of its own CPU time, millions of
+// turns, it is past any point where it could have returned, however loaded the machine is. The
+// clear never ends, so it runs in a child process.
 TEST(ErrorsStorageModelDeathTest, ClearNamingSomeDevicesWaitsForTheOthers)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -138,12 +143,23 @@ TEST(ErrorsStorageModelDeathTest, ClearNamingSomeDevicesWaitsForTheOthers)
             model->saveErrors(kest::sql::DBResult::ioError, {{kDeviceA, {{0, 10}}}});
             model->saveErrors(kest::sql::DBResult::ioError, {{kDeviceB, {{0, 10}}}});
             std::atomic<bool> returned{false};
-            std::thread([&] {
+            std::thread worker([&] {
                 model->clearData({kDeviceA}, 100ms);
                 returned = true;
-            }).detach();
-            std::this_thread::sleep_for(300ms);
-            std::_Exit(returned ? 1 : 42);
+            });
+            clockid_t clock;
+            pthread_getcpuclockid(worker.native_handle(), &clock);
+            worker.detach();
+            const auto spun = [&] {
+                timespec used{};
+                return clock_gettime(clock, &used) == 0 &&
+                       std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec) >=
+                           200ms;
+            };
+            const auto deadline = std::chrono::steady_clock::now() + 60s;
+            while (!returned && !spun() && std::chrono::steady_clock::now() < deadline)
+                std::this_thread::sleep_for(1ms);
+            std::_Exit(returned ? 1 : spun() ? 42 : 2);
         },
         ::testing::ExitedWithCode(42), "");
 }

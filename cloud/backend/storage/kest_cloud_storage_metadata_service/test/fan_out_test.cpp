@@ -10,11 +10,15 @@
 #include <kest/cloud/storage/api/client.h>
 #include <kest/cloud/storage/api/client_factory.h>
 #include <kest/utils/assert.h>
+#include <kest/cloud/storage/testing/keep_alive_connection.h>
+#include <kest/cloud/storage/testing/null_data_distribution_storage.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
 #include "fake_peers.h"
 #include "log_capture.h"
-#include "running_service.h"
-#include "scripted_distribution_storage.h"
 #include "scripted_peers.h"
 
 namespace kest::cloud::storage::metadatadb::test {
@@ -72,7 +76,7 @@ protected:
     /** A distributed search of the addresses, as the shared database would name them. */
     std::optional<HttpResponse> search(std::vector<std::string> addresses, bool lookupOk = true)
     {
-        m_distribution.script->setAddresses(std::move(addresses), lookupOk);
+        m_distribution.setAddresses(std::move(addresses), lookupOk);
         return m_service->get(dataTarget(m_request));
     }
 
@@ -87,7 +91,7 @@ protected:
         return tracks;
     }
 
-    ScriptedDistributionGuard m_distribution;
+    ScriptedDistribution m_distribution;
     Peers m_peers;
     api::ClientFactory::CreateFunction m_previousFactory;
     std::optional<RunningService> m_service;
@@ -167,22 +171,22 @@ TEST_F(FanOutTest, AnInstanceThatNeverAnswersIsCutOffByThePeerTimeout)
 
     // A requester that leaves mid-search: the replies that come later find the request gone.
     m_peers.set(good, {StatusCode::ok, {track("g")}, 100ms});
-    m_distribution.script->setAddresses({good, silent.url()});
+    m_distribution.setAddresses({good, silent.url()});
     {
         KeepAliveConnection leaving(m_service->port());
         ASSERT_TRUE(leaving.send("GET", dataTarget(m_request)));
+        ASSERT_TRUE(waitFor([&] { return m_peers.asked().size() == 2; }));
     }
-    std::this_thread::sleep_for(500ms);
+    // The silent instance is cut off then, and the search ends with nobody to answer.
+    ASSERT_TRUE(waitFor([&] { return log.count(kFailedReply) == 2; }));
     EXPECT_EQ(typesOf(tracksOf(search({good}))), std::vector<std::string>{"g"});
 }
 
 /** Answers its one address lookup only when destroyed, as a storage that finishes its queue. */
-class HeldLookupStorage : public ScriptedDistributionStorage
+class HeldLookupStorage : public NullDataDistributionStorage
 {
 public:
-    explicit HeldLookupStorage(std::promise<void>* asked)
-        : ScriptedDistributionStorage(std::make_shared<DistributionScript>()), m_asked(asked)
-    {}
+    explicit HeldLookupStorage(std::promise<void>* asked) : m_asked(asked) {}
     ~HeldLookupStorage() override
     {
         if (m_handler)
@@ -226,7 +230,7 @@ TEST(FanOutStopTest, ALookupThatEndsAfterTheServerIsGoneEndsTheRequest)
 TEST(FanOutPeerDeathTest, APeerKilledMidAnswerCostsOnlyItsOwnTracksAndNoTimeout)
 {
     constexpr auto kPeerTimeout = 10s;
-    ScriptedDistributionGuard distribution;
+    ScriptedDistribution distribution;
     RunningService service(kUnreachableMongo,
                            {"--cluster/peerTimeoutMs=" + std::to_string(kPeerTimeout / 1ms)});
     ASSERT_TRUE(service.started());
@@ -234,7 +238,7 @@ TEST(FanOutPeerDeathTest, APeerKilledMidAnswerCostsOnlyItsOwnTracksAndNoTimeout)
     ASSERT_EQ(service.post({packet(device, 1'767'225'600'000, kept, "person")}), 200);
 
     DyingPeer dying(300ms);
-    distribution.script->setAddresses({dying.url(), service.url()});
+    distribution.setAddresses({dying.url(), service.url()});
     DataRequestData request;
     request.filter.deviceIds = {device};
     LogCapture log;

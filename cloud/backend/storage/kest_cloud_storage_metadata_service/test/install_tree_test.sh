@@ -91,10 +91,12 @@ check_clients() {
 run_and_ping() {
   local name=$1; shift
   local log=$work/$name.log
+  # Made before the program starts, which would otherwise race the first look at it.
+  : >"$log"
   "$@" >"$log" 2>&1 &
   pid=$!
   local port=""
-  for _ in $(seq 1 200); do
+  for _ in $(seq 1 600); do
     port=$(sed -n 's/.*HTTP server is listening on { 127\.0\.0\.1:\([0-9]*\) }.*/\1/p' "$log" | head -n1)
     [ -n "$port" ] && break
     kill -0 "$pid" 2>/dev/null || break

@@ -4,8 +4,9 @@
 #include <limits>
 
 #include <kest/cloud/storage/model/instance_load_publisher.h>
+#include <kest/cloud/storage/testing/recording_data_distribution_storage.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
-#include "cluster_fakes.h"
 #include "storage_fakes.h"
 
 namespace kest::cloud::storage::metadatadb::test {
@@ -16,7 +17,7 @@ using kest::analytics::db::StorageStatistics;
 
 const std::string kHost = "http://10.1.1.2:8080";
 
-/** An events storage whose figures the test sets. */
+/** An events storage whose figures the test sets, and which counts how often they are read. */
 class StatisticsStorage : public FakeEventsStorage
 {
 public:
@@ -25,6 +26,7 @@ public:
     StorageStatistics statistics() const override
     {
         std::lock_guard lock(m_mutex);
+        ++m_reads;
         return m_statistics;
     }
     void set(const StorageStatistics& statistics)
@@ -32,10 +34,16 @@ public:
         std::lock_guard lock(m_mutex);
         m_statistics = statistics;
     }
+    int reads() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_reads;
+    }
 
 private:
     mutable std::mutex m_mutex;
     StorageStatistics m_statistics;
+    mutable int m_reads = 0;
 };
 
 StorageStatistics figures(std::uint64_t accepted, std::uint64_t queued, std::uint64_t storeBytes,
@@ -92,26 +100,29 @@ TEST(InstanceLoadPublisherTest, PublishesOnItsIntervalAndMarksTheStop)
     EventLog log;
     StatisticsStorage events(&log);
     RecordingDataDistributionStorage storage;
-    {
-        InstanceLoadPublisher publisher(&storage, &events, kHost, 20ms, 50'000);
-        events.set(figures(0, 0, 0, 0));
-        publisher.start();
-        ASSERT_EQ(storage.loads().size(), 1u);
-        EXPECT_EQ(storage.loads()[0], (InstanseLoad{kHost, 0, 0}));
+    InstanceLoadPublisher publisher(&storage, &events, kHost, 20ms, 50'000);
+    events.set(figures(0, 0, 0, 0));
+    publisher.start();
+    ASSERT_EQ(storage.loads().size(), 1u);
+    EXPECT_EQ(storage.loads()[0], (InstanseLoad{kHost, 0, 0}));
 
-        std::this_thread::sleep_for(200ms);
-        EXPECT_EQ(storage.loads().size(), 1u) << "an idle instance repeats no figures";
+    // Sampled on the interval; an idle instance repeats no figures.
+    ASSERT_TRUE(waitFor([&] { return events.reads() >= 4; }));
+    EXPECT_EQ(storage.loads().size(), 1u);
 
-        events.set(figures(0, 250, 0, 0));
-        ASSERT_TRUE(waitFor([&] { return storage.loads().size() >= 2; }));
-        EXPECT_DOUBLE_EQ(storage.loads()[1].shortLoadMetric, 0.25);
-        publisher.stop();
-    }
+    events.set(figures(0, 250, 0, 0));
+    ASSERT_TRUE(waitFor([&] { return storage.loads().size() >= 2; }));
+    EXPECT_DOUBLE_EQ(storage.loads()[1].shortLoadMetric, 0.25);
+
+    publisher.stop();
     const auto loads = storage.loads();
     constexpr double kStopped = std::numeric_limits<double>::max();
     EXPECT_EQ(loads.back(), (InstanseLoad{kHost, kStopped, kStopped}));
-    std::this_thread::sleep_for(60ms);
-    EXPECT_EQ(storage.loads().size(), loads.size()) << "nothing after the stop";
+    // Changed figures after the stop are not published: the stopped ones stay the last.
+    events.set(figures(0, 500, 0, 0));
+    publisher.publish();
+    publisher.stop();
+    EXPECT_EQ(storage.loads(), loads);
 }
 
 }  // namespace

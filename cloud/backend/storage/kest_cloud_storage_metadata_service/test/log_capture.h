@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <kest/utils/log/logger.h>
@@ -12,12 +13,14 @@ namespace kest::cloud::storage::metadatadb::test {
 class LogCapture
 {
 public:
+    using Level = kest::utils::log::Level;
+
     LogCapture()
     {
         m_id = kest::utils::log::Logger::instance().addObserver(
-            [this](kest::utils::log::Level, const std::string&, const std::string& message) {
+            [this](Level level, const std::string&, const std::string& message) {
                 std::lock_guard lock(m_mutex);
-                m_lines.push_back(message);
+                m_lines.emplace_back(level, message);
             });
     }
     ~LogCapture() { kest::utils::log::Logger::instance().removeObserver(m_id); }
@@ -31,15 +34,27 @@ public:
     {
         std::lock_guard lock(m_mutex);
         int n = 0;
-        for (const auto& line : m_lines)
+        for (const auto& [level, line] : m_lines)
             n += line.find(text) != std::string::npos ? 1 : 0;
         return n;
+    }
+
+    /** The lines of `level` that contain `text`. */
+    std::vector<std::string> find(Level level, const std::string& text) const
+    {
+        std::lock_guard lock(m_mutex);
+        std::vector<std::string> found;
+        for (const auto& [lineLevel, line] : m_lines) {
+            if (lineLevel == level && line.find(text) != std::string::npos)
+                found.push_back(line);
+        }
+        return found;
     }
 
     bool containsLine(const std::string& line) const
     {
         std::lock_guard lock(m_mutex);
-        for (const auto& l : m_lines) {
+        for (const auto& [level, l] : m_lines) {
             if (l == line)
                 return true;
         }
@@ -49,7 +64,7 @@ public:
 private:
     int m_id = 0;
     mutable std::mutex m_mutex;
-    std::vector<std::string> m_lines;
+    std::vector<std::pair<Level, std::string>> m_lines;
 };
 
 }  // namespace kest::cloud::storage::metadatadb::test

@@ -3,14 +3,18 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
+
 #include <map>
 #include <regex>
 #include <set>
 #include <thread>
 
 #include "fake_peers.h"
-#include "running_service.h"
-#include "scripted_distribution_storage.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -103,7 +107,7 @@ std::string request(const std::string& route, const std::string& method, int sta
 
 TEST(MetricsEndpointTest, CountsMoveWithTrafficAndThePageReadsAsTheTextFormat)
 {
-    ScriptedDistributionGuard distribution;
+    ScriptedDistribution distribution;
     RunningService service(kUnreachableMongo, {"--cluster/peerTimeoutMs=500"});
     ASSERT_TRUE(service.started());
 
@@ -123,7 +127,7 @@ TEST(MetricsEndpointTest, CountsMoveWithTrafficAndThePageReadsAsTheTextFormat)
     // never answers.
     DyingPeer dying(0ms);
     SilentPeer silent;
-    distribution.script->setAddresses({service.url(), dying.url(), silent.url()});
+    distribution.setAddresses({service.url(), dying.url(), silent.url()});
     search.internal_lookup = false;
     const auto distributed = service.get(dataTarget(search));
     ASSERT_EQ(distributed->status, 200);

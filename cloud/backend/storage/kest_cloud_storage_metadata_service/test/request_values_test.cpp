@@ -15,8 +15,8 @@
 #include <kest/network/http/api/api_request_result.h>
 #include <kest/reflect/json.h>
 #include <kest/reflect/utf8.h>
-
-#include "running_service.h"
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

@@ -12,13 +12,16 @@
 
 #include <kest/cloud/storage/api/client.h>
 #include <kest/network/http/server/token_table.h>
+#include <kest/cloud/storage/testing/keep_alive_connection.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
+#include <kest/cloud/storage/testing/service_process.h>
+#include <kest/cloud/storage/testing/temporary_directory.h>
 #include <kest/network/ssl/tls_errors.h>
+#include <kest/network/testing/test_certificates.h>
 
 #include "log_capture.h"
-#include "running_service.h"
-#include "scripted_distribution_storage.h"
-#include "service_process.h"
-#include "test_certificates.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -114,7 +117,7 @@ protected:
     }
 
     TestCertificates certificates;
-    ScriptedDistributionGuard m_distribution;
+    ScriptedDistribution m_distribution;
     const std::string m_tokensFile =
         "/tmp/kest_service_tokens_" + std::to_string(::getpid()) + ".txt";
     const ZuUuid m_device = ZuUuid::createUuid();
@@ -159,7 +162,7 @@ TEST_F(SecureServiceTest, TheClientLibraryWorksWithATlsInstanceThatTrustsItsCert
 
     // The instance asks itself over https, presenting its own certificate, named
     // "metadata-storage" in the tokens file.
-    m_distribution.script->setAddresses({httpsUrl(service)});
+    m_distribution.setAddresses({httpsUrl(service)});
     std::tie(status, tracks) = client(httpsUrl(service), kReader)->getDataSync(search(false));
     EXPECT_EQ(status, StatusCode::ok);
     EXPECT_EQ(tracks.size(), 60u);
@@ -200,7 +203,7 @@ TEST_F(SecureServiceTest, ADistributedSearchAsksTlsInstancesWithThePeerTokenOfTh
                   std::make_tuple(StatusCode::ok));
         instance->events().flush();
     }
-    m_distribution.script->setAddresses(urls);
+    m_distribution.setAddresses(urls);
     std::sort(tracks.begin(), tracks.end());
 
     const auto [status, found] = client(urls[0], kReader)->getDataSync(search(false));
@@ -259,7 +262,7 @@ TEST_F(SecureServiceTest, TokensGuardEveryRouteAndThePingStaysOpenUnlessAsked)
     const auto refused = call(service.port(), "GET", data, "");
     ASSERT_TRUE(refused);
     EXPECT_NE(refused->head.find("\r\nWWW-Authenticate: Bearer"), std::string::npos);
-    EXPECT_TRUE(hasJsonContentType(*refused));
+    EXPECT_TRUE(refused->hasJsonContentType());
     EXPECT_NE(refused->body.find(R"("errorClass":"2")"), std::string::npos) << refused->body;
 
     const auto metrics = call(service.port(), "GET", "/metadataDb/metrics", kOps);

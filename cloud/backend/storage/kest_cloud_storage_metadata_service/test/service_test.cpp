@@ -16,11 +16,11 @@
 #include <kest/analytics_db/events_storage.h>
 #include <kest/cloud/storage/test_launcher.h>
 #include <kest/utils/log/logger.h>
+#include <kest/cloud/storage/testing/http_exchange.h>
+#include <kest/cloud/storage/testing/service_process.h>
+#include <kest/cloud/storage/testing/temporary_directory.h>
 
-#include "http_test_client.h"
-#include "service_process.h"
 #include "storage_fakes.h"
-#include "temporary_directory.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

@@ -11,8 +11,7 @@
 #include <kest/analytics_db/abstract_events_storage.h>
 #include <kest/cloud/storage/model/data_distrib_storage_factory.h>
 #include <kest/cloud/storage/model/dd_provider_factory.h>
-
-#include "null_data_distribution_storage.h"
+#include <kest/cloud/storage/testing/null_data_distribution_storage.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 

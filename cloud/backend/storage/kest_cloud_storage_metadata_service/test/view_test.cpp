@@ -7,8 +7,8 @@
 #include <kest/cloud/storage/model/model.h>
 #include <kest/cloud/storage/settings.h>
 #include <kest/cloud/storage/view/view.h>
+#include <kest/cloud/storage/testing/http_exchange.h>
 
-#include "http_test_client.h"
 #include "storage_fakes.h"
 
 namespace kest::cloud::storage::metadatadb::test {

@@ -12,9 +12,4 @@ QString companyId()
     return QStringLiteral("kest");
 }
 
-QString productName()
-{
-    return QStringLiteral("Kest Cloud Metadata Storage");
-}
-
 }  // namespace kest::branding

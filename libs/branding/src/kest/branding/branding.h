@@ -1,7 +1,7 @@
 #pragma once
 
-// Build-time names of the maker and the product: the service name, the settings organisation
-// and the default data directory are derived from them.
+// Build-time names of the maker: the service name and the default data directory are derived
+// from them.
 
 #include <QString>
 
@@ -12,8 +12,5 @@ QString company();
 
 /** The company identifier used in paths: short and lower-case ("kest"). */
 QString companyId();
-
-/** The product name as shown to people. */
-QString productName();
 
 }  // namespace kest::branding

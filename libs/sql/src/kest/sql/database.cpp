@@ -120,11 +120,6 @@ std::int64_t Database::lastInsertRowId() const
     return sqlite3_last_insert_rowid(m_db);
 }
 
-int Database::changes() const
-{
-    return sqlite3_changes(m_db);
-}
-
 DBResult Database::fail(int code, std::string_view context)
 {
     m_lastResult = fromSqliteCode(code);

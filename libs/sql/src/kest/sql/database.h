@@ -49,7 +49,6 @@ public:
     std::unique_ptr<Statement> prepare(std::string_view sql);
 
     std::int64_t lastInsertRowId() const;
-    int changes() const;
 
     /** The text and result of the last failure on this connection. */
     const std::string& lastError() const { return m_lastError; }

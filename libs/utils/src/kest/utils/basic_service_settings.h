@@ -36,7 +36,6 @@ public:
     const QString& companyName() const { return m_companyName; }
     const QString& moduleName() const { return m_moduleName; }
     /** The settings file given on the command line; empty when none. */
-    const QString& configFilePath() const { return m_configFilePath; }
 
     /** The usage text printed by printCmdLineArgsHelp(). */
     std::string cmdLineArgsHelp() const;

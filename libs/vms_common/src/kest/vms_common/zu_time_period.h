@@ -33,7 +33,6 @@ struct ZuTimePeriod
     /** Start plus duration; kMaxTimeMs for an infinite period (saturating, never overflows). */
     std::int64_t endTimeMs() const;
     std::chrono::milliseconds endTime() const { return std::chrono::milliseconds(endTimeMs()); }
-    std::chrono::milliseconds startTime() const { return std::chrono::milliseconds(startTimeMs); }
 
     /** True when the two periods share some time (touching ends do not count). */
     bool intersects(const ZuTimePeriod& other) const;

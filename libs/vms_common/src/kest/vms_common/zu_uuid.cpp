@@ -53,11 +53,6 @@ QString ZuUuid::toString() const
     return m_uuid.toString(QUuid::WithBraces);
 }
 
-QString ZuUuid::toSimpleString() const
-{
-    return m_uuid.toString(QUuid::WithoutBraces);
-}
-
 std::string toString(const ZuUuid& id)
 {
     return id.toStdString();

@@ -28,7 +28,6 @@ public:
     std::string toStdString() const;
     std::string toSimpleStdString() const;
     QString toString() const;
-    QString toSimpleString() const;
     const QUuid& toQUuid() const { return m_uuid; }
 
     friend bool operator==(const ZuUuid&, const ZuUuid&) = default;

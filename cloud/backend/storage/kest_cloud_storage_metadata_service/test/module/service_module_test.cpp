@@ -11,9 +11,8 @@
 #include <stdexcept>
 
 #include <kest/utils/service_module.h>
-
-#include "../http_test_client.h"
-#include "../service_process.h"
+#include <kest/cloud/storage/testing/http_exchange.h>
+#include <kest/cloud/storage/testing/service_process.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

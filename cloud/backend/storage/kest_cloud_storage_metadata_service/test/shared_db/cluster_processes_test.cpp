@@ -6,17 +6,21 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <fstream>
 #include <future>
 #include <map>
 #include <set>
-#include <thread>
+#include <sstream>
 
 #include <kest/cloud/storage/api/client_factory.h>
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
+#include <kest/cloud/storage/testing/http_exchange.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/service_process.h>
+#include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
 #include "../mongo_test_fixture.h"
-#include "../running_service.h"
-#include "../service_process.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -25,7 +29,7 @@ using namespace std::chrono_literals;
 using kest::analytics::db::ObjectTrackEx;
 using kest::network::http::StatusCode;
 
-constexpr auto kPeerTimeout = 1000ms;
+constexpr auto kPeerTimeout = 3000ms;
 
 const std::vector<std::string> kQuickSettings{
     "--cluster/dataAddressFlushIntervalMs=200", "--cluster/loadPublishIntervalMs=200",
@@ -45,9 +49,8 @@ struct Instance
             "--cluster/advertisedUrl=" + url};
         args.insert(args.end(), settings.begin(), settings.end());
         process = std::make_unique<ServiceProcess>(KEST_METADATA_STORAGE_PATH, std::move(args));
-        for (int i = 0; i < 200 && !answersPing(port); ++i)
-            std::this_thread::sleep_for(50ms);
-        started = answersPing(port);
+        this->port = port;
+        started = waitFor([&] { return answersPing(port); });
         client = api::ClientFactory::instance().create(kest::utils::Url(url));
     }
 
@@ -58,11 +61,35 @@ struct Instance
     }
 
     TemporaryDirectory dir;
+    std::uint16_t port = 0;
     std::string url;
     std::unique_ptr<ServiceProcess> process;
     std::unique_ptr<api::AbstractClient> client;
     bool started = false;
 };
+
+/**
+ * What waits unread at a loopback port, as the kernel counts it: connections not yet accepted,
+ * and connections with bytes not yet read. It grows when a request reaches a stopped process.
+ */
+std::size_t waitingAt(std::uint16_t port)
+{
+    std::ifstream table("/proc/net/tcp");
+    std::string line;
+    std::getline(table, line);  // The heading.
+    std::size_t waiting = 0;
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot, local, remote, state, queues;
+        fields >> slot >> local >> remote >> state >> queues;
+        if (std::stoul(local.substr(local.find(':') + 1), nullptr, 16) != port)
+            continue;
+        const auto received = std::stoul(queues.substr(queues.find(':') + 1), nullptr, 16);
+        constexpr const char* kListening = "0A";  //< Its queue is the connections not accepted.
+        waiting += state == kListening ? received : (received > 0 ? 1 : 0);
+    }
+    return waiting;
+}
 
 std::set<ZuUuid> idsOf(const std::vector<ObjectTrackEx>& tracks)
 {
@@ -140,20 +167,19 @@ TEST_F(ClusterProcessesTest, EveryInstanceFindsEveryInstancesDataAndLosingOneLos
     // Found once each instance has committed its packets and recorded where they are.
     for (const auto& instance : m_instances) {
         std::tuple<StatusCode::Value, std::vector<ObjectTrackEx>> result;
-        const auto deadline = std::chrono::steady_clock::now() + 20s;
-        do {
+        waitFor([&] {
             result = instance->client->getDataSync(search);
-        } while (idsOf(std::get<1>(result)) != all && std::chrono::steady_clock::now() < deadline &&
-                 (std::this_thread::sleep_for(50ms), true));
+            return idsOf(std::get<1>(result)) == all;
+        });
         EXPECT_EQ(std::get<0>(result), StatusCode::ok) << instance->url;
         EXPECT_EQ(idsOf(std::get<1>(result)), all) << instance->url;
     }
 
     std::tuple<StatusCode::Value, std::string> choice;
-    for (int i = 0; i < 200 && std::get<0>(choice) != StatusCode::ok; ++i) {
+    waitFor([&] {
         choice = m_instances[1]->client->getOptimalInstanceSync({{}, ZuUuid::createUuid()});
-        std::this_thread::sleep_for(50ms);
-    }
+        return std::get<0>(choice) == StatusCode::ok;
+    });
     ASSERT_EQ(std::get<0>(choice), StatusCode::ok);
     EXPECT_TRUE(std::get<1>(choice) == m_instances[0]->url ||
                 std::get<1>(choice) == m_instances[1]->url ||
@@ -172,10 +198,11 @@ TEST_F(ClusterProcessesTest, EveryInstanceFindsEveryInstancesDataAndLosingOneLos
 
     // Killed while the search to it is in flight: its connection is reset, and the search ends
     // then, not at the peer timeout.
+    const std::size_t waitingBefore = waitingAt(m_instances[2]->port);
     started = std::chrono::steady_clock::now();
     auto inFlight = std::async(std::launch::async,
                                [&]() { return m_instances[1]->client->getDataSync(search); });
-    std::this_thread::sleep_for(kPeerTimeout / 4);
+    ASSERT_TRUE(waitFor([&] { return waitingAt(m_instances[2]->port) > waitingBefore; }));
     m_instances[2]->process->signal(SIGKILL);
     std::tie(status, tracks) = inFlight.get();
     EXPECT_EQ(status, StatusCode::ok);

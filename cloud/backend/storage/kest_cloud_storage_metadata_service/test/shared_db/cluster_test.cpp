@@ -8,8 +8,9 @@
 #include <kest/cloud/storage/model/dd_provider_factory.h>
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 #include <kest/cloud/storage/test_launcher.h>
+#include <kest/cloud/storage/testing/recording_data_distribution_storage.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
-#include "../cluster_fakes.h"
 #include "../mongo_test_fixture.h"
 
 namespace kest::cloud::storage::metadatadb::test {

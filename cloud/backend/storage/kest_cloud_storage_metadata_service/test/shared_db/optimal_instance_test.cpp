@@ -7,10 +7,11 @@
 
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 #include <kest/reflect/json.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 
 #include "../log_capture.h"
 #include "../mongo_test_fixture.h"
-#include "../running_service.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -51,7 +52,7 @@ TEST_F(OptimalInstanceTest, OptimalInstanceIsTheFirstOfTheLeastLoadedHosts)
             return "no response";
         if (response->status != 200)
             return std::to_string(response->status) + response->body;
-        EXPECT_TRUE(hasJsonContentType(*response));
+        EXPECT_TRUE(response->hasJsonContentType());
         // A bare JSON string: not a document the record reader takes, so parse it first.
         rapidjson::Document document;
         document.Parse(response->body.c_str());
@@ -85,8 +86,7 @@ TEST_F(OptimalInstanceTest, OptimalInstanceIsTheFirstOfTheLeastLoadedHosts)
 
     m_storage->saveInstanceLoad({"http://h4:4", 0.0, 0.05});
     std::string host;
-    for (int i = 0; i < 500 && (host = chosenHost()) != "http://h4:4"; ++i)
-        std::this_thread::sleep_for(10ms);
+    waitFor([&] { return (host = chosenHost()) == "http://h4:4"; });
     EXPECT_EQ("http://h4:4", host);
 
     // One record of the wrong shape spoils the whole choice.

@@ -141,7 +141,6 @@ public:
     }
 
     SerializationFormat inputFormat() const { return m_inputFormat; }
-    SerializationFormat outputFormat() const { return m_outputFormat; }
     const std::string& requestPath() const { return m_requestPath; }
 
 protected:

@@ -98,10 +98,6 @@ public:
     {
         doRequest("GET", url, std::move(handler));
     }
-    void doPost(const kest::utils::Url& url, Handler handler)
-    {
-        doRequest("POST", url, std::move(handler));
-    }
 
     /** Must be called while no exchange is running. */
     void bindToAioThread(aio::AbstractAioThread* aioThread) override;

@@ -30,7 +30,6 @@ public:
     ClientConnection(const ClientConnection&) = delete;
     ClientConnection& operator=(const ClientConnection&) = delete;
 
-    bool isTls() const { return m_tls.has_value(); }
     /** The TCP socket under the stream. */
     boost::asio::ip::tcp::socket& socket() { return m_tls ? m_tls->next_layer() : *m_plain; }
     /** Null unless TLS. */

@@ -11,8 +11,6 @@ namespace kest::network::http::client {
 namespace {
 
 std::atomic<std::size_t> g_maxIdlePerHost{ConnectionPool::kDefaultMaxIdlePerHost};
-std::atomic<std::chrono::milliseconds::rep> g_idleTimeoutMs{
-    ConnectionPool::kDefaultIdleTimeout.count()};
 
 /**
  * Whether an idle connection can still carry a request: the peer has neither closed it nor sent
@@ -69,16 +67,6 @@ std::size_t ConnectionPool::maxIdlePerHost()
     return g_maxIdlePerHost.load();
 }
 
-void ConnectionPool::setIdleTimeout(std::chrono::milliseconds value)
-{
-    g_idleTimeoutMs = value.count();
-}
-
-std::chrono::milliseconds ConnectionPool::idleTimeout()
-{
-    return std::chrono::milliseconds(g_idleTimeoutMs.load());
-}
-
 std::unique_ptr<ClientConnection> ConnectionPool::take(const std::string& key)
 {
     const auto it = m_idle.find(key);
@@ -122,13 +110,11 @@ void ConnectionPool::put(const std::string& key, std::unique_ptr<ClientConnectio
                                               if (error != boost::asio::error::operation_aborted)
                                                   drop(key, id);
                                           });
-    if (const auto timeout = idleTimeout(); timeout.count() > 0) {
-        idle->expiry.expires_after(timeout);
-        idle->expiry.async_wait([this, key, id](const boost::system::error_code& error) {
-            if (!error)
-                drop(key, id);
-        });
-    }
+    idle->expiry.expires_after(kIdleTimeout);
+    idle->expiry.async_wait([this, key, id](const boost::system::error_code& error) {
+        if (!error)
+            drop(key, id);
+    });
 }
 
 std::size_t ConnectionPool::idleCount(const std::string& key) const

@@ -39,7 +39,7 @@ public:
     static constexpr std::size_t kDefaultMaxIdlePerHost = 8;
     /** Shorter than the usual server keep-alive (our own server's is a minute), so that it is
      * mostly us who close, not the peer just as we send. */
-    static constexpr std::chrono::milliseconds kDefaultIdleTimeout{30'000};
+    static constexpr std::chrono::milliseconds kIdleTimeout{30'000};
 
     explicit ConnectionPool(boost::asio::io_context& ioContext);
     ~ConnectionPool() override;
@@ -50,9 +50,6 @@ public:
     /** Process-wide; applies to connections put into a pool from then on. 0 keeps none idle. */
     static void setMaxIdlePerHost(std::size_t value);
     static std::size_t maxIdlePerHost();
-    /** Process-wide; applies to connections put into a pool from then on. 0 means no limit. */
-    static void setIdleTimeout(std::chrono::milliseconds value);
-    static std::chrono::milliseconds idleTimeout();
 
     /** The connection used most recently that still looks open, or nothing. */
     std::unique_ptr<ClientConnection> take(const std::string& key);

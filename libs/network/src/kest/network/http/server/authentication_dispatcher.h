@@ -29,7 +29,6 @@ public:
 
     /** Set once before the server starts (the server builder does it). */
     void setNextDispatcher(AbstractMessageDispatcher* next) { m_next = next; }
-    AbstractMessageDispatcher* nextDispatcher() const { return m_next; }
 
     void addAuthenticator(Authenticator authenticator);
 

@@ -27,13 +27,17 @@ BOOST_DESCRIBE_STRUCT(ErrorsRequestData, (), (timestamp, count, clearData))
 /**
  * Reads the query as deployed clients write it:
  * - "timestamp" only when longer than two characters, as std::stoul reads it (leading digits,
- *   the rest ignored); throws std::invalid_argument or std::out_of_range when it cannot;
+ *   the rest ignored);
  * - "clearData" always set, true only for exactly "true";
  * - "count" when not empty; text that is not a number reads as 0.
- * Always true.
+ * Returns true whenever it returns: a timestamp that std::stoul cannot read throws its
+ * std::invalid_argument or std::out_of_range instead.
  */
 bool loadFromUrlQuery(const QUrlQuery& query, ErrorsRequestData* data);
-/** The same, but a timestamp that does not convert is a failure that `error` describes. */
+/**
+ * The same, but never throws: a timestamp that does not convert makes it return false with
+ * `error` naming the item. The request frame reads the query with this one.
+ */
 bool loadFromUrlQuery(const QUrlQuery& query, ErrorsRequestData* data, std::string* error);
 
 /**
