@@ -177,7 +177,12 @@ std::size_t fill(const Options& options, std::vector<std::unique_ptr<Instance>>&
         std::vector<ObjectMetadataPacket> packets;
         const auto send = [&]() {
             for (Instance* target : {cluster[i].get(), &single}) {
-                if (std::get<0>(target->client->saveDataSync(packets)) != StatusCode::ok) {
+                // A storage that has just started takes packets at a cautious pace and refuses
+                // more for a moment, as it would refuse any client: wait as a client would.
+                const bool saved = test::waitFor([&] {
+                    return std::get<0>(target->client->saveDataSync(packets)) == StatusCode::ok;
+                });
+                if (!saved) {
                     std::fprintf(stderr, "saving to %s failed\n", target->url.c_str());
                     std::exit(1);
                 }
