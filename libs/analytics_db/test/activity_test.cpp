@@ -471,16 +471,19 @@ TEST_F(ActivityStoreTest, EachFilterFieldNarrowsTheCount)
               (std::map<std::string, std::int64_t>{{"car", 2}, {"person", 1}}));
 }
 
-/** Random filters over `devices` devices, with the words and types the stores below use. */
+/**
+ * Random filters over `devices` devices, with the words and types the stores below use; a box and
+ * the heatmap with `grids`, an engine and a track id with `keys`.
+ */
 ActivityQuery randomQuery(std::mt19937& random, std::int64_t t0Us, int devices, int tracks,
-                          bool anyField)
+                          bool grids, bool keys)
 {
     static const std::vector<std::string> types{"car", "person", "truck", "bicycle"};
     static const std::vector<std::string> words{"red", "blue", "green", "tall", "toyota"};
     const std::int64_t bucketMs = std::int64_t{1000} << (random() % 18);
     ActivityQuery query =
         queryOf(t0Us / 1000 - 600'000 + random() % 1'800'000, 60'000 + random() % 4'000'000,
-                std::max<std::int64_t>(bucketMs, 400), anyField && random() % 2);
+                std::max<std::int64_t>(bucketMs, 400), grids && random() % 2);
     if (query.bucketCount() > ActivityQuery::kMaxBuckets)
         query.bucketMs = query.filter.timePeriod.durationMs / 1000 + 1;
     Filter& filter = query.filter;
@@ -493,10 +496,10 @@ ActivityQuery randomQuery(std::mt19937& random, std::int64_t t0Us, int devices, 
         filter.freeText = words[random() % words.size()].substr(0, 2 + random() % 3);
     if (random() % 5 == 0)
         filter.withBestShotOnly = true;
-    if (!anyField)
-        return query;
-    if (random() % 4 == 0)
+    if (grids && random() % 4 == 0)
         filter.boundingBox = Rect{(random() % 50) / 100.0, (random() % 50) / 100.0, 0.5, 0.5};
+    if (!keys)
+        return query;
     if (random() % 5 == 0)
         filter.analyticsEngineId = numbered("eeeeeeee", 1 + random() % 2);
     if (random() % 10 == 0)
@@ -559,7 +562,7 @@ TEST_F(ActivityStoreTest, CountsAgreeWithABruteForceCountOfTheSearchedTracks)
 
     int nonEmpty = 0;
     for (int round = 0; round < 60; ++round) {
-        const ActivityQuery query = randomQuery(random, t0Us, 4, 150, /*anyField*/ true);
+        const ActivityQuery query = randomQuery(random, t0Us, 4, 150, /*grids*/ true, /*keys*/ true);
         const auto [code, activity] = count(query);
         ASSERT_EQ(code, ResultCode::ok);
         const std::vector<ObjectTrackEx> found = find(query.filter);
@@ -571,7 +574,8 @@ TEST_F(ActivityStoreTest, CountsAgreeWithABruteForceCountOfTheSearchedTracks)
 }
 
 // Counts of written tracks from the index and from the track table agree, with each other and
-// with the search; the filters are those that the index can count.
+// with the search; the filters are those that the index selects by, with grids read from the
+// rows (a few of them one by one, many in one pass).
 TEST_F(ActivityStoreTest, TheIndexCountsAsTheTrackTable)
 {
     std::mt19937 random(5);
@@ -592,7 +596,7 @@ TEST_F(ActivityStoreTest, TheIndexCountsAsTheTrackTable)
     ActivityCounter indexed(reader.database(), nullptr, index);
     ActivityCounter fromTable(reader.database(), nullptr, nullptr);
     for (int round = 0; round < 60; ++round) {
-        const ActivityQuery query = randomQuery(random, t0Us, 6, 300, /*anyField*/ false);
+        const ActivityQuery query = randomQuery(random, t0Us, 6, 300, /*grids*/ true, /*keys*/ false);
         Activity a, b;
         ASSERT_EQ(indexed.count(query, &a), ResultCode::ok);
         EXPECT_EQ(indexed.lastSource(), ActivityCounter::Source::index);

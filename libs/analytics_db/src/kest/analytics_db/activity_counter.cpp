@@ -151,9 +151,9 @@ DBResult ActivityCounter::countOnce(const ActivityQuery& query, bool lastAttempt
                                     ActivityHistogram* histogram, bool* retry)
 {
     const Filter& filter = query.filter;
-    // The index holds neither grids, engines nor track ids.
-    const bool indexable = m_index && !query.heatmap && !filter.boundingBox &&
-                           filter.objectTrackId.isNull() && filter.analyticsEngineId.isNull();
+    // The index holds neither engines nor track ids; grids it leaves to the track rows.
+    const bool indexable =
+        m_index && filter.objectTrackId.isNull() && filter.analyticsEngineId.isNull();
     // Taken before the read transaction starts: see ActivityIndex.
     std::optional<ActivityIndex::Reader> index;
     if (indexable)
@@ -203,7 +203,7 @@ DBResult ActivityCounter::countOnce(const ActivityQuery& query, bool lastAttempt
         return DBResult::ok;
     if (index) {
         m_lastSource = Source::index;
-        return countIndexed(query, keys, *index, replaced, histogram);
+        return countIndexed(query, keys, &index, replaced, histogram);
     }
     m_lastSource = Source::table;
     return countTable(query, keys, state.maxSpanUs, replaced, histogram);
@@ -279,11 +279,14 @@ void ActivityCounter::countOpen(const ActivityQuery& query, const OpenTracks& op
 }
 
 DBResult ActivityCounter::countIndexed(const ActivityQuery& query, const Keys& keys,
-                                       const ActivityIndex::Reader& index,
+                                       std::optional<ActivityIndex::Reader>* indexReader,
                                        const std::vector<std::int64_t>& replaced,
                                        ActivityHistogram* histogram)
 {
     const Filter& filter = query.filter;
+    const ActivityIndex::Reader& index = **indexReader;
+    const bool needsGrids = query.heatmap || filter.boundingBox;
+    std::vector<Match> matches;
     const std::int64_t startMs = filter.timePeriod.startTimeMs;
     const std::int64_t endMs = filter.timePeriod.endTimeMs();
     const bool bestShotOnly = filter.withBestShotOnly;
@@ -302,7 +305,7 @@ DBResult ActivityCounter::countIndexed(const ActivityQuery& query, const Keys& k
         }
         return slot;
     };
-    const auto add = [&](const ActivityIndex::Entry& entry) {
+    const auto add = [&](std::int64_t rowId, const ActivityIndex::Entry& entry) {
         if (entry.firstMs >= endMs || entry.lastMs < startMs || (bestShotOnly && !entry.bestShot))
             return;
         if (!keys.deviceSelected.empty() &&
@@ -310,7 +313,11 @@ DBResult ActivityCounter::countIndexed(const ActivityQuery& query, const Keys& k
             return;
         }
         const std::int64_t slot = slotOf(entry.type);
-        if (slot >= 0)
+        if (slot < 0)
+            return;
+        if (needsGrids)
+            matches.push_back({rowId, slot, entry.firstMs, entry.lastMs});
+        else
             histogram->addMs(static_cast<std::size_t>(slot), entry.firstMs, entry.lastMs);
     };
 
@@ -320,22 +327,79 @@ DBResult ActivityCounter::countIndexed(const ActivityQuery& query, const Keys& k
             while (next != replaced.end() && *next < rowId)
                 ++next;
             if (next == replaced.end() || *next != rowId)
-                add(entry);
+                add(rowId, entry);
         });
-        return DBResult::ok;
+    } else {
+        auto* s = m_db.cached("SELECT rowid FROM track_text WHERE track_text MATCH ?");
+        if (!s)
+            return m_db.lastResult();
+        s->bindText(1, TrackReader::ftsQuery(m_words));
+        while (s->step()) {
+            const std::int64_t rowId = s->int64(0);
+            if (const ActivityIndex::Entry* entry = index.find(rowId);
+                entry && !isReplaced(replaced, rowId)) {
+                add(rowId, *entry);
+            }
+        }
+        if (s->result() != DBResult::ok)
+            return s->result();
     }
-    auto* s = m_db.cached("SELECT rowid FROM track_text WHERE track_text MATCH ?");
+    if (!needsGrids)
+        return DBResult::ok;
+    const std::size_t stored = index.size();
+    // The rows are read in the transaction's state, which is the index's: it may change now.
+    indexReader->reset();
+    return countGrids(query, &matches, stored, histogram);
+}
+
+DBResult ActivityCounter::countGrids(const ActivityQuery& query, std::vector<Match>* matches,
+                                     std::size_t storedTracks, ActivityHistogram* histogram)
+{
+    const std::optional<BoundingBoxGrid> box =
+        query.filter.boundingBox ? std::optional(BoundingBoxGrid::ofRect(*query.filter.boundingBox))
+                                 : std::nullopt;
+    const auto add = [&](const Match& match, std::string_view compactGrid) {
+        const BoundingBoxGrid grid = BoundingBoxGrid::fromCompact(compactGrid);
+        if (box && !grid.intersects(*box))
+            return;
+        histogram->addMs(static_cast<std::size_t>(match.slot), match.firstMs, match.lastMs);
+        histogram->addCells(grid);
+    };
+    std::sort(matches->begin(), matches->end(),
+              [](const Match& a, const Match& b) { return a.rowId < b.rowId; });
+    const auto missing = [&] {
+        return m_db.fail(1 /*SQLITE_ERROR*/, "a track row of the activity index is missing");
+    };
+
+    // A large share of the rows is read faster in one pass over the table than one by one.
+    if (matches->size() * kGridScanShare >= storedTracks) {
+        auto* s = m_db.cached("SELECT id, grid FROM track WHERE id >= ? ORDER BY id");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, matches->empty() ? 0 : matches->front().rowId);
+        auto next = matches->begin();
+        while (next != matches->end() && s->step()) {
+            const std::int64_t rowId = s->int64(0);
+            if (rowId > next->rowId)
+                return missing();
+            if (rowId == next->rowId)
+                add(*next++, s->blob(1));
+        }
+        if (s->result() != DBResult::ok)
+            return s->result();
+        return next == matches->end() ? DBResult::ok : missing();
+    }
+    auto* s = m_db.cached("SELECT grid FROM track WHERE id = ?");
     if (!s)
         return m_db.lastResult();
-    s->bindText(1, TrackReader::ftsQuery(m_words));
-    while (s->step()) {
-        const std::int64_t rowId = s->int64(0);
-        if (const ActivityIndex::Entry* entry = index.find(rowId);
-            entry && !isReplaced(replaced, rowId)) {
-            add(*entry);
-        }
+    for (const Match& match : *matches) {
+        s->reset();
+        s->bind(1, match.rowId);
+        if (!s->step())
+            return s->result() != DBResult::ok ? s->result() : missing();
+        add(match, s->blob(0));
     }
-    return s->result();
+    return DBResult::ok;
 }
 
 DBResult ActivityCounter::countTable(const ActivityQuery& query, const Keys& keys,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,10 +26,11 @@ class ActivityHistogram;
  * finds (see track_reader.h): stored tracks and, as of the same commit, open ones, an open track
  * replacing the older row the store may hold of it.
  *
- * Stored tracks come from the ActivityIndex when the filter needs only what it holds (devices,
- * types, time, best shot; words through the full-text index) and it is of the state that the
- * read transaction sees; otherwise from the track table, its indexes narrowing the rows as a
- * search's do. One instance per search connection, used by one thread at a time.
+ * Stored tracks are selected by the ActivityIndex (devices, types, time, best shot; words through
+ * the full-text index) when it is of the state that the read transaction sees, their grids then
+ * read from their rows for a box or the heatmap; otherwise, and for an engine or a track id, they
+ * come from the track table, its indexes narrowing the rows as a search's do. One instance per
+ * search connection, used by one thread at a time.
  */
 class ActivityCounter
 {
@@ -54,9 +56,23 @@ public:
     };
     Source lastSource() const { return m_lastSource; }
 
+    /**
+     * When the tracks whose grids are needed are at least one in this many of the stored ones,
+     * the grids are read in one pass over the table rather than row by row.
+     */
+    static constexpr std::size_t kGridScanShare = 8;
+
 private:
     struct Keys;
     struct State;
+    /** A stored track that the index selected, for a count that needs its grid. */
+    struct Match
+    {
+        std::int64_t rowId = 0;
+        std::int64_t slot = 0;
+        std::int64_t firstMs = 0;
+        std::int64_t lastMs = 0;
+    };
 
     sql::DBResult countOnce(const ActivityQuery& query, bool lastAttempt,
                             ActivityHistogram* histogram, bool* retry);
@@ -64,10 +80,13 @@ private:
     bool keysOf(const ActivityQuery& query, Keys* keys) const;
     void countOpen(const ActivityQuery& query, const OpenTracks& open,
                    ActivityHistogram* histogram);
+    /** Releases `index` once it has what it needs of it. */
     sql::DBResult countIndexed(const ActivityQuery& query, const Keys& keys,
-                               const ActivityIndex::Reader& index,
+                               std::optional<ActivityIndex::Reader>* index,
                                const std::vector<std::int64_t>& replaced,
                                ActivityHistogram* histogram);
+    sql::DBResult countGrids(const ActivityQuery& query, std::vector<Match>* matches,
+                             std::size_t storedTracks, ActivityHistogram* histogram);
     sql::DBResult countTable(const ActivityQuery& query, const Keys& keys, std::int64_t maxSpanUs,
                              const std::vector<std::int64_t>& replaced,
                              ActivityHistogram* histogram);
