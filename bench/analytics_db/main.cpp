@@ -10,7 +10,9 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <map>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +24,7 @@
 #include "latency_stats.h"
 #include "searched_store.h"
 #include "store_files.h"
+#include "store_generator.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
@@ -35,6 +38,11 @@ using kest::common::metadata::ObjectMetadataPacket;
 namespace {
 
 constexpr double kIngestGoalPacketsPerSecond = 50'000;
+constexpr double kWriteAmplificationGoal = 3;
+constexpr double kNewTracksGoalPerSecond = 66'000;
+constexpr double kBytesPerObjectGoal = 20;
+/** The store whose searches are compared with those of the previous layout. */
+constexpr std::int64_t kComparedTracks = 1'000'000;
 
 struct Options
 {
@@ -46,6 +54,9 @@ struct Options
     bool ingest = true;
     int queries = 300;
     std::int64_t ingestPackets = 300'000;
+    std::int64_t newTrackPackets = 400'000;
+    bool printStore = false;
+    bool newTracksOnly = false;
 };
 
 void printUsage()
@@ -54,13 +65,17 @@ void printUsage()
         "usage: analytics_db_bench [--tracks N] [--dir PATH] [--fresh] [--quick]\n"
         "                          [--queries N] [--ingest-packets N] [--no-ingest] [--seed N]\n"
         "  --tracks N          tracks in the searched store (default 1000000)\n"
-        "  --dir PATH          where the stores live (default /tmp/analytics_db_bench/<params>);\n"
-        "                      a complete store of the same parameters there is reused\n"
+        "  --dir PATH          where the stores live (default /tmp/analytics_db_bench), each in\n"
+        "                      tracks_N_seed_S_layout_V; a complete store of the same\n"
+        "                      parameters and layout there is reused\n"
         "  --fresh             fill the store again even if one is there\n"
         "  --quick             a small store and fewer queries, for a smoke run\n"
         "  --queries N         queries of each kind (default 300)\n"
         "  --ingest-packets N  packets of the ingest measurement (default 300000)\n"
-        "  --no-ingest         skip the ingest measurement\n");
+        "  --no-ingest         skip the ingest measurements\n"
+        "  --new-tracks N      packets of the ingest of new tracks (default 400000)\n"
+        "  --print-store       print where the searched store of these parameters is, and exit\n"
+        "  --new-tracks-only   only the ingest of new tracks (to profile it)\n");
 }
 
 bool parseOptions(int argc, char** argv, Options* options)
@@ -104,6 +119,15 @@ bool parseOptions(int argc, char** argv, Options* options)
                 options->quick = true;
             } else if (arg == "--no-ingest") {
                 options->ingest = false;
+            } else if (arg == "--new-tracks") {
+                const char* v = value();
+                if (!v)
+                    return false;
+                options->newTrackPackets = std::stoll(v);
+            } else if (arg == "--new-tracks-only") {
+                options->newTracksOnly = true;
+            } else if (arg == "--print-store") {
+                options->printStore = true;
             } else {
                 return false;
             }
@@ -118,12 +142,11 @@ bool parseOptions(int argc, char** argv, Options* options)
             options->queries = 50;
         if (!ingestGiven)
             options->ingestPackets = 30'000;
+        options->newTrackPackets = std::min<std::int64_t>(options->newTrackPackets, 100'000);
     }
     if (options->tracks <= 0 || options->queries <= 0 || options->ingestPackets <= 0)
         return false;
-    if (options->dir.empty()) {
-        options->dir = defaultBenchDir(options->tracks, options->seed);
-    }
+    options->dir = benchDir(options->dir, options->tracks, options->seed);
     return true;
 }
 
@@ -157,6 +180,8 @@ void measureIngest(const Options& options)
     auto storage = openStorage(path);
     if (!storage)
         return;
+    const std::uint64_t storeBefore = directoryBytes(path);
+    const std::uint64_t writtenBefore = processWrittenBytes();
     const double cpuStart = cpuSeconds();
     const auto start = steady_clock::now();
     for (auto& packet : packets)
@@ -164,10 +189,17 @@ void measureIngest(const Options& options)
     storage->flush();
     const double seconds = secondsSince(start);
     const double cpu = cpuSeconds() - cpuStart;
+    // What the writes of the ingest cost once they are where they stay: the tracks still open
+    // written as if they had ended, the log folded in.
+    storage->closeOpenTracks();
     storage.reset();
+    checkpointSqliteFiles(path);
+    const std::uint64_t written = processWrittenBytes() - writtenBefore;
+    const std::uint64_t grown = directoryBytes(path) - storeBefore;
     fs::remove_all(path);
 
     const double packetsPerSecond = options.ingestPackets / seconds;
+    const double amplification = grown > 0 ? static_cast<double>(written) / grown : 0;
     std::printf("\n== Ingest into a new store (packets of 5 objects, %d devices)\n",
                 GeneratorOptions().deviceCount);
     std::printf("%lld packets saved and committed in %.2f s\n",
@@ -177,12 +209,94 @@ void measureIngest(const Options& options)
                 packetsPerSecond >= kIngestGoalPacketsPerSecond ? "met" : "MISSED");
     std::printf("  process CPU %.2f s (%.1f us per packet, all threads), %.0f%% of the wall time\n",
                 cpu, cpu * 1e6 / options.ingestPackets, 100 * cpu / seconds);
+    std::printf(
+        "  written %.1f MB (write-ahead log and checkpoints included) for %.1f MB of store: "
+        "write amplification %.2f   goal <= %.0f   %s\n",
+        written / 1e6, grown / 1e6, amplification, kWriteAmplificationGoal,
+        amplification <= kWriteAmplificationGoal ? "met" : "MISSED");
     const std::string section = "storage: ingest into a new store";
     recordFigure(Figure::measured(section, "packets of 5 objects", packetsPerSecond, "packets/s")
                      .atLeast(kIngestGoalPacketsPerSecond));
     recordFigure(Figure::measured(section, "objects", packetsPerSecond * 5, "objects/s"));
     recordFigure(Figure::measured(section, "process CPU per object",
                                   cpu * 1e6 / options.ingestPackets / 5, "us"));
+    recordFigure(Figure::measured(section,
+                                  "write amplification: bytes written per byte the store grew",
+                                  amplification, "x")
+                     .atMost(kWriteAmplificationGoal)
+                     .withNote("/proc/self/io write_bytes, log and checkpoints included"));
+}
+
+/**
+ * Packets of one object each, of a track of its own, from 4 devices whose times go forward by
+ * a millisecond a packet; each object has one attribute whose value 20 packets share (a word of
+ * one request): the load where every packet opens a track and the full-text index gets new
+ * words all the time.
+ */
+std::vector<std::shared_ptr<const ObjectMetadataPacket>> makeNewTrackPackets(std::uint64_t seed,
+                                                                             std::int64_t count)
+{
+    std::mt19937_64 random(seed + 7);
+    std::vector<ZuUuid> devices;
+    for (int d = 0; d < 4; ++d)
+        devices.push_back(ZuUuid::createUuid());
+    std::vector<std::shared_ptr<const ObjectMetadataPacket>> packets;
+    packets.reserve(count);
+    std::string word;
+    for (std::int64_t i = 0; i < count; ++i) {
+        if (i % 20 == 0) {
+            char text[32];
+            std::snprintf(text, sizeof(text), "lot%016llx",
+                          static_cast<unsigned long long>(random()));
+            word = text;
+        }
+        auto packet = std::make_shared<ObjectMetadataPacket>();
+        packet->deviceId = devices[i % devices.size()];
+        packet->timestampUs = 1'767'225'600'000'000 + (i / 4) * 1000;
+        packet->durationUs = 1000;
+        packet->streamIndex = kest::common::metadata::StreamIndex::primary;
+        packet->objectMetadataList.push_back({ZuUuid::createUuid(),
+                                              "car",
+                                              kest::common::metadata::ObjectMetadataType::regular,
+                                              kest::common::metadata::Rect{0.1, 0.2, 0.3, 0.4},
+                                              {{"batch", word}},
+                                              devices[0]});
+        packets.push_back(std::move(packet));
+    }
+    return packets;
+}
+
+void measureNewTracks(const Options& options)
+{
+    const fs::path path = options.dir / "new_tracks";
+    fs::remove_all(path);
+    auto packets = makeNewTrackPackets(options.seed, options.newTrackPackets);
+    auto storage = openStorage(path);
+    if (!storage)
+        return;
+    // The first fifth fills the store's structures; the rest is timed.
+    const std::size_t warmUp = packets.size() / 5;
+    for (std::size_t i = 0; i < warmUp; ++i)
+        saveWhenReady(*storage, std::move(packets[i]));
+    storage->flush();
+    const auto start = steady_clock::now();
+    for (std::size_t i = warmUp; i < packets.size(); ++i)
+        saveWhenReady(*storage, std::move(packets[i]));
+    storage->flush();
+    const double seconds = secondsSince(start);
+    storage.reset();
+    fs::remove_all(path);
+
+    const double rate = (packets.size() - warmUp) / seconds;
+    std::printf("\n== Ingest of new tracks: a track of its own in each packet, with a rare word\n");
+    std::printf("  %zu packets after %zu: %.0f new tracks/s   goal >= %.0f   %s\n",
+                packets.size() - warmUp, warmUp, rate, kNewTracksGoalPerSecond,
+                rate >= kNewTracksGoalPerSecond ? "met" : "MISSED");
+    recordFigure(Figure::measured("storage: ingest into a new store",
+                                  "new tracks, one per packet, each with a rare word", rate,
+                                  "tracks/s")
+                     .atLeast(kNewTracksGoalPerSecond)
+                     .withNote("4 devices, 20 packets share a word"));
 }
 
 struct LookupResult
@@ -207,7 +321,7 @@ LookupResult lookup(EventsStorage& storage, Filter filter)
 }
 
 void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
-                    const std::string& section)
+                    const std::string& section, const std::map<std::string, double>& previous)
 {
     std::printf("\n== Lookups, one at a time (milliseconds, from the call to its completion)\n");
     std::printf("%-36s %8s %8s %8s %10s %10s %8s\n", "", "p50", "p99", "max", "goal p99",
@@ -245,6 +359,14 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
         recordFigure(
             Figure::measured(section, kind.name + ", p50", toMs(stats.percentile(50)), "ms"));
         recordFigure(Figure::measured(section, kind.name + ", p99", p99, "ms").atMost(kind.goalMs));
+        if (const auto before = previous.find(kind.name); before != previous.end()) {
+            std::printf("%-36s p99 %.2f ms with the previous layout: %.2f of it\n", "",
+                        before->second, p99 / before->second);
+            recordFigure(Figure::measured(section, kind.name + ", p99 / previous layout's",
+                                          p99 / before->second, "x")
+                             .atMost(1)
+                             .withNote("previous: " + std::to_string(before->second) + " ms"));
+        }
         if (!slowestWords.empty()) {
             const auto count = std::min<std::size_t>(5, slowestWords.size());
             std::partial_sort(slowestWords.begin(), slowestWords.begin() + count,
@@ -266,6 +388,21 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
     }
 }
 
+/** The p99 of each shape on the store of the layout before, kept beside this file. */
+std::map<std::string, double> previousLayoutP99()
+{
+    std::map<std::string, double> p99;
+    std::ifstream in(std::string(KEST_BENCH_SOURCE_DIR) + "/previous_layout_p99.tsv");
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto tab = line.find('\t');
+        if (line.empty() || line[0] == '#' || tab == std::string::npos)
+            continue;
+        p99[line.substr(0, tab)] = std::stod(line.substr(tab + 1));
+    }
+    return p99;
+}
+
 void measureDisk(const fs::path& storePath, const StoreInfo& info, const std::string& section)
 {
     checkpointSqliteFiles(storePath);  // As a quiet store would be.
@@ -278,13 +415,25 @@ void measureDisk(const fs::path& storePath, const StoreInfo& info, const std::st
         std::printf("  %-40s %12.1f MB\n", fs::relative(entry.path(), storePath).c_str(),
                     entry.file_size() / 1e6);
     }
-    std::printf("total %.1f MB: %.0f bytes per track, %.0f bytes per object\n", bytes / 1e6,
-                static_cast<double>(bytes) / info.trackCount,
-                static_cast<double>(bytes) / info.objectCount);
+    const double perObject = static_cast<double>(bytes) / info.objectCount;
+    std::printf("total %.1f MB: %.0f bytes per track, %.1f bytes per object   goal <= %.0f   %s\n",
+                bytes / 1e6, static_cast<double>(bytes) / info.trackCount, perObject,
+                kBytesPerObjectGoal, perObject <= kBytesPerObjectGoal ? "met" : "MISSED");
+    std::printf("\n%-32s %10s %14s %14s %14s\n", "table or index (dbstat)", "pages", "bytes/object",
+                "payload/obj", "unused/obj");
+    const auto file = storePath / kest::analytics::db::EventsStorage::kFileName;
+    for (const auto& table : sqliteTableBytes(file)) {
+        const double objects = static_cast<double>(info.objectCount);
+        std::printf("%-32s %10llu %14.2f %14.2f %14.2f\n", table.name.c_str(),
+                    static_cast<unsigned long long>(table.pages), table.bytes / objects,
+                    table.payload / objects, table.unused / objects);
+        recordFigure(Figure::measured(section, "bytes per object: " + table.name,
+                                      table.bytes / objects, "B"));
+    }
     recordFigure(Figure::measured(section, "bytes per track",
                                   static_cast<double>(bytes) / info.trackCount, "B"));
-    recordFigure(Figure::measured(section, "bytes per object",
-                                  static_cast<double>(bytes) / info.objectCount, "B"));
+    recordFigure(
+        Figure::measured(section, "bytes per object", perObject, "B").atMost(kBytesPerObjectGoal));
 }
 
 }  // namespace
@@ -296,16 +445,28 @@ int main(int argc, char** argv)
         printUsage();
         return 2;
     }
+    if (options.printStore) {
+        std::printf("%s\n", searchedStorePath(options.dir).c_str());
+        return 0;
+    }
     kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);
     std::printf("analytics_db_bench: stores in %s\n", options.dir.c_str());
     std::printf(
-        "goals: ingest >= %.0f packets/s of 5 objects; lookup p99 <= %.0f ms, free text "
-        "p99 <= %.0f ms, at 1M tracks\n",
-        kIngestGoalPacketsPerSecond, kLookupGoalMs, kFreeTextGoalMs);
+        "goals: ingest >= %.0f packets/s of 5 objects, write amplification <= %.0f, new tracks "
+        ">= %.0f/s; lookup p99 <= %.0f ms, free text p99 <= %.0f ms, at 1M tracks and no worse "
+        "than the previous layout's; <= %.0f bytes per object\n",
+        kIngestGoalPacketsPerSecond, kWriteAmplificationGoal, kNewTracksGoalPerSecond,
+        kLookupGoalMs, kFreeTextGoalMs, kBytesPerObjectGoal);
     fs::create_directories(options.dir);
 
-    if (options.ingest)
+    if (options.newTracksOnly) {
+        measureNewTracks(options);
+        return 0;
+    }
+    if (options.ingest) {
         measureIngest(options);
+        measureNewTracks(options);
+    }
 
     const fs::path storePath = searchedStorePath(options.dir);
     StoreInfo info;
@@ -328,7 +489,9 @@ int main(int argc, char** argv)
         std::to_string(info.objectCount) + " objects, " +
         std::to_string(static_cast<int>((info.lastTimeUs - info.firstTimeUs) / 3.6e9 + 0.5)) +
         " h)";
-    measureLookups(*storage, makeQueries(options.seed, options.queries, info), section);
+    measureLookups(
+        *storage, makeQueries(options.seed, options.queries, info), section,
+        options.tracks == kComparedTracks ? previousLayoutP99() : std::map<std::string, double>());
     storage.reset();
 
     measureDisk(storePath, info, section);

@@ -7,6 +7,8 @@
 #include <random>
 #include <thread>
 
+#include <kest/analytics_db/storage_schema.h>
+
 namespace kest::bench {
 
 namespace fs = std::filesystem;
@@ -58,7 +60,9 @@ bool fillStore(const fs::path& storePath, std::int64_t tracks, std::uint64_t see
             std::fflush(stdout);
         }
     }
-    storage->flush();
+    // The tracks still open at the end are written as if they had ended, so that the store is
+    // all rows.
+    storage->closeOpenTracks();
     const double elapsed = secondsSince(start);
 
     info->trackCount = tracks;
@@ -100,10 +104,12 @@ fs::path searchedStorePath(const fs::path& dir)
     return dir / "store";
 }
 
-fs::path defaultBenchDir(std::int64_t tracks, std::uint64_t seed)
+fs::path benchDir(fs::path parent, std::int64_t tracks, std::uint64_t seed)
 {
-    return fs::temp_directory_path() / "analytics_db_bench" /
-           ("tracks_" + std::to_string(tracks) + "_seed_" + std::to_string(seed));
+    if (parent.empty())
+        parent = fs::temp_directory_path() / "analytics_db_bench";
+    return parent / ("tracks_" + std::to_string(tracks) + "_seed_" + std::to_string(seed) +
+                     "_layout_" + std::to_string(analytics::db::kSchemaVersion));
 }
 
 bool prepareSearchedStore(const fs::path& dir, std::int64_t tracks, std::uint64_t seed, bool fresh,

@@ -32,8 +32,13 @@ bool prepareSearchedStore(const std::filesystem::path& dir, std::int64_t tracks,
                           bool fresh, StoreInfo* info, bool* reused);
 std::filesystem::path searchedStorePath(const std::filesystem::path& dir);
 
-/** "/tmp/analytics_db_bench/tracks_N_seed_S": where both benchmarks keep the searched store. */
-std::filesystem::path defaultBenchDir(std::int64_t tracks, std::uint64_t seed);
+/**
+ * Where both benchmarks keep the searched store of these parameters under `parent` (default
+ * "/tmp/analytics_db_bench"): "tracks_N_seed_S_layout_V", V the storage's schema version, so
+ * that a store of an older layout is not searched as if it were current, and is filled anew.
+ */
+std::filesystem::path benchDir(std::filesystem::path parent, std::int64_t tracks,
+                               std::uint64_t seed);
 
 void printStore(const StoreInfo& info, bool reused);
 

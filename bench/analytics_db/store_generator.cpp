@@ -145,11 +145,26 @@ StoreGenerator::StoreGenerator(GeneratorOptions options, std::size_t sampleSize)
       m_lastTimeUs(options.startTimeUs)
 {
     m_engineIds = {randomUuid(), randomUuid()};
+    if (m_options.zipfWords > 0) {
+        // Pronounceable made-up words, one per rank, and the running sum of 1/rank.
+        static const char* const kSyllables[] = {"ka", "lo", "mi", "ne", "ru", "sa", "to", "vi",
+                                                 "ze", "bo", "da", "fu", "gi", "ho", "ju", "pe"};
+        double total = 0;
+        for (int rank = 1; rank <= m_options.zipfWords; ++rank) {
+            std::string word;
+            for (int n = rank; n > 0; n /= 16)
+                word += kSyllables[n % 16];
+            m_zipfWords.push_back(word);
+            total += 1.0 / rank;
+            m_zipfWeights.push_back(total);
+        }
+    }
     for (int i = 0; i < m_options.deviceCount; ++i) {
         Device device;
         device.id = randomUuid();
-        device.intervalUs =
-            static_cast<std::int64_t>(m_options.packetIntervalUs * uniformReal(0.6, 1.4));
+        device.intervalUs = static_cast<std::int64_t>(
+            m_options.packetIntervalUs *
+            uniformReal(1 - m_options.paceSpread, 1 + m_options.paceSpread));
         device.concurrency = uniform(m_options.minObjectsPerPacket, m_options.maxObjectsPerPacket);
         m_deviceIds.push_back(device.id);
         m_devices.push_back(std::move(device));
@@ -200,6 +215,13 @@ std::string StoreGenerator::plateNumber()
     return plate;
 }
 
+const std::string& StoreGenerator::zipfWord()
+{
+    const double at = uniformReal(0, m_zipfWeights.back());
+    const auto it = std::lower_bound(m_zipfWeights.begin(), m_zipfWeights.end(), at);
+    return m_zipfWords[std::min<std::size_t>(it - m_zipfWeights.begin(), m_zipfWords.size() - 1)];
+}
+
 std::vector<Attribute> StoreGenerator::attributesFor(const std::string& typeId)
 {
     const auto& kinds = objectKinds();
@@ -215,8 +237,12 @@ std::vector<Attribute> StoreGenerator::attributesFor(const std::string& typeId)
     std::vector<Attribute> attributes;
     for (const int index : order) {
         const AttributeKind& attribute = kind->attributes[index];
-        attributes.push_back(
-            {attribute.name, attribute.values ? pick(*attribute.values) : plateNumber()});
+        if (!attribute.values)
+            attributes.push_back({attribute.name, plateNumber()});
+        else if (!m_zipfWords.empty())
+            attributes.push_back({attribute.name, zipfWord()});
+        else
+            attributes.push_back({attribute.name, pick(*attribute.values)});
     }
     return attributes;
 }

@@ -28,6 +28,13 @@ struct GeneratorOptions
     std::int64_t startTimeUs = 1'767'225'600'000'000;
     /** Mean time between two packets of one device; each device has its own pace around it. */
     std::int64_t packetIntervalUs = 500'000;
+    /** How far a device's pace strays from the mean, as a fraction of it. */
+    double paceSpread = 0.4;
+    /**
+     * When above 0, attribute values (other than plate numbers) are made-up words drawn from a
+     * Zipf distribution over this many: the k-th most common one comes with a weight of 1/k.
+     */
+    int zipfWords = 0;
     /** Whether a device now and then falls silent for minutes (no packets at all). */
     bool quietPeriods = true;
 };
@@ -114,6 +121,7 @@ private:
     Track newTrack(const Device& device, std::int64_t timeUs);
     std::vector<common::metadata::Attribute> attributesFor(const std::string& typeId);
     std::string plateNumber();
+    const std::string& zipfWord();
     void moveBox(Track& track);
     void finishTrack(Track& track);
     void fillUp(Device& device, std::int64_t timeUs);
@@ -134,6 +142,9 @@ private:
     std::int64_t m_objectsMade = 0;
     std::int64_t m_lastTimeUs = 0;
     std::vector<TrackSample> m_samples;
+    std::vector<std::string> m_zipfWords;
+    /** The cumulative weights of m_zipfWords. */
+    std::vector<double> m_zipfWeights;
 };
 
 }  // namespace kest::bench

@@ -43,6 +43,9 @@ using kest::common::metadata::ObjectMetadataPacket;
 namespace {
 
 constexpr double kIngestGoalRatio = 0.7;
+/** HTTP ingest with saves answered once committed, over the same without. */
+constexpr double kAckAfterCommitGoalRatio = 0.5;
+constexpr int kAckAfterCommitConnections = 16;
 constexpr const char* kDataPath = "/metadataDb/v1/data";
 
 struct Options
@@ -77,8 +80,8 @@ bool parseOptions(int argc, char** argv, Options* options, bool* help)
         .option("--tracks", &options->tracks, "tracks in the searched store", 1)
         .option("--queries", &options->queries, "searches of each kind", 1)
         .option("--dir", &options->dir,
-                "the storage benchmark's directory for these parameters, whose store is reused "
-                "(default /tmp/analytics_db_bench/<params>)")
+                "where the storage benchmark keeps its stores (default /tmp/analytics_db_bench); "
+                "the store of these parameters is reused")
         .flag("--fresh", &options->fresh, "fill the searched store again")
         .option("--seed", &options->seed, "of the generated data", 0)
         .option("--port", &options->port,
@@ -97,8 +100,7 @@ bool parseOptions(int argc, char** argv, Options* options, bool* help)
         if (!commandLine.given("--ingest-packets"))
             options->ingestPackets = 30'000;
     }
-    if (options->dir.empty())
-        options->dir = defaultBenchDir(options->tracks, options->seed);
+    options->dir = benchDir(options->dir, options->tracks, options->seed);
     return true;
 }
 
@@ -188,15 +190,18 @@ double measureStorageIngest(const Options& options,
 }
 
 double measureHttpIngest(const Options& options, const std::vector<std::string>& requests,
-                         std::int64_t packetCount)
+                         std::int64_t packetCount, int connections,
+                         std::vector<std::string> serviceArgs = {})
 {
     const fs::path dataDir = options.dir / "http_bench_service";
     fs::remove_all(dataDir);
     double rate = 0;
     {
         // MongoDB is not used by saves and internal lookups.
+        std::vector<std::string> args{"--log/level=warning", "--dataDir=" + dataDir.string()};
+        args.insert(args.end(), serviceArgs.begin(), serviceArgs.end());
         RunningService service(kest::cloud::storage::metadatadb::test::kUnreachableMongo,
-                               {"--log/level=warning", "--dataDir=" + dataDir.string()});
+                               std::move(args));
         if (!service.started()) {
             std::printf("the service did not start\n");
             return 0;
@@ -204,12 +209,12 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
         std::atomic<std::size_t> next{0};
         std::atomic<std::int64_t> refused{0};
         std::atomic<std::int64_t> failed{0};
-        std::vector<LatencyStats> stats(options.connections);
+        std::vector<LatencyStats> stats(connections);
         std::vector<std::thread> threads;
         const auto threadsBefore = threadCpu();
         const double cpuStart = ProcessInfo().cpuSeconds().value_or(0);
         const auto start = steady_clock::now();
-        for (int c = 0; c < options.connections; ++c) {
+        for (int c = 0; c < connections; ++c) {
             threads.emplace_back([&, c] {
                 pthread_setname_np(pthread_self(), "bench client");
                 HttpClient client(service.url());
@@ -250,7 +255,7 @@ double measureHttpIngest(const Options& options, const std::vector<std::string>&
         std::printf(
             "  HTTP: POST %s, %d packets per request, %d kept-alive connections, timed "
             "until committed\n",
-            kDataPath, options.batch, options.connections);
+            kDataPath, options.batch, connections);
         std::printf(
             "  %10.0f packets/s   %.2f s (all answered after %.2f s)   process CPU %.1f us "
             "per packet (client included)\n",
@@ -282,7 +287,8 @@ void feedIngest(const Options& options, const std::vector<std::string>& requests
             HttpClient client("http://127.0.0.1:" + std::to_string(options.port));
             BackOff backOff;
             while (steady_clock::now() < end) {
-                const int status = client.post(kDataPath, requests[next++ % requests.size()]).status;
+                const int status =
+                    client.post(kDataPath, requests[next++ % requests.size()]).status;
                 if (status == 200) {
                     ++accepted;
                     backOff.reset();
@@ -343,7 +349,8 @@ void measureIngest(const Options& options)
         std::printf("\n-- round %d\n", round);
         const double storageRate =
             measureStorageIngest(options, makeIngestPackets(options.seed, options.ingestPackets));
-        const double httpRate = measureHttpIngest(options, requests, options.ingestPackets);
+        const double httpRate =
+            measureHttpIngest(options, requests, options.ingestPackets, options.connections);
         storageRates.push_back(storageRate);
         httpRates.push_back(httpRate);
         ratios.push_back(storageRate > 0 ? httpRate / storageRate : 0);
@@ -368,6 +375,29 @@ void measureIngest(const Options& options)
     recordFigure(Figure::measured(section, "HTTP / storage only", ratio, "x")
                      .atLeast(kIngestGoalRatio)
                      .withNote(rounds));
+
+    // Saves answered only once committed, from many clients at once: each waits for a commit,
+    // which the writer shares between the saves that wait together.
+    std::printf("\n== analyticsDb/ackAfterCommit, %d kept-alive connections\n",
+                kAckAfterCommitConnections);
+    std::vector<double> ackRatios;
+    for (int round = 1; round <= std::max(1, options.rounds - 1); ++round) {
+        std::printf("\n-- round %d\n", round);
+        const double without =
+            measureHttpIngest(options, requests, options.ingestPackets, kAckAfterCommitConnections);
+        const double with =
+            measureHttpIngest(options, requests, options.ingestPackets, kAckAfterCommitConnections,
+                              {"--analyticsDb/ackAfterCommit=true"});
+        ackRatios.push_back(without > 0 ? with / without : 0);
+        std::printf("  acknowledged after commit / at once = %.2f\n", ackRatios.back());
+        std::fflush(stdout);
+    }
+    const std::string ackNote = std::to_string(kAckAfterCommitConnections) + " connections, " +
+                                "median of " + std::to_string(ackRatios.size()) + " rounds";
+    recordFigure(
+        Figure::measured(section, "HTTP ingest, ackAfterCommit on / off", median(ackRatios), "x")
+            .atLeast(kAckAfterCommitGoalRatio)
+            .withNote(ackNote));
 }
 
 std::string searchTarget(const kest::analytics::db::Filter& filter)

@@ -28,6 +28,11 @@ public:
 
     /** Stores the packets; when it returns they are committed as durably as the store commits. */
     virtual bool load(const std::vector<PacketPtr>& packets) = 0;
+    /**
+     * After the last packet, timed with the load: what the store still has to write once no
+     * more data comes (the tracks ours holds open).
+     */
+    virtual bool finishWriting() { return true; }
     /** After the last packet, untimed: what an operator runs after a bulk load. */
     virtual bool finishLoading() { return true; }
 

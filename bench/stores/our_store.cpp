@@ -25,8 +25,9 @@ OurStore::~OurStore()
 
 std::string OurStore::description() const
 {
-    return "SQLite WAL, synchronous=NORMAL: a row per track (device, type and time indexes, "
-           "16x16 grid), FTS5 over attributes, position chunks per batch";
+    return "SQLite WAL, synchronous=NORMAL: a row per track written once when it ends (id, "
+           "device, type and time indexes, 16x16 grid), contentless FTS5 over attributes, one "
+           "chunk of delta-coded positions per track";
 }
 
 void OurStore::close()
@@ -41,6 +42,12 @@ bool OurStore::load(const std::vector<PacketPtr>& packets)
     m_storage->flush();
     const auto statistics = m_storage->statistics();
     return statistics.packetsFailed == 0;
+}
+
+bool OurStore::finishWriting()
+{
+    m_storage->closeOpenTracks();
+    return m_storage->statistics().packetsFailed == 0;
 }
 
 bool OurStore::search(const Filter& filter, std::size_t* tracks)

@@ -21,6 +21,7 @@ public:
     std::string name() const override { return "ours"; }
     std::string description() const override;
     bool load(const std::vector<PacketPtr>& packets) override;
+    bool finishWriting() override;
     bool search(const analytics::db::Filter& filter, std::size_t* tracks) override;
     std::uint64_t bytesOnDisk() override;
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <span>
 
+#include <kest/analytics_db/events_storage.h>
 #include <kest/analytics_db/storage_schema.h>
 #include <kest/sql/database.h>
 #include <kest/sql/transaction.h>
@@ -19,50 +20,27 @@ namespace {
 /** Rows per transaction. */
 constexpr std::size_t kTransactionRows = 200'000;
 
-struct Source
-{
-    const char* table;
-    const char* select;
-    const char* insert;
-};
-
-// Dictionaries first, as a loader would; meta replaces the row the new schema starts with.
-constexpr Source kSources[] = {
-    {"device", "SELECT id, guid FROM device", "INSERT INTO device(id, guid) VALUES(?, ?)"},
-    {"object_type", "SELECT id, name FROM object_type",
-     "INSERT INTO object_type(id, name) VALUES(?, ?)"},
-    {"track",
-     "SELECT id, guid, device, type, engine, origin_us, first_us, last_us, grid, best_us, "
-     "best_kind, best_x, best_y, best_w, best_h, best_stream, attributes FROM track ORDER BY id",
-     "INSERT INTO track(id, guid, device, type, engine, origin_us, first_us, last_us, grid, "
-     "best_us, best_kind, best_x, best_y, best_w, best_h, best_stream, attributes) "
-     "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"},
-    {"track_text", "SELECT rowid, text FROM track_text ORDER BY rowid",
-     "INSERT INTO track_text(rowid, text) VALUES(?, ?)"},
-    {"track_position", "SELECT track, data FROM track_position ORDER BY rowid",
-     "INSERT INTO track_position(track, data) VALUES(?, ?)"},
-    {"meta", "SELECT key, value FROM meta", "INSERT OR REPLACE INTO meta(key, value) VALUES(?, ?)"},
-};
-
 }  // namespace
 
 bool SqliteCeiling::read(const fs::path& file)
 {
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-        m_error = sqlite3_errmsg(db);
-        sqlite3_close(db);
+    sql::Database source;
+    if (source.open(file.string(), sql::ConnectionOptions(), /*create*/ false) != DBResult::ok ||
+        analytics::db::addStoreFunctions(source) != DBResult::ok) {
+        m_error = source.lastError();
         return false;
     }
+    sqlite3* db = source.handle();
     m_tables.clear();
     bool ok = true;
-    for (const auto& source : kSources) {
+    // The storage's own list of its tables, and how each is read back and inserted as it is.
+    for (const auto& stored : analytics::db::storedTables()) {
         sqlite3_stmt* select = nullptr;
-        if (sqlite3_prepare_v2(db, source.select, -1, &select, nullptr) != SQLITE_OK) {
+        if (sqlite3_prepare_v2(db, stored.select.c_str(), -1, &select, nullptr) != SQLITE_OK) {
             ok = false;
             break;
         }
-        Table table{source.table, source.insert, {}};
+        Table table{stored.name, stored.insert, {}};
         int rc = SQLITE_ROW;
         // Columns by their stored type, so that the copy binds exactly what was stored.
         while ((rc = sqlite3_step(select)) == SQLITE_ROW) {
@@ -104,7 +82,6 @@ bool SqliteCeiling::read(const fs::path& file)
     }
     if (!ok)
         m_error = sqlite3_errmsg(db);
-    sqlite3_close(db);
     return ok;
 }
 
@@ -121,8 +98,9 @@ std::optional<double> SqliteCeiling::insertInto(const fs::path& dir)
     fs::remove_all(dir);
     fs::create_directories(dir);
     sql::Database db;
-    if (db.open((dir / "events.sqlite").string(), sql::ConnectionOptions()) != DBResult::ok ||
-        analytics::db::applySchema(db) != DBResult::ok) {
+    const std::string file = (dir / analytics::db::EventsStorage::kFileName).string();
+    if (db.open(file, sql::ConnectionOptions()) != DBResult::ok ||
+        analytics::db::applySchema(db, file, sql::ConnectionOptions()) != DBResult::ok) {
         m_error = db.lastError();
         return std::nullopt;
     }

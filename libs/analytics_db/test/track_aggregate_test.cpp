@@ -4,9 +4,11 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <random>
 
 #include <kest/analytics_db/bounding_box_grid.h>
-#include <kest/analytics_db/record_codec.h>
+#include <kest/analytics_db/fixed_point.h>
+#include <kest/analytics_db/object_run.h>
 #include <kest/analytics_db/track_aggregate.h>
 
 namespace kest::analytics::db::test {
@@ -135,45 +137,132 @@ TEST(BoundingBoxGrid, CellsOfBoxes)
     const auto overlapping = BoundingBoxGrid::ofRect({0.74, 0.25, 0.1, 0.1});
     EXPECT_FALSE(grid.intersects(touching));
     EXPECT_TRUE(grid.intersects(overlapping));
-    EXPECT_FALSE(BoundingBoxGrid::bytesIntersect(grid.toBytes(), touching.toBytes()));
-    EXPECT_TRUE(BoundingBoxGrid::bytesIntersect(grid.toBytes(), overlapping.toBytes()));
+
+    // The stored form: the rectangle of set cells, a bit each.
+    EXPECT_TRUE(BoundingBoxGrid().toCompact().empty());
+    EXPECT_EQ(grid.toCompact().size(), 2u + 1u);
+    std::mt19937 random(3);
+    for (int i = 0; i < 200; ++i) {
+        BoundingBoxGrid g;
+        for (int boxes = i % 4; boxes > 0; --boxes) {
+            g.add({std::uniform_real_distribution<>(0, 1)(random),
+                   std::uniform_real_distribution<>(0, 1)(random),
+                   std::uniform_real_distribution<>(0, 0.3)(random),
+                   std::uniform_real_distribution<>(0, 0.3)(random)});
+        }
+        ASSERT_EQ(BoundingBoxGrid::fromCompact(g.toCompact()), g) << g.toHex();
+    }
+    EXPECT_TRUE(BoundingBoxGrid::fromCompact("\x11\x22").isEmpty());  //< Bits missing.
 }
 
-TEST(RecordCodec, PositionsRoundTripAndTruncationKeepsWholeEntries)
+// Coordinates are kept in millionths, except where that would change what was written.
+TEST(ObjectRun, CoordinatesComeBackWithinAMillionthAndShortDecimalsExactly)
 {
-    const ZuUuid a = ZuUuid::createUuid();
-    const ZuUuid b = ZuUuid::createUuid();
-    const std::vector<Attribute> red = {{"color", "red"}, {"", ""}};
-    const std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-    const std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
-    // Devices and attributes repeat, change and change back; times jump both ways, to extremes.
-    std::vector<ObjectPosition> positions = {
-        {a, 1'700'000'000'000'000, 500, {0.1, 0.2, 0.3, 0.4}, red},
-        {a, 1'700'000'000'100'000, 500, {0.11, 0.2, 0.3, 0.4}, red},
-        {b, 1'699'999'999'000'000, 0, {}, red},
-        {b, kMax, -1, {1, 1, 0, 0}, {}},
-        {a, kMin, kMin, {}, red},
-        {a, 0, kMax, {}, red},
+    for (const double v : {0.1, 0.25, 0.333333, 1.0, 0.0, -0.5, 5.0, 0.123456, 123456.0}) {
+        const auto units = FixedPoint::units(v);
+        ASSERT_TRUE(units) << v;
+        EXPECT_EQ(FixedPoint::value(*units), v);
+    }
+    // Six significant digits below 0.1 may need more places than millionths: kept as they are.
+    for (const double v : {0.0123456, 1.5e-7, -0.0000999999, 1e-30}) {
+        EXPECT_TRUE(FixedPoint::isShortDecimal(v)) << v;
+        EXPECT_FALSE(FixedPoint::units(v)) << v;
+    }
+    EXPECT_EQ(FixedPoint::value(FixedPoint::units(0.00001).value()), 0.00001);
+    for (const double v : {1e300, std::numeric_limits<double>::infinity(), double{NAN}})
+        EXPECT_FALSE(FixedPoint::units(v)) << v;
+    std::mt19937_64 random(5);
+    for (int i = 0; i < 10000; ++i) {
+        const double v = std::uniform_real_distribution<>(-2, 2)(random);
+        const auto units = FixedPoint::units(v);
+        ASSERT_TRUE(units) << v;  //< A random double is no short decimal.
+        ASSERT_LE(std::fabs(FixedPoint::value(*units) - v), 1e-6) << v;
+    }
+}
+
+TEST(ObjectRun, RecordsRoundTripAndMalformedBytesAreRefused)
+{
+    const auto kMax = std::numeric_limits<std::int64_t>::max();
+    const auto kMin = std::numeric_limits<std::int64_t>::min();
+    const std::vector<AttributeList> lists = {
+        {},
+        {{7, 0, ""}, {0, 3, "KX 4821"}},
+        {{0, 1, std::string(300, 'x')}},
     };
-    const std::string bytes = encodePositions(positions);
-    std::vector<ObjectPosition> decoded;
-    decodePositions(bytes, &decoded);
-    EXPECT_EQ(decoded, positions);
+    // Every field changes somewhere; times jump both ways, to the extremes; some boxes must be
+    // kept exactly.
+    std::vector<ObjectRecord> records = {
+        {1'700'000'000'000'000, 40'000, 1, 2, 3, 1, 1, {0.1, 0.2, 0.3, 0.4}, 1},
+        {1'700'000'000'040'000, 40'000, 1, 2, 3, 1, 1, {0.11, 0.2, 0.3, 0.4}, 1},
+        {1'700'000'000'080'000, 33'333, 1, 2, 3, 2, 2, {0.0123456, 0.2, 0.3, 0.4}, 1},
+        {1'699'999'999'000'000, 0, 9, 4, 5, 3, 0, {5, -1, 0, 0}, 0},
+        {kMax, -1, 9, 4, 5, 1, 0, {1e300, 0, 0, 0}, 2},
+        {kMin, kMin, 1, 2, 3, 1, 1, {}, 1},
+        {0, kMax, 1, 2, 3, 1, 1, {0.5, 0.5, 0.5, 0.5}, 1},
+    };
+    for (const std::int64_t base : {std::int64_t{0}, std::int64_t{1'700'000'000'000'000}, kMin}) {
+        const std::string bytes = ObjectRun::encode(records, lists, base);
+        std::vector<ObjectRecord> decoded;
+        std::vector<AttributeList> decodedLists;
+        ASSERT_TRUE(ObjectRun::decode(bytes, base, &decoded, &decodedLists));
+        EXPECT_EQ(decodedLists, lists);
+        ASSERT_EQ(decoded.size(), records.size());
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            ObjectRecord expected = records[i];
+            // What millionths hold is within one of the value; the rest comes back as it was.
+            for (auto* c :
+                 {&expected.box.x, &expected.box.y, &expected.box.width, &expected.box.height}) {
+                if (const auto units = FixedPoint::units(*c))
+                    *c = FixedPoint::value(*units);
+            }
+            EXPECT_EQ(decoded[i], expected) << i;
+        }
+        // Every prefix and any damaged byte is refused or read as a run, never past the bytes.
+        for (std::size_t size = 0; size < bytes.size(); ++size) {
+            std::vector<ObjectRecord> partial;
+            EXPECT_FALSE(ObjectRun::decode(bytes.substr(0, size), base, &partial, &decodedLists));
+        }
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            std::string damaged = bytes;
+            damaged[i] = static_cast<char>(damaged[i] ^ 0x5a);
+            std::vector<ObjectRecord> any;
+            ObjectRun::decode(damaged, base, &any, &decodedLists);
+        }
+    }
+}
 
-    decoded.clear();
-    decodePositions(std::string_view(bytes).substr(0, bytes.size() - 1), &decoded);
-    EXPECT_EQ(decoded, std::vector<ObjectPosition>(positions.begin(), positions.end() - 1));
-
-    // A track's usual chunk: same device and attributes, close times.
-    std::vector<ObjectPosition> steady;
-    for (int i = 0; i < 100; ++i)
-        steady.push_back(
-            {a, 1'700'000'000'000'000 + i * 400'000, 400'000, {0.5, 0.5, 0.1, 0.1}, red});
-    EXPECT_LT(encodePositions(steady).size(), 100u * 40);
-
-    const ZuUuid id = ZuUuid::createUuid();
-    EXPECT_EQ(decodeUuid(encodeUuid(id)), id);
-    EXPECT_EQ(encodeUuid(id), id.toQUuid().toRfc4122().toStdString());
+// A moving object's positions take a few bytes each, whichever way it moves.
+TEST(ObjectRun, PositionsOfAMovingObjectAreSmall)
+{
+    std::mt19937_64 random(9);
+    const auto uniform = [&](double a, double b) {
+        return std::uniform_real_distribution<>(a, b)(random);
+    };
+    // Smooth drift with a jittered pace, as a tracker reports it; then the same on a frame clock
+    // with noisy boxes.
+    std::vector<ObjectRecord> smooth, noisy;
+    double x = 0.3, y = 0.4, vx = 0.004, vy = -0.002;
+    std::int64_t t = 1'700'000'000'000'000;
+    for (int i = 0; i < 100; ++i) {
+        vx += uniform(-0.001, 0.001);
+        vy += uniform(-0.0005, 0.0005);
+        x += vx;
+        y += vy;
+        t += 500'000 + static_cast<std::int64_t>(uniform(-25'000, 25'000));
+        smooth.push_back({t, 500'000, 1, 0, 0, 0, 0, {x, y, 0.0712345678, 0.15}, 0});
+        noisy.push_back({1'700'000'000'000'000 + i * 40'000,
+                         40'000,
+                         1,
+                         0,
+                         0,
+                         0,
+                         0,
+                         {0.5 + uniform(-0.01, 0.01), 0.5 + uniform(-0.01, 0.01),
+                          0.1 + uniform(-0.002, 0.002), 0.2 + uniform(-0.002, 0.002)},
+                         0});
+    }
+    EXPECT_LE(ObjectRun::encode(smooth, {{}}, smooth[0].timestampUs).size(), 100u * 8);
+    EXPECT_LE(ObjectRun::encode(noisy, {{}}, noisy[0].timestampUs).size(), 100u * 10);
 }
 
 }  // namespace kest::analytics::db::test

@@ -232,6 +232,43 @@ TEST_F(ApiTest, StorageNotReadyAnswers500WithoutTouchingIt)
     EXPECT_EQ(3, log.count("analytics db in bad state"));
 }
 
+// With analyticsDb/ackAfterCommit a save is answered once its packets are committed, however
+// long the commit waits, and 500 when the commit fails.
+TEST_F(ApiTest, SavesAreAnsweredOnceCommittedWhenAskedTo)
+{
+    RunningService service(kUnreachableMongo, {"--analyticsDb/ackAfterCommit=true",
+                                               "--analyticsDb/maxCommitDelayMs=60000"});
+    ASSERT_TRUE(service.started());
+    auto& events = service.events();
+    std::promise<void> blocked, release;
+    auto released = release.get_future();
+    events.runOnWriter([&](kest::sql::Database&) {
+        blocked.set_value();
+        released.wait();
+    });
+    blocked.get_future().wait();
+
+    auto answer = std::async(std::launch::async, [&] {
+        return service.post(
+            {packet(m_device, 1'000, m_person, "person"), packet(m_device, 2'000, m_car, "car")},
+            /*commit*/ false);
+    });
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (events.statistics().queuedPackets < 2 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(5ms);
+    ASSERT_EQ(events.statistics().queuedPackets, 2u);
+    // The writer is held: nothing is committed, so nothing is answered.
+    EXPECT_EQ(answer.wait_for(0s), std::future_status::timeout);
+    release.set_value();
+    EXPECT_EQ(200, answer.get());
+    EXPECT_EQ(events.statistics().packetsCommitted, 2u);
+
+    events.runOnWriter([](kest::sql::Database& db) { db.exec("PRAGMA query_only = 1"); });
+    EXPECT_EQ(500, service.post({packet(m_device, 3'000, ZuUuid::createUuid(), "car")}, false));
+    events.runOnWriter([](kest::sql::Database& db) { db.exec("PRAGMA query_only = 0"); });
+    EXPECT_EQ(200, service.post({packet(m_device, 4'000, ZuUuid::createUuid(), "car")}, false));
+}
+
 // Without MongoDB the distribution record cannot be read: a distributed search and the choice
 // of an instance both fail, each with its own log line.
 TEST_F(ApiTest, UnreachableDistributionRecordFailsSearchesAndInstanceChoice)

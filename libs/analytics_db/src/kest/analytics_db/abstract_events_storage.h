@@ -23,6 +23,7 @@ using SaveErrorHandler =
     utils::MoveOnlyFunc<void(kest::sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 using LookupHandler = utils::MoveOnlyFunc<void(ResultCode, std::vector<ObjectTrackEx>)>;
 using CommitHandler = utils::MoveOnlyFunc<void(std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
+using CommittedHandler = utils::MoveOnlyFunc<void(bool committed)>;
 using RetentionHandler = utils::MoveOnlyFunc<void(std::chrono::system_clock::time_point)>;
 
 /** The analytics events storage: packets go in and are aggregated into tracks; searches come out.
@@ -43,6 +44,24 @@ public:
 
     /** Queues a packet; never blocks. */
     virtual void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) = 0;
+
+    /** Whether saves are to be acknowledged once committed (saveCommitted), by the settings. */
+    virtual bool acknowledgesAfterCommit() const { return false; }
+
+    /**
+     * Queues the packets as save() does, and calls `handler` once, on a thread of the storage,
+     * when all of them are committed (true) or once a batch holding some of them failed (false;
+     * the failure is reported as a save error too). Saves that wait at the same time share
+     * their commits. Never blocks. A storage that keeps no commits has nothing to wait for.
+     */
+    virtual void saveCommitted(
+        std::vector<std::shared_ptr<const common::metadata::ObjectMetadataPacket>> packets,
+        CommittedHandler handler)
+    {
+        for (auto& packet : packets)
+            save(std::move(packet));
+        handler(true);
+    }
 
     /** Searches off the caller's thread; the handler is called exactly once, on the storage's
      * thread. */

@@ -1,6 +1,7 @@
 #include "bounding_box_grid.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 
 namespace kest::analytics::db {
@@ -89,14 +90,64 @@ std::string BoundingBoxGrid::toHex() const
     return text;
 }
 
-bool BoundingBoxGrid::bytesIntersect(std::string_view a, std::string_view b)
+std::string BoundingBoxGrid::toCompact() const
 {
-    const std::size_t n = std::min(a.size(), b.size());
-    for (std::size_t i = 0; i < n; ++i) {
-        if (a[i] & b[i])
-            return true;
+    int r0 = kSize, r1 = -1;
+    std::uint16_t columns = 0;
+    for (int r = 0; r < kSize; ++r) {
+        if (m_rows[r]) {
+            r0 = std::min(r0, r);
+            r1 = r;
+            columns |= m_rows[r];
+        }
     }
-    return false;
+    if (r1 < 0)
+        return {};
+    // Columns from the most significant bit: the leftmost set one is c0.
+    const int c0 = std::countl_zero(columns);
+    const int c1 = kSize - 1 - std::countr_zero(columns);
+    std::string out;
+    out += static_cast<char>((r0 << 4) | r1);
+    out += static_cast<char>((c0 << 4) | c1);
+    std::uint8_t byte = 0;
+    int bits = 0;
+    for (int r = r0; r <= r1; ++r) {
+        for (int c = c0; c <= c1; ++c) {
+            byte = static_cast<std::uint8_t>((byte << 1) | (cell(c, r) ? 1 : 0));
+            if (++bits == 8) {
+                out += static_cast<char>(byte);
+                byte = 0;
+                bits = 0;
+            }
+        }
+    }
+    if (bits > 0)
+        out += static_cast<char>(byte << (8 - bits));
+    return out;
+}
+
+BoundingBoxGrid BoundingBoxGrid::fromCompact(std::string_view bytes)
+{
+    BoundingBoxGrid grid;
+    if (bytes.size() < 2)
+        return grid;
+    const int r0 = static_cast<std::uint8_t>(bytes[0]) >> 4;
+    const int r1 = bytes[0] & 0xf;
+    const int c0 = static_cast<std::uint8_t>(bytes[1]) >> 4;
+    const int c1 = bytes[1] & 0xf;
+    if (r1 < r0 || c1 < c0)
+        return grid;
+    const std::size_t cells = static_cast<std::size_t>((r1 - r0 + 1) * (c1 - c0 + 1));
+    if (bytes.size() != 2 + (cells + 7) / 8)
+        return grid;
+    std::size_t bit = 0;
+    for (int r = r0; r <= r1; ++r) {
+        for (int c = c0; c <= c1; ++c, ++bit) {
+            if (static_cast<std::uint8_t>(bytes[2 + bit / 8]) & (0x80 >> (bit % 8)))
+                grid.m_rows[r] |= static_cast<std::uint16_t>(1u << (kSize - 1 - c));
+        }
+    }
+    return grid;
 }
 
 }  // namespace kest::analytics::db

@@ -14,7 +14,8 @@ namespace kest::analytics::db {
  * the track overlaps it (a box of zero size sets the cell holding its corner). Text form, as
  * `ObjectRegion::boundingBoxGrid` carries it: 64 lower-case hex digits, four per row from the
  * top row down; in each row of 16 bits the most significant bit is the leftmost column. The
- * stored form is the same 32 bytes in binary.
+ * stored form is compact: the first and last row and column that have a cell set (a byte each),
+ * then the cells of that rectangle row by row, a bit each; an empty grid is no bytes at all.
  */
 class BoundingBoxGrid
 {
@@ -24,8 +25,10 @@ public:
 
     BoundingBoxGrid() = default;
     static BoundingBoxGrid ofRect(const common::metadata::Rect& rect);
-    /** Bytes of the wrong size give an empty grid. */
+    /** The 32 bytes of the rows; bytes of the wrong size give an empty grid. */
     static BoundingBoxGrid fromBytes(std::string_view bytes);
+    /** Malformed bytes give an empty grid. */
+    static BoundingBoxGrid fromCompact(std::string_view bytes);
 
     void add(const common::metadata::Rect& rect) { *this |= ofRect(rect); }
     BoundingBoxGrid& operator|=(const BoundingBoxGrid& other);
@@ -34,10 +37,8 @@ public:
     bool cell(int column, int row) const { return (m_rows[row] >> (kSize - 1 - column)) & 1; }
 
     std::string toBytes() const;
+    std::string toCompact() const;
     std::string toHex() const;
-
-    /** The same test on stored forms, as the search's SQL function runs it. */
-    static bool bytesIntersect(std::string_view a, std::string_view b);
 
     friend bool operator==(const BoundingBoxGrid&, const BoundingBoxGrid&) = default;
 

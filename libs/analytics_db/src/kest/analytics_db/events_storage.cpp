@@ -13,6 +13,16 @@ namespace kest::analytics::db {
 
 using sql::DBResult;
 using namespace std::chrono;
+using SteadyTime = steady_clock::time_point;
+
+namespace {
+
+std::int64_t nanoseconds(SteadyTime time)
+{
+    return duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
+}
+
+}  // namespace
 
 EventsStorage::EventsStorage(Clock clock)
     : m_clock(clock ? std::move(clock) : Clock([] { return system_clock::now(); }))
@@ -45,7 +55,8 @@ bool EventsStorage::initialize(const Settings& settings)
     }
     const std::string file = QDir(settings.path).filePath(kFileName).toStdString();
 
-    auto writer = std::make_unique<TrackWriter>();
+    auto openTracks = std::make_shared<OpenTracksSnapshots>();
+    auto writer = std::make_unique<TrackWriter>(openTracks);
     if (const DBResult r = writer->open(file, settings.connection); r != DBResult::ok) {
         KEST_ERROR(this, "Cannot open analytics database %1: %2 (%3)", file, r,
                    writer->database().lastError());
@@ -53,7 +64,7 @@ bool EventsStorage::initialize(const Settings& settings)
     }
     std::vector<std::unique_ptr<TrackReader>> readers;
     for (int i = 0; i < kLookupWorkers; ++i) {
-        auto reader = std::make_unique<TrackReader>();
+        auto reader = std::make_unique<TrackReader>(openTracks);
         if (const DBResult r = reader->open(file, settings.connection); r != DBResult::ok) {
             KEST_ERROR(this, "Cannot open analytics database %1 for reading: %2", file, r);
             return false;
@@ -61,12 +72,13 @@ bool EventsStorage::initialize(const Settings& settings)
         readers.push_back(std::move(reader));
     }
 
+    m_openTracks = std::move(openTracks);
     m_writer = std::move(writer);
     m_readers = std::move(readers);
     m_file = file;
     m_maxQueuedPackets = m_settings.maxQueuedPackets;
     measureStore();
-    m_nextRetention = steady_clock::now();
+    m_nextRetention = SteadyClock::now();
     m_writerThread = std::thread([this] { writerLoop(); });
     for (int i = 0; i < kLookupWorkers; ++i)
         m_lookupThreads.emplace_back([this, i] { lookupLoop(i); });
@@ -82,7 +94,24 @@ void EventsStorage::setOnSaveErrorHandler(SaveErrorHandler handler)
 
 bool EventsStorage::isReady() const
 {
-    return m_initialized && !m_overloaded;
+    if (!m_initialized || m_overloaded)
+        return false;
+    // What is acknowledged now is committed after what waits already: refuse while that would
+    // take it past the bound, or while the oldest waiting packet is close to it.
+    const auto bound = m_settings.maxCommitDelay + kMaxBacklogLag - kAckMargin;
+    const std::int64_t oldest = m_oldestPendingNs.load(std::memory_order_relaxed);
+    if (oldest != 0 && nanoseconds(SteadyClock::now()) - oldest >
+                           duration_cast<std::chrono::nanoseconds>(bound).count()) {
+        return false;
+    }
+    const double pending = static_cast<double>(m_pendingObjects.load(std::memory_order_relaxed));
+    const double pace = m_objectsPerSecond.load(std::memory_order_relaxed);
+    return pending / pace <= duration<double>(bound).count() / 2;
+}
+
+bool EventsStorage::acknowledgesAfterCommit() const
+{
+    return m_settings.ackAfterCommit;
 }
 
 void EventsStorage::setOnCommitHandler(CommitHandler handler)
@@ -114,6 +143,11 @@ StorageStatistics EventsStorage::statistics() const
     result.queuedBytes = m_queuedBytesFigure.load(std::memory_order_relaxed);
     result.storeBytes = m_storeBytes.load(std::memory_order_relaxed);
     result.diskAvailableBytes = m_diskAvailableBytes.load(std::memory_order_relaxed);
+    const std::int64_t oldest = m_oldestPendingNs.load(std::memory_order_relaxed);
+    if (oldest != 0) {
+        result.oldestUncommittedAgeUs = static_cast<std::uint64_t>(
+            std::max<std::int64_t>(0, nanoseconds(SteadyClock::now()) - oldest) / 1000);
+    }
     return result;
 }
 
@@ -146,6 +180,37 @@ std::size_t EventsStorage::queuedPackets() const
     return m_queue.size();
 }
 
+void EventsStorage::updateOldestPending()
+{
+    std::int64_t oldest = 0;
+    if (m_batchOldest)
+        oldest = nanoseconds(*m_batchOldest);
+    else if (!m_queueTimes.empty())
+        oldest = nanoseconds(m_queueTimes.front());
+    m_oldestPendingNs.store(oldest, std::memory_order_relaxed);
+}
+
+void EventsStorage::enqueue(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet,
+                            SteadyTime now)
+{
+    const std::size_t bytes = packetBytes(*packet);
+    const std::size_t objects = packet->objectMetadataList.size();
+    m_queue.push_back(std::move(packet));
+    m_queueBytes.push_back(bytes);
+    m_queueTimes.push_back(now);
+    ++m_enqueued;
+    m_queuedBytes += bytes;
+    m_queueObjects += objects;
+    if (m_queue.size() == 1 && !m_batchOldest)
+        updateOldestPending();
+    m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
+    m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
+    m_pendingObjects.fetch_add(objects, std::memory_order_relaxed);
+    if (m_queue.size() > m_settings.maxQueuedPackets || m_queuedBytes > m_settings.maxQueuedBytes)
+        m_overloaded = true;
+    m_packetsAccepted.fetch_add(1, std::memory_order_relaxed);
+}
+
 void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet)
 {
     if (!packet)
@@ -155,7 +220,6 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
         return;
     }
     bool wake = false;
-    const std::size_t bytes = packetBytes(*packet);
     {
         std::unique_lock lock(m_queueMutex);
         if (m_stopping) {
@@ -164,26 +228,50 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
             reportFailure(DBResult::cancelled, {packet});
             return;
         }
-        const auto now = steady_clock::now();
-        if (m_queue.empty())
-            m_oldestQueued = now;
-        m_queue.push_back(std::move(packet));
-        m_queueBytes.push_back(bytes);
-        ++m_enqueued;
-        m_queuedBytes += bytes;
-        m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
-        m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
-        if (m_queue.size() > m_settings.maxQueuedPackets ||
-            m_queuedBytes > m_settings.maxQueuedBytes || lagsBehind(now)) {
-            m_overloaded = true;
-        }
-        m_packetsAccepted.fetch_add(1, std::memory_order_relaxed);
+        enqueue(std::move(packet), SteadyClock::now());
         // Waking the writer on every packet would cost a system call each; it only needs to
         // know about the first one (to start the delay) and about a full batch.
         wake = m_queue.size() == 1 || m_queue.size() == kBatchPackets;
     }
     if (wake)
         m_writerWake.notify_one();
+}
+
+void EventsStorage::saveCommitted(
+    std::vector<std::shared_ptr<const common::metadata::ObjectMetadataPacket>> packets,
+    CommittedHandler handler)
+{
+    std::erase(packets, nullptr);
+    if (packets.empty()) {
+        handler(true);
+        return;
+    }
+    if (!m_initialized) {
+        reportFailure(DBResult::connectionError,
+                      std::vector<PacketPtr>(packets.begin(), packets.end()));
+        handler(false);
+        return;
+    }
+    {
+        std::unique_lock lock(m_queueMutex);
+        if (m_stopping) {
+            lock.unlock();
+            reportFailure(DBResult::cancelled,
+                          std::vector<PacketPtr>(packets.begin(), packets.end()));
+            handler(false);
+            return;
+        }
+        const auto now = SteadyClock::now();
+        Waiter waiter;
+        waiter.first = m_enqueued + 1;
+        for (auto& packet : packets)
+            enqueue(std::move(packet), now);
+        waiter.last = m_enqueued;
+        waiter.handler = std::move(handler);
+        m_waiters.push_back(std::move(waiter));
+    }
+    // Someone waits: the writer commits what it has at once, together with whatever else came.
+    m_writerWake.notify_one();
 }
 
 void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
@@ -214,6 +302,17 @@ void EventsStorage::flush()
     m_commitNotifier.waitUntilDelivered();
 }
 
+void EventsStorage::closeOpenTracks()
+{
+    flush();
+    std::unique_lock lock(m_queueMutex);
+    if (!m_writerThread.joinable())
+        return;
+    m_closeRequested = true;
+    m_writerWake.notify_one();
+    m_progress.wait(lock, [&] { return !m_closeRequested; });
+}
+
 void EventsStorage::runOnWriter(utils::MoveOnlyFunc<void(sql::Database&)> task)
 {
     {
@@ -226,89 +325,185 @@ void EventsStorage::runOnWriter(utils::MoveOnlyFunc<void(sql::Database&)> task)
 void EventsStorage::writerLoop()
 {
     std::unique_lock lock(m_queueMutex);
+    auto nextIdleClose = SteadyClock::now() + 1s;
     for (;;) {
         const auto batchDue = [&] {
-            return m_stopping || !m_writerTasks.empty() || m_queue.size() >= kBatchPackets ||
-                   (m_flushTarget > m_done && !m_queue.empty()) ||
+            return m_stopping || !m_writerTasks.empty() || m_closeRequested ||
+                   m_queue.size() >= kBatchPackets ||
                    (!m_queue.empty() &&
-                    steady_clock::now() >= m_oldestQueued + m_settings.maxCommitDelay);
+                    (m_flushTarget > m_done || !m_waiters.empty() ||
+                     SteadyClock::now() >= m_queueTimes.front() + m_settings.maxCommitDelay));
         };
         if (m_queue.empty()) {
-            // Idle: wake for retention, at once while old tracks are still waiting.
+            // Idle: wake for retention (at once while old tracks are still waiting), for tracks
+            // that nothing came for, and for the first packet, whose delay then starts.
             const bool retentionDue =
-                m_settings.maxAgeDays > 0 && steady_clock::now() >= m_nextRetention;
-            m_writerWake.wait_for(lock, retentionDue ? 0s : 1s, batchDue);
+                m_settings.maxAgeDays > 0 && SteadyClock::now() >= m_nextRetention;
+            m_writerWake.wait_for(lock, retentionDue ? 0s : 1s,
+                                  [&] { return batchDue() || !m_queue.empty(); });
         } else {
-            m_writerWake.wait_until(lock, m_oldestQueued + m_settings.maxCommitDelay, batchDue);
+            m_writerWake.wait_until(lock, m_queueTimes.front() + m_settings.maxCommitDelay,
+                                    batchDue);
         }
-        if (m_stopping && m_queue.empty() && m_writerTasks.empty())
+        if (m_stopping && m_queue.empty() && m_writerTasks.empty() && !m_closeRequested)
             return;
 
         auto tasks = std::move(m_writerTasks);
         m_writerTasks.clear();
+        const bool closeAll = m_closeRequested;
         std::vector<PacketPtr> batch;
+        std::vector<SteadyTime> batchTimes;
         // Counted as queued until released: the batch holds its memory while it is written.
         std::size_t batchBytes = 0;
+        std::size_t batchObjects = 0;
         if (batchDue() && !m_queue.empty()) {
             // A batch takes at most a quarter of the memory mark, so that saves go on being
-            // accepted while it is written and the writer always has the next batch waiting.
+            // accepted while it is written and the writer always has the next batch waiting;
+            // and what the writer writes in kBatchTime, so that it is committed in time.
             const std::size_t byteLimit = std::max<std::size_t>(m_settings.maxQueuedBytes / 4, 1);
+            const auto objectLimit = static_cast<std::size_t>(
+                std::max(1024.0, m_objectsPerSecond.load(std::memory_order_relaxed) *
+                                     duration<double>(kBatchTime).count()));
             std::size_t count = 0;
             for (const std::size_t end = std::min(m_queue.size(), kMaxBatchPackets); count < end;
                  ++count) {
-                if (count > 0 && batchBytes + m_queueBytes[count] > byteLimit)
+                const std::size_t objects = m_queue[count]->objectMetadataList.size();
+                if (count > 0 && (batchBytes + m_queueBytes[count] > byteLimit ||
+                                  batchObjects + objects > objectLimit)) {
                     break;
+                }
                 batchBytes += m_queueBytes[count];
+                batchObjects += objects;
             }
+            m_batchOldest = m_queueTimes.front();
+            batchTimes.assign(m_queueTimes.begin(), m_queueTimes.begin() + count);
             if (count == m_queue.size()) {
                 batch.swap(m_queue);
                 m_queueBytes.clear();
+                m_queueTimes.clear();
             } else {
                 batch.assign(std::make_move_iterator(m_queue.begin()),
                              std::make_move_iterator(m_queue.begin() + count));
                 m_queue.erase(m_queue.begin(), m_queue.begin() + count);
                 m_queueBytes.erase(m_queueBytes.begin(), m_queueBytes.begin() + count);
-                m_oldestQueued = steady_clock::now() - m_settings.maxCommitDelay;
+                m_queueTimes.erase(m_queueTimes.begin(), m_queueTimes.begin() + count);
             }
+            m_queueObjects -= batchObjects;
             m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
         }
         lock.unlock();
 
         for (auto& task : tasks)
             task(m_writer->database());
-        if (!batch.empty())
-            writeBatch(batch);
-        const std::size_t written = batch.size();
-        batch.clear();  //< Packets are released outside the lock.
-        if (m_settings.maxAgeDays > 0 && steady_clock::now() >= m_nextRetention)
+        bool written = true;
+        std::vector<PacketPtr> rest;
+        std::vector<SteadyTime> restTimes;
+        if (!batch.empty()) {
+            const auto started = SteadyClock::now();
+            std::size_t taken = batch.size();
+            written = writeBatch(batch, started + kBatchTime / 2, &taken);
+
+            const double seconds = duration<double>(SteadyClock::now() - started).count();
+            if (taken < batch.size()) {
+                // What the batch had no time for is the head of the queue again.
+                rest.assign(std::make_move_iterator(batch.begin() + taken),
+                            std::make_move_iterator(batch.end()));
+                restTimes.assign(batchTimes.begin() + taken, batchTimes.end());
+                batch.resize(taken);
+            }
+            std::size_t objects = 0;
+            for (const auto& packet : batch)
+                objects += packet->objectMetadataList.size();
+            // Small batches say more about waiting than about the pace; a slow one counts at
+            // once, a fast one a little.
+            if (written && objects >= 1024 && seconds > 0) {
+                const double pace = objects / seconds;
+                const double previous = m_objectsPerSecond.load(std::memory_order_relaxed);
+                m_objectsPerSecond.store(pace < previous ? pace : 0.8 * previous + 0.2 * pace,
+                                         std::memory_order_relaxed);
+            }
+        } else if (SteadyClock::now() >= nextIdleClose && m_writer->openTracks() > 0) {
+            nextIdleClose = SteadyClock::now() + 1s;
+            if (const DBResult r = m_writer->closeTracks(true); r != DBResult::ok)
+                KEST_WARNING(this, "Writing ended tracks failed: %1", r);
+        }
+        if (closeAll) {
+            if (const DBResult r = m_writer->closeTracks(false); r != DBResult::ok)
+                KEST_WARNING(this, "Writing the open tracks failed: %1", r);
+        }
+        if (m_settings.maxAgeDays > 0 && SteadyClock::now() >= m_nextRetention)
             applyRetention();
-        if (steady_clock::now() >= m_nextStoreMeasure)
+        if (SteadyClock::now() >= m_nextStoreMeasure)
             measureStore();
+        const std::size_t count = batch.size();
+        // Freeing a batch's packets takes as long as a good part of writing them.
+        if (!batch.empty())
+            m_completions.post([released = std::move(batch)] {});
 
         lock.lock();
-        m_done += written;
+        if (!rest.empty()) {
+            std::size_t restBytes = 0, restObjects = 0;
+            std::vector<std::size_t> bytes;
+            for (const auto& packet : rest) {
+                bytes.push_back(packetBytes(*packet));
+                restBytes += bytes.back();
+                restObjects += packet->objectMetadataList.size();
+            }
+            m_queueBytes.insert(m_queueBytes.begin(), bytes.begin(), bytes.end());
+            m_queueTimes.insert(m_queueTimes.begin(), restTimes.begin(), restTimes.end());
+            m_queue.insert(m_queue.begin(), std::make_move_iterator(rest.begin()),
+                           std::make_move_iterator(rest.end()));
+            m_queueObjects += restObjects;
+            batchBytes -= restBytes;
+            batchObjects -= restObjects;
+            m_queuedPackets.store(m_queue.size(), std::memory_order_relaxed);
+        }
+        const std::uint64_t first = m_done + 1;
+        m_done += count;
         m_queuedBytes -= batchBytes;
+        m_pendingObjects.fetch_sub(batchObjects, std::memory_order_relaxed);
+        m_batchOldest.reset();
+        updateOldestPending();
         m_queuedBytesFigure.store(m_queuedBytes, std::memory_order_relaxed);
+        if (closeAll)
+            m_closeRequested = false;
+        if (!written) {
+            for (auto& waiter : m_waiters) {
+                if (waiter.first <= m_done && waiter.last >= first)
+                    waiter.failed = true;
+            }
+        }
+        while (!m_waiters.empty() && m_waiters.front().last <= m_done) {
+            m_completions.post(
+                [handler = std::move(m_waiters.front().handler),
+                 committed = !m_waiters.front().failed]() mutable { handler(committed); });
+            m_waiters.pop_front();
+        }
         if (m_overloaded && m_queue.size() <= m_settings.maxQueuedPackets / 2 &&
-            m_queuedBytes <= m_settings.maxQueuedBytes / 2 && !lagsBehind(steady_clock::now())) {
+            m_queuedBytes <= m_settings.maxQueuedBytes / 2) {
             m_overloaded = false;
         }
         m_progress.notify_all();
     }
 }
 
-void EventsStorage::writeBatch(const std::vector<PacketPtr>& batch)
+bool EventsStorage::writeBatch(const std::vector<PacketPtr>& batch,
+                               SteadyClock::time_point deadline, std::size_t* taken)
 {
-    const DBResult result = m_writer->write(batch);
+    const DBResult result = m_writer->write(batch, deadline, taken);
     if (result == DBResult::ok) {
-        m_packetsCommitted.fetch_add(batch.size(), std::memory_order_relaxed);
-        if (m_commitNotifier.wantsReports())
-            m_commitNotifier.report(result, periodsByDevice(batch));
-        return;
+        m_packetsCommitted.fetch_add(*taken, std::memory_order_relaxed);
+        if (m_commitNotifier.wantsReports()) {
+            m_commitNotifier.report(result, periodsByDevice(std::vector<PacketPtr>(
+                                                batch.begin(), batch.begin() + *taken)));
+        }
+        return true;
     }
+    *taken = batch.size();
     KEST_ERROR(this, "Saving %1 packets to the analytics database failed: %2 (%3)", batch.size(),
-               result, m_writer->database().lastError());
+               result, m_writer->lastError());
     reportFailure(result, batch);
+    return false;
 }
 
 void EventsStorage::reportFailure(DBResult result, const std::vector<PacketPtr>& packets)
@@ -330,11 +525,6 @@ std::unordered_map<ZuUuid, ZuTimePeriodList> EventsStorage::periodsByDevice(
     return periods;
 }
 
-bool EventsStorage::lagsBehind(steady_clock::time_point now) const
-{
-    return !m_queue.empty() && now - m_oldestQueued > m_settings.maxCommitDelay + kMaxBacklogLag;
-}
-
 void EventsStorage::measureStore()
 {
     namespace fs = std::filesystem;
@@ -349,7 +539,7 @@ void EventsStorage::measureStore()
     const auto space = fs::space(fs::path(m_file).parent_path(), error);
     if (!error)
         m_diskAvailableBytes.store(space.available, std::memory_order_relaxed);
-    m_nextStoreMeasure = steady_clock::now() + seconds(1);
+    m_nextStoreMeasure = SteadyClock::now() + seconds(1);
 }
 
 void EventsStorage::applyRetention()
@@ -362,14 +552,15 @@ void EventsStorage::applyRetention()
     if (result != DBResult::ok) {
         KEST_WARNING(this, "Deleting old tracks failed: %1 (%2)", result,
                      m_writer->database().lastError());
-        m_nextRetention = steady_clock::now() + seconds(10);
+        m_nextRetention = SteadyClock::now() + seconds(10);
         return;
     }
     if (deleted > 0)
         KEST_DEBUG(this, "Deleted %1 tracks last seen before %2 us", deleted, cutoffUs);
     if (std::lock_guard lock(m_retentionHandlerMutex); m_retentionHandler) {
-        // A track last seen after the cutoff is kept whole, so the oldest data may start before.
-        std::int64_t oldestUs = cutoffUs;
+        // A track last seen after the cutoff is kept whole, so the oldest data may start before;
+        // so may a track that is still open.
+        std::int64_t oldestUs = std::min(cutoffUs, m_writer->earliestOpenFirstUs());
         if (auto* s = m_writer->database().cached("SELECT MIN(first_us) FROM track")) {
             if (s->step() && !s->isNull(0))
                 oldestUs = std::min(oldestUs, s->int64(0));
@@ -378,7 +569,7 @@ void EventsStorage::applyRetention()
         m_retentionHandler(system_clock::time_point(microseconds(oldestUs)));
     }
     // A full batch means more is waiting: come back after the next write batch.
-    m_nextRetention = steady_clock::now() + (deleted == kRetentionBatchRows ? 0s : 1s);
+    m_nextRetention = SteadyClock::now() + (deleted == kRetentionBatchRows ? 0s : 1s);
 }
 
 void EventsStorage::lookupLoop(int worker)
@@ -427,6 +618,8 @@ void EventsStorage::stop()
     for (auto& thread : m_lookupThreads)
         thread.join();
     m_lookupThreads.clear();
+    // Saves waiting for their commit learn of it before the storage goes.
+    m_completions.drain();
     m_initialized = false;
     m_writer.reset();
     m_readers.clear();

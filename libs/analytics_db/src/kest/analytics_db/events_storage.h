@@ -14,7 +14,9 @@
 #include <kest/utils/mutex.h>
 
 #include "abstract_events_storage.h"
+#include "open_tracks_snapshots.h"
 #include "periods_notifier.h"
+#include "task_thread.h"
 #include "track_reader.h"
 #include "track_writer.h"
 
@@ -22,20 +24,24 @@ namespace kest::analytics::db {
 
 /**
  * The analytics events storage on an embedded SQLite database ("events.sqlite" in the
- * settings' directory). `save` queues; one writer thread aggregates the queue into tracks and
- * commits it in batches; a few lookup workers search on their own connections. How a filter
- * is applied is described in track_reader.h, how tracks are aggregated in track_aggregate.h.
+ * settings' directory). `save` queues; one writer thread turns the queue into tracks and commits
+ * it in batches (TrackWriter: each track written once, when it ends); a few lookup workers search
+ * on their own connections, the writer's open tracks included. How a filter is applied is
+ * described in track_reader.h, how tracks are aggregated in track_aggregate.h.
  *
  * A batch that cannot be committed is rolled back and its packets are reported, per device as
  * the union of their periods, through the save-error handler on a thread of its own; a committed
- * batch is reported the same way through the commit handler, on another thread. Past
- * maxQueuedPackets, past maxQueuedBytes of packets not yet written, or while the oldest queued
- * packet has waited kMaxBacklogLag longer than maxCommitDelay, the storage is not ready until the
- * queue is below half of both marks and younger than the lag: what it has acknowledged and not
- * written stays within a memory and a time bound when packets come faster than they are written.
- * Before a
- * successful initialize, lookups complete at once (on the caller's thread) with an error and
- * saves are reported as failed (connectionError).
+ * batch is reported the same way through the commit handler, on another thread.
+ *
+ * What is acknowledged and not committed stays within bounds: past maxQueuedPackets or
+ * maxQueuedBytes of packets not yet written the storage is not ready until the queue is below
+ * half of both; and it is not ready while the oldest of those packets is older than
+ * maxCommitDelay plus kMaxBacklogLag less kAckMargin, or while the queue would take more than
+ * half of that to write at the writer's measured pace. A batch takes what the writer writes in
+ * kBatchTime at that pace, and stops taking packets once it has spent half of it, so that the
+ * packets taken are committed soon enough. Before a successful initialize,
+ * lookups complete at once (on the caller's thread) with an error and saves are reported as
+ * failed (connectionError).
  */
 class EventsStorage : public AbstractEventsStorage
 {
@@ -43,15 +49,16 @@ public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
 
     static constexpr const char* kFileName = "events.sqlite";
-    /**
-     * A batch is committed once this many packets are waiting, or after maxCommitDelay. It takes
-     * at most kMaxBatchPackets, and at most a quarter of maxQueuedBytes.
-     */
-    static constexpr std::size_t kBatchPackets = 4096;
+    /** A batch is committed once this many packets are waiting, or after maxCommitDelay. */
+    static constexpr std::size_t kBatchPackets = 16384;
     static constexpr std::size_t kMaxBatchPackets = 16384;
+    /** What a batch may take to write, at the writer's pace. */
+    static constexpr std::chrono::milliseconds kBatchTime{300};
     static constexpr int kLookupWorkers = 2;
-    /** How far past maxCommitDelay the writer may fall behind before saves are refused. */
+    /** How far past maxCommitDelay an acknowledged packet may wait for its commit. */
     static constexpr std::chrono::milliseconds kMaxBacklogLag{1000};
+    /** Saves are refused this long before that bound is reached, for the batch in hand. */
+    static constexpr std::chrono::milliseconds kAckMargin{300};
     /** Old tracks are deleted this many per transaction, between batches. */
     static constexpr int kRetentionBatchRows = 300;
 
@@ -64,6 +71,10 @@ public:
     void setOnSaveErrorHandler(SaveErrorHandler handler) override;
     bool isReady() const override;
     void save(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet) override;
+    bool acknowledgesAfterCommit() const override;
+    void saveCommitted(
+        std::vector<std::shared_ptr<const common::metadata::ObjectMetadataPacket>> packets,
+        CommittedHandler handler) override;
     void lookup(Filter filter, LookupHandler completionHandler) override;
     void setOnCommitHandler(CommitHandler handler) override;
     void setOnRetentionHandler(RetentionHandler handler) override;
@@ -76,6 +87,11 @@ public:
      * only once initialized.
      */
     void runOnWriter(utils::MoveOnlyFunc<void(sql::Database&)> task);
+    /**
+     * Writes every track the writer still has open, as if it had ended, and waits (benchmarks
+     * and tests that look at the stored rows).
+     */
+    void closeOpenTracks();
 
     std::size_t queuedPackets() const;
 
@@ -83,21 +99,33 @@ public:
     static std::size_t packetBytes(const common::metadata::ObjectMetadataPacket& packet);
 
 private:
+    using SteadyClock = std::chrono::steady_clock;
     struct LookupTask
     {
         Filter filter;
         LookupHandler handler;
     };
+    struct Waiter
+    {
+        std::uint64_t first = 0;
+        std::uint64_t last = 0;
+        bool failed = false;
+        CommittedHandler handler;
+    };
 
+    void enqueue(std::shared_ptr<const common::metadata::ObjectMetadataPacket> packet,
+                 SteadyClock::time_point now);
     void writerLoop();
     void lookupLoop(int worker);
-    void writeBatch(const std::vector<PacketPtr>& batch);
+    /** Writes what it can of `batch` by `deadline`; `taken`: how many packets it took. */
+    bool writeBatch(const std::vector<PacketPtr>& batch, SteadyClock::time_point deadline,
+                    std::size_t* taken);
     void applyRetention();
     void stop();
     void reportFailure(sql::DBResult result, const std::vector<PacketPtr>& packets);
     void measureStore();
-    /** Whether the queue has waited too long for the writer; under m_queueMutex. */
-    bool lagsBehind(std::chrono::steady_clock::time_point now) const;
+    /** Under m_queueMutex: the oldest packet not committed, for the readiness test. */
+    void updateOldestPending();
     static std::unordered_map<ZuUuid, ZuTimePeriodList> periodsByDevice(
         const std::vector<PacketPtr>& packets);
 
@@ -110,24 +138,30 @@ private:
     std::condition_variable m_writerWake;
     std::condition_variable m_progress;
     std::vector<PacketPtr> m_queue;
-    /** packetBytes() of each queued packet. */
+    /** packetBytes() of each queued packet, and when it was accepted. */
     std::vector<std::size_t> m_queueBytes;
-    std::chrono::steady_clock::time_point m_oldestQueued;
+    std::vector<SteadyClock::time_point> m_queueTimes;
+    std::size_t m_queueObjects = 0;
+    /** When the oldest packet of the batch in hand was accepted; none between batches. */
+    std::optional<SteadyClock::time_point> m_batchOldest;
     std::uint64_t m_enqueued = 0;
     /** packetBytes() of the packets accepted and not yet written, the batch in hand included. */
     std::size_t m_queuedBytes = 0;
     std::uint64_t m_done = 0;
     std::uint64_t m_flushTarget = 0;
+    bool m_closeRequested = false;
     bool m_stopping = false;
     std::deque<utils::MoveOnlyFunc<void(sql::Database&)>> m_writerTasks;
+    std::deque<Waiter> m_waiters;
 
+    std::shared_ptr<OpenTracksSnapshots> m_openTracks;
     std::unique_ptr<TrackWriter> m_writer;
     std::thread m_writerThread;
-    std::chrono::steady_clock::time_point m_nextRetention;
-    std::chrono::steady_clock::time_point m_nextStoreMeasure;
+    SteadyClock::time_point m_nextRetention;
+    SteadyClock::time_point m_nextStoreMeasure;
     std::string m_file;
 
-    // Written without a lock on the ingest path; read by statistics().
+    // Written without a lock on the ingest path; read by statistics() and isReady().
     std::atomic<std::uint64_t> m_packetsAccepted{0};
     std::atomic<std::uint64_t> m_packetsCommitted{0};
     std::atomic<std::uint64_t> m_packetsFailed{0};
@@ -136,6 +170,15 @@ private:
     std::atomic<std::uint64_t> m_maxQueuedPackets{0};
     std::atomic<std::uint64_t> m_storeBytes{0};
     std::atomic<std::uint64_t> m_diskAvailableBytes{0};
+    /** SteadyClock nanoseconds of the oldest packet not committed; 0 when there is none. */
+    std::atomic<std::int64_t> m_oldestPendingNs{0};
+    /** Objects queued and in the batch in hand. */
+    std::atomic<std::uint64_t> m_pendingObjects{0};
+    /**
+     * Objects the writer commits per second, as measured over recent batches; a slow start, so
+     * that the first saves do not queue more than the writer takes in time.
+     */
+    std::atomic<double> m_objectsPerSecond{20'000};
 
     Mutex m_lookupMutex;
     std::condition_variable m_lookupWake;
@@ -149,6 +192,8 @@ private:
 
     PeriodsNotifier m_commitNotifier{PeriodsNotifier::WithoutHandler::drop};
     PeriodsNotifier m_notifier{PeriodsNotifier::WithoutHandler::keep};
+    /** Completions of saves waiting for their commit, and releases of written packets. */
+    TaskThread m_completions;
 };
 
 }  // namespace kest::analytics::db

@@ -22,6 +22,11 @@ void Settings::load(const ZuSettings& settings, const QString& group)
     const qlonglong queuedMb = settings.value(prefix + "maxQueuedMb").toLongLong(&ok);
     if (ok && queuedMb > 0)
         maxQueuedBytes = static_cast<std::size_t>(std::min<qlonglong>(queuedMb, 1 << 20)) << 20;
+    const QString ack = settings.value(prefix + "ackAfterCommit").toString().trimmed().toLower();
+    if (ack == "true" || ack == "1" || ack == "yes" || ack == "on")
+        ackAfterCommit = true;
+    else if (ack == "false" || ack == "0" || ack == "no" || ack == "off")
+        ackAfterCommit = false;
     const qlonglong delay = settings.value(prefix + "maxCommitDelayMs").toLongLong(&ok);
     if (ok && delay >= 0)
         maxCommitDelay = std::min(std::chrono::milliseconds(delay), kMaxCommitDelayLimit);

@@ -36,6 +36,11 @@ public:
     std::size_t maxQueuedBytes = 64 * 1024 * 1024;
     /** "maxCommitDelayMs": how long an accepted packet may wait before its batch is committed. */
     std::chrono::milliseconds maxCommitDelay{200};
+    /**
+     * "ackAfterCommit": saves are answered once their packets are committed, so that a crash
+     * loses nothing acknowledged; commits are then shared by the saves that wait together.
+     */
+    bool ackAfterCommit = false;
 
     /** Reads the group's keys; missing keys keep their defaults. */
     void load(const ZuSettings& settings, const QString& group = "analyticsDb");

@@ -26,6 +26,11 @@ struct StorageStatistics
     std::uint64_t storeBytes = 0;
     /** Space left to the storage on its volume, as last measured by the writer. */
     std::uint64_t diskAvailableBytes = 0;
+    /**
+     * How long the oldest packet accepted and not yet committed has waited (microseconds); 0
+     * when every accepted packet is committed. A crash would lose what waits.
+     */
+    std::uint64_t oldestUncommittedAgeUs = 0;
 };
 
 }  // namespace kest::analytics::db

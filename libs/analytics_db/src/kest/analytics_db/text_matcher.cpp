@@ -6,7 +6,11 @@
 #include <cstring>
 #include <memory>
 
+#include "attribute_code.h"
+
 namespace kest::analytics::db {
+
+using Kind = StoreDictionary::Kind;
 
 namespace {
 
@@ -20,30 +24,6 @@ fts5_api* fts5Api(sqlite3* db)
     sqlite3_step(statement);
     sqlite3_finalize(statement);
     return api;
-}
-
-/** Reads the stored attribute blob in place: count, then length-prefixed name and value. */
-template <typename Visit>
-void forEachAttributeText(std::string_view bytes, Visit&& visit)
-{
-    const auto u32 = [&](std::uint32_t* v) {
-        if (bytes.size() < 4)
-            return false;
-        std::memcpy(v, bytes.data(), 4);
-        bytes.remove_prefix(4);
-        return true;
-    };
-    std::uint32_t count = 0;
-    if (!u32(&count))
-        return;
-    for (std::uint32_t i = 0; i < 2 * count; ++i) {
-        std::uint32_t size = 0;
-        if (!u32(&size) || bytes.size() < size)
-            return;
-        if (visit(bytes.substr(0, size)))
-            return;
-        bytes.remove_prefix(size);
-    }
 }
 
 }  // namespace
@@ -91,11 +71,12 @@ std::vector<std::string> TextMatcher::words(const std::string& text)
     return out;
 }
 
-void TextMatcher::tokenize(std::string_view text, int flags, std::vector<std::string>* tokens)
+void TextMatcher::documentTokens(std::string_view text, std::vector<std::string>* tokens)
 {
     if (!m_tokenizer || text.empty())
         return;
-    m_api->xTokenize(m_tokenizer, tokens, flags, text.data(), static_cast<int>(text.size()),
+    m_api->xTokenize(m_tokenizer, tokens, FTS5_TOKENIZE_DOCUMENT, text.data(),
+                     static_cast<int>(text.size()),
                      [](void* context, int, const char* token, int size, int, int) {
                          static_cast<std::vector<std::string>*>(context)->emplace_back(token, size);
                          return SQLITE_OK;
@@ -105,42 +86,104 @@ void TextMatcher::tokenize(std::string_view text, int flags, std::vector<std::st
 void TextMatcher::setQuery(const std::vector<std::string>& words)
 {
     m_query.clear();
-    for (const std::string& word : words)
-        tokenize(word, FTS5_TOKENIZE_QUERY, &m_query);
-    m_found.assign(m_query.size(), false);
+    for (const std::string& word : words) {
+        if (!m_tokenizer || word.empty())
+            continue;
+        m_api->xTokenize(
+            m_tokenizer, &m_query, FTS5_TOKENIZE_QUERY, word.data(), static_cast<int>(word.size()),
+            [](void* context, int, const char* token, int size, int, int) {
+                static_cast<std::vector<std::string>*>(context)->emplace_back(token, size);
+                return SQLITE_OK;
+            });
+    }
+    if (m_query.size() > kMaxQueryWords)
+        m_query.resize(kMaxQueryWords);
+    m_all = m_query.size() == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << m_query.size()) - 1;
     m_checks = 0;
+    m_pairMasks.clear();
+    m_nameMasks.clear();
 }
 
-bool TextMatcher::matches(std::string_view attributes)
+std::uint64_t TextMatcher::maskOfToken(std::string_view token) const
+{
+    std::uint64_t mask = 0;
+    for (std::size_t i = 0; i < m_query.size(); ++i) {
+        if (token.starts_with(m_query[i]))
+            mask |= std::uint64_t{1} << i;
+    }
+    return mask;
+}
+
+std::uint64_t TextMatcher::maskOf(std::string_view text)
+{
+    struct Context
+    {
+        const TextMatcher* self;
+        std::uint64_t mask;
+    } context{this, 0};
+    if (!m_tokenizer || text.empty())
+        return 0;
+    m_api->xTokenize(m_tokenizer, &context, FTS5_TOKENIZE_DOCUMENT, text.data(),
+                     static_cast<int>(text.size()),
+                     [](void* c, int, const char* token, int size, int, int) {
+                         auto& ctx = *static_cast<Context*>(c);
+                         ctx.mask |= ctx.self->maskOfToken(std::string_view(token, size));
+                         return ctx.mask == ctx.self->m_all ? SQLITE_DONE : SQLITE_OK;
+                     });
+    return context.mask;
+}
+
+bool TextMatcher::matches(std::string_view attributes, const StoreDictionary& dictionary)
 {
     ++m_checks;
     if (m_query.empty())
         return true;
-    m_found.assign(m_query.size(), false);
-    m_missing = m_query.size();
-    struct Context
-    {
-        TextMatcher* self;
-    } context{this};
-    forEachAttributeText(attributes, [&](std::string_view text) {
-        m_api->xTokenize(
-            m_tokenizer, &context, FTS5_TOKENIZE_DOCUMENT, text.data(),
-            static_cast<int>(text.size()),
-            [](void* ctx, int, const char* token, int size, int, int) {
-                TextMatcher& m = *static_cast<Context*>(ctx)->self;
-                const std::string_view t(token, size);
-                for (std::size_t i = 0; i < m.m_query.size(); ++i) {
-                    if (!m.m_found[i] && t.starts_with(m.m_query[i])) {
-                        m.m_found[i] = true;
-                        if (--m.m_missing == 0)
-                            return SQLITE_DONE;  //< Stops the tokenizer: all words found.
-                    }
+    ByteReader in(attributes);
+    std::uint64_t count = 0;
+    if (!in.getVarint(&count))
+        return false;
+    std::uint64_t found = 0;
+    AttributeCode code;
+    for (std::uint64_t i = 0; i < count && found != m_all; ++i) {
+        if (!code.read(in))
+            return false;
+        if (code.pair != 0) {
+            auto [it, inserted] = m_pairMasks.try_emplace(code.pair, 0);
+            if (inserted) {
+                std::uint32_t nameKey = 0;
+                std::string_view value;
+                const std::string* entry = dictionary.value(Kind::attribute, code.pair);
+                if (entry && StoreDictionary::splitPair(*entry, &nameKey, &value)) {
+                    const std::string* name = dictionary.value(Kind::attributeName, nameKey);
+                    it->second = (name ? maskOf(*name) : 0) | maskOf(value);
                 }
-                return SQLITE_OK;
-            });
-        return m_missing == 0;
-    });
-    return m_missing == 0;
+            }
+            found |= it->second;
+            continue;
+        }
+        auto [it, inserted] = m_nameMasks.try_emplace(code.name, 0);
+        if (inserted) {
+            const std::string* name = dictionary.value(Kind::attributeName, code.name);
+            it->second = name ? maskOf(*name) : 0;
+        }
+        found |= it->second;
+        if (found != m_all)
+            found |= maskOf(code.value);
+    }
+    return found == m_all;
+}
+
+bool TextMatcher::matchesTokens(const std::vector<std::string>& tokens) const
+{
+    if (m_query.empty())
+        return true;
+    std::uint64_t found = 0;
+    for (const auto& token : tokens) {
+        found |= maskOfToken(token);
+        if (found == m_all)
+            return true;
+    }
+    return false;
 }
 
 }  // namespace kest::analytics::db

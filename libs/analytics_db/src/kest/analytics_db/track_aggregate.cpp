@@ -29,23 +29,36 @@ bool TrackAggregate::add(const ObjectMetadataPacket& packet, const ObjectMetadat
 {
     if (id.isNull())
         id = object.trackId;
-    const std::int64_t start = packet.timestampUs;
+    addSighting({packet.timestampUs, packet.durationUs, packet.deviceId, object.typeId,
+                 object.analyticsEngineId, object.objectMetadataType, object.boundingBox,
+                 packet.streamIndex});
+    return addAttributes(object.attributes);
+}
+
+void TrackAggregate::addSighting(const Sighting& s)
+{
+    const std::int64_t start = s.startUs;
     std::int64_t end = 0;
-    if (__builtin_add_overflow(start, std::max<std::int64_t>(packet.durationUs, 0), &end))
+    if (__builtin_add_overflow(start, std::max<std::int64_t>(s.durationUs, 0), &end))
         end = std::numeric_limits<std::int64_t>::max();
     firstUs = std::min(firstUs, start);
     lastUs = std::max(lastUs, end);
-    takeOrigin(start, packet.deviceId, object.typeId, object.analyticsEngineId);
-    grid.add(object.boundingBox);
-    if (object.isBestShot()) {
+    takeOrigin(start, s.deviceId, s.typeId, s.engineId);
+    grid.add(s.box);
+    if (s.kind == common::metadata::ObjectMetadataType::bestShot ||
+        s.kind == common::metadata::ObjectMetadataType::externalBestShot) {
         BestShot shot;
         shot.timestampUs = start;
-        shot.rect = object.boundingBox;
-        shot.streamIndex = packet.streamIndex;
-        takeBestShot(shot, static_cast<int>(object.objectMetadataType));
+        shot.rect = s.box;
+        shot.streamIndex = s.stream;
+        takeBestShot(shot, static_cast<int>(s.kind));
     }
+}
+
+bool TrackAggregate::addAttributes(const std::vector<Attribute>& attributes)
+{
     bool grew = false;
-    for (const auto& a : object.attributes)
+    for (const auto& a : attributes)
         grew |= addAttribute(a);
     return grew;
 }

@@ -26,6 +26,19 @@ namespace kest::analytics::db {
  */
 struct TrackAggregate
 {
+    /** One object with what the aggregate takes of it and of its packet. */
+    struct Sighting
+    {
+        std::int64_t startUs = 0;
+        std::int64_t durationUs = 0;
+        const ZuUuid& deviceId;
+        const std::string& typeId;
+        const ZuUuid& engineId;
+        common::metadata::ObjectMetadataType kind;
+        const common::metadata::Rect& box;
+        common::metadata::StreamIndex stream;
+    };
+
     static constexpr std::int64_t kNoTime = std::numeric_limits<std::int64_t>::max();
 
     ZuUuid id;
@@ -45,6 +58,9 @@ struct TrackAggregate
     /** Adds one record. Returns true when the attribute set grew. */
     bool add(const common::metadata::ObjectMetadataPacket& packet,
              const common::metadata::ObjectMetadata& object);
+    /** add() in two parts, for callers that know the attributes are those of the last record. */
+    void addSighting(const Sighting& sighting);
+    bool addAttributes(const std::vector<common::metadata::Attribute>& attributes);
 
     /** Merges another aggregate of the same track. Returns true when the attribute set grew. */
     bool merge(const TrackAggregate& other);

@@ -5,14 +5,18 @@
 #include <QString>
 #include <algorithm>
 #include <limits>
+#include <tuple>
+#include <unordered_set>
 
 #include <kest/utils/log/log.h>
 
+#include "attribute_coder.h"
 #include "bounding_box_grid.h"
-#include "record_codec.h"
+#include "object_run.h"
 #include "storage_schema.h"
 #include "track_aggregate.h"
 #include "track_row.h"
+#include "uuid_bytes.h"
 
 namespace kest::analytics::db {
 
@@ -49,14 +53,22 @@ std::int64_t saturatingAdd(std::int64_t a, std::int64_t b)
 /** Parameter numbers of the type list, then of the device list of the row id walk. */
 constexpr int kFirstTypeParam = 100;
 
+std::string_view bytesOf(sqlite3_value* v)
+{
+    const auto* data = static_cast<const char*>(sqlite3_value_blob(v));
+    return data ? std::string_view(data, sqlite3_value_bytes(v)) : std::string_view();
+}
+
+/** grid_hits(stored grid, 32-byte mask): whether they share a cell. */
 void gridHits(sqlite3_context* context, int, sqlite3_value** args)
 {
-    const auto bytes = [](sqlite3_value* v) {
-        const auto* data = static_cast<const char*>(sqlite3_value_blob(v));
-        return data ? std::string_view(data, sqlite3_value_bytes(v)) : std::string_view();
-    };
-    sqlite3_result_int(context, BoundingBoxGrid::bytesIntersect(bytes(args[0]), bytes(args[1])));
+    const BoundingBoxGrid grid = BoundingBoxGrid::fromCompact(bytesOf(args[0]));
+    sqlite3_result_int(context, grid.intersects(BoundingBoxGrid::fromBytes(bytesOf(args[1]))));
 }
+
+constexpr const char* kStateKeys =
+    "SELECT key, value FROM meta WHERE key IN "
+    "('seq', 'dictionary', 'maxSpanUs', 'maxLagUs')";
 
 }  // namespace
 
@@ -67,8 +79,11 @@ struct TrackReader::Query
     /** Values of ?4, one index range each: the devices, else the types, else one unused. */
     std::vector<std::int64_t> partitions;
     std::vector<std::int64_t> types;
-    std::string trackId;
-    std::string engineId;
+    std::int64_t trackIdHigh = 0;
+    std::int64_t trackIdLow = 0;
+    bool byTrackId = false;
+    std::int64_t engine = 0;
+    bool byEngine = false;
     std::string gridMask;
     std::string fts;
     std::int64_t startUs = 0;
@@ -85,6 +100,20 @@ struct TrackReader::Query
 
     int firstDeviceParam() const { return kFirstTypeParam + static_cast<int>(types.size()); }
 };
+
+/** A track found, stored or open, with what orders it. */
+struct TrackReader::Row
+{
+    StoredTrack stored;
+    /** The open track it is, or null for a stored one. */
+    const OpenTrackView* open = nullptr;
+
+    auto key() const { return std::pair(stored.track.firstUs, stored.rowId); }
+};
+
+TrackReader::TrackReader(std::shared_ptr<const OpenTracksSnapshots> openTracks)
+    : m_openTracks(std::move(openTracks))
+{}
 
 DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions& options)
 {
@@ -123,17 +152,58 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
         sqlite3_result_error(context, "text scan budget exceeded", -1);
         return;
     }
-    const auto* data = static_cast<const char*>(sqlite3_value_blob(args[0]));
-    const std::string_view blob = data ? std::string_view(data, sqlite3_value_bytes(args[0])) : "";
-    sqlite3_result_int(context, self->m_matcher.matches(blob));
+    sqlite3_result_int(context, self->m_matcher.matches(bytesOf(args[0]), self->m_dictionary));
 }
 
 ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
 {
     tracks->clear();
-    // One read transaction, so that every query below sees the same committed state.
-    if (m_db.exec("BEGIN") != DBResult::ok)
+    DBResult result = DBResult::ok;
+    // A search that fell behind the commits that the writer keeps open tracks of starts over.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        result = lookupIn(filter, tracks);
+        if (result != DBResult::retryLater)
+            break;
+    }
+    if (result != DBResult::ok) {
+        tracks->clear();
         return ResultCode::error;
+    }
+    return ResultCode::ok;
+}
+
+DBResult TrackReader::readState(std::int64_t* seq)
+{
+    auto* s = m_db.cached(kStateKeys);
+    if (!s)
+        return m_db.lastResult();
+    std::int64_t dictionary = 0;
+    m_maxSpanUs = 0;
+    m_maxLagUs = -1;
+    while (s->step()) {
+        const std::string_view key = s->text(0);
+        if (key == "seq")
+            *seq = s->int64(1);
+        else if (key == "dictionary")
+            dictionary = s->int64(1);
+        else if (key == "maxSpanUs")
+            m_maxSpanUs = s->int64(1);
+        else if (key == kMaxLagKey)
+            m_maxLagUs = s->int64(1);
+    }
+    if (s->result() != DBResult::ok)
+        return s->result();
+    if (static_cast<std::uint64_t>(dictionary) != m_dictionary.entries())
+        return m_dictionary.load(m_db);
+    return DBResult::ok;
+}
+
+DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
+{
+    tracks->clear();
+    // One read transaction, so that every query below sees the same committed state.
+    if (auto r = m_db.exec("BEGIN"); r != DBResult::ok)
+        return r;
     struct End
     {
         sql::Database& db;
@@ -144,34 +214,130 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
         }
     } end{m_db};
 
+    std::int64_t seq = 0;
+    if (auto r = readState(&seq); r != DBResult::ok)
+        return r;
+    std::shared_ptr<const OpenTracks> open;
+    if (m_openTracks) {
+        open = m_openTracks->get(seq);
+        if (!open)
+            return DBResult::retryLater;
+    }
+
     m_words = TextMatcher::words(filter.freeText);
     m_matcher.setQuery(m_words);
     m_textBudgetExceeded = false;
     m_walkGaveUp = false;
-    bool rare = false;
-    if (!m_words.empty()) {
-        if (isRareText(&rare) != DBResult::ok)
-            return ResultCode::error;
+
+    if (filter.timePeriod.durationMs < 0 && !filter.timePeriod.isInfinite())
+        return DBResult::ok;
+    const bool ascending = filter.sortOrder == SortOrder::asc;
+    const auto before = [ascending](const Row& a, const Row& b) {
+        return ascending ? a.key() < b.key() : b.key() < a.key();
+    };
+
+    // Open tracks first: those that the store holds an older row of replace that row.
+    std::vector<Row> found;
+    std::unordered_set<std::int64_t> replaced;
+    if (open) {
+        replaced.insert(open->replacedRows.begin(), open->replacedRows.end());
+        const auto consider = [&](std::size_t index) {
+            const OpenTrackView& view = *open->tracks[index];
+            if (matchesOpen(filter, view))
+                found.push_back({view.stored, &view});
+        };
+        // A track id or devices name the few open tracks that can match.
+        if (!filter.objectTrackId.isNull()) {
+            if (const auto it = open->byId.find(filter.objectTrackId); it != open->byId.end())
+                consider(it->second);
+        } else if (!filter.deviceIds.empty()) {
+            for (const ZuUuid& device : filter.deviceIds) {
+                if (const auto it = open->byDevice.find(device); it != open->byDevice.end()) {
+                    for (const std::size_t index : it->second)
+                        consider(index);
+                }
+            }
+        } else {
+            for (std::size_t index = 0; index < open->tracks.size(); ++index)
+                consider(index);
+        }
     }
+
+    bool rare = m_words.size() > TextMatcher::kMaxQueryWords;
+    if (!m_words.empty() && !rare) {
+        if (auto r = isRareText(&rare); r != DBResult::ok)
+            return r;
+    }
+    const auto extra = static_cast<std::int64_t>(replaced.size());
+    std::vector<Row> stored;
     // Rare words start where a row by row test that found nothing would have gone next.
     DBResult result = DBResult::ok;
     if (!rare)
-        result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, tracks);
+        result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, extra, &stored);
     if (rare || (result != DBResult::ok && m_textBudgetExceeded)) {
-        tracks->clear();
+        stored.clear();
         m_db.resetCached();
-        result = run(filter, TextMode::rowWalk, tracks);
+        result = run(filter, TextMode::rowWalk, extra, &stored);
         if (result == DBResult::ok && m_walkGaveUp) {
-            tracks->clear();
+            stored.clear();
             m_db.resetCached();
-            result = run(filter, TextMode::index, tracks);
+            result = run(filter, TextMode::index, extra, &stored);
         }
     }
-    if (result != DBResult::ok) {
-        tracks->clear();
-        return ResultCode::error;
+    if (result != DBResult::ok)
+        return result;
+    for (auto& row : stored) {
+        if (!replaced.contains(row.stored.rowId))
+            found.push_back(std::move(row));
     }
-    return ResultCode::ok;
+    std::sort(found.begin(), found.end(), before);
+    if (filter.maxObjectTracksToSelect > 0 &&
+        found.size() > static_cast<std::size_t>(filter.maxObjectTracksToSelect)) {
+        found.resize(filter.maxObjectTracksToSelect);
+    }
+
+    tracks->reserve(found.size());
+    for (const Row& row : found) {
+        tracks->push_back(row.stored.track.toTrack());
+        if (row.open)
+            tracks->back().attributes = row.open->attributes->attributes;
+        if (!filter.needFullTrack)
+            continue;
+        ObjectTrackEx& track = tracks->back();
+        if (auto r = loadPositions(row.stored, &track); r != DBResult::ok)
+            return r;
+        if (row.open) {
+            for (const auto& piece : row.open->pieces) {
+                if (!decodePositions(*piece, 0, &track.objectPositionSequence, true))
+                    return m_db.fail(SQLITE_CORRUPT, "an open track's objects");
+            }
+        }
+        sortPositions(&track.objectPositionSequence);
+    }
+    return DBResult::ok;
+}
+
+bool TrackReader::matchesOpen(const Filter& filter, const OpenTrackView& view) const
+{
+    const TrackAggregate& t = view.stored.track;
+    if (!filter.deviceIds.empty() && !filter.deviceIds.contains(t.deviceId))
+        return false;
+    if (!filter.objectTypeId.empty() && !filter.objectTypeId.contains(t.typeId))
+        return false;
+    if (!filter.objectTrackId.isNull() && filter.objectTrackId != t.id)
+        return false;
+    if (!filter.analyticsEngineId.isNull() && filter.analyticsEngineId != t.engineId)
+        return false;
+    if (filter.withBestShotOnly && t.bestShotKind == 0)
+        return false;
+    const std::int64_t startUs = msToUs(filter.timePeriod.startTimeMs);
+    const std::int64_t endUs =
+        filter.timePeriod.isInfinite() ? kMaxTime : msToUs(filter.timePeriod.endTimeMs());
+    if (!(t.firstUs < endUs && t.lastUs >= startUs))
+        return false;
+    if (filter.boundingBox && !t.grid.intersects(BoundingBoxGrid::ofRect(*filter.boundingBox)))
+        return false;
+    return m_matcher.matchesTokens(view.attributes->words);
 }
 
 DBResult TrackReader::isRareText(bool* rare)
@@ -179,8 +345,8 @@ DBResult TrackReader::isRareText(bool* rare)
     *rare = false;
     if (m_rareTextMatches <= 0)
         return DBResult::ok;
-    // A one-letter prefix has no prefix index: FTS5 would merge the lists of every word starting
-    // with it ("t" of "t-shirt"), which costs more than the row by row test it is meant to spare.
+    // A one-letter prefix stands for every word starting with it ("t" of "t-shirt"): FTS5 would
+    // merge all their lists, which costs more than the row by row test it is meant to spare.
     for (const std::string& word : m_words) {
         if (QString::fromStdString(word).size() < 2)
             return DBResult::ok;
@@ -196,8 +362,8 @@ DBResult TrackReader::isRareText(bool* rare)
     return s->result();
 }
 
-DBResult TrackReader::run(const Filter& filter, TextMode textMode,
-                          std::vector<ObjectTrackEx>* tracks)
+DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t extra,
+                          std::vector<Row>* rows)
 {
     Query q;
     bool matchesNothing = false;
@@ -205,8 +371,10 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode,
         return r;
     if (matchesNothing)
         return DBResult::ok;
+    // Rows that open tracks replace are dropped afterwards: as many more are asked for.
+    if (q.limit >= 0)
+        q.limit += extra;
 
-    std::vector<std::int64_t> rowIds;
     if (textMode == TextMode::rowWalk) {
         // Without a limit every match is needed anyway; without the lag nothing bounds the walk.
         // Devices have index ranges small enough to test against the set of all matches, while
@@ -217,99 +385,51 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode,
         }
         if (auto r = rowBounds(&q); r != DBResult::ok)
             return r;
-        if (auto r = walk(q, tracks, &rowIds, &m_walkGaveUp); r != DBResult::ok || m_walkGaveUp)
-            return r;
-    } else if (q.partitions.empty()) {
-        if (auto r = select(q, 0, tracks, &rowIds); r != DBResult::ok)
-            return r;
-    } else {
-        // One index range per device (or type), each already limited, then merged: cost
-        // follows the answer, not the number of tracks of the devices.
-        std::vector<std::pair<std::pair<std::int64_t, std::int64_t>, ObjectTrackEx>> merged;
-        for (const std::int64_t partition : q.partitions) {
-            std::vector<ObjectTrackEx> part;
-            std::vector<std::int64_t> partIds;
-            if (auto r = select(q, partition, &part, &partIds); r != DBResult::ok)
-                return r;
-            for (std::size_t i = 0; i < part.size(); ++i) {
-                merged.push_back({{part[i].firstAppearanceTimeUs, partIds[i]}, std::move(part[i])});
-            }
-        }
-        std::sort(merged.begin(), merged.end(), [&](const auto& a, const auto& b) {
-            return q.ascending ? a.first < b.first : b.first < a.first;
-        });
-        if (q.limit >= 0 && merged.size() > static_cast<std::size_t>(q.limit))
-            merged.resize(q.limit);
-        for (auto& [key, track] : merged) {
-            rowIds.push_back(key.second);
-            tracks->push_back(std::move(track));
-        }
+        return walk(q, rows, &m_walkGaveUp);
     }
-
-    if (filter.needFullTrack) {
-        for (std::size_t i = 0; i < tracks->size(); ++i) {
-            if (auto r = loadPositions(rowIds[i], &(*tracks)[i]); r != DBResult::ok)
-                return r;
-        }
+    if (q.partitions.empty())
+        return select(q, 0, rows);
+    // One index range per device (or type), each already limited, then merged: cost follows
+    // the answer, not the number of tracks of the devices.
+    for (const std::int64_t partition : q.partitions) {
+        if (auto r = select(q, partition, rows); r != DBResult::ok)
+            return r;
     }
+    std::sort(rows->begin(), rows->end(), [&](const Row& a, const Row& b) {
+        return q.ascending ? a.key() < b.key() : b.key() < a.key();
+    });
+    if (q.limit >= 0 && rows->size() > static_cast<std::size_t>(q.limit))
+        rows->resize(q.limit);
     return DBResult::ok;
 }
 
 DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
                              bool* matchesNothing)
 {
+    using Kind = StoreDictionary::Kind;
     for (const ZuUuid& device : filter.deviceIds) {
-        auto* s = m_db.cached("SELECT id FROM device WHERE guid = ?");
-        if (!s)
-            return m_db.lastResult();
-        s->bindBlob(1, encodeUuid(device));
-        if (s->step())
-            q->devices.push_back(s->int64(0));
-        else if (s->result() != DBResult::ok)
-            return s->result();
+        if (const auto key = m_dictionary.find(Kind::device, UuidBytes(device)))
+            q->devices.push_back(*key);
     }
     if (!filter.deviceIds.empty() && q->devices.empty())
         *matchesNothing = true;
-
     for (const std::string& type : filter.objectTypeId) {
-        auto* s = m_db.cached("SELECT id FROM object_type WHERE name = ?");
-        if (!s)
-            return m_db.lastResult();
-        s->bindText(1, type);
-        if (s->step())
-            q->types.push_back(s->int64(0));
-        else if (s->result() != DBResult::ok)
-            return s->result();
+        if (const auto key = m_dictionary.find(Kind::type, type))
+            q->types.push_back(*key);
     }
     if (!filter.objectTypeId.empty() && q->types.empty())
         *matchesNothing = true;
 
-    std::int64_t maxSpan = 0;
-    if (auto* s = m_db.cached("SELECT key, value FROM meta WHERE key IN ('maxSpanUs', ?)")) {
-        s->bindText(1, kMaxLagKey);
-        while (s->step()) {
-            if (s->text(0) == kMaxLagKey)
-                q->maxLagUs = s->int64(1);
-            else
-                maxSpan = s->int64(1);
-        }
-        if (s->result() != DBResult::ok)
-            return s->result();
-    } else {
-        return m_db.lastResult();
-    }
-
+    q->maxLagUs = m_maxLagUs;
     q->startUs = msToUs(filter.timePeriod.startTimeMs);
     q->endUs = filter.timePeriod.isInfinite() ? kMaxTime : msToUs(filter.timePeriod.endTimeMs());
-    q->lowFirstUs = saturatingSub(q->startUs, maxSpan);
-    if (filter.timePeriod.durationMs < 0 && !filter.timePeriod.isInfinite())
-        *matchesNothing = true;
+    q->lowFirstUs = saturatingSub(q->startUs, m_maxSpanUs);
     q->limit = filter.maxObjectTracksToSelect > 0 ? filter.maxObjectTracksToSelect : -1;
     q->ascending = filter.sortOrder == SortOrder::asc;
 
     bool textScan = false;
-    std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.last_us >= ?3";
-    std::string tables = kTrackTables;
+    std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.first_us + t.span_us >= ?3";
+    std::string tables = "track t";
     const bool walking = textMode == TextMode::rowWalk;
     const bool byType =
         !walking && filter.deviceIds.empty() && !q->types.empty() && filter.objectTrackId.isNull();
@@ -318,7 +438,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     q->walking = walking;
     if (walking) {
         // CROSS JOIN keeps FTS5 outermost, so that rows come in row id order.
-        tables = std::string("track_text CROSS JOIN ") + kTrackTables;
+        tables = "track_text CROSS JOIN track t";
         where =
             "track_text MATCH ?8 AND track_text.rowid > ?20 AND track_text.rowid < ?21 AND "
             "t.id = track_text.rowid AND " +
@@ -333,21 +453,26 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     } else if (!filter.deviceIds.empty()) {
         where += " AND t.device = ?4";
         if (filter.objectTrackId.isNull())
-            tables.replace(tables.find("track t"), 7, "track t INDEXED BY track_device_first");
+            tables = "track t INDEXED BY track_device_first";
         q->partitions = q->devices;
     } else if (byType) {
         where += " AND t.type = ?4";
-        tables.replace(tables.find("track t"), 7,
-                       filter.withBestShotOnly ? "track t INDEXED BY track_type_best_shot_first"
-                                               : "track t INDEXED BY track_type_first");
+        tables = "track t INDEXED BY track_type_first";
         q->partitions = q->types;
     }
     if (!filter.objectTrackId.isNull()) {
-        q->trackId = encodeUuid(filter.objectTrackId);
-        where += " AND t.guid = ?5";
+        std::tie(q->trackIdHigh, q->trackIdLow) = TrackRow::idHalves(filter.objectTrackId);
+        q->byTrackId = true;
+        where += " AND t.id_key = ?5 AND t.id_lo = ?10";
     }
     if (!filter.analyticsEngineId.isNull()) {
-        q->engineId = encodeUuid(filter.analyticsEngineId);
+        const auto key = m_dictionary.find(Kind::engine, UuidBytes(filter.analyticsEngineId));
+        if (!key) {
+            *matchesNothing = true;
+            return DBResult::ok;
+        }
+        q->engine = *key;
+        q->byEngine = true;
         where += " AND t.engine = ?6";
     }
     if (filter.boundingBox) {
@@ -362,7 +487,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         textScan = true;
     }
     if (filter.withBestShotOnly)
-        where += " AND t.best_kind != 0";
+        where += " AND t.best != 0";
     if (!q->types.empty() && !byType) {
         where += " AND t.type IN (";
         for (std::size_t i = 0; i < q->types.size(); ++i)
@@ -372,7 +497,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     if (textScan)
         where += " AND text_hits(t.attributes)";
     const char* order = q->ascending ? "ASC" : "DESC";
-    q->sql = std::string("SELECT ") + kTrackColumns + " FROM " + tables + " WHERE " + where +
+    q->sql = std::string("SELECT ") + TrackRow::kColumns + " FROM " + tables + " WHERE " + where +
              (walking ? std::string(" ORDER BY track_text.rowid ") + order
                       : std::string(" ORDER BY t.first_us ") + order + ", t.id " + order) +
              " LIMIT ?9";
@@ -388,10 +513,12 @@ void bindQuery(sql::Statement* s, const TrackReader::Query& q, std::int64_t part
     s->bind(2, q.lowFirstUs);
     s->bind(3, q.startUs);
     s->bind(4, partition);
-    if (!q.trackId.empty())
-        s->bindBlob(5, q.trackId);
-    if (!q.engineId.empty())
-        s->bindBlob(6, q.engineId);
+    if (q.byTrackId) {
+        s->bind(5, q.trackIdHigh);
+        s->bind(10, q.trackIdLow);
+    }
+    if (q.byEngine)
+        s->bind(6, q.engine);
     if (!q.gridMask.empty())
         s->bindBlob(7, q.gridMask);
     if (!q.fts.empty())
@@ -405,25 +532,32 @@ void bindQuery(sql::Statement* s, const TrackReader::Query& q, std::int64_t part
 
 }  // namespace
 
-DBResult TrackReader::select(const Query& q, std::int64_t partition,
-                             std::vector<ObjectTrackEx>* out, std::vector<std::int64_t>* rowIds)
+DBResult TrackReader::readRow(const sql::Statement& statement, Row* row)
+{
+    if (TrackRow::read(statement, 0, m_dictionary, &row->stored))
+        return DBResult::ok;
+    return m_db.fail(SQLITE_CORRUPT, "a track row that cannot be read");
+}
+
+DBResult TrackReader::select(const Query& q, std::int64_t partition, std::vector<Row>* out)
 {
     auto* s = m_db.cached(q.sql);
     if (!s)
         return m_db.lastResult();
     bindQuery(s, q, partition, q.limit);
     while (s->step()) {
-        std::int64_t rowId = 0;
-        out->push_back(readTrackRow(*s, &rowId).toTrack());
-        rowIds->push_back(rowId);
+        Row row;
+        if (auto r = readRow(*s, &row); r != DBResult::ok)
+            return r;
+        out->push_back(std::move(row));
     }
     return s->result();
 }
 
 DBResult TrackReader::rowBounds(Query* q)
 {
-    // A row whose first appearance is at least the lag past the end has, with every row stored
-    // after it, a first appearance at or past the end; likewise before the start.
+    // A row whose first appearance is at least the lag past the end has, with every row
+    // numbered after it, a first appearance at or past the end; likewise before the start.
     if (q->endUs != kMaxTime) {
         auto* s = m_db.cached(
             "SELECT min(id) FROM (SELECT id FROM track INDEXED BY track_first "
@@ -452,18 +586,10 @@ DBResult TrackReader::rowBounds(Query* q)
     return DBResult::ok;
 }
 
-DBResult TrackReader::walk(const Query& q, std::vector<ObjectTrackEx>* out,
-                           std::vector<std::int64_t>* rowIds, bool* gaveUp)
+DBResult TrackReader::walk(const Query& q, std::vector<Row>* out, bool* gaveUp)
 {
-    struct Row
-    {
-        std::int64_t id = 0;
-        TrackAggregate track;
-    };
     const auto before = [&q](const Row& a, const Row& b) {
-        const auto ka = std::pair(a.track.firstUs, a.id);
-        const auto kb = std::pair(b.track.firstUs, b.id);
-        return q.ascending ? ka < kb : kb < ka;
+        return q.ascending ? a.key() < b.key() : b.key() < a.key();
     };
     auto* s = m_db.cached(q.sql);
     if (!s)
@@ -484,10 +610,11 @@ DBResult TrackReader::walk(const Query& q, std::vector<ObjectTrackEx>* out,
         std::int64_t rows = 0;
         while (s->step()) {
             Row row;
-            row.track = readTrackRow(*s, &row.id);
-            cursor = row.id;
-            reached = q.ascending ? std::max(reached, row.track.firstUs)
-                                  : std::min(reached, row.track.firstUs);
+            if (auto r = readRow(*s, &row); r != DBResult::ok)
+                return r;
+            cursor = row.stored.rowId;
+            const std::int64_t first = row.stored.track.firstUs;
+            reached = q.ascending ? std::max(reached, first) : std::min(reached, first);
             best.push_back(std::move(row));
             ++rows;
         }
@@ -503,7 +630,7 @@ DBResult TrackReader::walk(const Query& q, std::vector<ObjectTrackEx>* out,
         // Rows further on have larger ids walking up, smaller ones walking down, so a tie
         // on first appearance ranks them after the rows found.
         if (best.size() == limit) {
-            const std::int64_t worst = best.back().track.firstUs;
+            const std::int64_t worst = best.back().stored.track.firstUs;
             if (q.ascending ? worst <= saturatingSub(reached, q.maxLagUs)
                             : worst >= saturatingAdd(reached, q.maxLagUs)) {
                 break;
@@ -515,23 +642,71 @@ DBResult TrackReader::walk(const Query& q, std::vector<ObjectTrackEx>* out,
         }
     }
     std::sort(best.begin(), best.end(), before);
-    for (Row& row : best) {
-        rowIds->push_back(row.id);
-        out->push_back(row.track.toTrack());
-    }
+    for (Row& row : best)
+        out->push_back(std::move(row));
     return DBResult::ok;
 }
 
-DBResult TrackReader::loadPositions(std::int64_t rowId, ObjectTrackEx* track)
+bool TrackReader::decodePositions(std::string_view run, std::int64_t baseUs,
+                                  std::vector<ObjectPosition>* out, bool positionsOnly)
 {
-    auto* s = m_db.cached("SELECT data FROM track_position WHERE track = ?");
-    if (!s)
-        return m_db.lastResult();
-    s->bind(1, rowId);
-    while (s->step())
-        decodePositions(s->blob(0), &track->objectPositionSequence);
-    sortPositions(&track->objectPositionSequence);
-    return s->result();
+    using Kind = StoreDictionary::Kind;
+    std::vector<ObjectRecord> records;
+    std::vector<AttributeList> lists;
+    if (!ObjectRun::decode(run, baseUs, &records, &lists))
+        return false;
+    std::vector<std::vector<common::metadata::Attribute>> attributes(lists.size());
+    for (std::size_t l = 0; l < lists.size(); ++l) {
+        for (const auto& code : lists[l]) {
+            auto attribute = AttributeCoder::decode(code, m_dictionary);
+            if (!attribute)
+                return false;
+            attributes[l].push_back(std::move(*attribute));
+        }
+    }
+    ZuUuid device;
+    std::uint32_t deviceKey = 0;
+    for (const auto& r : records) {
+        if (positionsOnly &&
+            (r.kind == static_cast<std::uint8_t>(common::metadata::ObjectMetadataType::bestShot) ||
+             r.kind == static_cast<std::uint8_t>(
+                           common::metadata::ObjectMetadataType::externalBestShot))) {
+            continue;
+        }
+        if (r.device != deviceKey || device.isNull()) {
+            const std::string* bytes = m_dictionary.value(Kind::device, r.device);
+            if (!bytes)
+                return false;
+            device = decodeUuid(*bytes);
+            deviceKey = r.device;
+        }
+        ObjectPosition p;
+        p.deviceId = device;
+        p.timestampUs = r.timestampUs;
+        p.durationUs = r.durationUs;
+        p.boundingBox = r.box;
+        if (r.attributes < attributes.size())
+            p.attributes = attributes[r.attributes];
+        out->push_back(std::move(p));
+    }
+    return true;
+}
+
+DBResult TrackReader::loadPositions(const StoredTrack& stored, ObjectTrackEx* track)
+{
+    for (const std::int64_t chunk : stored.chunks) {
+        auto* s = m_db.cached("SELECT data FROM position WHERE id = ?");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, chunk);
+        // Chunks written while the track was open hold its best shots too.
+        if (s->step() && !decodePositions(s->blob(0), 0, &track->objectPositionSequence, true)) {
+            return m_db.fail(SQLITE_CORRUPT, "a chunk of positions that cannot be read");
+        }
+        if (s->result() != DBResult::ok)
+            return s->result();
+    }
+    return DBResult::ok;
 }
 
 }  // namespace kest::analytics::db

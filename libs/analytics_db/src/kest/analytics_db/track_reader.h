@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -8,8 +9,11 @@
 
 #include "filter.h"
 #include "object_track_ex.h"
+#include "open_tracks_snapshots.h"
 #include "result_code.h"
+#include "store_dictionary.h"
 #include "text_matcher.h"
+#include "track_row.h"
 
 struct sqlite3_context;
 struct sqlite3_value;
@@ -17,7 +21,9 @@ struct sqlite3_value;
 namespace kest::analytics::db {
 
 /**
- * Runs searches on its own read-only connection (WAL lets it read while the writer commits).
+ * Runs searches on its own read-only connection (WAL lets it read while the writer commits),
+ * over the stored tracks and, as of the same commit, the tracks the writer still has open
+ * (OpenTracksSnapshots): an open track that has a row as well is taken from the writer.
  *
  * How a `Filter` is applied:
  * - time: a track covers [first, last] appearance, both ends included; the filter period
@@ -47,6 +53,9 @@ namespace kest::analytics::db {
 class TrackReader
 {
 public:
+    /** Without `openTracks` only stored tracks are found. */
+    explicit TrackReader(std::shared_ptr<const OpenTracksSnapshots> openTracks = nullptr);
+
     sql::DBResult open(const std::string& file, const sql::ConnectionOptions& options);
 
     ResultCode lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks);
@@ -78,6 +87,7 @@ public:
     void setRareTextMatches(std::int64_t matches) { m_rareTextMatches = matches; }
 
     struct Query;
+    struct Row;
 
 private:
     enum class TextMode
@@ -88,21 +98,30 @@ private:
         index
     };
 
-    sql::DBResult run(const Filter& filter, TextMode textMode, std::vector<ObjectTrackEx>* tracks);
-    sql::DBResult select(const Query& query, std::int64_t partition,
-                         std::vector<ObjectTrackEx>* out, std::vector<std::int64_t>* rowIds);
-    sql::DBResult walk(const Query& query, std::vector<ObjectTrackEx>* out,
-                       std::vector<std::int64_t>* rowIds, bool* gaveUp);
+    sql::DBResult lookupIn(const Filter& filter, std::vector<ObjectTrackEx>* tracks);
+    sql::DBResult readState(std::int64_t* seq);
+    sql::DBResult run(const Filter& filter, TextMode textMode, std::int64_t extra,
+                      std::vector<Row>* rows);
+    sql::DBResult select(const Query& query, std::int64_t partition, std::vector<Row>* out);
+    sql::DBResult walk(const Query& query, std::vector<Row>* out, bool* gaveUp);
     sql::DBResult rowBounds(Query* query);
     sql::DBResult keysOf(const Filter& filter, TextMode textMode, Query* query,
                          bool* matchesNothing);
+    sql::DBResult readRow(const sql::Statement& statement, Row* row);
     static void textHits(sqlite3_context* context, int, sqlite3_value** args);
-    sql::DBResult loadPositions(std::int64_t rowId, ObjectTrackEx* track);
+    bool matchesOpen(const Filter& filter, const OpenTrackView& view) const;
+    sql::DBResult loadPositions(const StoredTrack& stored, ObjectTrackEx* track);
+    bool decodePositions(std::string_view run, std::int64_t baseUs,
+                         std::vector<ObjectPosition>* out, bool positionsOnly);
     /** Whether FTS5 matches the words fewer than m_rareTextMatches times. */
     sql::DBResult isRareText(bool* rare);
 
     sql::Database m_db;
+    std::shared_ptr<const OpenTracksSnapshots> m_openTracks;
+    StoreDictionary m_dictionary;
     TextMatcher m_matcher;
+    std::int64_t m_maxSpanUs = 0;
+    std::int64_t m_maxLagUs = -1;
     std::vector<std::string> m_words;
     bool m_textBudgetExceeded = false;
     bool m_walkGaveUp = false;

@@ -1,37 +1,1011 @@
 #include "track_writer.h"
 
+#include <algorithm>
+
+#include <zlib.h>
+
 #include <kest/sql/transaction.h>
 #include <kest/utils/log/log.h>
 
-#include "record_codec.h"
+#include "byte_reader.h"
+#include "byte_writer.h"
 #include "storage_schema.h"
-#include "track_row.h"
+#include "uuid_bytes.h"
 
 namespace kest::analytics::db {
 
+using common::metadata::Attribute;
+using common::metadata::ObjectMetadata;
+using common::metadata::ObjectMetadataPacket;
+using common::metadata::ObjectMetadataType;
 using sql::DBResult;
+using Kind = StoreDictionary::Kind;
 
-TrackWriter::TrackWriter(std::size_t cacheCapacity) : m_cacheCapacity(cacheCapacity) {}
+struct TrackWriter::OpenTrack
+{
+    StoredTrack stored;
+    /** The dictionary key of the track's device, for its clock. */
+    std::uint32_t deviceKey = 0;
+    /** Whether the store holds a row of it (written before it ended, or ended and reopened). */
+    bool hasRow = false;
+    /** The attributes of that row, whose words the full-text index holds. */
+    std::vector<Attribute> storedAttributes;
+    /**
+     * Runs of its objects since it was last written, oldest first; the journal rows that hold
+     * them or name them; the position rows of those written where they stay (0: in the journal).
+     */
+    std::vector<std::shared_ptr<const std::string>> pieces;
+    std::vector<std::int64_t> journalRows;
+    std::vector<std::int64_t> pieceChunks;
+    std::size_t pieceObjects = 0;
+    /** The position rows among pieceChunks, for the track's row when it is written. */
+    std::vector<std::int64_t> directChunks;
+    /** The positions of the runs in the journal, for the chunk the track gets when written. */
+    std::vector<ObjectRecord> pending;
+    std::vector<AttributeList> pendingLists;
+    SteadyClock::time_point journaledSince;
+    /** The latest first appearance of the tracks numbered before it (see kMaxLagKey). */
+    std::int64_t precedingFirstUs = kNoFirstUs;
+    SteadyClock::time_point touched;
+    std::shared_ptr<const OpenTrackView> view;
+
+    /** The queues of TrackWriter::decide() hold it; its latest entry in the idle queue. */
+    SteadyClock::time_point idleQueuedAt;
+    /** Chosen to be written by the batch in hand; written and ending. */
+    bool scheduled = false;
+    bool closing = false;
+    /** Ended, waiting in m_ended to be written with others; since when. */
+    bool ended = false;
+    SteadyClock::time_point endedAt;
+
+    // The objects of the batch in hand, with their attribute lists.
+    bool inBatch = false;
+    std::vector<ObjectRecord> batch;
+    std::vector<AttributeList> batchLists;
+    std::vector<const std::vector<Attribute>*> batchListSources;
+};
+
+namespace {
+
+constexpr const char* kSeqKey = "seq";
+constexpr const char* kNextRowIdKey = "nextRowId";
+constexpr const char* kMaxSpanKey = "maxSpanUs";
+constexpr const char* kDictionaryKey = "dictionary";
+
+/** Modular: spans of tracks whose times are near the ends of the range stay defined. */
+std::int64_t span(std::int64_t first, std::int64_t last)
+{
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(last) -
+                                     static_cast<std::uint64_t>(first));
+}
+
+/**
+ * A journal row as stored: its size, then the row compressed (zlib, fastest level): runs of one
+ * batch repeat their attribute lists and headers, and what is journaled is written again later.
+ */
+std::string packJournal(const std::string& row)
+{
+    std::string out;
+    ByteWriter w(&out);
+    w.putVarint(row.size());
+    const std::size_t header = out.size();
+    uLongf size = compressBound(row.size());
+    out.resize(header + size);
+    if (compress2(reinterpret_cast<Bytef*>(out.data() + header), &size,
+                  reinterpret_cast<const Bytef*>(row.data()), row.size(), 1) != Z_OK) {
+        return {};
+    }
+    out.resize(header + size);
+    return out;
+}
+
+bool unpackJournal(std::string_view stored, std::string* row)
+{
+    ByteReader r(stored);
+    std::uint64_t size = 0;
+    if (!r.getVarint(&size) || size > (std::uint64_t{1} << 32))
+        return false;
+    row->resize(size);
+    uLongf unpacked = size;
+    const std::string_view rest = r.rest();
+    return uncompress(reinterpret_cast<Bytef*>(row->data()), &unpacked,
+                      reinterpret_cast<const Bytef*>(rest.data()), rest.size()) == Z_OK &&
+           unpacked == size;
+}
+
+/** What a run takes in a journal row: its bytes, or the number of its position row. */
+std::size_t journaledBytes(const std::string& piece, std::int64_t chunk)
+{
+    return chunk != 0 ? sizeof(std::int64_t) : piece.size();
+}
+
+bool isBestShot(std::uint8_t kind)
+{
+    return kind == static_cast<std::uint8_t>(ObjectMetadataType::bestShot) ||
+           kind == static_cast<std::uint8_t>(ObjectMetadataType::externalBestShot);
+}
+
+/**
+ * Appends the positions among `records` to `positions`, their attribute lists merged into
+ * `lists`. Positions carry neither kind, type, engine nor stream: they are constant in a chunk.
+ */
+void collectPositions(const std::vector<ObjectRecord>& records,
+                      const std::vector<AttributeList>& recordLists,
+                      std::vector<ObjectRecord>* positions, std::vector<AttributeList>* lists)
+{
+    std::vector<std::uint32_t> mapped(recordLists.size(), 0);
+    for (std::size_t l = 0; l < recordLists.size(); ++l) {
+        const auto it = std::find(lists->begin(), lists->end(), recordLists[l]);
+        mapped[l] = static_cast<std::uint32_t>(it - lists->begin());
+        if (it == lists->end())
+            lists->push_back(recordLists[l]);
+    }
+    for (ObjectRecord r : records) {
+        if (isBestShot(r.kind))
+            continue;
+        r.attributes = r.attributes < mapped.size() ? mapped[r.attributes] : 0;
+        r.kind = 0;
+        r.type = 0;
+        r.engine = 0;
+        r.stream = 0;
+        positions->push_back(r);
+    }
+}
+
+}  // namespace
+
+TrackWriter::TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots)
+    : m_snapshots(std::move(snapshots))
+{}
+
+TrackWriter::~TrackWriter() = default;
 
 DBResult TrackWriter::open(const std::string& file, const sql::ConnectionOptions& options)
 {
     if (auto r = m_db.open(file, options); r != DBResult::ok)
         return r;
-    if (auto r = applySchema(m_db); r != DBResult::ok)
+    if (auto r = applySchema(m_db, file, options); r != DBResult::ok)
         return r;
-    auto meta = m_db.prepare("SELECT key, value FROM meta");
-    if (!meta)
+    if (!m_tokenizer.open(m_db.handle()))
+        return m_db.fail(1, "fts5 tokenizer");
+    if (auto r = m_checkpointer.start(file, options, m_db); r != DBResult::ok)
+        return r;
+    return recover();
+}
+
+DBResult TrackWriter::loadMeta()
+{
+    auto* s = m_db.cached("SELECT key, value FROM meta");
+    if (!s)
         return m_db.lastResult();
-    while (meta->step()) {
-        const std::string_view key = meta->text(0);
-        if (key == "maxSpanUs")
-            m_maxSpanUs = meta->int64(1);
+    m_seq = 0;
+    m_nextRowId = 1;
+    m_maxSpanUs = 0;
+    m_maxFirstUs = kNoFirstUs;
+    m_maxLagUs = 0;
+    m_storedMeta.clear();
+    while (s->step()) {
+        const std::string_view key = s->text(0);
+        const std::int64_t value = s->int64(1);
+        m_storedMeta[std::string(key)] = value;
+        if (key == kSeqKey)
+            m_seq = value;
+        else if (key == kNextRowIdKey)
+            m_nextRowId = value;
+        else if (key == kMaxSpanKey)
+            m_maxSpanUs = value;
         else if (key == kMaxFirstKey)
-            m_maxFirstUs = meta->int64(1);
+            m_maxFirstUs = value;
         else if (key == kMaxLagKey)
-            m_maxLagUs = meta->int64(1);
+            m_maxLagUs = value;
     }
-    return meta->result();
+    if (s->result() != DBResult::ok)
+        return s->result();
+    // Numbers are never given twice, whatever the meta row says.
+    auto* last = m_db.cached("SELECT max(id) FROM track");
+    if (!last)
+        return m_db.lastResult();
+    if (last->step() && !last->isNull(0))
+        m_nextRowId = std::max(m_nextRowId, last->int64(0) + 1);
+    if (last->result() != DBResult::ok)
+        return last->result();
+    auto* lastChunk = m_db.cached("SELECT max(id) FROM position");
+    if (!lastChunk)
+        return m_db.lastResult();
+    m_nextChunkId = 1;
+    if (lastChunk->step() && !lastChunk->isNull(0))
+        m_nextChunkId = lastChunk->int64(0) + 1;
+    return lastChunk->result();
+}
+
+DBResult TrackWriter::recover()
+{
+    m_open.clear();
+    m_journal.clear();
+    m_unreferencedJournalRows.clear();
+    m_ends.clear();
+    m_idle.clear();
+    m_journalAges.clear();
+    m_ended.clear();
+    m_dictionary.dropUnsaved();
+    if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
+        return r;
+    if (auto r = loadMeta(); r != DBResult::ok)
+        return r;
+
+    // Rebuild the open tracks from the journal: each run that a stored row does not hold yet.
+    // The ids of tracks without a row come with one of their runs, not always the first.
+    auto select = m_db.prepare("SELECT id, data FROM journal ORDER BY id");
+    if (!select)
+        return m_db.lastResult();
+    struct Section
+    {
+        std::int64_t rowId = 0;
+        std::string_view piece;
+        /** The position row that holds the run, if it is not in the journal row. */
+        std::int64_t chunk = 0;
+    };
+    std::vector<std::pair<std::int64_t, std::string>> rows;
+    std::unordered_map<std::int64_t, ZuUuid> ids;
+    std::vector<std::vector<Section>> sectionsOfRows;
+    while (select->step()) {
+        std::string row;
+        if (!unpackJournal(select->blob(1), &row)) {
+            KEST_WARNING(this, "Journal row %1 cannot be read; its runs are lost",
+                         select->int64(0));
+        }
+        rows.emplace_back(select->int64(0), std::move(row));
+        sectionsOfRows.emplace_back();
+        ByteReader in(rows.back().second);
+        std::uint64_t sections = 0;
+        in.getVarint(&sections);
+        std::int64_t rowId = 0;
+        for (std::uint64_t i = 0; i < sections; ++i) {
+            std::uint64_t head = 0;
+            std::string_view piece;
+            if (!in.getVarint(&head))
+                break;
+            rowId += static_cast<std::int64_t>(head >> 2);
+            if (head & kSectionIntro) {
+                std::int64_t key = 0, low = 0;
+                if (!in.getFixed(&key) || !in.getFixed(&low))
+                    break;
+                ids.emplace(rowId, TrackRow::idOf(key, low));
+            }
+            std::uint64_t chunk = 0;
+            if (head & kSectionChunk ? !in.getVarint(&chunk) : !in.getBytes(&piece))
+                break;
+            sectionsOfRows.back().push_back({rowId, piece, static_cast<std::int64_t>(chunk)});
+        }
+    }
+    if (select->result() != DBResult::ok)
+        return select->result();
+    std::unordered_set<std::int64_t> ended;
+    std::unordered_map<std::int64_t, OpenTrack*> byRow;
+    const auto now = SteadyClock::now();
+    std::size_t runs = 0;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        const std::int64_t journalRow = rows[row].first;
+        JournalRow& entry = m_journal[journalRow];
+        entry.bytes = rows[row].second.size();
+        for (auto [rowId, piece, chunk] : sectionsOfRows[row]) {
+            if (ended.contains(rowId))
+                continue;
+            std::string chunkBytes;
+            if (chunk != 0) {
+                auto* read = m_db.cached("SELECT data FROM position WHERE id = ?");
+                if (!read)
+                    return m_db.lastResult();
+                read->bind(1, chunk);
+                if (read->step())
+                    chunkBytes = read->blob(0);
+                read->reset();
+                piece = chunkBytes;
+            }
+            OpenTrack* track = nullptr;
+            if (auto it = byRow.find(rowId); it != byRow.end()) {
+                track = it->second;
+            } else {
+                StoredTrack stored;
+                bool found = false;
+                if (auto r = findStored(ZuUuid(), rowId, &stored, &found); r != DBResult::ok)
+                    return r;
+                if (found && stored.sealed >= journalRow) {
+                    ended.insert(rowId);
+                    continue;
+                }
+                const auto id = ids.find(rowId);
+                if (!found && id == ids.end()) {
+                    KEST_WARNING(this, "Journal row %1 continues track row %2, which is unknown",
+                                 journalRow, rowId);
+                    ended.insert(rowId);
+                    continue;
+                }
+                auto owned = std::make_unique<OpenTrack>();
+                track = owned.get();
+                if (found) {
+                    track->stored = std::move(stored);
+                    track->hasRow = true;
+                    track->storedAttributes = track->stored.track.attributes;
+                } else {
+                    track->stored.rowId = rowId;
+                    track->stored.track.id = id->second;
+                }
+                track->precedingFirstUs = m_maxFirstUs;
+                track->touched = now;
+                track->journaledSince = now;
+                byRow.emplace(rowId, track);
+                m_open.emplace(track->stored.track.id, std::move(owned));
+            }
+            std::vector<ObjectRecord> records;
+            std::vector<AttributeList> lists;
+            if (!ObjectRun::decode(piece, 0, &records, &lists)) {
+                KEST_WARNING(this, "Journal row %1 holds a malformed run of track row %2",
+                             journalRow, rowId);
+                continue;
+            }
+            std::vector<std::vector<Attribute>> attributes(lists.size());
+            for (std::size_t l = 0; l < lists.size(); ++l) {
+                for (const auto& code : lists[l]) {
+                    if (auto a = AttributeCoder::decode(code, m_dictionary))
+                        attributes[l].push_back(std::move(*a));
+                }
+            }
+            TrackAggregate& t = track->stored.track;
+            for (const auto& r : records) {
+                const auto* device = m_dictionary.value(Kind::device, r.device);
+                const auto* type = m_dictionary.value(Kind::type, r.type);
+                const auto* engine = m_dictionary.value(Kind::engine, r.engine);
+                if (!device || !type || !engine)
+                    continue;
+                t.addSighting({r.timestampUs, r.durationUs, decodeUuid(*device), *type,
+                               decodeUuid(*engine), static_cast<ObjectMetadataType>(r.kind), r.box,
+                               static_cast<common::metadata::StreamIndex>(int{r.stream} - 1)});
+                if (r.attributes < attributes.size())
+                    t.addAttributes(attributes[r.attributes]);
+            }
+            if (track->deviceKey == 0) {
+                track->deviceKey = m_dictionary.key(Kind::device, UuidBytes(t.deviceId));
+            }
+            track->pieces.push_back(std::make_shared<const std::string>(piece));
+            track->journalRows.push_back(journalRow);
+            track->pieceChunks.push_back(chunk);
+            track->pieceObjects += records.size();
+            if (chunk != 0)
+                track->directChunks.push_back(chunk);
+            else
+                collectPositions(records, lists, &track->pending, &track->pendingLists);
+            entry.liveBytes += journaledBytes(*track->pieces.back(), chunk);
+            ++entry.pieces;
+            entry.tracks.push_back(track->stored.track.id);
+            ++runs;
+        }
+        if (entry.pieces == 0) {
+            m_journal.erase(journalRow);
+            m_unreferencedJournalRows.push_back(journalRow);
+        }
+    }
+    select.reset();
+    m_db.resetCached();
+    for (auto& [id, track] : m_open) {
+        track->view = viewOf(*track);
+        track->idleQueuedAt = now;
+        m_idle.push_back({now, id});
+        m_journalAges.push_back({now, id});
+    }
+    m_published = snapshot(m_seq);
+    m_snapshots->publish(m_published);
+    if (runs > 0) {
+        KEST_INFO(this, "Rebuilt %1 open tracks from %2 journal runs", m_open.size(), runs);
+    }
+    return DBResult::ok;
+}
+
+DBResult TrackWriter::findStored(const ZuUuid& id, std::int64_t rowId, StoredTrack* out,
+                                 bool* found)
+{
+    static const std::string kById = std::string("SELECT ") + TrackRow::kColumns +
+                                     " FROM track t WHERE t.id_key = ?1 AND t.id_lo = ?2";
+    static const std::string kByRow =
+        std::string("SELECT ") + TrackRow::kColumns + " FROM track t WHERE t.id = ?1";
+    *found = false;
+    auto* s = m_db.cached(rowId != 0 ? kByRow : kById);
+    if (!s)
+        return m_db.lastResult();
+    if (rowId != 0) {
+        s->bind(1, rowId);
+    } else {
+        const auto [high, low] = TrackRow::idHalves(id);
+        s->bind(1, high);
+        s->bind(2, low);
+    }
+    if (s->step()) {
+        if (!TrackRow::read(*s, 0, m_dictionary, out)) {
+            s->reset();
+            return m_db.fail(11 /*SQLITE_CORRUPT*/, "a track row names an unknown key");
+        }
+        *found = true;
+    }
+    const DBResult result = s->result();
+    s->reset();
+    return result;
+}
+
+TrackWriter::OpenTrack* TrackWriter::openTrackFor(const ZuUuid& id, DBResult* result)
+{
+    if (auto it = m_open.find(id); it != m_open.end())
+        return it->second.get();
+    auto track = std::make_unique<OpenTrack>();
+    bool found = false;
+    *result = findStored(id, 0, &track->stored, &found);
+    if (*result != DBResult::ok)
+        return nullptr;
+    if (found) {
+        track->hasRow = true;
+        track->storedAttributes = track->stored.track.attributes;
+    } else {
+        track->stored.rowId = m_nextRowId++;
+        track->stored.track.id = id;
+    }
+    track->precedingFirstUs = m_maxFirstUs;
+    return m_open.emplace(id, std::move(track)).first->second.get();
+}
+
+void TrackWriter::addObject(OpenTrack& track, const ObjectMetadataPacket& packet,
+                            const ObjectMetadata& object, std::uint32_t deviceKey)
+{
+    TrackAggregate& t = track.stored.track;
+    const bool first = !t.hasData();
+    t.addSighting({packet.timestampUs, packet.durationUs, packet.deviceId, object.typeId,
+                   object.analyticsEngineId, object.objectMetadataType, object.boundingBox,
+                   packet.streamIndex});
+    if (first) {
+        m_maxFirstUs = std::max(m_maxFirstUs, t.firstUs);
+        track.deviceKey = deviceKey;
+    }
+    if (track.deviceKey == 0 || t.deviceId == packet.deviceId)
+        track.deviceKey = deviceKey;
+
+    // Objects of a track mostly repeat the attributes of the one before: compared, not merged.
+    std::uint32_t list = 0;
+    const auto& sources = track.batchListSources;
+    if (!sources.empty() && *sources.back() == object.attributes) {
+        list = static_cast<std::uint32_t>(sources.size() - 1);
+    } else {
+        t.addAttributes(object.attributes);
+        AttributeList codes;
+        codes.reserve(object.attributes.size());
+        for (const auto& a : object.attributes)
+            codes.push_back(m_coder.encode(a));
+        list = static_cast<std::uint32_t>(track.batchLists.size());
+        track.batchLists.push_back(std::move(codes));
+        track.batchListSources.push_back(&object.attributes);
+    }
+
+    ObjectRecord r;
+    r.timestampUs = packet.timestampUs;
+    r.durationUs = packet.durationUs;
+    r.device = deviceKey;
+    r.type = m_dictionary.key(Kind::type, object.typeId);
+    r.engine = m_dictionary.key(Kind::engine, UuidBytes(object.analyticsEngineId));
+    r.kind = static_cast<std::uint8_t>(object.objectMetadataType);
+    r.stream = static_cast<std::uint8_t>(static_cast<int>(packet.streamIndex) + 1);
+    r.box = object.boundingBox;
+    r.attributes = list;
+    track.batch.push_back(r);
+}
+
+DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::time_point deadline,
+                            std::size_t* taken)
+{
+    if (taken)
+        *taken = packets.size();
+    // Reads of stored tracks happen inside the write transaction too: outside it, each would take
+    // and drop the WAL read lock on its own.
+    if (auto r = m_db.exec("BEGIN IMMEDIATE"); r != DBResult::ok)
+        return r;
+    std::vector<OpenTrack*> touched;
+    DBResult result = DBResult::ok;
+    const auto now = SteadyClock::now();
+    for (std::size_t i = 0; i < packets.size(); ++i) {
+        // A batch that takes longer than it was meant to ends early, so that what it took is
+        // committed in time; the rest goes to the next one.
+        if (taken && i > 0 && i % 256 == 0 && SteadyClock::now() > deadline) {
+            *taken = i;
+            break;
+        }
+        const auto& packet = packets[i];
+        const std::uint32_t deviceKey = m_dictionary.key(Kind::device, UuidBytes(packet->deviceId));
+        auto [time, inserted] = m_deviceTime.try_emplace(deviceKey, packet->timestampUs);
+        if (!inserted)
+            time->second = std::max(time->second, packet->timestampUs);
+        for (const auto& object : packet->objectMetadataList) {
+            if (object.trackId.isNull())
+                continue;
+            OpenTrack* track = openTrackFor(object.trackId, &result);
+            if (!track)
+                break;
+            if (!track->inBatch) {
+                track->inBatch = true;
+                touched.push_back(track);
+            }
+            // Seen again before it was written: it had not ended after all.
+            track->ended = false;
+            addObject(*track, *packet, object, deviceKey);
+        }
+        if (result != DBResult::ok)
+            break;
+    }
+    if (result == DBResult::ok) {
+        std::vector<OpenTrack*> flushing;
+        decide(touched, now, &flushing);
+        result = commit(touched, std::move(flushing), false);
+    }
+    if (result != DBResult::ok) {
+        m_lastError = m_db.lastError();
+        m_db.resetCached();
+        m_db.exec("ROLLBACK");
+        KEST_WARNING(this, "A batch was not written (%1: %2); rebuilding the open tracks", result,
+                     m_lastError);
+        if (auto r = recover(); r != DBResult::ok)
+            KEST_ERROR(this, "Rebuilding the open tracks failed: %1", r);
+        return result;
+    }
+    return DBResult::ok;
+}
+
+void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::time_point now,
+                         std::vector<OpenTrack*>* flushing)
+{
+    const auto take = [](OpenTrack* t, std::vector<OpenTrack*>* list) {
+        if (!t || t->scheduled || t->ended)
+            return;
+        t->scheduled = true;
+        list->push_back(t);
+    };
+    const auto end = [&](OpenTrack* t) {
+        if (!t || t->ended)
+            return;
+        t->ended = true;
+        t->endedAt = now;
+        m_ended.push_back(t->stored.track.id);
+    };
+    const auto find = [this](const ZuUuid& id) -> OpenTrack* {
+        const auto it = m_open.find(id);
+        return it == m_open.end() ? nullptr : it->second.get();
+    };
+
+    // Each track is queued with the time it last reached, behind its device; the queues are
+    // looked at from the front, so that a batch costs what it touches, not what is open.
+    std::unordered_set<std::uint32_t> devices;
+    for (OpenTrack* t : touched) {
+        t->touched = now;
+        m_ends[t->deviceKey].push_back({t->stored.track.lastUs, t->stored.track.id});
+        if (now - t->idleQueuedAt >= std::chrono::seconds(1)) {
+            t->idleQueuedAt = now;
+            m_idle.push_back({now, t->stored.track.id});
+        }
+        devices.insert(t->deviceKey);
+    }
+    for (const std::uint32_t device : devices) {
+        auto& queue = m_ends[device];
+        const std::int64_t deviceTime = m_deviceTime[device];
+        while (!queue.empty() && deviceTime > queue.front().lastUs &&
+               span(queue.front().lastUs, deviceTime) >= kCloseGapUs) {
+            OpenTrack* t = find(queue.front().id);
+            if (t && t->stored.track.lastUs == queue.front().lastUs)
+                end(t);
+            queue.pop_front();
+        }
+    }
+    // Tracks that nothing came for, and as many of the least recently seen as are too many; a
+    // batch takes a bounded number of them, so that it takes a bounded time.
+    std::size_t idleTaken = 0;
+    const auto tooMany = [&] { return m_open.size() > kMaxOpenTracks + m_ended.size(); };
+    while (!m_idle.empty() && idleTaken < kMaxIdleClosesPerBatch &&
+           (now - m_idle.front().first >= kIdleClose || tooMany())) {
+        const auto [queuedAt, id] = m_idle.front();
+        m_idle.pop_front();
+        OpenTrack* t = find(id);
+        if (!t || t->ended)
+            continue;
+        if (now - t->touched >= kIdleClose || tooMany()) {
+            end(t);
+            ++idleTaken;
+        } else if (t->idleQueuedAt == queuedAt) {
+            // Seen since: queued again at its latest.
+            t->idleQueuedAt = t->touched;
+            m_idle.push_back({t->touched, id});
+        }
+    }
+    for (OpenTrack* t : touched) {
+        if (t->pieceObjects + t->batch.size() >= kFlushObjects)
+            take(t, flushing);
+    }
+    std::size_t agedTaken = 0;
+    while (!m_journalAges.empty() && agedTaken < kMaxIdleClosesPerBatch &&
+           now - m_journalAges.front().first >= kMaxJournalAge) {
+        const auto [since, id] = m_journalAges.front();
+        m_journalAges.pop_front();
+        OpenTrack* t = find(id);
+        if (t && !t->journalRows.empty() && t->journaledSince == since) {
+            take(t, flushing);
+            ++agedTaken;
+        }
+    }
+    std::erase_if(*flushing, [](OpenTrack* t) { return !t->scheduled; });
+}
+
+DBResult TrackWriter::closeTracks(bool idleOnly)
+{
+    const auto now = SteadyClock::now();
+    std::vector<OpenTrack*> flushing;
+    if (idleOnly) {
+        decide({}, now, &flushing);
+    } else {
+        for (auto& [id, owned] : m_open) {
+            if (!owned->ended) {
+                owned->ended = true;
+                owned->endedAt = now;
+                m_ended.push_back(id);
+            }
+        }
+    }
+    if (flushing.empty() && !endedDue(now, !idleOnly) && m_unreferencedJournalRows.empty())
+        return DBResult::ok;
+    if (auto r = m_db.exec("BEGIN IMMEDIATE"); r != DBResult::ok)
+        return r;
+    const DBResult result = commit({}, std::move(flushing), !idleOnly);
+    if (result != DBResult::ok) {
+        m_lastError = m_db.lastError();
+        m_db.resetCached();
+        m_db.exec("ROLLBACK");
+        recover();
+    }
+    return result;
+}
+
+std::int64_t TrackWriter::earliestOpenFirstUs() const
+{
+    std::int64_t earliest = std::numeric_limits<std::int64_t>::max();
+    for (const auto& [id, track] : m_open) {
+        if (track->stored.track.firstUs != kNoFirstUs)
+            earliest = std::min(earliest, track->stored.track.firstUs);
+    }
+    return earliest;
+}
+
+bool TrackWriter::endedDue(SteadyClock::time_point now, bool all) const
+{
+    if (m_ended.empty())
+        return false;
+    if (all || m_ended.size() >= kMaxEndedTracks)
+        return true;
+    const auto first = m_open.find(m_ended.front());
+    return first == m_open.end() || !first->second->ended ||
+           now - first->second->endedAt >= kEndedDelay;
+}
+
+DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
+                             std::vector<OpenTrack*> toWrite, bool allEnded)
+{
+    const std::int64_t seq = m_seq + 1;
+    std::vector<OpenTrack*> journaled;
+    // Ended tracks are written together, a while after they ended: the index pages that every
+    // commit of tracks touches are then written once for many tracks, not once per batch.
+    std::vector<OpenTrack*> toClose;
+    if (endedDue(SteadyClock::now(), allEnded)) {
+        for (const ZuUuid& id : m_ended) {
+            const auto it = m_open.find(id);
+            if (it == m_open.end() || !it->second->ended || it->second->scheduled)
+                continue;
+            it->second->scheduled = true;
+            toClose.push_back(it->second.get());
+        }
+        m_ended.clear();
+    }
+    for (OpenTrack* t : toWrite) {
+        if (auto r = writeTrack(*t, false); r != DBResult::ok)
+            return r;
+    }
+    for (OpenTrack* t : toClose) {
+        if (auto r = writeTrack(*t, true); r != DBResult::ok)
+            return r;
+    }
+
+    // The runs of this batch's tracks that go on, one journal row for the batch. Runs that are
+    // all that is left of a row of mostly ended tracks move along, so that the row goes: the
+    // journal stays a few times the size of what the open tracks hold.
+    std::vector<std::pair<OpenTrack*, std::size_t>> sections;  //< Track, its piece; -1: batch.
+    constexpr std::size_t kBatchPiece = static_cast<std::size_t>(-1);
+    for (OpenTrack* t : touched) {
+        if (!t->scheduled && !t->batch.empty())
+            sections.emplace_back(t, kBatchPiece);
+    }
+    for (auto it = m_journal.begin(); it != m_journal.end();) {
+        const JournalRow& row = it->second;
+        if (row.bytes < kJournalCompactionBytes || row.liveBytes * 4 > row.bytes) {
+            ++it;
+            continue;
+        }
+        for (const ZuUuid& id : row.tracks) {
+            const auto track = m_open.find(id);
+            if (track == m_open.end())
+                continue;
+            const auto& rowsOfTrack = track->second->journalRows;
+            for (std::size_t i = 0; i < rowsOfTrack.size(); ++i) {
+                if (rowsOfTrack[i] == it->first)
+                    sections.emplace_back(track->second.get(), i);
+            }
+        }
+        ++it;
+    }
+    std::sort(sections.begin(), sections.end(), [](const auto& a, const auto& b) {
+        return std::pair(a.first->stored.rowId, a.second) <
+               std::pair(b.first->stored.rowId, b.second);
+    });
+    sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
+    const auto now = SteadyClock::now();
+    if (!sections.empty()) {
+        std::string data;
+        ByteWriter w(&data);
+        w.putVarint(sections.size());
+        std::int64_t previousRowId = 0;
+        JournalRow entry;
+        for (const auto& [t, index] : sections) {
+            // A track without a row has its id in its first run, and in every run that moves.
+            const bool intro = !t->hasRow && (index != kBatchPiece || t->journalRows.empty());
+            std::shared_ptr<const std::string> piece;
+            std::int64_t chunk = 0;
+            if (index == kBatchPiece) {
+                piece = std::make_shared<const std::string>(
+                    ObjectRun::encode(t->batch, t->batchLists, 0));
+                // A run this large is a chunk of its own, written where it stays; the journal
+                // only names it. A track keeps a few chunks free for when it is written.
+                if (t->batch.size() >= kDirectChunkObjects &&
+                    t->stored.chunks.size() + t->directChunks.size() + 2 < kMaxPositionChunks) {
+                    auto* s = m_db.cached("INSERT INTO position(id, data) VALUES(?, ?)");
+                    if (!s)
+                        return m_db.lastResult();
+                    s->bind(1, m_nextChunkId);
+                    s->bindBlobInPlace(2, *piece);
+                    if (auto r = s->exec(); r != DBResult::ok)
+                        return r;
+                    chunk = m_nextChunkId++;
+                    t->directChunks.push_back(chunk);
+                } else {
+                    collectPositions(t->batch, t->batchLists, &t->pending, &t->pendingLists);
+                }
+                if (t->journalRows.empty()) {
+                    t->journaledSince = now;
+                    m_journalAges.push_back({now, t->stored.track.id});
+                }
+                t->pieces.push_back(piece);
+                t->journalRows.push_back(seq);
+                t->pieceChunks.push_back(chunk);
+                t->pieceObjects += t->batch.size();
+            } else {
+                // Moved from its old row, which loses it.
+                piece = t->pieces[index];
+                chunk = t->pieceChunks[index];
+                JournalRow& old = m_journal[t->journalRows[index]];
+                old.liveBytes -= journaledBytes(*piece, chunk);
+                if (--old.pieces == 0) {
+                    m_journal.erase(t->journalRows[index]);
+                    m_unreferencedJournalRows.push_back(t->journalRows[index]);
+                }
+                t->journalRows[index] = seq;
+            }
+            w.putVarint((static_cast<std::uint64_t>(t->stored.rowId - previousRowId) << 2) |
+                        (chunk != 0 ? kSectionChunk : 0) | (intro ? kSectionIntro : 0));
+            previousRowId = t->stored.rowId;
+            if (intro) {
+                const auto [key, low] = TrackRow::idHalves(t->stored.track.id);
+                w.putFixed(key);
+                w.putFixed(low);
+            }
+            if (chunk != 0)
+                w.putVarint(static_cast<std::uint64_t>(chunk));
+            else
+                w.putBytes(*piece);
+            entry.liveBytes += journaledBytes(*piece, chunk);
+            ++entry.pieces;
+            entry.tracks.push_back(t->stored.track.id);
+            journaled.push_back(t);
+        }
+        entry.bytes = data.size();
+        m_journal[seq] = std::move(entry);
+        const std::string packed = packJournal(data);
+        if (packed.empty())
+            return m_db.fail(1 /*SQLITE_ERROR*/, "compressing a journal row");
+        auto* s = m_db.cached("INSERT INTO journal(id, data) VALUES(?, ?)");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, seq);
+        s->bindBlobInPlace(2, packed);
+        if (auto r = s->exec(); r != DBResult::ok)
+            return r;
+    }
+    for (const std::int64_t row : m_unreferencedJournalRows) {
+        auto* s = m_db.cached("DELETE FROM journal WHERE id = ?");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, row);
+        if (auto r = s->exec(); r != DBResult::ok)
+            return r;
+    }
+
+    if (auto r = m_dictionary.saveAdded(m_db); r != DBResult::ok)
+        return r;
+    const std::pair<const char*, std::int64_t> meta[] = {
+        {kSeqKey, seq},
+        {kNextRowIdKey, m_nextRowId},
+        {kMaxSpanKey, m_maxSpanUs},
+        {kMaxFirstKey, m_maxFirstUs},
+        {kMaxLagKey, m_maxLagUs},
+        {kDictionaryKey, static_cast<std::int64_t>(m_dictionary.entries())},
+    };
+    for (const auto& [key, value] : meta) {
+        const auto stored = m_storedMeta.find(key);
+        if (stored != m_storedMeta.end() && stored->second == value)
+            continue;
+        if (auto r = storeMeta(key, value); r != DBResult::ok)
+            return r;
+    }
+
+    // What searches see once the commit is visible; published first, withdrawn on failure.
+    for (OpenTrack* t : journaled)
+        t->view = viewOf(*t);
+    for (OpenTrack* t : toWrite)
+        t->view = viewOf(*t);
+    auto published = snapshot(seq);
+    m_snapshots->publish(published);
+    m_db.resetCached();
+    if (auto r = m_db.exec("COMMIT"); r != DBResult::ok) {
+        m_snapshots->withdraw(seq);
+        return r;
+    }
+    m_published = std::move(published);
+    m_dictionary.keepSaved();
+    for (const auto& [key, value] : meta)
+        m_storedMeta[key] = value;
+    m_seq = seq;
+    m_unreferencedJournalRows.clear();
+    for (OpenTrack* t : touched) {
+        t->inBatch = false;
+        t->batch.clear();
+        t->batchLists.clear();
+        t->batchListSources.clear();
+    }
+    for (OpenTrack* t : toWrite)
+        t->scheduled = false;
+    for (OpenTrack* t : toClose)
+        m_open.erase(t->stored.track.id);
+    m_checkpointer.restartIfLong(m_db);
+    return DBResult::ok;
+}
+
+DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
+{
+    StoredTrack& stored = track.stored;
+    TrackAggregate& t = stored.track;
+
+    // Every position since the track was last written, with their attribute lists merged.
+    std::vector<ObjectRecord> positions = std::move(track.pending);
+    std::vector<AttributeList> lists = std::move(track.pendingLists);
+    collectPositions(track.batch, track.batchLists, &positions, &lists);
+    const auto collect = [&](const std::vector<ObjectRecord>& records,
+                             const std::vector<AttributeList>& recordLists) {
+        collectPositions(records, recordLists, &positions, &lists);
+    };
+    std::stable_sort(positions.begin(), positions.end(),
+                     [](const auto& a, const auto& b) { return a.timestampUs < b.timestampUs; });
+
+    // The runs written as chunks of their own come first: they are older than the chunk below.
+    stored.chunks.insert(stored.chunks.end(), track.directChunks.begin(), track.directChunks.end());
+    track.directChunks.clear();
+    if (!positions.empty()) {
+        if (stored.chunks.size() < kMaxPositionChunks) {
+            auto* s = m_db.cached("INSERT INTO position(id, data) VALUES(?, ?)");
+            if (!s)
+                return m_db.lastResult();
+            const std::string chunk = ObjectRun::encode(positions, lists, 0);
+            s->bind(1, m_nextChunkId);
+            s->bindBlobInPlace(2, chunk);
+            if (auto r = s->exec(); r != DBResult::ok)
+                return r;
+            stored.chunks.push_back(m_nextChunkId++);
+        } else {
+            // As many chunks as a track may have: the last one takes the new positions.
+            const std::int64_t chunk = stored.chunks.back();
+            auto* read = m_db.cached("SELECT data FROM position WHERE id = ?");
+            if (!read)
+                return m_db.lastResult();
+            read->bind(1, chunk);
+            std::vector<ObjectRecord> old;
+            std::vector<AttributeList> oldLists;
+            if (read->step())
+                ObjectRun::decode(read->blob(0), 0, &old, &oldLists);
+            read->reset();
+            std::vector<ObjectRecord> mine = std::move(positions);
+            std::vector<AttributeList> myLists = std::move(lists);
+            positions.clear();
+            lists.clear();
+            collect(old, oldLists);
+            collect(mine, myLists);
+            auto* s = m_db.cached("UPDATE position SET data = ? WHERE id = ?");
+            if (!s)
+                return m_db.lastResult();
+            s->bindBlob(1, ObjectRun::encode(positions, lists, 0));
+            s->bind(2, chunk);
+            if (auto r = s->exec(); r != DBResult::ok)
+                return r;
+        }
+    }
+
+    stored.sealed = m_seq + 1;
+    // A row of a new track never replaces one: its number is new.
+    auto* row = m_db.cached(track.hasRow ? TrackRow::kReplace : TrackRow::kInsert);
+    if (!row)
+        return m_db.lastResult();
+    TrackRow::Encoded encoded;
+    TrackRow::bind(*row, stored, m_coder, m_dictionary, &encoded);
+    if (auto r = row->exec(); r != DBResult::ok)
+        return r;
+
+    const bool wordsChanged = !track.hasRow || track.storedAttributes != t.attributes;
+    if (track.hasRow && wordsChanged) {
+        auto* s =
+            m_db.cached("INSERT INTO track_text(track_text, rowid, text) VALUES('delete', ?, ?)");
+        if (!s)
+            return m_db.lastResult();
+        const std::string text = attributesSearchText(track.storedAttributes);
+        s->bind(1, stored.rowId);
+        s->bindTextInPlace(2, text);
+        if (auto r = s->exec(); r != DBResult::ok)
+            return r;
+    }
+    if (wordsChanged) {
+        auto* s = m_db.cached("INSERT INTO track_text(rowid, text) VALUES(?, ?)");
+        if (!s)
+            return m_db.lastResult();
+        const std::string text = attributesSearchText(t.attributes);
+        s->bind(1, stored.rowId);
+        s->bindTextInPlace(2, text);
+        if (auto r = s->exec(); r != DBResult::ok)
+            return r;
+    }
+    if (!track.hasRow) {
+        for (const auto& a : t.attributes)
+            m_coder.noteStored(a);
+    }
+
+    m_maxSpanUs = std::max(m_maxSpanUs, span(t.firstUs, t.lastUs));
+    m_maxLagUs = std::max(m_maxLagUs, lagOf(track.precedingFirstUs, t.firstUs));
+
+    for (std::size_t i = 0; i < track.journalRows.size(); ++i) {
+        const auto it = m_journal.find(track.journalRows[i]);
+        if (it == m_journal.end())
+            continue;
+        it->second.liveBytes -= journaledBytes(*track.pieces[i], track.pieceChunks[i]);
+        if (--it->second.pieces > 0)
+            continue;
+        m_unreferencedJournalRows.push_back(it->first);
+        m_journal.erase(it);
+    }
+    track.pieces.clear();
+    track.journalRows.clear();
+    track.pieceChunks.clear();
+    track.pieceObjects = 0;
+    track.pending.clear();
+    track.pendingLists.clear();
+    if (closing) {
+        track.closing = true;  //< Removed once the commit is done.
+        return DBResult::ok;
+    }
+    track.hasRow = true;
+    track.storedAttributes = t.attributes;
+    return DBResult::ok;
 }
 
 DBResult TrackWriter::storeMeta(const char* key, std::int64_t value)
@@ -44,258 +1018,67 @@ DBResult TrackWriter::storeMeta(const char* key, std::int64_t value)
     return s->exec();
 }
 
-DBResult TrackWriter::write(const std::vector<PacketPtr>& packets)
+std::vector<std::string> TrackWriter::wordsOf(const std::vector<Attribute>& attributes)
 {
-    // Reads of tracks not in the cache happen inside the write transaction too: outside it,
-    // each would take and drop the WAL read lock on its own.
-    sql::Transaction transaction(m_db);
-    DBResult result = transaction.beginResult();
-    std::unordered_map<ZuUuid, Pending, UuidHash> pending;
-    pending.reserve(packets.size() * 2);
-    for (const auto& packet : packets) {
-        for (const auto& object : packet->objectMetadataList) {
-            if (result != DBResult::ok)
-                break;
-            if (object.trackId.isNull())
-                continue;
-            auto [it, inserted] = pending.try_emplace(object.trackId);
-            Pending& p = it->second;
-            if (inserted) {
-                if (auto c = m_cache.find(object.trackId); c != m_cache.end()) {
-                    p.track = c->second.track;
-                    p.rowId = c->second.rowId;
-                    p.stored = p.track;
-                    m_lru.splice(m_lru.begin(), m_lru, c->second.lru);
-                } else {
-                    result = loadTrack(object.trackId, &p);
-                }
-            }
-            p.attributesChanged |= p.track.add(*packet, object);
-            if (!object.isBestShot()) {
-                p.positions.append(packet->deviceId, packet->timestampUs, packet->durationUs,
-                                   object.boundingBox, object.attributes);
-            }
-        }
+    std::vector<std::string> words;
+    for (const auto& a : attributes) {
+        m_tokenizer.documentTokens(a.name, &words);
+        m_tokenizer.documentTokens(a.value, &words);
     }
-
-    // Rows of a batch get their ids in no particular order, so the lag of each track whose
-    // first appearance is new is taken against the latest first appearance after the batch.
-    std::int64_t maxSpan = m_maxSpanUs;
-    std::int64_t maxFirst = m_maxFirstUs;
-    std::int64_t maxLag = m_maxLagUs;
-    for (const auto& [id, p] : pending) {
-        if (p.rowId == 0 || p.stored.firstUs != p.track.firstUs)
-            maxFirst = std::max(maxFirst, p.track.firstUs);
-    }
-    for (auto it = pending.begin(); result == DBResult::ok && it != pending.end(); ++it) {
-        Pending& p = it->second;
-        if (p.rowId == 0 || p.stored.firstUs != p.track.firstUs)
-            maxLag = std::max(maxLag, lagOf(maxFirst, p.track.firstUs));
-        result = storeTrack(p);
-        maxSpan = std::max(maxSpan, p.track.lastUs - p.track.firstUs);
-    }
-    if (result == DBResult::ok && maxSpan > m_maxSpanUs)
-        result = storeMeta("maxSpanUs", maxSpan);
-    if (result == DBResult::ok && maxFirst != m_maxFirstUs)
-        result = storeMeta(kMaxFirstKey, maxFirst);
-    if (result == DBResult::ok && maxLag != m_maxLagUs)
-        result = storeMeta(kMaxLagKey, maxLag);
-    m_db.resetCached();
-    if (result == DBResult::ok)
-        result = transaction.commit();
-    if (result != DBResult::ok) {
-        transaction.rollback();
-        // Dictionary rows of this batch are rolled back too; the cache never saw the batch.
-        m_devices.clear();
-        m_types.clear();
-        return result;
-    }
-    m_maxSpanUs = maxSpan;
-    m_maxFirstUs = maxFirst;
-    m_maxLagUs = maxLag;
-    for (auto& [id, p] : pending)
-        remember(std::move(p));
-    return DBResult::ok;
+    std::sort(words.begin(), words.end());
+    words.erase(std::unique(words.begin(), words.end()), words.end());
+    return words;
 }
 
-DBResult TrackWriter::loadTrack(const ZuUuid& id, Pending* pending)
+std::shared_ptr<const OpenTrackView> TrackWriter::viewOf(const OpenTrack& track)
 {
-    static const std::string kSql =
-        std::string("SELECT ") + kTrackColumns + " FROM " + kTrackTables + " WHERE t.guid = ?";
-    auto* s = m_db.cached(kSql);
-    if (!s)
-        return m_db.lastResult();
-    s->bindBlob(1, encodeUuid(id));
-    if (s->step()) {
-        pending->track = readTrackRow(*s, &pending->rowId);
-        pending->stored = pending->track;
-    }
-    return s->result();
-}
-
-DBResult TrackWriter::storeTrack(Pending& p)
-{
-    const TrackAggregate& t = p.track;
-    std::int64_t device = 0;
-    std::int64_t type = 0;
-    if (auto r = deviceKey(t.deviceId, &device); r != DBResult::ok)
-        return r;
-    if (auto r = typeKey(t.typeId, &type); r != DBResult::ok)
-        return r;
-
-    // Most updates only move the last appearance: the indexed columns (device, type, first_us,
-    // best_kind) are then left out, so that SQLite does not rewrite their index entries.
-    const bool isNew = p.rowId == 0;
-    const bool indexedChanged = isNew || p.stored.firstUs != t.firstUs ||
-                                p.stored.deviceId != t.deviceId || p.stored.typeId != t.typeId ||
-                                p.stored.bestShotKind != t.bestShotKind;
-    auto* s = m_db.cached(
-        isNew
-            ? "INSERT INTO track(device, type, engine, origin_us, first_us, last_us, grid, "
-              "best_us, best_kind, best_x, best_y, best_w, best_h, best_stream, attributes, guid) "
-              "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, ?14, ?15, ?16)"
-        : indexedChanged
-            ? "UPDATE track SET device = ?1, type = ?2, engine = ?3, origin_us = ?4, "
-              "first_us = ?5, last_us = ?6, grid = ?7, best_us = ?8, best_kind = ?9, "
-              "best_x = ?10, best_y = ?11, best_w = ?12, best_h = ?13, best_stream = ?14, "
-              "attributes = ?15 WHERE id = ?16"
-            : "UPDATE track SET engine = ?3, origin_us = ?4, last_us = ?6, "
-              "grid = ?7, best_us = ?8, best_x = ?10, best_y = ?11, best_w = ?12, best_h = ?13, "
-              "best_stream = ?14, attributes = ?15 WHERE id = ?16");
-    if (!s)
-        return m_db.lastResult();
-    s->bind(1, device);
-    s->bind(2, type);
-    s->bindBlob(3, encodeUuid(t.engineId));
-    s->bind(4, t.originUs);
-    s->bind(5, t.firstUs);
-    s->bind(6, t.lastUs);
-    s->bindBlob(7, t.grid.toBytes());
-    s->bind(8, t.bestShotKind ? t.bestShot.timestampUs : std::int64_t{0});
-    s->bind(9, t.bestShotKind);
-    s->bind(10, t.bestShot.rect.x);
-    s->bind(11, t.bestShot.rect.y);
-    s->bind(12, t.bestShot.rect.width);
-    s->bind(13, t.bestShot.rect.height);
-    s->bind(14, static_cast<int>(t.bestShot.streamIndex));
-    s->bindBlob(15, encodeAttributes(t.attributes));
-    if (isNew)
-        s->bindBlob(16, encodeUuid(t.id));
-    else
-        s->bind(16, p.rowId);
-    if (auto r = s->exec(); r != DBResult::ok)
-        return r;
-    if (isNew)
-        p.rowId = m_db.lastInsertRowId();
-
-    if (isNew || p.attributesChanged) {
-        if (!isNew) {
-            auto* del = m_db.cached("DELETE FROM track_text WHERE rowid = ?");
-            if (!del)
-                return m_db.lastResult();
-            del->bind(1, p.rowId);
-            if (auto r = del->exec(); r != DBResult::ok)
-                return r;
-        }
-        auto* text = m_db.cached("INSERT INTO track_text(rowid, text) VALUES(?, ?)");
-        if (!text)
-            return m_db.lastResult();
-        text->bind(1, p.rowId);
-        text->bindText(2, attributesSearchText(t.attributes));
-        if (auto r = text->exec(); r != DBResult::ok)
-            return r;
-    }
-
-    if (!p.positions.empty()) {
-        auto* pos = m_db.cached("INSERT INTO track_position(track, data) VALUES(?, ?)");
-        if (!pos)
-            return m_db.lastResult();
-        pos->bind(1, p.rowId);
-        pos->bindBlob(2, p.positions.bytes());
-        if (auto r = pos->exec(); r != DBResult::ok)
-            return r;
-    }
-    return DBResult::ok;
-}
-
-DBResult TrackWriter::deviceKey(const ZuUuid& id, std::int64_t* key)
-{
-    if (auto it = m_devices.find(id); it != m_devices.end()) {
-        *key = it->second;
-        return DBResult::ok;
-    }
-    const std::string bytes = encodeUuid(id);
-    auto* find = m_db.cached("SELECT id FROM device WHERE guid = ?");
-    if (!find)
-        return m_db.lastResult();
-    find->bindBlob(1, bytes);
-    if (find->step()) {
-        *key = find->int64(0);
+    auto view = std::make_shared<OpenTrackView>();
+    const StoredTrack& from = track.stored;
+    view->stored.rowId = from.rowId;
+    view->stored.chunks = from.chunks;
+    view->stored.sealed = from.sealed;
+    // All but the attributes, which the views of a track share while they stay.
+    const TrackAggregate& t = from.track;
+    TrackAggregate& v = view->stored.track;
+    v.id = t.id;
+    v.deviceId = t.deviceId;
+    v.typeId = t.typeId;
+    v.engineId = t.engineId;
+    v.originUs = t.originUs;
+    v.firstUs = t.firstUs;
+    v.lastUs = t.lastUs;
+    v.grid = t.grid;
+    v.bestShot = t.bestShot;
+    v.bestShotKind = t.bestShotKind;
+    if (track.view && track.view->attributes->attributes.size() == t.attributes.size() &&
+        track.view->attributes->attributes == t.attributes) {
+        view->attributes = track.view->attributes;
     } else {
-        if (find->result() != DBResult::ok)
-            return find->result();
-        auto* insert = m_db.cached("INSERT INTO device(guid) VALUES(?)");
-        if (!insert)
-            return m_db.lastResult();
-        insert->bindBlob(1, bytes);
-        if (auto r = insert->exec(); r != DBResult::ok)
-            return r;
-        *key = m_db.lastInsertRowId();
+        view->attributes = std::make_shared<const OpenTrackView::Attributes>(
+            OpenTrackView::Attributes{t.attributes, wordsOf(t.attributes)});
     }
-    m_devices.emplace(id, *key);
-    return DBResult::ok;
+    view->hasRow = track.hasRow;
+    view->pieces = track.pieces;
+    return view;
 }
 
-DBResult TrackWriter::typeKey(const std::string& name, std::int64_t* key)
+std::shared_ptr<const OpenTracks> TrackWriter::snapshot(std::int64_t seq)
 {
-    if (auto it = m_types.find(name); it != m_types.end()) {
-        *key = it->second;
-        return DBResult::ok;
+    auto tracks = std::make_shared<OpenTracks>();
+    tracks->seq = seq;
+    tracks->tracks.reserve(m_open.size());
+    tracks->byId.reserve(m_open.size());
+    for (const auto& [id, owned] : m_open) {
+        if (!owned->view || owned->closing)
+            continue;
+        const std::size_t index = tracks->tracks.size();
+        tracks->tracks.push_back(owned->view);
+        tracks->byId.emplace(id, index);
+        tracks->byDevice[owned->view->stored.track.deviceId].push_back(index);
+        if (owned->view->hasRow)
+            tracks->replacedRows.push_back(owned->view->stored.rowId);
     }
-    auto* find = m_db.cached("SELECT id FROM object_type WHERE name = ?");
-    if (!find)
-        return m_db.lastResult();
-    find->bindText(1, name);
-    if (find->step()) {
-        *key = find->int64(0);
-    } else {
-        if (find->result() != DBResult::ok)
-            return find->result();
-        auto* insert = m_db.cached("INSERT INTO object_type(name) VALUES(?)");
-        if (!insert)
-            return m_db.lastResult();
-        insert->bindText(1, name);
-        if (auto r = insert->exec(); r != DBResult::ok)
-            return r;
-        *key = m_db.lastInsertRowId();
-    }
-    m_types.emplace(name, *key);
-    return DBResult::ok;
-}
-
-void TrackWriter::remember(Pending&& p)
-{
-    const ZuUuid id = p.track.id;
-    if (auto it = m_cache.find(id); it != m_cache.end()) {
-        it->second.track = std::move(p.track);
-        it->second.rowId = p.rowId;
-        m_lru.splice(m_lru.begin(), m_lru, it->second.lru);
-        return;
-    }
-    m_lru.push_front(id);
-    m_cache.emplace(id, Cached{std::move(p.track), p.rowId, m_lru.begin()});
-    while (m_cache.size() > m_cacheCapacity) {
-        m_cache.erase(m_lru.back());
-        m_lru.pop_back();
-    }
-}
-
-void TrackWriter::forget(const ZuUuid& id)
-{
-    if (auto it = m_cache.find(id); it != m_cache.end()) {
-        m_lru.erase(it->second.lru);
-        m_cache.erase(it);
-    }
+    return tracks;
 }
 
 DBResult TrackWriter::deleteExpired(std::int64_t cutoffUs, int maxRows, int* deleted)
@@ -305,37 +1088,52 @@ DBResult TrackWriter::deleteExpired(std::int64_t cutoffUs, int maxRows, int* del
     if (transaction.beginResult() != DBResult::ok)
         return transaction.beginResult();
 
-    std::vector<std::pair<std::int64_t, ZuUuid>> rows;
+    std::vector<StoredTrack> rows;
     {
         // The first_us index bounds the scan; tracks still alive past the cutoff are few.
-        auto* s =
-            m_db.cached("SELECT id, guid FROM track WHERE first_us < ?1 AND last_us < ?1 LIMIT ?2");
+        static const std::string kSql = std::string("SELECT ") + TrackRow::kColumns +
+                                        " FROM track t WHERE t.first_us < ?1 AND "
+                                        "t.first_us + t.span_us < ?1 LIMIT ?2";
+        auto* s = m_db.cached(kSql);
         if (!s)
             return m_db.lastResult();
         s->bind(1, cutoffUs);
         s->bind(2, maxRows);
-        while (s->step())
-            rows.emplace_back(s->int64(0), decodeUuid(s->blob(1)));
+        while (s->step()) {
+            StoredTrack stored;
+            // A track that is open again keeps its row: writing it back replaces the row.
+            if (TrackRow::read(*s, 0, m_dictionary, &stored) && !m_open.contains(stored.track.id)) {
+                rows.push_back(std::move(stored));
+            }
+        }
         if (s->result() != DBResult::ok)
             return s->result();
     }
-    for (const char* sql :
-         {"DELETE FROM track WHERE id = ?", "DELETE FROM track_text WHERE rowid = ?",
-          "DELETE FROM track_position WHERE track = ?"}) {
-        auto* s = m_db.cached(sql);
-        if (!s)
+    for (const auto& stored : rows) {
+        auto* row = m_db.cached("DELETE FROM track WHERE id = ?");
+        auto* text =
+            m_db.cached("INSERT INTO track_text(track_text, rowid, text) VALUES('delete', ?, ?)");
+        if (!row || !text)
             return m_db.lastResult();
-        for (const auto& [rowId, id] : rows) {
-            s->reset();
-            s->bind(1, rowId);
+        row->bind(1, stored.rowId);
+        text->bind(1, stored.rowId);
+        text->bindText(2, attributesSearchText(stored.track.attributes));
+        for (auto* s : {row, text}) {
+            if (auto r = s->exec(); r != DBResult::ok)
+                return r;
+        }
+        for (const std::int64_t chunk : stored.chunks) {
+            auto* s = m_db.cached("DELETE FROM position WHERE id = ?");
+            if (!s)
+                return m_db.lastResult();
+            s->bind(1, chunk);
             if (auto r = s->exec(); r != DBResult::ok)
                 return r;
         }
     }
+    m_db.resetCached();
     if (auto r = transaction.commit(); r != DBResult::ok)
         return r;
-    for (const auto& [rowId, id] : rows)
-        forget(id);
     *deleted = static_cast<int>(rows.size());
     return DBResult::ok;
 }

@@ -1,20 +1,28 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <list>
+#include <deque>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <kest/sql/database.h>
 
+#include "attribute_coder.h"
+#include "checkpointer.h"
 #include "object_metadata_packet.h"
-#include "record_codec.h"
-#include "storage_schema.h"
-#include "track_aggregate.h"
+#include "object_run.h"
+#include "open_tracks_snapshots.h"
+#include "store_dictionary.h"
+#include "text_matcher.h"
+#include "track_row.h"
 
 namespace kest::analytics::db {
 
@@ -35,79 +43,160 @@ struct UuidHash
 };
 
 /**
- * The writing side of the events database, used by one thread: merges a batch of packets into
- * their tracks and commits the batch in one transaction. Recently written tracks stay in a
- * bounded cache so that a track seen in every batch is not read back each time.
+ * The writing side of the events database, used by one thread. Each track is written once: while
+ * objects keep coming its aggregate stays in memory, and each batch adds its objects to the
+ * journal table as one compact run per track; when the track ends (its device's time is
+ * kCloseGap past it, or nothing came for kIdleClose) its row, its one chunk of positions and its
+ * words are written, and its journal runs are dropped. A batch is one transaction, so a crash
+ * keeps every committed batch: on open, the journal's runs rebuild the open tracks. Searches see
+ * the open tracks through the snapshots the writer publishes for each commit.
+ *
+ * A track that goes on for long is written before it ends (every kFlushObjects objects or after
+ * kMaxJournalAge), and again when it ends: its row is then rewritten, its positions go to a
+ * further chunk. So is a track that gets objects after it was written (a late packet).
  */
 class TrackWriter
 {
 public:
-    explicit TrackWriter(std::size_t cacheCapacity = 200'000);
+    using SteadyClock = std::chrono::steady_clock;
 
+    /** How far a device's time goes past a track's last appearance before the track ends. */
+    static constexpr std::int64_t kCloseGapUs = 2'000'000;
+    /** How long a track with no new objects stays open, whatever its device does. */
+    static constexpr std::chrono::seconds kIdleClose{10};
+    /** Objects of an open track before they are written as a chunk. */
+    static constexpr std::size_t kFlushObjects = 4096;
+    /**
+     * A batch's run of a track with this many objects is written as a position chunk at once,
+     * not to the journal first: a backlog makes such runs, and they are then written once.
+     */
+    static constexpr std::size_t kDirectChunkObjects = 16;
+    /** How long an open track's objects stay in the journal before they are written as a chunk. */
+    static constexpr std::chrono::seconds kMaxJournalAge{60};
+    /** Open tracks at most; past it the least recently seen ones are written. */
+    static constexpr std::size_t kMaxOpenTracks = 200'000;
+    /** Tracks that a batch writes for their age (not for their device's time) at most. */
+    static constexpr std::size_t kMaxIdleClosesPerBatch = 2048;
+    /**
+     * Ended tracks wait, in the journal still, until this many have ended or the first of them
+     * ended this long ago; then they are written together.
+     */
+    static constexpr std::size_t kMaxEndedTracks = 16384;
+    static constexpr std::chrono::milliseconds kEndedDelay{1000};
+
+    TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots);
+    ~TrackWriter();
+
+    /** Opens the file, upgrades or creates the schema and rebuilds the open tracks. */
     sql::DBResult open(const std::string& file, const sql::ConnectionOptions& options);
 
-    /** All of the batch or nothing of it is stored. */
-    sql::DBResult write(const std::vector<PacketPtr>& packets);
+    /**
+     * All of the batch or nothing of it is stored. After a failure the open tracks are rebuilt
+     * from the store as it was before the batch. Packets are taken until `deadline`: `taken`
+     * gets how many were (the others are for a later batch); all of them without `taken`.
+     */
+    sql::DBResult write(const std::vector<PacketPtr>& packets,
+                        SteadyClock::time_point deadline = SteadyClock::time_point::max(),
+                        std::size_t* taken = nullptr);
+
+    /**
+     * Writes every open track (a stop, or a test that wants rows); `idleOnly`: only those that
+     * have had no objects for kIdleClose.
+     */
+    sql::DBResult closeTracks(bool idleOnly);
 
     /** Deletes at most `maxRows` tracks last seen before `cutoffUs`; `deleted` gets how many. */
     sql::DBResult deleteExpired(std::int64_t cutoffUs, int maxRows, int* deleted);
 
     /** The longest track (last minus first appearance) stored, which bounds search scans. */
-    const std::atomic<std::int64_t>& maxSpanUs() const { return m_maxSpanUs; }
+    std::int64_t maxSpanUs() const { return m_maxSpanUs; }
+    std::size_t openTracks() const { return m_open.size(); }
+    /** The earliest first appearance of the open tracks; the maximum when none is open. */
+    std::int64_t earliestOpenFirstUs() const;
+    std::int64_t seq() const { return m_seq; }
 
     sql::Database& database() { return m_db; }
-    std::size_t cachedTracks() const { return m_cache.size(); }
+    /** What made the last failed write fail. */
+    const std::string& lastError() const { return m_lastError; }
 
 private:
-    struct Pending
-    {
-        TrackAggregate track;
-        std::int64_t rowId = 0;
-        bool attributesChanged = false;
-        /** The indexed values as stored before this batch. */
-        struct
-        {
-            std::int64_t firstUs = 0;
-            ZuUuid deviceId;
-            std::string typeId;
-            int bestShotKind = 0;
+    struct OpenTrack;
+    struct Batch;
 
-            void operator=(const TrackAggregate& t)
-            {
-                firstUs = t.firstUs;
-                typeId = t.typeId;
-                deviceId = t.deviceId;
-                bestShotKind = t.bestShotKind;
-            }
-        } stored;
-        /** Positions of this batch. */
-        PositionChunk positions;
-    };
-    struct Cached
-    {
-        TrackAggregate track;
-        std::int64_t rowId = 0;
-        std::list<ZuUuid>::iterator lru;
-    };
-
-    sql::DBResult loadTrack(const ZuUuid& id, Pending* pending);
-    sql::DBResult storeTrack(Pending& pending);
+    sql::DBResult recover();
+    sql::DBResult loadMeta();
+    sql::DBResult findStored(const ZuUuid& id, std::int64_t rowId, StoredTrack* out, bool* found);
+    OpenTrack* openTrackFor(const ZuUuid& id, sql::DBResult* result);
+    void addObject(OpenTrack& track, const common::metadata::ObjectMetadataPacket& packet,
+                   const common::metadata::ObjectMetadata& object, std::uint32_t deviceKey);
+    /** Marks the tracks that end (m_ended), and chooses those written before they end. */
+    void decide(const std::vector<OpenTrack*>& touched, SteadyClock::time_point now,
+                std::vector<OpenTrack*>* flushing);
+    /** Whether the ended tracks are to be written now; `all`: whatever their number and age. */
+    bool endedDue(SteadyClock::time_point now, bool all) const;
+    sql::DBResult commit(const std::vector<OpenTrack*>& touched, std::vector<OpenTrack*> toWrite,
+                         bool allEnded);
+    sql::DBResult writeTrack(OpenTrack& track, bool closing);
     sql::DBResult storeMeta(const char* key, std::int64_t value);
-    sql::DBResult deviceKey(const ZuUuid& id, std::int64_t* key);
-    sql::DBResult typeKey(const std::string& name, std::int64_t* key);
-    void remember(Pending&& pending);
-    void forget(const ZuUuid& id);
+    void noteFirst(OpenTrack& track);
+    std::shared_ptr<const OpenTrackView> viewOf(const OpenTrack& track);
+    std::shared_ptr<const OpenTracks> snapshot(std::int64_t seq);
+    std::vector<std::string> wordsOf(const std::vector<common::metadata::Attribute>& attributes);
 
     sql::Database m_db;
-    std::size_t m_cacheCapacity;
-    std::unordered_map<ZuUuid, Cached, UuidHash> m_cache;
-    std::list<ZuUuid> m_lru;
-    std::unordered_map<ZuUuid, std::int64_t, UuidHash> m_devices;
-    std::unordered_map<std::string, std::int64_t> m_types;
-    std::atomic<std::int64_t> m_maxSpanUs{0};
-    /** See kMaxLagKey: kept here so that a batch does not read them back. */
-    std::int64_t m_maxFirstUs = kNoFirstUs;
+    Checkpointer m_checkpointer;
+    std::shared_ptr<OpenTracksSnapshots> m_snapshots;
+    StoreDictionary m_dictionary;
+    AttributeCoder m_coder{m_dictionary};
+    TextMatcher m_tokenizer;
+
+    std::unordered_map<ZuUuid, std::unique_ptr<OpenTrack>, UuidHash> m_open;
+    /** What a journal row holds, by its id: it goes when no run of an open track is left. */
+    struct JournalRow
+    {
+        std::size_t bytes = 0;
+        /** Of its runs, those of open tracks. */
+        std::size_t liveBytes = 0;
+        std::size_t pieces = 0;
+        /** The tracks it had runs of; some may have ended. */
+        std::vector<ZuUuid> tracks;
+    };
+    /** Rows of this size at least whose runs have mostly ended are compacted. */
+    static constexpr std::size_t kJournalCompactionBytes = 16 * 1024;
+    /** Flags of a journal row's section: the track's id follows; its run is in a position row. */
+    static constexpr std::uint64_t kSectionIntro = 1;
+    static constexpr std::uint64_t kSectionChunk = 2;
+    std::map<std::int64_t, JournalRow> m_journal;
+    std::vector<std::int64_t> m_unreferencedJournalRows;
+    /** The latest packet time of each device, by dictionary key. */
+    std::unordered_map<std::uint32_t, std::int64_t> m_deviceTime;
+    /**
+     * Open tracks in the order they may end: by device and the last appearance they had when
+     * queued, by when they were last seen, and by when their oldest journal run was written.
+     * Entries of tracks that changed since are stale and skipped.
+     */
+    struct Due
+    {
+        std::int64_t lastUs = 0;
+        ZuUuid id;
+    };
+    std::unordered_map<std::uint32_t, std::deque<Due>> m_ends;
+    std::deque<std::pair<SteadyClock::time_point, ZuUuid>> m_idle;
+    std::deque<std::pair<SteadyClock::time_point, ZuUuid>> m_journalAges;
+    /** Tracks that ended and wait to be written, in the order they ended; some went on since. */
+    std::vector<ZuUuid> m_ended;
+
+    /** The meta values as the store holds them, to write only those that change. */
+    std::map<std::string, std::int64_t, std::less<>> m_storedMeta;
+    std::int64_t m_seq = 0;
+    std::int64_t m_nextRowId = 1;
+    std::int64_t m_nextChunkId = 1;
+    std::int64_t m_maxSpanUs = 0;
+    /** See kMaxFirstKey and kMaxLagKey of storage_schema.h. */
+    std::int64_t m_maxFirstUs = 0;
     std::int64_t m_maxLagUs = 0;
+    std::shared_ptr<const OpenTracks> m_published;
+    std::string m_lastError;
 };
 
 }  // namespace kest::analytics::db

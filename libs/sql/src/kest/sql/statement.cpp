@@ -43,6 +43,16 @@ void Statement::bindBlob(int index, std::string_view bytes)
     sqlite3_bind_blob64(m_stmt, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
 }
 
+void Statement::bindTextInPlace(int index, std::string_view value)
+{
+    sqlite3_bind_text64(m_stmt, index, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
+}
+
+void Statement::bindBlobInPlace(int index, std::string_view bytes)
+{
+    sqlite3_bind_blob64(m_stmt, index, bytes.data(), bytes.size(), SQLITE_STATIC);
+}
+
 void Statement::bindNull(int index)
 {
     sqlite3_bind_null(m_stmt, index);

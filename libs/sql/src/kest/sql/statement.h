@@ -33,6 +33,12 @@ public:
     void bindText(int index, std::string_view value);
     void bindBlob(int index, std::span<const std::uint8_t> value);
     void bindBlob(int index, std::string_view bytes);
+    /**
+     * Not copied: SQLite reads the bytes where they are, so they must stay until the statement
+     * has run (for large values on hot statements, where the copy shows).
+     */
+    void bindTextInPlace(int index, std::string_view value);
+    void bindBlobInPlace(int index, std::string_view bytes);
     void bindNull(int index);
 
     /** True while a row is available; false at the end or on failure (see result()). */

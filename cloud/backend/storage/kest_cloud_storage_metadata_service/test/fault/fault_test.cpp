@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -561,7 +562,8 @@ std::vector<std::pair<Clock::time_point, Packet>> missing(
     return result;
 }
 
-std::string integrityCheck(const std::string& file)
+/** "ok", or what SQLite's check of the file found; `quick`: without the indexes' contents. */
+std::string integrityCheck(const std::string& file, bool quick = false)
 {
     sqlite3* db = nullptr;
     if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
@@ -570,7 +572,8 @@ std::string integrityCheck(const std::string& file)
     }
     std::string result;
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &statement, nullptr) == SQLITE_OK) {
+    if (sqlite3_prepare_v2(db, quick ? "PRAGMA quick_check" : "PRAGMA integrity_check", -1,
+                           &statement, nullptr) == SQLITE_OK) {
         while (sqlite3_step(statement) == SQLITE_ROW)
             result += reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
     } else {
@@ -659,6 +662,237 @@ TEST_F(FaultTest, SigkillDuringIngestLeavesAConsistentStoreAndLosesAtMostTheComm
         acknowledgedPackets, refused, lost.size(), oldestLostSeconds,
         static_cast<long long>(kCommitDelay.count()),
         static_cast<long long>(kMaxBacklogLag.count()));
+}
+
+// ------------------------------------------------------------------------------------------------
+// Killed while every packet opens a track: what was acknowledged and lost is never older than
+// the bound the storage keeps, and nothing at all when saves are answered once committed.
+
+/**
+ * Clients that post batches of 20 packets as fast as they are answered, each client with a
+ * device of its own whose time goes forward a millisecond a packet; each packet has one object
+ * of a new track with an attribute whose value the batch shares.
+ */
+class NewTrackIngest
+{
+public:
+    struct Batch
+    {
+        Clock::time_point acknowledged;
+        std::string first;
+        std::string last;
+    };
+
+    static constexpr int kClients = 4;
+    static constexpr std::size_t kPacketsPerBatch = 20;
+
+    NewTrackIngest(std::uint16_t port, unsigned group) : m_port(port), m_group(group)
+    {
+        for (int c = 0; c < kClients; ++c)
+            m_threads.emplace_back([this, c] { run(c); });
+    }
+    ~NewTrackIngest() { stop(); }
+
+    void stop()
+    {
+        m_stop = true;
+        for (auto& thread : m_threads) {
+            if (thread.joinable())
+                thread.join();
+        }
+    }
+    std::vector<Batch> acknowledged() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_acknowledged;
+    }
+    std::size_t acknowledgedBatches() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_acknowledged.size();
+    }
+
+private:
+    void run(int client)
+    {
+        const std::string device = uuid(m_group, static_cast<unsigned>(client));
+        std::unique_ptr<KeepAliveConnection> connection;
+        unsigned long long next = 0;
+        int failures = 0;
+        while (!m_stop && failures < 100) {
+            std::string json = "[";
+            Batch batch;
+            const std::string word = "lot" + std::to_string(m_group) + "x" +
+                                     std::to_string(client) + "x" + std::to_string(next);
+            for (std::size_t i = 0; i < kPacketsPerBatch; ++i, ++next) {
+                const std::string track = uuid(m_group + 1 + static_cast<unsigned>(client), next);
+                if (i == 0)
+                    batch.first = track;
+                batch.last = track;
+                json +=
+                    std::string(i ? "," : "") + R"({"deviceId":")" + device +
+                    R"(","timestampUs":)" +
+                    std::to_string(1'700'000'000'000'000 + static_cast<long long>(next) * 1000) +
+                    R"(,"durationUs":1000,"streamIndex":"primary","objectMetadataList":[{"trackId":")" +
+                    track +
+                    R"(","typeId":"car","objectMetadataType":"regular","boundingBox":{"x":0.1,"y":0.1,"width":0.2,"height":0.2},"attributes":[{"name":"batch","value":")" +
+                    word + R"("}]}]})";
+            }
+            json += "]";
+            for (;;) {
+                if (!connection || !connection->connected())
+                    connection = std::make_unique<KeepAliveConnection>(m_port);
+                const auto response =
+                    connection->request("POST", "/metadataDb/v1/data", json, "application/json");
+                if (response && response->status == 200) {
+                    batch.acknowledged = Clock::now();
+                    std::lock_guard lock(m_mutex);
+                    m_acknowledged.push_back(std::move(batch));
+                    failures = 0;
+                    break;
+                }
+                if (!response) {
+                    connection.reset();
+                    if (++failures >= 100 || m_stop)
+                        return;
+                }
+                if (m_stop)
+                    return;
+                // Refused while the storage is behind: the same batch again, a little later.
+                std::this_thread::sleep_for(5ms);
+            }
+        }
+    }
+
+    std::uint16_t m_port;
+    unsigned m_group;
+    std::atomic<bool> m_stop{false};
+    mutable std::mutex m_mutex;
+    std::vector<Batch> m_acknowledged;
+    std::vector<std::thread> m_threads;
+};
+
+/** The acknowledged batches whose first or last track an internal lookup by id cannot find. */
+std::vector<NewTrackIngest::Batch> missingBatches(std::uint16_t port,
+                                                  const std::vector<NewTrackIngest::Batch>& batches)
+{
+    std::vector<NewTrackIngest::Batch> missing;
+    std::mutex mutex;
+    std::atomic<std::size_t> next{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            KeepAliveConnection connection(port);
+            for (std::size_t i; (i = next++) < batches.size();) {
+                bool found = true;
+                for (const auto& track : {batches[i].first, batches[i].last}) {
+                    const auto response = connection.request(
+                        "GET", "/metadataDb/v1/data?internal_lookup=1&objectTrackId=" + track);
+                    found = found && response && response->status == 200 &&
+                            response->body.find(track) != std::string::npos;
+                }
+                if (!found) {
+                    std::lock_guard lock(mutex);
+                    missing.push_back(batches[i]);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    return missing;
+}
+
+TEST_F(FaultTest, SigkillWhileEveryPacketOpensATrackLosesOnlyWhatIsWithinTheBound)
+{
+    constexpr auto kCommitDelay = 200ms;
+    // The bound the storage keeps, and what scheduling on a loaded machine adds to it.
+    constexpr auto kBound =
+        kCommitDelay + kest::analytics::db::EventsStorage::kMaxBacklogLag + 250ms;
+    constexpr int kKills = 10;
+    std::mt19937 random(std::random_device{}());
+    double worstSeconds = 0;
+    std::size_t acknowledgedBatches = 0, lostBatches = 0;
+    for (int kill = 0; kill < kKills; ++kill) {
+        std::vector<NewTrackIngest::Batch> acknowledged;
+        Clock::time_point killedAt;
+        {
+            Service service(m_dataDir.path(), {"--analyticsDb/maxCommitDelayMs=" +
+                                               std::to_string(kCommitDelay.count())});
+            ASSERT_NE(0, service.port()) << service.output();
+            NewTrackIngest ingest(service.port(), 0x100 * (kill + 1));
+            ASSERT_TRUE(waitUntil([&] { return ingest.acknowledgedBatches() > 0; }, 20s));
+            // Killed at a random moment.
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(std::uniform_int_distribution<>(2000, 10000)(random)));
+            killedAt = Clock::now();
+            service.signal(SIGKILL);
+            service.wait();
+            ingest.stop();
+            acknowledged = ingest.acknowledged();
+        }
+        // A quick check after each kill, the whole check after the last.
+        EXPECT_EQ("ok", integrityCheck(eventsDatabase(), kill + 1 < kKills));
+
+        Service restarted(m_dataDir.path(), {});
+        ASSERT_NE(0, restarted.port()) << restarted.output();
+        // Every batch of the last seconds before the kill, where losses can be, and every 20th
+        // before them, where none can.
+        std::vector<NewTrackIngest::Batch> checked;
+        for (std::size_t i = 0; i < acknowledged.size(); ++i) {
+            if (i % 20 == 0 || killedAt - acknowledged[i].acknowledged < 5s)
+                checked.push_back(acknowledged[i]);
+        }
+        const auto lost = missingBatches(restarted.port(), checked);
+        double oldest = 0;
+        for (const auto& batch : lost)
+            oldest = std::max(oldest, duration<double>(killedAt - batch.acknowledged).count());
+        EXPECT_LE(oldest, duration<double>(kBound).count())
+            << "kill " << kill << ": " << lost.size() << " of " << acknowledged.size()
+            << " acknowledged batches lost";
+        worstSeconds = std::max(worstSeconds, oldest);
+        acknowledgedBatches += acknowledged.size();
+        lostBatches += lost.size();
+        restarted.signal(SIGTERM);
+        restarted.wait();
+    }
+    std::printf(
+        "[ figures  ] SIGKILL, a new track in every packet, %d kills: %zu batches of %zu "
+        "acknowledged, %zu lost, the oldest acknowledged %.3f s before its kill (bound %.3f s: "
+        "commit delay, backlog lag and 250 ms of scheduling)\n",
+        kKills, acknowledgedBatches, NewTrackIngest::kPacketsPerBatch, lostBatches, worstSeconds,
+        duration<double>(kBound).count());
+}
+
+TEST_F(FaultTest, SigkillLosesNothingAcknowledgedWhenSavesWaitForTheirCommit)
+{
+    std::size_t acknowledgedBatches = 0, lostBatches = 0;
+    for (int kill = 0; kill < 2; ++kill) {
+        std::vector<NewTrackIngest::Batch> acknowledged;
+        {
+            Service service(m_dataDir.path(), {"--analyticsDb/ackAfterCommit=true"});
+            ASSERT_NE(0, service.port()) << service.output();
+            NewTrackIngest ingest(service.port(), 0x1000 * (kill + 1));
+            ASSERT_TRUE(waitUntil([&] { return ingest.acknowledgedBatches() > 100; }, 20s));
+            service.signal(SIGKILL);
+            service.wait();
+            ingest.stop();
+            acknowledged = ingest.acknowledged();
+        }
+        Service restarted(m_dataDir.path(), {});
+        ASSERT_NE(0, restarted.port()) << restarted.output();
+        const auto lost = missingBatches(restarted.port(), acknowledged);
+        EXPECT_TRUE(lost.empty()) << lost.size() << " of " << acknowledged.size()
+                                  << " acknowledged batches lost";
+        acknowledgedBatches += acknowledged.size();
+        lostBatches += lost.size();
+        restarted.signal(SIGTERM);
+        restarted.wait();
+    }
+    std::printf(
+        "[ figures  ] SIGKILL with analyticsDb/ackAfterCommit: %zu batches of %zu acknowledged, "
+        "%zu lost\n",
+        acknowledgedBatches, NewTrackIngest::kPacketsPerBatch, lostBatches);
 }
 
 }  // namespace

@@ -48,6 +48,21 @@ void DataSaverController::processRequest(RequestContext /*requestContext*/,
     if (m_metrics)
         m_metrics->untrackedObjectsStored(untrackedObjects);
 
+    if (m_eventsStorage->acknowledgesAfterCommit()) {
+        // The answer waits for the commit; a commit that fails loses the packets, and the
+        // client learns it from the status.
+        std::vector<std::shared_ptr<const ObjectMetadataPacket>> shared;
+        shared.reserve(packets.size());
+        for (auto& packet : packets)
+            shared.push_back(std::make_shared<const ObjectMetadataPacket>(std::move(packet)));
+        m_eventsStorage->saveCommitted(std::move(shared), [this](bool committed) {
+            if (committed)
+                requestCompleted(ApiRequestResult());
+            else
+                requestCompleted(StatusCode::internalServerError, ApiRequestResult());
+        });
+        return;
+    }
     for (auto& packet : packets)
         m_eventsStorage->save(std::make_shared<const ObjectMetadataPacket>(std::move(packet)));
     requestCompleted(ApiRequestResult());

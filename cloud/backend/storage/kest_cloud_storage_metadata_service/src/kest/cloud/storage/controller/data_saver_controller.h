@@ -13,7 +13,8 @@ class ServiceMetrics;
 /**
  * POST data: queues every packet into the analytics storage and answers 200 at once, before
  * anything is written; later failures reach the save-error history instead. Packets are first
- * made ready by ValueRules, which may refuse the request.
+ * made ready by ValueRules, which may refuse the request. With "analyticsDb/ackAfterCommit" the
+ * answer waits until the packets are committed (500 when their commit fails).
  */
 class DataSaverController : public kest::network::http::detail::BaseApiRequestHandler<
                                 std::vector<kest::common::metadata::ObjectMetadataPacket>,

@@ -206,6 +206,11 @@ void View::registerMetricSources(Model& model)
               statistic(&Statistics::queuedBytes));
         gauge("store_bytes", "Size of the storage's files on disk",
               statistic(&Statistics::storeBytes));
+        sources.push_back(registry.gauge(
+            name("write_queue_oldest_age_seconds"),
+            "How long the oldest packet accepted and not yet committed has waited; 0 when none "
+            "waits",
+            [storage]() { return storage->statistics().oldestUncommittedAgeUs / 1e6; }));
         gauge("storage_ready", "1 while the storage takes saves and searches, else 0",
               [storage]() { return storage->isReady() ? 1 : 0; });
     }

@@ -1,0 +1,66 @@
+#include "attribute_coder.h"
+
+namespace kest::analytics::db {
+
+using common::metadata::Attribute;
+using Kind = StoreDictionary::Kind;
+
+namespace {
+constexpr std::size_t kMaxCandidates = 1 << 18;
+}  // namespace
+
+AttributeCode AttributeCoder::encode(const Attribute& attribute)
+{
+    AttributeCode code;
+    code.name = m_dictionary.key(Kind::attributeName, attribute.name);
+    if (attribute.value.size() <= kMaxPairValue) {
+        if (const auto pair = m_dictionary.find(
+                Kind::attribute, StoreDictionary::pairValue(code.name, attribute.value))) {
+            code.pair = *pair;
+            code.name = 0;
+            return code;
+        }
+    }
+    code.value = attribute.value;
+    return code;
+}
+
+void AttributeCoder::noteStored(const Attribute& attribute)
+{
+    if (attribute.value.size() > kMaxPairValue || m_dictionary.size(Kind::attribute) >= kMaxPairs) {
+        return;
+    }
+    const std::uint32_t name = m_dictionary.key(Kind::attributeName, attribute.name);
+    std::string pair = StoreDictionary::pairValue(name, attribute.value);
+    if (m_dictionary.find(Kind::attribute, pair))
+        return;
+    if (m_seenOnce.erase(pair) > 0) {
+        m_dictionary.key(Kind::attribute, pair);
+        return;
+    }
+    if (m_seenOnce.size() >= kMaxCandidates)
+        m_seenOnce.clear();
+    m_seenOnce.insert(std::move(pair));
+}
+
+std::optional<Attribute> AttributeCoder::decode(const AttributeCode& code,
+                                                const StoreDictionary& dictionary)
+{
+    if (code.pair == 0) {
+        const std::string* name = dictionary.value(Kind::attributeName, code.name);
+        if (!name)
+            return std::nullopt;
+        return Attribute{*name, code.value};
+    }
+    const std::string* entry = dictionary.value(Kind::attribute, code.pair);
+    std::uint32_t nameKey = 0;
+    std::string_view value;
+    if (!entry || !StoreDictionary::splitPair(*entry, &nameKey, &value))
+        return std::nullopt;
+    const std::string* name = dictionary.value(Kind::attributeName, nameKey);
+    if (!name)
+        return std::nullopt;
+    return Attribute{*name, std::string(value)};
+}
+
+}  // namespace kest::analytics::db

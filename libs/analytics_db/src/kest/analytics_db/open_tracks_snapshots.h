@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include <kest/utils/mutex.h>
+
+#include "open_track_view.h"
+
+namespace kest::analytics::db {
+
+/** The open tracks as of one commit of the writer. */
+struct OpenTracks
+{
+    /** The commit, as the store's "seq" meta value names it. */
+    std::int64_t seq = 0;
+    std::vector<std::shared_ptr<const OpenTrackView>> tracks;
+    /** Indexes into `tracks`: by track id, and by device. */
+    std::unordered_map<ZuUuid, std::size_t> byId;
+    std::unordered_map<ZuUuid, std::vector<std::size_t>> byDevice;
+    /** Those that the store holds an older row of, by row id. */
+    std::vector<std::int64_t> replacedRows;
+};
+
+/**
+ * Hands the writer's open tracks to searches so that each search sees them exactly as of the
+ * commit its read transaction sees: the writer publishes a commit's open tracks before the commit
+ * and withdraws them if it fails; a search reads the store's seq, then takes that commit's.
+ */
+class OpenTracksSnapshots
+{
+public:
+    /** Commits kept: a search that falls further behind retries. */
+    static constexpr std::size_t kKept = 32;
+
+    void publish(std::shared_ptr<const OpenTracks> tracks);
+    void withdraw(std::int64_t seq);
+    /** Null when `seq` is not kept (any more). */
+    std::shared_ptr<const OpenTracks> get(std::int64_t seq) const;
+
+private:
+    mutable Mutex m_mutex;
+    std::map<std::int64_t, std::shared_ptr<const OpenTracks>> m_bySeq;
+};
+
+}  // namespace kest::analytics::db
