@@ -177,12 +177,16 @@ std::size_t fill(const Options& options, std::vector<std::unique_ptr<Instance>>&
         std::vector<ObjectMetadataPacket> packets;
         const auto send = [&]() {
             for (Instance* target : {cluster[i].get(), &single}) {
-                // A storage that has just started takes packets at a cautious pace and refuses
-                // more for a moment, as it would refuse any client: wait as a client would.
-                const bool saved = test::waitFor([&] {
-                    return std::get<0>(target->client->saveDataSync(packets)) == StatusCode::ok;
-                });
-                if (!saved) {
+                // A storage that is behind refuses saves (500) until it catches up: a packet that
+                // opens a track is the slowest kind to write, and every packet here does.
+                StatusCode::Value status = StatusCode::internalServerError;
+                for (int attempt = 0; attempt < 200; ++attempt) {
+                    status = std::get<0>(target->client->saveDataSync(packets));
+                    if (status != StatusCode::internalServerError)
+                        break;
+                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                }
+                if (status != StatusCode::ok) {
                     std::fprintf(stderr, "saving to %s failed\n", target->url.c_str());
                     std::exit(1);
                 }

@@ -225,6 +225,37 @@ TEST_F(StoreUpgradeTest, AStoreOfTheFirstVersionToo)
     expectTheAnswersOfBefore(*storage);
 }
 
+// Version 5 had today's tables, its full-text index without prefix lists: that index alone is
+// made again, from the track rows, and every answer stays.
+TEST_F(StoreUpgradeTest, AStoreWithoutPrefixListsGetsThem)
+{
+    open().reset();
+    const auto textTable = [&] {
+        sql::Database db;
+        EXPECT_EQ(db.open(file_().toStdString(), {}, false), sql::DBResult::ok);
+        auto s = db.prepare("SELECT sql FROM sqlite_schema WHERE name = 'track_text'");
+        return s && s->step() ? std::string(s->text(0)) : std::string();
+    };
+    ASSERT_NE(textTable().find("prefix"), std::string::npos);
+    {
+        sql::Database db;
+        ASSERT_EQ(db.open(file_().toStdString(), {}), sql::DBResult::ok);
+        ASSERT_EQ(addStoreFunctions(db), sql::DBResult::ok);
+        ASSERT_EQ(db.exec("DROP TABLE track_text;"
+                          "CREATE VIRTUAL TABLE track_text USING fts5(text, content = '', "
+                          "detail = none, tokenize = 'unicode61 remove_diacritics 2');"
+                          "INSERT INTO track_text(rowid, text) "
+                          "SELECT id, search_text(attributes) FROM track;"
+                          "PRAGMA user_version = 5;"),
+                  sql::DBResult::ok);
+    }
+    ASSERT_EQ(textTable().find("prefix"), std::string::npos);
+    auto storage = open();
+    EXPECT_EQ(userVersion(), kSchemaVersion);
+    EXPECT_NE(textTable().find("prefix"), std::string::npos);
+    expectTheAnswersOfBefore(*storage);
+}
+
 TEST_F(StoreUpgradeTest, AnUpgradeThatCannotFinishLeavesTheStoreAsItWas)
 {
     const auto bytes = [&] {

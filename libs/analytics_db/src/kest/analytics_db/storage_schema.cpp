@@ -44,8 +44,6 @@ CREATE INDEX track_id ON track(id_key);
 CREATE INDEX track_device_first ON track(device, first_us);
 CREATE INDEX track_first ON track(first_us);
 CREATE INDEX track_type_first ON track(type, first_us);
-CREATE VIRTUAL TABLE track_text USING fts5(
-    text, content = '', detail = none, tokenize = 'unicode61 remove_diacritics 2');
 CREATE TABLE position(id INTEGER PRIMARY KEY, data BLOB NOT NULL);
 CREATE TABLE journal(id INTEGER PRIMARY KEY, data BLOB NOT NULL);
 CREATE TABLE dictionary(
@@ -53,8 +51,22 @@ CREATE TABLE dictionary(
     WITHOUT ROWID;
 CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;
 INSERT INTO meta(key, value) VALUES('maxLagUs', 0);
-PRAGMA user_version = 5;
 )sql";
+
+// Searches ask for word prefixes; those of two and three characters (a plate's letters or
+// digits, "no") would merge the lists of every word that starts with them, so they have lists
+// of their own.
+constexpr const char* kCreateText = R"sql(
+CREATE VIRTUAL TABLE track_text USING fts5(
+    text, content = '', detail = none, prefix = '2 3',
+    tokenize = 'unicode61 remove_diacritics 2');
+)sql";
+
+std::string createSql()
+{
+    return std::string(kCreate) + kCreateText +
+           "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";\n";
+}
 
 int userVersion(sql::Database& db)
 {
@@ -202,7 +214,7 @@ DBResult upgrade(sql::Database& db, int version, const std::string& file,
                        next, r, out.lastError());
             return r;
         }
-        if (auto r = out.exec(std::string("BEGIN;") + kCreate); r != DBResult::ok)
+        if (auto r = out.exec("BEGIN;" + createSql()); r != DBResult::ok)
             return r;
         // The old store is read in one transaction, so that what is copied is one state.
         if (auto r = db.exec("BEGIN"); r != DBResult::ok)
@@ -245,6 +257,31 @@ DBResult upgrade(sql::Database& db, int version, const std::string& file,
     return db.open(file, options);
 }
 
+/** Version 5 had the same tables but no prefix lists: the words are indexed again from the rows. */
+constexpr int kWordsOnlyUpgradeVersion = 5;
+
+DBResult upgradeText(sql::Database& db)
+{
+    KEST_INFO("analytics_db",
+              "Upgrading the analytics database from version %1 to %2: indexing "
+              "the words again",
+              kWordsOnlyUpgradeVersion, kSchemaVersion);
+    if (auto r = addStoreFunctions(db); r != DBResult::ok)
+        return r;
+    const std::string sql =
+        std::string("BEGIN IMMEDIATE; DROP TABLE track_text;") + kCreateText +
+        "INSERT INTO track_text(rowid, text) SELECT id, search_text(attributes) "
+        "FROM track; PRAGMA user_version = " +
+        std::to_string(kSchemaVersion) + "; COMMIT;";
+    if (auto r = db.exec(sql); r != DBResult::ok) {
+        KEST_ERROR("analytics_db", "Upgrading the analytics database failed: %1 (%2)", r,
+                   db.lastError());
+        db.exec("ROLLBACK");
+        return r;
+    }
+    return DBResult::ok;
+}
+
 }  // namespace
 
 DBResult applySchema(sql::Database& db, const std::string& file,
@@ -261,13 +298,14 @@ DBResult applySchema(sql::Database& db, const std::string& file,
     if (current == kSchemaVersion)
         return DBResult::ok;
     if (current == 0) {
-        if (auto r = db.exec(std::string("BEGIN IMMEDIATE;") + kCreate + "COMMIT;");
-            r != DBResult::ok) {
+        if (auto r = db.exec("BEGIN IMMEDIATE;" + createSql() + "COMMIT;"); r != DBResult::ok) {
             db.exec("ROLLBACK");
             return r;
         }
         return DBResult::ok;
     }
+    if (current == kWordsOnlyUpgradeVersion)
+        return upgradeText(db);
     removeDatabase(file + ".upgrade");
     return upgrade(db, current, file, options);
 }

@@ -17,16 +17,18 @@ namespace kest::analytics::db {
  *   first saw it; indexed by the first half of the track's id, by (device, first appearance), by
  *   first appearance and by (type, first appearance);
  * - `track_text`: contentless FTS5 without positions over the attribute names and values, its
- *   rowid the track's: the words only, the text being the track row's attributes;
+ *   rowid the track's: the words only, the text being the track row's attributes; with lists of
+ *   the two- and three-character prefixes;
  * - `position`: a track's positions (ObjectRun), one chunk per id positionChunkId(track, part),
  *   mostly one per track;
  * - `journal`: the objects of tracks still open, one row per commit (TrackWriter);
  * - `dictionary`: StoreDictionary's entries;
  * - `meta`: numbers the storage keeps across restarts (see TrackWriter and the keys below).
  * Versions 1 to 4 kept a row per track rewritten with every batch, its positions in chunks per
- * batch and its text twice; they are upgraded on open, all or nothing.
+ * batch and its text twice; they are upgraded on open, all or nothing. Version 5 lacked the
+ * prefix lists, which are made on open.
  */
-constexpr int kSchemaVersion = 5;
+constexpr int kSchemaVersion = 6;
 
 /** The latest first appearance ever stored. */
 constexpr const char* kMaxFirstKey = "maxFirstUs";
