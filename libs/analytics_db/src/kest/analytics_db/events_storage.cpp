@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 
+#include <malloc.h>
+
 #include <QDir>
 #include <QFileInfo>
 
@@ -439,6 +441,11 @@ void EventsStorage::writerLoop()
         // Freeing a batch's packets takes as long as a good part of writing them.
         if (!batch.empty())
             m_completions.post([released = std::move(batch)] {});
+        if (count > 0 && SteadyClock::now() >= m_nextHeapTrim) {
+            // After the packets it follows are freed, and off the writer: it takes milliseconds.
+            m_nextHeapTrim = SteadyClock::now() + kHeapTrimInterval;
+            m_completions.post([] { malloc_trim(0); });
+        }
 
         lock.lock();
         if (!rest.empty()) {
