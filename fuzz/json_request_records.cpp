@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <kest/analytics_db/object_metadata_packet.h>
+#include <kest/cloud/storage/controller/activity_request_data.h>
 #include <kest/cloud/storage/controller/data_request_data.h>
 #include <kest/cloud/storage/controller/errors_request_data.h>
 #include <kest/cloud/storage/controller/optimal_instance_request.h>
@@ -91,6 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text = kest::fuzz::asText(data, size);
     check<std::vector<kest::common::metadata::ObjectMetadataPacket>>(text);
     check<DataRequestData>(text);
+    check<ActivityRequestData>(text);
     check<OptimalInstanceRequest>(text);
     check<ErrorsRequestData>(text);
     return 0;

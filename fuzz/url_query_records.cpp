@@ -1,6 +1,6 @@
-// The URL-query readers of the request records (the search with its filter, the instance choice,
-// the save-error query), fed the query text as the API frame hands it to them: percent-decoded
-// once and split by QUrlQuery.
+// The URL-query readers of the request records (the search with its filter, the activity count,
+// the instance choice, the save-error query), fed the query text as the API frame hands it to them:
+// percent-decoded once and split by QUrlQuery.
 //
 // Checked beyond crashes: what a reader accepts, the record's writer writes as a query (as the
 // client library sends it) that the reader takes back to the same record; what the frame answers
@@ -15,6 +15,7 @@
 #include <QUrl>
 #include <QUrlQuery>
 
+#include <kest/cloud/storage/controller/activity_request_data.h>
 #include <kest/cloud/storage/controller/data_request_data.h>
 #include <kest/cloud/storage/controller/errors_request_data.h>
 #include <kest/cloud/storage/controller/optimal_instance_request.h>
@@ -73,6 +74,20 @@ void checkDataRequest(std::string_view text)
                                       kest::reflect::json::serialize(request));
 }
 
+void checkActivityRequest(std::string_view text)
+{
+    ActivityRequestData request;
+    if (!loadFromUrlQuery(receivedQuery(text), &request))
+        return;
+    QUrlQuery written;
+    serializeToUrlQuery(request, &written);
+    ActivityRequestData reread;
+    FUZZ_CHECK(loadFromUrlQuery(receivedQuery(wireText(written)), &reread), wireText(written));
+    FUZZ_CHECK(reread == request, wireText(written) + " reads as " +
+                                      kest::reflect::json::serialize(reread) + ", not " +
+                                      kest::reflect::json::serialize(request));
+}
+
 void checkOptimalInstanceRequest(std::string_view text)
 {
     OptimalInstanceRequest request;
@@ -117,9 +132,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     const std::string_view text = kest::fuzz::asText(data, size);
     checkDataRequest(text);
+    checkActivityRequest(text);
     checkOptimalInstanceRequest(text);
     checkErrorsRequest(text);
     checkAnswer<DataRequestData>(text);
+    checkAnswer<ActivityRequestData>(text);
     checkAnswer<OptimalInstanceRequest>(text);
     checkAnswer<ErrorsRequestData>(text);
     return 0;

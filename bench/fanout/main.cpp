@@ -55,6 +55,7 @@ struct Options
     int searches = 2'000;
     int windowSeconds = 10;
     int freshDevices = 100;
+    int activities = 500;
 };
 
 /** A metadata_storage process; stopped with SIGTERM when destroyed. */
@@ -242,6 +243,72 @@ bool ready(const Options& options, Instance& entry, Instance& single,
     return true;
 }
 
+/** Activity counts timed as internal, distributed and with an instant address lookup. */
+struct ActivityTimes
+{
+    LatencyStats internal;
+    LatencyStats distributed;
+    LatencyStats instant;
+    std::size_t differing = 0;
+};
+
+/**
+ * Activity counts of one device of each instance over the whole of the data, a bucket a second
+ * with the heatmap, one at a time: on the single instance as an internal count, then through the
+ * cluster and through the entry whose address lookup answers at once. Each sum must equal the
+ * internal count.
+ */
+ActivityTimes measureActivity(const Options& options,
+                              const std::vector<std::vector<ZuUuid>>& devices, Instance& a,
+                              Instance& b, Instance& c, Instance& single,
+                              api::AbstractClient& entry)
+{
+    ActivityTimes result;
+    Instance* cluster[] = {&a, &b, &c};
+    std::mt19937 random(7);
+    std::uniform_int_distribution<int> pickDevice(0, options.devicesPerInstance - 1);
+    for (int s = 0; s < options.activities + kWarmUpSearches && options.activities > 0; ++s) {
+        const bool measured = s >= kWarmUpSearches;
+        ActivityRequestData request;
+        for (int i = 0; i < kInstances; ++i)
+            request.filter.deviceIds.insert(devices[i][pickDevice(random)]);
+        request.filter.timePeriod = ZuTimePeriod(kStartMs, options.packetsPerDevice * 1'000);
+        request.bucketMs = 1'000;
+        request.heatmap = true;
+        auto local = request;
+        local.internal_lookup = true;
+
+        auto started = Clock::now();
+        const auto [localStatus, counted] = single.client->getActivitySync(local);
+        if (measured)
+            result.internal.add(Clock::now() - started);
+        started = Clock::now();
+        const auto [status, summed] = cluster[s % kInstances]->client->getActivitySync(request);
+        if (measured)
+            result.distributed.add(Clock::now() - started);
+        started = Clock::now();
+        const auto [instantStatus, instantSum] = entry.getActivitySync(request);
+        if (measured)
+            result.instant.add(Clock::now() - started);
+
+        using Activity = kest::analytics::db::Activity;
+        const auto& expected = static_cast<const Activity&>(counted);
+        if (localStatus != StatusCode::ok || status != StatusCode::ok ||
+            instantStatus != StatusCode::ok || static_cast<const Activity&>(summed) != expected ||
+            static_cast<const Activity&>(instantSum) != expected) {
+            if (++result.differing <= 3) {
+                std::fprintf(stderr,
+                             "activity count %d differs: internal %d, distributed %d (%u of %u "
+                             "answered), instant lookup %d\n",
+                             s, static_cast<int>(localStatus), static_cast<int>(status),
+                             summed.instancesAnswered.value_or(0),
+                             summed.instancesAsked.value_or(0), static_cast<int>(instantStatus));
+            }
+        }
+    }
+    return result;
+}
+
 /** Starts the instances, fills them, measures and prints; the exit status. */
 int run(const Options& options, const fs::path& work)
 {
@@ -365,6 +432,36 @@ int run(const Options& options, const fs::path& work)
                 asked / n);
     std::printf("answers that differed from the internal lookup: %zu\n", differing);
 
+    const ActivityTimes activity =
+        measureActivity(options, devices, *cluster[0], *cluster[1], *cluster[2], single, *entry);
+    if (options.activities > 0) {
+        std::printf(
+            "\nActivity counts of one device of each instance over all of their data (%d s), a "
+            "bucket\na second, with the heatmap; %d counts after %d warm-up ones:\n",
+            options.packetsPerDevice, options.activities, kWarmUpSearches);
+        std::printf("%-44s %8s %8s %8s\n", "", "p50 ms", "p99 ms", "max ms");
+        printRow("internal count, one instance", activity.internal);
+        printRow("distributed count, three instances", activity.distributed);
+        printRow("distributed, instant address lookup", activity.instant);
+        std::printf("sums that differed from the internal count: %zu\n", activity.differing);
+        const std::string activitySection = "end to end: activity over three instances";
+        const double activityAdded =
+            ms(activity.instant.percentile(50)) - ms(activity.internal.percentile(50));
+        recordFigure(Figure::measured(activitySection, "internal count, one instance, p50",
+                                      ms(activity.internal.percentile(50)), "ms"));
+        recordFigure(Figure::measured(activitySection, "distributed count, p50",
+                                      ms(activity.distributed.percentile(50)), "ms")
+                         .withNote("the address lookup in the stand-in included"));
+        recordFigure(Figure::measured(activitySection, "added p50, the stand-in's lookup apart",
+                                      activityAdded, "ms")
+                         .atMost(10.0)
+                         .withNote(std::to_string(options.activities) +
+                                   " counts, an entry whose address lookup answers at once" +
+                                   (activity.differing ? ", " + std::to_string(activity.differing) +
+                                                             " sums differed"
+                                                       : std::string())));
+    }
+
     const std::string section = "end to end: distributed search over three instances";
     const std::string note =
         std::to_string(options.searches) + " searches" +
@@ -384,7 +481,7 @@ int run(const Options& options, const fs::path& work)
             .withNote("the fan-out and merge alone"));
 
     if (options.freshDevices == 0)
-        return differing == 0 ? 0 : 1;
+        return differing == 0 && activity.differing == 0 ? 0 : 1;
     const auto fresh = measureFreshness(*cluster[0], *cluster[1], options.freshDevices);
     std::printf(
         "\nA packet of a new device saved into one instance, found through another (%d "
@@ -411,7 +508,7 @@ int run(const Options& options, const fs::path& work)
     recordFigure(Figure::measured(section, "saved to found through another instance, p99",
                                   ms(fresh.fromSave.percentile(99)), "ms")
                      .withNote("the commit included"));
-    return differing == 0 && fresh.missed == 0 ? 0 : 1;
+    return differing == 0 && fresh.missed == 0 && activity.differing == 0 ? 0 : 1;
 }
 
 }  // namespace
@@ -430,7 +527,8 @@ int main(int argc, char** argv)
         .option("--packets", &options.packetsPerDevice, "packets per device, one a second", 1)
         .option("--searches", &options.searches, "measured searches of each kind", 1)
         .option("--window-s", &options.windowSeconds, "seconds of data each search names", 1)
-        .option("--fresh-devices", &options.freshDevices, "new devices timed until found", 0);
+        .option("--fresh-devices", &options.freshDevices, "new devices timed until found", 0)
+        .option("--activities", &options.activities, "measured activity counts of each kind", 0);
     bool help = false;
     if (!commandLine.parse(argc, argv, &help))
         return help ? 0 : 2;

@@ -15,11 +15,12 @@ using Command = Invocation::Command;
 constexpr const char* kDefaultUrl = "http://127.0.0.1:8080";
 
 const std::map<QString, Command> kCommands = {
-    {"save", Command::save},
-    {"search", Command::search},
-    {"errors", Command::errors},
-    {"optimal-instance", Command::optimalInstance},
+    {"save", Command::save},         {"search", Command::search},
+    {"errors", Command::errors},     {"optimal-instance", Command::optimalInstance},
+    {"activity", Command::activity},
 };
+
+constexpr const char* kCommandList = "save, search, activity, errors or optimal-instance";
 
 /** An option and the commands that take it; none listed: every command. */
 struct CommandOption
@@ -34,6 +35,8 @@ std::vector<CommandOption> commandOptions()
         return QCommandLineOption(name, QString(), valueName);
     };
     const std::set<Command> search{Command::search};
+    const std::set<Command> filter{Command::search, Command::activity};
+    const std::set<Command> activity{Command::activity};
     const std::set<Command> errors{Command::errors};
     return {
         {QCommandLineOption(QStringList{"h", "help"}), {}},
@@ -45,21 +48,23 @@ std::vector<CommandOption> commandOptions()
         {withValue("cacert", "FILE"), {}},
         {withValue("cert", "FILE"), {}},
         {withValue("key", "FILE"), {}},
-        {withValue("device", "ID"), {Command::search, Command::optimalInstance}},
-        {withValue("type", "TYPE"), search},
-        {withValue("track", "ID"), search},
-        {withValue("from", "TIME"), search},
-        {withValue("to", "TIME"), search},
-        {withValue("start-ms", "MS"), search},
-        {withValue("duration-ms", "MS"), search},
-        {withValue("box", "X,Y,W,H"), search},
-        {withValue("text", "TEXT"), search},
+        {withValue("device", "ID"), {Command::search, Command::activity, Command::optimalInstance}},
+        {withValue("type", "TYPE"), filter},
+        {withValue("track", "ID"), filter},
+        {withValue("from", "TIME"), filter},
+        {withValue("to", "TIME"), filter},
+        {withValue("start-ms", "MS"), filter},
+        {withValue("duration-ms", "MS"), filter},
+        {withValue("box", "X,Y,W,H"), filter},
+        {withValue("text", "TEXT"), filter},
         {withValue("limit", "N"), search},
         {QCommandLineOption("full-track"), search},
         {withValue("sort", "ORDER"), search},
-        {QCommandLineOption("best-shot-only"), search},
-        {withValue("engine", "ID"), search},
-        {QCommandLineOption("internal"), search},
+        {QCommandLineOption("best-shot-only"), filter},
+        {withValue("engine", "ID"), filter},
+        {QCommandLineOption("internal"), filter},
+        {withValue("bucket-ms", "MS"), activity},
+        {QCommandLineOption("heatmap"), activity},
         {withValue("timestamp", "TIME"), errors},
         {withValue("count", "N"), errors},
         {QCommandLineOption("clear"), errors},
@@ -116,11 +121,11 @@ CommandLine::Outcome CommandLine::parse(const QStringList& arguments,
 
     QStringList positional = parser.positionalArguments();
     if (positional.isEmpty())
-        return fail("no command given: save, search, errors or optimal-instance");
+        return fail(std::string("no command given: ") + kCommandList);
     const auto command = kCommands.find(positional.takeFirst());
     if (command == kCommands.end())
         return fail("unknown command \"" + parser.positionalArguments().first().toStdString() +
-                    "\": save, search, errors or optimal-instance");
+                    "\": " + kCommandList);
     Invocation& run = m_invocation;
     run.command = command->second;
 
@@ -193,11 +198,37 @@ CommandLine::Outcome CommandLine::parse(const QStringList& arguments,
             return parseErrors(parser, positional);
 
         case Command::search:
+        case Command::activity:
             break;
     }
-    if (!positional.isEmpty())
-        return fail("search takes options only, not \"" + positional.first().toStdString() + "\"");
-    return parseSearch(parser, devices);
+    if (!positional.isEmpty()) {
+        return fail(command->first.toStdString() + " takes options only, not \"" +
+                    positional.first().toStdString() + "\"");
+    }
+    if (const Outcome outcome = parseSearch(parser, devices); outcome != Outcome::run)
+        return outcome;
+    return run.command == Command::activity ? parseActivity(parser) : Outcome::run;
+}
+
+CommandLine::Outcome CommandLine::parseActivity(const QCommandLineParser& parser)
+{
+    Invocation& run = m_invocation;
+    const ZuTimePeriod& period = run.search.filter.timePeriod;
+    if (period.isInfinite()) {
+        return fail(
+            "activity is counted over a period with an end: give --from and --to, or "
+            "--start-ms and --duration-ms");
+    }
+    run.activity.filter = run.search.filter;
+    run.activity.internal_lookup = run.search.internal_lookup;
+    run.activity.heatmap = parser.isSet("heatmap");
+    if (parser.isSet("bucket-ms")) {
+        const auto bucketMs = parseInteger(parser.value("bucket-ms"));
+        if (!bucketMs || *bucketMs <= 0)
+            return fail("--bucket-ms: not a positive number of milliseconds");
+        run.activity.bucketMs = *bucketMs;
+    }
+    return Outcome::run;
 }
 
 CommandLine::Outcome CommandLine::parseErrors(const QCommandLineParser& parser,
@@ -333,6 +364,9 @@ Commands:
                             distributed search finds nothing ([]), as data is recorded per
                             device. Prints the tracks as JSON, or as a table when standard output
                             is a terminal.
+  activity [OPTIONS]        Count the tracks of a search per bucket of time and per type, asking
+                            the instances as search does. On a terminal: a bar per bucket (a
+                            sparkline when there are many), otherwise the JSON answer.
   errors [DEVICE...]        The periods whose saving failed, per device (every device when none
                             is named).
   optimal-instance          The base URL of the least loaded instance.
@@ -349,7 +383,7 @@ Options of every command:
   --verbose                 Log every exchange that failed, with the service's error text.
   -h, --help                This text.
 
-Search options (each optional; repeated ones select any of their values):
+Search options, also of activity (each optional; repeated ones select any of their values):
   --device ID               A device (camera) id; repeatable. Needed unless --internal.
   --type TYPE               An object type, such as person; repeatable.
   --track ID                One track.
@@ -365,6 +399,11 @@ Search options (each optional; repeated ones select any of their values):
   --best-shot-only          Only tracks with a best shot.
   --engine ID               Only tracks of this analytics engine.
   --internal                Search the asked instance's own storage only.
+
+Activity options (the search options but --limit, --full-track and --sort; a period is needed):
+  --bucket-ms MS            The width of a bucket (default: the period in 100 buckets; at most
+                            10000 buckets).
+  --heatmap                 Also where the tracks were: a 16x16 grid over the frame.
 
 Errors options:
   --timestamp TIME          Leave out errors that ended before TIME.

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <kest/cloud/storage/controller/activity_request_data.h>
 #include <kest/cloud/storage/controller/data_request_data.h>
 #include <kest/cloud/storage/controller/errors_request_data.h>
 #include <kest/cloud/storage/controller/optimal_instance_request.h>
@@ -25,6 +26,7 @@ struct Invocation
         search,
         errors,
         optimalInstance,
+        activity,
     };
 
     Command command = Command::search;
@@ -43,7 +45,9 @@ struct Invocation
 
     /** save: the file to read packets from; empty for standard input. */
     std::string packetsFile;
+    /** search, and the filter and internal_lookup of activity. */
     DataRequestData search;
+    ActivityRequestData activity;
     ErrorsRequestData errors;
     /** errors: empty for every device. */
     std::vector<ZuUuid> errorDevices;
@@ -83,6 +87,7 @@ public:
 private:
     Outcome parseErrors(const QCommandLineParser& parser, const QStringList& positional);
     Outcome parseSearch(const QCommandLineParser& parser, const std::vector<ZuUuid>& devices);
+    Outcome parseActivity(const QCommandLineParser& parser);
     Outcome fail(std::string error);
 
     Invocation m_invocation;

@@ -47,6 +47,8 @@ const char* commandName(Command command)
             return "errors";
         case Command::optimalInstance:
             return "optimal-instance";
+        case Command::activity:
+            return "activity";
     }
     return "call";
 }
@@ -176,6 +178,16 @@ int execute(const Invocation& run)
                 std::cout << trackTable(tracks);
             else
                 printJson(tracks);
+            return kExitOk;
+        }
+        case Command::activity: {
+            const auto [status, activity] = client->getActivitySync(run.activity);
+            if (status != StatusCode::ok)
+                return failed(run, status, last);
+            if (table)
+                std::cout << activityChart(activity);
+            else
+                printJson(activity);
             return kExitOk;
         }
         case Command::errors: {

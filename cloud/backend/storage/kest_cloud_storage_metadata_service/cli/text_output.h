@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <kest/analytics_db/object_track_ex.h>
+#include <kest/cloud/storage/controller/activity_answer.h>
 #include <kest/cloud/storage/model/db_error_data.h>
 #include <kest/network/http/status_code.h>
 #include <kest/utils/url.h>
@@ -17,6 +18,17 @@ namespace kest::cloud::storage::metadatadb::cli {
 
 /** One line per track (first seen, device, type, id, a few attributes) and a count. */
 std::string trackTable(const std::vector<kest::analytics::db::ObjectTrackEx>& tracks);
+
+/**
+ * Activity as text: a line per bucket with its count, a bar and its types; with more buckets
+ * than fit a screen, a sparkline of them, a line per kSparklineWidth buckets. Then the heatmap,
+ * if the answer has one, as a 16x16 block of shades.
+ */
+std::string activityChart(const ActivityAnswer& activity);
+
+/** Buckets of a sparkline line, and the most buckets drawn as bars. */
+constexpr std::size_t kSparklineWidth = 64;
+constexpr std::size_t kMaxBarBuckets = 48;
 
 /** One line per device with its failed periods. */
 std::string errorsTable(const std::vector<DbErrorData>& errors);

@@ -12,6 +12,8 @@
 
 #include <kest/analytics_db/object_metadata_packet.h>
 #include <kest/analytics_db/object_track_ex.h>
+#include <kest/cloud/storage/controller/activity_answer.h>
+#include <kest/cloud/storage/controller/activity_request_data.h>
 #include <kest/cloud/storage/controller/data_request_data.h>
 #include <kest/cloud/storage/controller/errors_request_data.h>
 #include <kest/cloud/storage/controller/optimal_instance_request.h>
@@ -27,6 +29,8 @@ using Route = std::pair<std::string, std::string>;  //< Method in upper case, pa
 const std::set<Route> kServedRoutes{
     {"POST", "/metadataDb/v1/data"},
     {"GET", "/metadataDb/v1/data"},
+    {"GET", "/metadataDb/v1/activity"},
+    {"GET", "/metadataDb/v1/activity.svg"},
     {"GET", "/metadataDb/v1/optimalInstance"},
     {"GET", "/metadataDb/v1/dataSaveErrors/{deviceIds}"},
     {"POST", "/metadataDb/ping"},
@@ -121,6 +125,14 @@ void expectSameKeys(const QJsonObject& root, const QJsonValue& value, QJsonObjec
     if (!value.isObject())
         return;
     const auto object = value.toObject();
+    if (schema.contains("additionalProperties") && !schema.contains("properties")) {
+        // A map: any keys, each value as described.
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            expectSameKeys(root, it.value(), schema["additionalProperties"].toObject(),
+                           at + "." + it.key().toStdString());
+        }
+        return;
+    }
     const auto properties = schema["properties"].toObject();
     EXPECT_EQ(object.keys().join(", ").toStdString(), properties.keys().join(", ").toStdString())
         << "written vs documented keys of " << at;
@@ -274,6 +286,15 @@ TEST(ApiDocs, documented_records_have_the_keys_the_service_reads_and_writes)
     expectSameKeys(openApi, toQJson(kest::reflect::json::serialize(packet)),
                    schemaRef("ObjectMetadataPacket"), "ObjectMetadataPacket");
 
+    kest::cloud::storage::metadatadb::ActivityAnswer activity;
+    activity.bucketMs = 60'000;
+    activity.buckets = {{1'767'225'600'000, 2, {{"car", 2}}}};
+    activity.heatmap = ActivityHeatmap{16, 16, std::vector<std::int64_t>(256, 0)};
+    activity.instancesAsked = 2;
+    activity.instancesAnswered = 1;
+    expectSameKeys(openApi, toQJson(kest::reflect::json::serialize(activity)),
+                   schemaRef("ActivityAnswer"), "ActivityAnswer");
+
     // The example is what a reader tries first; it must be a body the service accepts.
     const auto example = openApi["paths"]["/metadataDb/v1/data"]["post"]["requestBody"]["content"]
                                 ["application/json"]["example"];
@@ -310,6 +331,12 @@ TEST(ApiDocs, documented_query_items_are_the_ones_the_records_write)
     filter.withBestShotOnly = true;
     filter.analyticsEngineId = id;
     EXPECT_EQ(writtenQueryItems(data), documentedQueryItems(openApi, "/metadataDb/v1/data"));
+
+    const ActivityRequestData activity{data.filter, true, 60'000, true};
+    EXPECT_EQ(writtenQueryItems(activity),
+              documentedQueryItems(openApi, "/metadataDb/v1/activity"));
+    EXPECT_EQ(writtenQueryItems(activity),
+              documentedQueryItems(openApi, "/metadataDb/v1/activity.svg"));
 
     EXPECT_EQ(writtenQueryItems(OptimalInstanceRequest{{id}, id}),
               documentedQueryItems(openApi, "/metadataDb/v1/optimalInstance"));

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include <kest/analytics_db/object_track_ex.h>
+#include <kest/cloud/storage/controller/activity_answer.h>
 #include <kest/network/http/server/token_table.h>
 #include <kest/reflect/json.h>
 #include <kest/cloud/storage/testing/packets.h>
@@ -239,6 +240,62 @@ TEST_F(CliTest, SaysWhyNoAnswerCameAndCallsWithATokenOverHttps)
               std::string::npos)
         << tlsToPlain.output;
     EXPECT_NE(tlsToPlain.output.find("(does it serve TLS on this port?)"), std::string::npos);
+}
+
+TEST_F(CliTest, ActivityAsBarsASparklineOrJson)
+{
+    RunningService service(kUnreachableMongo);
+    ASSERT_TRUE(service.started());
+    const std::string url = "--url=" + service.url();
+    const std::int64_t t0 = 1'767'225'600'000;  // 2026-01-01T00:00:00Z
+    ASSERT_EQ(service.post({packet(m_device, t0 + 1000, ZuUuid::createUuid(), "person"),
+                            packet(m_device, t0 + 2000, ZuUuid::createUuid(), "car"),
+                            packet(m_device, t0 + 61'000, ZuUuid::createUuid(), "car")}),
+              200);
+    const std::vector<std::string> minutes{
+        "activity",         url, "--internal", "--from=2026-01-01T00:00", "--to=2026-01-01T00:02",
+        "--bucket-ms=60000"};
+
+    const auto json = cli(minutes);
+    EXPECT_EQ(json.exitCode, 0) << json.output;
+    ActivityAnswer answer;
+    ASSERT_TRUE(kest::reflect::json::deserialize(json.output, &answer).success) << json.output;
+    ASSERT_EQ(answer.buckets.size(), 2u);
+    EXPECT_EQ(answer.buckets[0].tracks, 2);
+    EXPECT_EQ(answer.buckets[1].byType, (std::map<std::string, std::int64_t>{{"car", 1}}));
+
+    std::string command = KEST_CLIENT_CLI_PATH;
+    for (const auto& arg : minutes)
+        command += " " + arg;
+    const auto bars = shell("script -qec '" + command + " --heatmap' /dev/null");
+    EXPECT_EQ(bars.exitCode, 0);
+    std::string fullBar;
+    for (int i = 0; i < 40; ++i)
+        fullBar += "█";
+    EXPECT_NE(bars.output.find("2026-01-01 00:00:00.000       2  " + fullBar + "  car 1, person 1"),
+              std::string::npos)
+        << bars.output;
+    EXPECT_NE(bars.output.find("2 buckets of 1 min, at most 2 tracks in one"), std::string::npos)
+        << bars.output;
+    EXPECT_NE(bars.output.find("Where (a 16x16 grid over the frame)"), std::string::npos);
+
+    // One bucket a second: a sparkline, a line per 64 buckets.
+    const auto sparkline = shell("script -qec '" + command + " --bucket-ms=1000' /dev/null");
+    EXPECT_EQ(sparkline.exitCode, 0);
+    EXPECT_NE(sparkline.output.find("2026-01-01 00:01:04.000  "), std::string::npos)
+        << sparkline.output;
+    EXPECT_NE(sparkline.output.find("120 buckets of 1 s"), std::string::npos) << sparkline.output;
+
+    for (const auto& [args, text] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{"activity", url, "--from=2026-01-01T00:00"}, "a period with an end"},
+             {{"activity", url, "--duration-ms=5", "--bucket-ms=0"}, "--bucket-ms: not a positive"},
+             {{"activity", url, "--duration-ms=5", "--limit=3"},
+              "--limit is not an option of activity"},
+             {{"search", url, "--heatmap"}, "--heatmap is not an option of search"}}) {
+        const auto refused = cli(args);
+        EXPECT_EQ(refused.exitCode, 2) << refused.output;
+        EXPECT_NE(refused.output.find(text), std::string::npos) << refused.output;
+    }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <kest/cloud/storage/testing/running_service.h>
 
 #include <QFile>
+#include <tuple>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -77,12 +78,45 @@ TEST(DocsRouteTest, ThePageItsAssetsAndTheDescriptionComeFromTheResources)
     EXPECT_EQ(404, post->status);
 }
 
+// The console is served the same way, beside the documentation, and calls the API relative to
+// itself.
+TEST(DocsRouteTest, TheConsoleAndItsAssetsComeFromTheResources)
+{
+    RunningService service(kUnreachableMongo);
+    ASSERT_TRUE(service.started());
+    for (const auto& [file, path, contentType] :
+         {std::tuple{"", ":/console/index.html", "text/html"},
+          std::tuple{"index.html", ":/console/index.html", "text/html"},
+          std::tuple{"console.css", ":/console/console.css", "text/css"},
+          std::tuple{"console.js", ":/console/console.js", "text/javascript"}}) {
+        const auto response = service.get(std::string("/metadataDb/v1/console/") + file);
+        ASSERT_TRUE(response) << file;
+        EXPECT_EQ(200, response->status) << file;
+        EXPECT_NE(std::string::npos,
+                  lowerCase(response->head).find(std::string("content-type: ") + contentType))
+            << response->head;
+        EXPECT_TRUE(response->body == resource(path)) << file;
+    }
+    const std::string script = resource(":/console/console.js");
+    for (const char* call : {"\"activity.svg\"", "\"data\"", "\"../\""})
+        EXPECT_NE(std::string::npos, script.find(call)) << call;
+    const auto redirect = service.get("/metadataDb/v1/console");
+    ASSERT_TRUE(redirect);
+    EXPECT_EQ(301, redirect->status);
+    EXPECT_NE(std::string::npos, redirect->head.find("\r\nLocation: /metadataDb/v1/console/"));
+    const auto missing = service.get("/metadataDb/v1/console/openapi.json");
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(404, missing->status);
+}
+
 TEST(DocsRouteTest, TurnedOffNothingOfThemIsServed)
 {
     RunningService service(kUnreachableMongo, {"--http/serveDocs=false"});
     ASSERT_TRUE(service.started());
     for (const std::string target :
-         {"/metadataDb/v1/docs/", "/metadataDb/v1/docs/openapi.json", "/metadataDb/v1/docs"}) {
+         {"/metadataDb/v1/docs/", "/metadataDb/v1/docs/openapi.json", "/metadataDb/v1/docs",
+          "/metadataDb/v1/console/", "/metadataDb/v1/console/console.js",
+          "/metadataDb/v1/console"}) {
         const auto response = service.get(target);
         ASSERT_TRUE(response) << target;
         EXPECT_EQ(404, response->status) << target;

@@ -5,13 +5,10 @@
 
 #include <chrono>
 #include <future>
-#include <map>
-#include <mutex>
 #include <thread>
 
 #include <kest/cloud/storage/api/client.h>
 #include <kest/cloud/storage/api/client_factory.h>
-#include <kest/network/aio/timer.h>
 #include <kest/utils/assert.h>
 #include <kest/cloud/storage/testing/keep_alive_connection.h>
 #include <kest/cloud/storage/testing/null_data_distribution_storage.h>
@@ -22,6 +19,7 @@
 
 #include "fake_peers.h"
 #include "log_capture.h"
+#include "scripted_peers.h"
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {
@@ -31,117 +29,6 @@ using kest::analytics::db::ObjectTrackEx;
 using kest::network::http::StatusCode;
 
 const std::string kFailedReply = "errors occured during fetching data from other nodes";
-
-/** How a fake instance answers a search. */
-struct Reply
-{
-    StatusCode::Value status = StatusCode::ok;
-    std::vector<ObjectTrackEx> tracks;
-    std::chrono::milliseconds delay{0};
-};
-
-/** The fake instances by URL, and the searches they were sent. */
-class Peers
-{
-public:
-    void set(const std::string& url, Reply reply)
-    {
-        std::lock_guard lock(m_mutex);
-        m_replies[kest::utils::Url(url).toString()] = std::move(reply);
-    }
-    bool has(const kest::utils::Url& url) const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_replies.contains(url.toString());
-    }
-    Reply ask(const kest::utils::Url& url, const DataRequestData& request)
-    {
-        std::lock_guard lock(m_mutex);
-        m_asked.emplace_back(url.toString(), request);
-        return m_replies.at(url.toString());
-    }
-    void noteCreated()
-    {
-        std::lock_guard lock(m_mutex);
-        ++m_created;
-    }
-    std::vector<std::pair<std::string, DataRequestData>> asked() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_asked;
-    }
-    int created() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_created;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::map<std::string, Reply> m_replies;
-    std::vector<std::pair<std::string, DataRequestData>> m_asked;
-    int m_created = 0;
-};
-
-/** Answers searches as scripted, on its I/O thread and after the reply's delay. */
-class FakeClient : public api::AbstractClient
-{
-public:
-    FakeClient(const kest::utils::Url& url, Peers* peers) : AbstractClient(url), m_peers(peers) {}
-    ~FakeClient() override { pleaseStopSync(); }
-
-    void getData(const DataRequestData& request,
-                 MoveOnlyFunc<void(StatusCode::Value, std::vector<ObjectTrackEx>)> handler) override
-    {
-        Reply reply = m_peers->ask(baseApiUrl(), request);
-        auto timer = std::make_unique<kest::network::aio::Timer>(getAioThread());
-        timer->start(reply.delay, [reply, handler = std::move(handler)]() mutable {
-            handler(reply.status, std::move(reply.tracks));
-        });
-        m_timers.push_back(std::move(timer));
-    }
-
-    // Not used by searches.
-    void saveData(const std::vector<ObjectMetadataPacket>&,
-                  MoveOnlyFunc<void(StatusCode::Value)>) override
-    {}
-    std::tuple<StatusCode::Value> saveDataSync(const std::vector<ObjectMetadataPacket>&) override
-    {
-        return {StatusCode::notImplemented};
-    }
-    std::tuple<StatusCode::Value, std::vector<ObjectTrackEx>> getDataSync(
-        const DataRequestData&) override
-    {
-        return {StatusCode::notImplemented, {}};
-    }
-    void getOptimalInstance(const OptimalInstanceRequest&,
-                            MoveOnlyFunc<void(StatusCode::Value, std::string)>) override
-    {}
-    std::tuple<StatusCode::Value, std::string> getOptimalInstanceSync(
-        const OptimalInstanceRequest&) override
-    {
-        return {StatusCode::notImplemented, {}};
-    }
-    void getErrors(const ErrorsRequestData&, const std::vector<ZuUuid>&,
-                   MoveOnlyFunc<void(StatusCode::Value, std::vector<DbErrorData>)>) override
-    {}
-    std::tuple<StatusCode::Value, std::vector<DbErrorData>> getErrorsSync(
-        const ErrorsRequestData&, const std::vector<ZuUuid>&) override
-    {
-        return {StatusCode::notImplemented, {}};
-    }
-
-protected:
-    void stopWhileInAioThread() override
-    {
-        m_timers.clear();  //< Cancels on this thread: no reply after a stop.
-        AbstractClient::stopWhileInAioThread();
-    }
-
-private:
-    Peers* m_peers;
-    std::vector<std::unique_ptr<kest::network::aio::Timer>> m_timers;
-};
 
 ObjectTrackEx track(const std::string& type)
 {

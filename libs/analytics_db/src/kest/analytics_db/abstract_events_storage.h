@@ -10,6 +10,8 @@
 #include <kest/vms_common/zu_time_period_list.h>
 #include <kest/vms_common/zu_uuid.h>
 
+#include "activity.h"
+#include "activity_query.h"
 #include "filter.h"
 #include "object_metadata_packet.h"
 #include "object_track_ex.h"
@@ -22,6 +24,7 @@ namespace kest::analytics::db {
 using SaveErrorHandler =
     utils::MoveOnlyFunc<void(kest::sql::DBResult, std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 using LookupHandler = utils::MoveOnlyFunc<void(ResultCode, std::vector<ObjectTrackEx>)>;
+using ActivityHandler = utils::MoveOnlyFunc<void(ResultCode, Activity)>;
 using CommitHandler = utils::MoveOnlyFunc<void(std::unordered_map<ZuUuid, ZuTimePeriodList>)>;
 using CommittedHandler = utils::MoveOnlyFunc<void(bool committed)>;
 using RetentionHandler = utils::MoveOnlyFunc<void(std::chrono::system_clock::time_point)>;
@@ -66,6 +69,16 @@ public:
     /** Searches off the caller's thread; the handler is called exactly once, on the storage's
      * thread. */
     virtual void lookup(Filter filter, LookupHandler completionHandler) = 0;
+
+    /**
+     * Counts the tracks that the query's filter selects per bucket of time and type, and per cell
+     * of the grid when asked, off the caller's thread; the handler is called exactly once, on the
+     * storage's thread unless the storage cannot count (then at once, with notSupported).
+     */
+    virtual void countActivity(ActivityQuery /*query*/, ActivityHandler completionHandler)
+    {
+        completionHandler(ResultCode::notSupported, {});
+    }
 
     /**
      * After each committed batch the handler gets the periods of its packets per device, on a

@@ -11,6 +11,8 @@
 #include <kest/utils/assert.h>
 #include <kest/utils/log/log.h>
 
+#include "activity_counter.h"
+
 namespace kest::analytics::db {
 
 using sql::DBResult;
@@ -58,25 +60,35 @@ bool EventsStorage::initialize(const Settings& settings)
     const std::string file = QDir(settings.path).filePath(kFileName).toStdString();
 
     auto openTracks = std::make_shared<OpenTracksSnapshots>();
+    auto activityIndex = std::make_shared<ActivityIndex>();
     auto writer = std::make_unique<TrackWriter>(openTracks);
     if (const DBResult r = writer->open(file, settings.connection); r != DBResult::ok) {
         KEST_ERROR(this, "Cannot open analytics database %1: %2 (%3)", file, r,
                    writer->database().lastError());
         return false;
     }
-    std::vector<std::unique_ptr<TrackReader>> readers;
+    writer->setActivityIndex(activityIndex);
+    // Without it counts read the track table, which is slower, not wrong.
+    if (const DBResult r = activityIndex->load(writer->database()); r != DBResult::ok) {
+        KEST_WARNING(this, "Cannot load the activity index of %1: %2 (%3)", file, r,
+                     writer->database().lastError());
+    }
+    std::vector<LookupWorker> workers;
     for (int i = 0; i < kLookupWorkers; ++i) {
         auto reader = std::make_unique<TrackReader>(openTracks);
         if (const DBResult r = reader->open(file, settings.connection); r != DBResult::ok) {
             KEST_ERROR(this, "Cannot open analytics database %1 for reading: %2", file, r);
             return false;
         }
-        readers.push_back(std::move(reader));
+        auto counter =
+            std::make_unique<ActivityCounter>(reader->database(), openTracks, activityIndex);
+        workers.push_back({std::move(reader), std::move(counter)});
     }
 
     m_openTracks = std::move(openTracks);
+    m_activityIndex = std::move(activityIndex);
     m_writer = std::move(writer);
-    m_readers = std::move(readers);
+    m_workers = std::move(workers);
     m_file = file;
     m_maxQueuedPackets = m_settings.maxQueuedPackets;
     measureStore();
@@ -282,9 +294,43 @@ void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
         completionHandler(ResultCode::error, {});
         return;
     }
+    queueLookup([this, filter = std::move(filter),
+                 handler = std::move(completionHandler)](LookupWorker& worker) mutable {
+        TrackReader& reader = *worker.reader;
+        std::vector<ObjectTrackEx> tracks;
+        const ResultCode code = reader.lookup(filter, &tracks);
+        if (code != ResultCode::ok) {
+            KEST_WARNING(this, "Analytics database lookup failed: %1", reader.lastError());
+            tracks.clear();
+        }
+        handler(code, std::move(tracks));
+    });
+}
+
+void EventsStorage::countActivity(ActivityQuery query, ActivityHandler completionHandler)
+{
+    if (!m_initialized) {
+        completionHandler(ResultCode::error, {});
+        return;
+    }
+    queueLookup([this, query = std::move(query),
+                 handler = std::move(completionHandler)](LookupWorker& worker) mutable {
+        Activity activity;
+        ActivityCounter& counter = *worker.counter;
+        const ResultCode code = counter.count(query, &activity);
+        if (code != ResultCode::ok) {
+            KEST_WARNING(this, "Analytics database activity count failed: %1", counter.lastError());
+            activity = {};
+        }
+        handler(code, std::move(activity));
+    });
+}
+
+void EventsStorage::queueLookup(LookupTask task)
+{
     {
         std::lock_guard lock(m_lookupMutex);
-        m_lookups.push_back({std::move(filter), std::move(completionHandler)});
+        m_lookups.push_back(std::move(task));
     }
     m_lookupWake.notify_one();
 }
@@ -584,7 +630,7 @@ void EventsStorage::applyRetention()
 
 void EventsStorage::lookupLoop(int worker)
 {
-    TrackReader& reader = *m_readers[worker];
+    LookupWorker& lookupWorker = m_workers[worker];
     std::unique_lock lock(m_lookupMutex);
     for (;;) {
         m_lookupWake.wait(lock, [&] { return m_lookupsStopping || !m_lookups.empty(); });
@@ -594,14 +640,8 @@ void EventsStorage::lookupLoop(int worker)
         m_lookups.pop_front();
         lock.unlock();
 
-        std::vector<ObjectTrackEx> tracks;
-        const ResultCode code = reader.lookup(task.filter, &tracks);
-        if (code != ResultCode::ok) {
-            KEST_WARNING(this, "Analytics database lookup failed: %1", reader.lastError());
-            tracks.clear();
-        }
         try {
-            task.handler(code, std::move(tracks));
+            task(lookupWorker);
         } catch (const std::exception& e) {
             KEST_ERROR(this, "Lookup handler threw: %1", e.what());
         }
@@ -632,7 +672,7 @@ void EventsStorage::stop()
     m_completions.drain();
     m_initialized = false;
     m_writer.reset();
-    m_readers.clear();
+    m_workers.clear();
 }
 
 }  // namespace kest::analytics::db

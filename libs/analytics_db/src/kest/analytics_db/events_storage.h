@@ -14,6 +14,8 @@
 #include <kest/utils/mutex.h>
 
 #include "abstract_events_storage.h"
+#include "activity_counter.h"
+#include "activity_index.h"
 #include "open_tracks_snapshots.h"
 #include "periods_notifier.h"
 #include "task_thread.h"
@@ -27,7 +29,9 @@ namespace kest::analytics::db {
  * settings' directory). `save` queues; one writer thread turns the queue into tracks and commits
  * it in batches (TrackWriter: each track written once, when it ends); a few lookup workers search
  * on their own connections, the writer's open tracks included. How a filter is applied is
- * described in track_reader.h, how tracks are aggregated in track_aggregate.h.
+ * described in track_reader.h, how tracks are aggregated in track_aggregate.h. The workers also
+ * count activity (ActivityCounter), from what the writer's commits publish of the written tracks
+ * in memory (ActivityIndex, read at start) and from the open tracks.
  *
  * A batch that cannot be committed is rolled back and its packets are reported, per device as
  * the union of their periods, through the save-error handler on a thread of its own; a committed
@@ -82,6 +86,7 @@ public:
         std::vector<std::shared_ptr<const common::metadata::ObjectMetadataPacket>> packets,
         CommittedHandler handler) override;
     void lookup(Filter filter, LookupHandler completionHandler) override;
+    void countActivity(ActivityQuery query, ActivityHandler completionHandler) override;
     void setOnCommitHandler(CommitHandler handler) override;
     void setOnRetentionHandler(RetentionHandler handler) override;
     void flush() override;
@@ -106,11 +111,14 @@ public:
 
 private:
     using SteadyClock = std::chrono::steady_clock;
-    struct LookupTask
+    /** What a lookup thread runs searches and counts with, on its own connection. */
+    struct LookupWorker
     {
-        Filter filter;
-        LookupHandler handler;
+        std::unique_ptr<TrackReader> reader;
+        std::unique_ptr<ActivityCounter> counter;
     };
+    /** A search or a count, run by a lookup worker. */
+    using LookupTask = utils::MoveOnlyFunc<void(LookupWorker&)>;
     struct Waiter
     {
         std::uint64_t first = 0;
@@ -123,6 +131,7 @@ private:
                  SteadyClock::time_point now);
     void writerLoop();
     void lookupLoop(int worker);
+    void queueLookup(LookupTask task);
     /** Writes what it can of `batch` by `deadline`; `taken`: how many packets it took. */
     bool writeBatch(const std::vector<PacketPtr>& batch, SteadyClock::time_point deadline,
                     std::size_t* taken);
@@ -161,6 +170,8 @@ private:
     std::deque<Waiter> m_waiters;
 
     std::shared_ptr<OpenTracksSnapshots> m_openTracks;
+    /** Fed by the writer's commits, read by activity counts. */
+    std::shared_ptr<ActivityIndex> m_activityIndex;
     std::unique_ptr<TrackWriter> m_writer;
     std::thread m_writerThread;
     SteadyClock::time_point m_nextRetention;
@@ -191,7 +202,7 @@ private:
     std::condition_variable m_lookupWake;
     std::deque<LookupTask> m_lookups;
     bool m_lookupsStopping = false;
-    std::vector<std::unique_ptr<TrackReader>> m_readers;
+    std::vector<LookupWorker> m_workers;
     std::vector<std::thread> m_lookupThreads;
 
     Mutex m_retentionHandlerMutex;

@@ -11,6 +11,8 @@ std::string toString(ResultCode code)
             return "retryLater";
         case ResultCode::error:
             return "error";
+        case ResultCode::notSupported:
+            return "notSupported";
     }
     return "unknown (" + std::to_string(static_cast<int>(code)) + ")";
 }

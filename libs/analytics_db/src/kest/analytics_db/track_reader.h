@@ -61,6 +61,8 @@ public:
     ResultCode lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks);
 
     const std::string& lastError() const { return m_db.lastError(); }
+    /** The connection, for other read-only work of the same worker (activity counts). */
+    sql::Database& database() { return m_db; }
 
     /** Words of free text as an FTS5 query: each word a prefix, all of them needed. */
     static std::string ftsQuery(const std::vector<std::string>& words);

@@ -503,6 +503,8 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
     // and drop the WAL read lock on its own.
     if (auto r = m_db.exec("BEGIN IMMEDIATE"); r != DBResult::ok)
         return r;
+    if (m_activity)
+        m_activity->discardStaged();
     std::vector<OpenTrack*> touched;
     DBResult result = DBResult::ok;
     const auto now = SteadyClock::now();
@@ -654,6 +656,8 @@ DBResult TrackWriter::closeTracks(bool idleOnly)
         return DBResult::ok;
     if (auto r = m_db.exec("BEGIN IMMEDIATE"); r != DBResult::ok)
         return r;
+    if (m_activity)
+        m_activity->discardStaged();
     const DBResult result = commit({}, std::move(flushing), !idleOnly);
     if (result != DBResult::ok) {
         m_lastError = m_db.lastError();
@@ -863,6 +867,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         return r;
     }
     m_published = std::move(published);
+    if (m_activity)
+        m_activity->publish(seq);
     m_dictionary.keepSaved();
     for (const auto& [key, value] : meta)
         m_storedMeta[key] = value;
@@ -969,6 +975,15 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     TrackRow::bind(*row, stored, m_coder, m_dictionary, &encoded);
     if (auto r = row->exec(); r != DBResult::ok)
         return r;
+    if (m_activity) {
+        const std::int64_t type = m_dictionary.key(Kind::type, t.typeId);
+        if (type > ActivityIndex::kMaxTypeKey)
+            m_activity->disable();
+        m_activity->stage(
+            stored.rowId,
+            ActivityIndex::entryOf(m_dictionary.key(Kind::device, UuidBytes(t.deviceId)), type,
+                                   t.firstUs, span(t.firstUs, t.lastUs), t.bestShotKind));
+    }
 
     const bool wordsChanged = !track.hasRow || track.storedAttributes != t.attributes;
     if (track.hasRow && wordsChanged) {
@@ -1102,6 +1117,8 @@ DBResult TrackWriter::deleteExpired(std::int64_t cutoffUs, int maxRows, int* del
     sql::Transaction transaction(m_db);
     if (transaction.beginResult() != DBResult::ok)
         return transaction.beginResult();
+    if (m_activity)
+        m_activity->discardStaged();
 
     std::vector<StoredTrack> rows;
     {
@@ -1145,10 +1162,23 @@ DBResult TrackWriter::deleteExpired(std::int64_t cutoffUs, int maxRows, int* del
             if (auto r = s->exec(); r != DBResult::ok)
                 return r;
         }
+        if (m_activity)
+            m_activity->stageRemoval(stored.rowId);
+    }
+    // Deletions carry no commit number: the count of them tells counts which state they read.
+    const std::int64_t retentions = m_storedMeta[ActivityIndex::kRetentionsKey] + 1;
+    if (!rows.empty()) {
+        if (auto r = storeMeta(ActivityIndex::kRetentionsKey, retentions); r != DBResult::ok)
+            return r;
     }
     m_db.resetCached();
     if (auto r = transaction.commit(); r != DBResult::ok)
         return r;
+    if (!rows.empty()) {
+        m_storedMeta[ActivityIndex::kRetentionsKey] = retentions;
+        if (m_activity)
+            m_activity->publish({m_seq, retentions});
+    }
     *deleted = static_cast<int>(rows.size());
     return DBResult::ok;
 }

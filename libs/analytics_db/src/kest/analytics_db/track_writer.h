@@ -15,6 +15,7 @@
 
 #include <kest/sql/database.h>
 
+#include "activity_index.h"
 #include "attribute_coder.h"
 #include "checkpointer.h"
 #include "object_metadata_packet.h"
@@ -87,6 +88,9 @@ public:
     TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots);
     ~TrackWriter();
 
+    /** Rows written and deleted from now on are published to `index` as they are committed. */
+    void setActivityIndex(std::shared_ptr<ActivityIndex> index) { m_activity = std::move(index); }
+
     /** Opens the file, upgrades or creates the schema and rebuilds the open tracks. */
     sql::DBResult open(const std::string& file, const sql::ConnectionOptions& options);
 
@@ -146,6 +150,7 @@ private:
     sql::Database m_db;
     Checkpointer m_checkpointer;
     std::shared_ptr<OpenTracksSnapshots> m_snapshots;
+    std::shared_ptr<ActivityIndex> m_activity;
     StoreDictionary m_dictionary;
     AttributeCoder m_coder{m_dictionary};
     TextMatcher m_tokenizer;

@@ -171,6 +171,16 @@ protected:
             RequestResult(status, result.toJson(), contentTypeOf(SerializationFormat::json)));
     }
 
+    /**
+     * Completes with a body the controller wrote in a form of its own (a picture, a page), which
+     * the "format" of the request does not apply to.
+     */
+    void requestCompletedWithBody(StatusCode::Value status, std::string body,
+                                  std::string contentType)
+    {
+        sendResponse(RequestResult(status, std::move(body), std::move(contentType)));
+    }
+
     template <typename Output>
     void requestCompleted(StatusCode::Value status, ApiRequestResult result, const Output& output)
     {

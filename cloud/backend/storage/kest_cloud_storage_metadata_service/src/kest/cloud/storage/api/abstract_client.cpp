@@ -6,4 +6,16 @@ AbstractClient::AbstractClient(const kest::utils::Url& url) : GenericApiClient(u
 
 AbstractClient::~AbstractClient() = default;
 
+void AbstractClient::getActivity(const ActivityRequestData& /*request*/,
+                                 MoveOnlyFunc<void(StatusCode::Value, ActivityAnswer)> handler)
+{
+    post([handler = std::move(handler)]() mutable { handler(StatusCode::notImplemented, {}); });
+}
+
+std::tuple<AbstractClient::StatusCode::Value, ActivityAnswer> AbstractClient::getActivitySync(
+    const ActivityRequestData& /*request*/)
+{
+    return {StatusCode::notImplemented, {}};
+}
+
 }  // namespace kest::cloud::storage::metadatadb::api

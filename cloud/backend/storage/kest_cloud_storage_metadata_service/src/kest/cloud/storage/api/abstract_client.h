@@ -6,6 +6,8 @@
 
 #include <kest/analytics_db/object_metadata_packet.h>
 #include <kest/analytics_db/object_track_ex.h>
+#include <kest/cloud/storage/controller/activity_answer.h>
+#include <kest/cloud/storage/controller/activity_request_data.h>
 #include <kest/cloud/storage/controller/data_request_data.h>
 #include <kest/cloud/storage/controller/errors_request_data.h>
 #include <kest/cloud/storage/controller/optimal_instance_request.h>
@@ -63,6 +65,15 @@ public:
         MoveOnlyFunc<void(StatusCode::Value, std::vector<DbErrorData>)> handler) = 0;
     virtual std::tuple<StatusCode::Value, std::vector<DbErrorData>> getErrorsSync(
         const ErrorsRequestData& request, const std::vector<ZuUuid>& deviceIds) = 0;
+
+    /**
+     * Tracks per bucket of time and type (and per cell of the grid), local or distributed by the
+     * request's `internal_lookup`. Implementations that do not count answer 501.
+     */
+    virtual void getActivity(const ActivityRequestData& request,
+                             MoveOnlyFunc<void(StatusCode::Value, ActivityAnswer)> handler);
+    virtual std::tuple<StatusCode::Value, ActivityAnswer> getActivitySync(
+        const ActivityRequestData& request);
 };
 
 }  // namespace kest::cloud::storage::metadatadb::api

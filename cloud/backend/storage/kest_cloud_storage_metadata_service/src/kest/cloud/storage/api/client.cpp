@@ -78,6 +78,20 @@ std::tuple<Client::StatusCode::Value, std::vector<DbErrorData>> Client::getError
                                                           toUrlQuery(request));
 }
 
+void Client::getActivity(const ActivityRequestData& request,
+                         MoveOnlyFunc<void(StatusCode::Value, ActivityAnswer)> handler)
+{
+    makeAsyncCallWithRetries<ActivityAnswer>("GET", ApiPaths::kActivityPath, toUrlQuery(request), 1,
+                                             std::move(handler));
+}
+
+std::tuple<Client::StatusCode::Value, ActivityAnswer> Client::getActivitySync(
+    const ActivityRequestData& request)
+{
+    return makeSyncCallInternal<ActivityAnswer>("GET", ApiPaths::kActivityPath,
+                                                toUrlQuery(request));
+}
+
 std::string Client::buildErrorPath(const std::vector<ZuUuid>& deviceIds)
 {
     std::string_view base = ApiPaths::kErrorHandlerPath;

@@ -36,6 +36,11 @@ public:
     std::tuple<StatusCode::Value, std::vector<DbErrorData>> getErrorsSync(
         const ErrorsRequestData& request, const std::vector<ZuUuid>& deviceIds) override;
 
+    void getActivity(const ActivityRequestData& request,
+                     MoveOnlyFunc<void(StatusCode::Value, ActivityAnswer)> handler) override;
+    std::tuple<StatusCode::Value, ActivityAnswer> getActivitySync(
+        const ActivityRequestData& request) override;
+
     /**
      * The save-errors path of the devices: their ids without braces, in the order given and
      * separated by ";". An empty list is a programming error, and gives the path without ids.

@@ -3,14 +3,9 @@
 #include <iterator>
 
 #include <kest/analytics_db/filter_url_query.h>
-#include <kest/cloud/storage/api/client_factory.h>
-#include <kest/cloud/storage/model/abstract_data_distribution_storage.h>
 #include <kest/cloud/storage/model/model.h>
 #include <kest/cloud/storage/model/service_metrics.h>
-#include <kest/network/aio/aio_thread.h>
-#include <kest/network/aio/aio_thread_pool.h>
 #include <kest/utils/log/log.h>
-#include <kest/utils/url.h>
 
 #include "value_rules.h"
 
@@ -20,14 +15,7 @@ using namespace kest::network::http;
 using kest::analytics::db::ObjectTrackEx;
 using kest::analytics::db::ResultCode;
 
-DataProviderController::DataProviderController(Model& model) : m_model(model) {}
-
-DataProviderController::~DataProviderController()
-{
-    // On the clients' own thread this stops them inline; no reply reaches a controller gone.
-    for (const auto& client : m_clients)
-        client->pleaseStopSync();
-}
+DataProviderController::DataProviderController(Model& model) : m_model(model), m_fanOut(model) {}
 
 void DataProviderController::processRequest(RequestContext /*requestContext*/,
                                             DataRequestData request)
@@ -57,49 +45,26 @@ void DataProviderController::processRequest(RequestContext /*requestContext*/,
         return;
     }
 
-    // Outside the HTTP server (a controller called directly) any I/O thread will do.
-    m_aioThread = kest::network::aio::AioThread::currentWeak();
-    if (m_aioThread.expired())
-        m_aioThread = kest::network::aio::AioThreadPool::instance().nextWeak();
-
-    // The distribution record keeps device ids in their braced text form.
-    std::vector<std::string> deviceIds;
-    deviceIds.reserve(m_filter.deviceIds.size());
-    for (const ZuUuid& id : m_filter.deviceIds)
-        deviceIds.push_back(id.toStdString());
-    m_model.getDDSModel()->getStorageInfo(deviceIds, m_filter.timePeriod,
-                                          [this](bool ok, std::vector<std::string> addresses) {
-                                              continueInAioThread(ok, std::move(addresses));
-                                          });
-}
-
-void DataProviderController::continueInAioThread(bool ok, std::vector<std::string> addresses)
-{
-    // A thread that stops drops what is queued on it uncalled; the request is still answered.
-    struct Continuation
-    {
-        DataProviderController* controller;
-        bool ok;
-        std::vector<std::string> addresses;
-        bool ran = false;
-
-        ~Continuation()
-        {
-            if (!ran) {
-                controller->countLookup();
-                controller->requestCompleted(StatusCode::serviceUnavailable, ApiRequestResult());
-            }
-        }
-    };
-    auto continuation = std::make_unique<Continuation>(this, ok, std::move(addresses));
-    const auto thread = m_aioThread.lock();
-    if (!thread)
-        return;  //< The server is gone; the continuation answers.
-    thread->post([continuation = std::move(continuation)]() {
-        continuation->ran = true;
-        continuation->controller->requestRemoteInstances(continuation->ok,
-                                                         std::move(continuation->addresses));
-    });
+    DataRequestData peerRequest;
+    peerRequest.filter = m_filter;
+    peerRequest.internal_lookup = true;
+    m_fanOut.start(
+        m_filter,
+        [this, peerRequest](api::AbstractClient& client, PeerFanOut::Replied replied) {
+            client.getData(peerRequest, [this, replied = std::move(replied)](
+                                            StatusCode::Value status,
+                                            std::vector<ObjectTrackEx> tracks) mutable {
+                // Whatever a failed reply brings is taken in too.
+                {
+                    std::lock_guard lock(m_mutex);
+                    m_collectedTracks.insert(m_collectedTracks.end(),
+                                             std::make_move_iterator(tracks.begin()),
+                                             std::make_move_iterator(tracks.end()));
+                }
+                replied(status);
+            });
+        },
+        [this](PeerFanOut::Outcome outcome) { finishRequest(outcome); });
 }
 
 void DataProviderController::onLocalLookupDone(ResultCode resultCode,
@@ -120,84 +85,26 @@ void DataProviderController::onLocalLookupDone(ResultCode resultCode,
     requestCompleted(ApiRequestResult(), tracks);
 }
 
-void DataProviderController::requestRemoteInstances(bool ok, std::vector<std::string> addresses)
+void DataProviderController::finishRequest(PeerFanOut::Outcome outcome)
 {
-    if (!ok) {
-        KEST_ERROR(this, "can't get remote instances addresses for requst with filter %1.",
-                   kest::analytics::db::toString(m_filter));
-        countLookup();
-        requestCompleted(StatusCode::internalServerError, ApiRequestResult());
-        return;
+    countLookup();
+    switch (outcome.kind) {
+        case PeerFanOut::Outcome::Kind::addressLookupFailed:
+            requestCompleted(StatusCode::internalServerError, ApiRequestResult());
+            return;
+        case PeerFanOut::Outcome::Kind::stopped:
+            requestCompleted(StatusCode::serviceUnavailable, ApiRequestResult());
+            return;
+        case PeerFanOut::Outcome::Kind::done:
+            break;
     }
-
-    DataRequestData request;
-    request.filter = m_filter;
-    request.internal_lookup = true;
-
-    // Stored before the first call goes out, so that every reply compares with the final count.
-    m_repliesExpected.store(static_cast<std::uint32_t>(addresses.size()));
-    // An instance is listed once per stored span, and asked as many times.
-    std::uint32_t notAsked = 0;
-    for (const std::string& address : addresses) {
-        m_model.metrics().peerAsked();
-        auto client = api::ClientFactory::instance().create(kest::utils::Url(address));
-        if (!client) {
-            ++notAsked;
-            continue;
-        }
-        client->bindToAioThread(kest::network::aio::AioThread::current());
-        // A peer that never answers would otherwise hold the whole search.
-        client->setRequestTimeout(m_model.peerTimeout());
-        client->setCredentials(m_model.peerIdentity().credentials);
-        client->setTlsContext(m_model.peerIdentity().tlsContext);
-        m_clients.push_back(std::move(client));
-    }
-    if (addresses.empty()) {
-        countLookup();
-        requestCompleted(ApiRequestResult(), std::vector<ObjectTrackEx>());
-        return;
-    }
-
-    // Calls complete on this thread, never inside getData: nothing below can end the request
-    // before the last call has been started.
-    m_peersAsked = std::chrono::steady_clock::now();
-    for (const auto& client : m_clients) {
-        client->getData(request,
-                        [this](StatusCode::Value status, std::vector<ObjectTrackEx> tracks) {
-                            finishRequest(status, std::move(tracks));
-                        });
-    }
-    // Counted as failed replies; the last of them may complete the request.
-    for (; notAsked > 0; --notAsked)
-        finishRequest(StatusCode::internalServerError, {});
-}
-
-void DataProviderController::finishRequest(StatusCode::Value status,
-                                           std::vector<ObjectTrackEx> tracks)
-{
-    if (status != StatusCode::ok) {
-        KEST_INFO(this, "errors occured during fetching data from other nodes");
-        // The client reports a timeout as any other exchange that brought no answer; only a call
-        // cut off by the peer timeout can take that long, since each of its steps is bounded by it.
-        if (std::chrono::steady_clock::now() - m_peersAsked >= m_model.peerTimeout())
-            m_model.metrics().peerTimedOut();
-        else
-            m_model.metrics().peerFailed();
-    }
-
     std::vector<ObjectTrackEx> merged;
     {
         std::lock_guard lock(m_mutex);
-        m_collectedTracks.insert(m_collectedTracks.end(), std::make_move_iterator(tracks.begin()),
-                                 std::make_move_iterator(tracks.end()));
-        const std::uint32_t received = ++m_repliesReceived;
-        if (received < m_repliesExpected.load())
-            return;
         merged = std::move(m_collectedTracks);
         m_collectedTracks.clear();
     }
     KEST_VERBOSE(this, "Processing get data request completed");
-    countLookup();
     requestCompleted(ApiRequestResult(), merged);
 }
 

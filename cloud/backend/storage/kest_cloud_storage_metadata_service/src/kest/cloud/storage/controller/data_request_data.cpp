@@ -20,12 +20,17 @@ bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data)
 bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data, std::string* error)
 {
     auto params = kest::network::rest::Params::fromUrlQuery(query);
-    if (params.contains(kInternalLookup)) {
+    return loadFromParams(&params, data, error);
+}
+
+bool loadFromParams(kest::network::rest::Params* params, DataRequestData* data, std::string* error)
+{
+    if (params->contains(kInternalLookup)) {
         // Peers have always sent a number here; a word such as "true" converts to 0.
-        data->internal_lookup = params.value(kInternalLookup).toLongLong(nullptr, 10) != 0;
-        params.remove(kInternalLookup);
+        data->internal_lookup = params->value(kInternalLookup).toLongLong(nullptr, 10) != 0;
+        params->remove(kInternalLookup);
     }
-    return kest::analytics::db::deserializeFromParams(params, &data->filter, error);
+    return kest::analytics::db::deserializeFromParams(*params, &data->filter, error);
 }
 
 void serializeToUrlQuery(const DataRequestData& data, QUrlQuery* query)

@@ -5,6 +5,7 @@
 #include <string>
 
 #include <kest/analytics_db/filter.h>
+#include <kest/network/rest/params.h>
 
 namespace kest::cloud::storage::metadatadb {
 
@@ -28,6 +29,9 @@ BOOST_DESCRIBE_STRUCT(DataRequestData, (), (filter, internal_lookup))
 bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data);
 /** The same; on failure `error` names the filter's item and what it expects. */
 bool loadFromUrlQuery(const QUrlQuery& query, DataRequestData* data, std::string* error);
+
+/** The same, from the query's items, of which it removes those it reads. */
+bool loadFromParams(kest::network::rest::Params* params, DataRequestData* data, std::string* error);
 
 /** Appends the filter's items, then "internal_lookup" as "1" or "0". */
 void serializeToUrlQuery(const DataRequestData& data, QUrlQuery* query);

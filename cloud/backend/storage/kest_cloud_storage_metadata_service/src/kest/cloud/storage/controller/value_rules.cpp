@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 
+#include <kest/analytics_db/activity_query.h>
 #include <kest/analytics_db/filter_url_query.h>
 
 namespace kest::cloud::storage::metadatadb {
@@ -91,6 +92,43 @@ std::string ValueRules::checkFilter(const kest::analytics::db::Filter& filter)
     if (filter.boundingBox) {
         if (std::string problem = boxProblem(*filter.boundingBox); !problem.empty())
             return "filter.boundingBox." + problem;
+    }
+    return {};
+}
+
+std::string ValueRules::checkActivity(const ActivityRequestData& request)
+{
+    using kest::analytics::db::ActivityQuery;
+    if (std::string problem = checkFilter(request.filter); !problem.empty())
+        return problem;
+    const ZuTimePeriod& period = request.filter.timePeriod;
+    if (period.isInfinite()) {
+        return "filter.timePeriod.durationMs: the period has no end: activity is counted over a "
+               "period of 1 or more milliseconds";
+    }
+    if (period.durationMs == 0) {
+        return "filter.timePeriod.durationMs: 0: activity is counted over a period of 1 or more "
+               "milliseconds";
+    }
+    if (request.bucketMs && *request.bucketMs <= 0) {
+        return "bucketMs: " + std::to_string(*request.bucketMs) +
+               " is not a positive number of milliseconds";
+    }
+    ActivityQuery query;
+    query.filter.timePeriod = period;
+    query.bucketMs = request.bucketWidthMs();
+    if (query.bucketCount() > ActivityQuery::kMaxBuckets) {
+        const std::int64_t least = period.durationMs / ActivityQuery::kMaxBuckets +
+                                   (period.durationMs % ActivityQuery::kMaxBuckets != 0);
+        return "bucketMs: " + std::to_string(query.bucketMs) + " cuts the period into " +
+               std::to_string(query.bucketCount()) + " buckets, more than the " +
+               std::to_string(ActivityQuery::kMaxBuckets) +
+               " an answer may have: " + std::to_string(least) +
+               " or more is expected for this period";
+    }
+    if (!query.isValid()) {
+        return "filter.timePeriod.startTimeMs: " + std::to_string(period.startTimeMs) +
+               ": the buckets of the period would end past the latest time there is";
     }
     return {};
 }

@@ -8,6 +8,8 @@
 #include <kest/analytics_db/filter.h>
 #include <kest/analytics_db/object_metadata_packet.h>
 
+#include "activity_request_data.h"
+
 namespace kest::cloud::storage::metadatadb {
 
 /**
@@ -40,6 +42,13 @@ public:
      * bounds as a stored one, but is not clipped; a duration is 0 or more, or -1 for no end.
      */
     static std::string checkFilter(const kest::analytics::db::Filter& filter);
+
+    /**
+     * What an activity count cannot be asked, named as checkFilter() names it, "bucketMs: ..."
+     * included; empty when the request is fine. The period needs an end and a length, and its
+     * buckets, bucketMs or the default, must number at most ActivityQuery::kMaxBuckets.
+     */
+    static std::string checkActivity(const ActivityRequestData& request);
 
     /**
      * A UUID derived from the device, the packet's time and the object's place in the packet's

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include <kest/analytics_db/abstract_events_storage.h>
+#include <kest/cloud/storage/controller/activity_controller.h>
 #include <kest/cloud/storage/controller/data_provider_controller.h>
 #include <kest/cloud/storage/controller/data_saver_controller.h>
 #include <kest/cloud/storage/controller/errors_provider_controller.h>
@@ -19,7 +20,7 @@
 #include <kest/utils/metrics/process_statistics.h>
 #include <kest/utils/metrics/registry.h>
 
-#include "docs_handler.h"
+#include "static_files_handler.h"
 
 namespace kest::cloud::storage::metadatadb {
 
@@ -163,9 +164,17 @@ void View::registerApiHandlers(Model& model)
     registerApiHandler<InstanceSelector>(kOptimalInstancePath, "GET", std::ref(model));
     registerApiHandler<PingHandler>(kPingPath, "POST", this);
     registerApiHandler<MetricsHandler>(kMetricsPath, "GET", &model.metrics().registry());
+    registerApiHandler<ActivityController>(kActivityPath, "GET", std::ref(model),
+                                           ActivityController::Output::json);
+    registerApiHandler<ActivityController>(kActivitySvgPath, "GET", std::ref(model),
+                                           ActivityController::Output::svg);
     if (m_settings.serveDocs()) {
-        registerApiHandler<DocsHandler>(kDocsPath, "GET");
-        registerApiHandler<DocsRedirectHandler>(kDocsDirectoryPath, "GET");
+        for (const auto& [path, directory, site] :
+             {std::tuple{kDocsPath, kDocsDirectoryPath, &StaticSite::docs},
+              std::tuple{kConsolePath, kConsoleDirectoryPath, &StaticSite::console}}) {
+            registerApiHandler<StaticFilesHandler>(path, "GET", StaticSite::Get(site));
+            registerApiHandler<DirectoryRedirectHandler>(directory, "GET", StaticSite::Get(site));
+        }
     }
 }
 
