@@ -1092,9 +1092,8 @@ TEST_F(EventsStorageTest, RetentionDeletesOldTracksWithTheirWordsAndTheSpaceIsRe
     storage.reset();
     EXPECT_EQ(number("SELECT count(*) FROM track"), 1000);
     // The old tracks' positions went with them, and none of the others did.
-    EXPECT_EQ(number("SELECT count(*) FROM position WHERE id <= " +
-                     std::to_string(lastOldPosition)),
-              0);
+    EXPECT_EQ(
+        number("SELECT count(*) FROM position WHERE id <= " + std::to_string(lastOldPosition)), 0);
     EXPECT_EQ(number(newPositions), newPositionsBefore);
     // The words of the deleted tracks are out of the full-text index, which holds together.
     EXPECT_EQ(number("SELECT count(*) FROM track_text WHERE track_text MATCH 'old0'"), 0);
