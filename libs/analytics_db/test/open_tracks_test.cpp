@@ -290,5 +290,36 @@ TEST_F(OpenTracksTest, EndedTracksADeadlineLeavesWaitInTheJournalForLaterCommits
     EXPECT_EQ(count("journal"), 0);
 }
 
+TEST_F(OpenTracksTest, AWrittenTrackHoldsExactlyWhatItsJournalRunsShowed)
+{
+    // Small runs, each batch with its own attribute lists, one object arriving late and a best
+    // shot among them: the row written from the runs must answer as the open track did.
+    auto storage = open();
+    const std::vector<std::vector<Attribute>> lists = {
+        {{"color", "red"}}, {{"color", "red"}, {"plate", "AB123"}}, {}, {{"color", "grey"}}};
+    for (int batch = 0; batch < 6; ++batch) {
+        for (int k = 0; k < 3; ++k) {
+            const std::int64_t at = 700 * kS + (batch * 3 + k) * 200'000 - (k == 2 ? 5 * kS : 0);
+            auto p = std::make_shared<ObjectMetadataPacket>(
+                *packet(at, {1}, lists[(batch + k) % lists.size()]));
+            if (batch == 2 && k == 1) {
+                p->objectMetadataList.push_back(p->objectMetadataList.front());
+                p->objectMetadataList.back().objectMetadataType = ObjectMetadataType::bestShot;
+            }
+            storage->save(p);
+        }
+        storage->flush();
+    }
+    EXPECT_EQ(count("track"), 0);
+    const auto open = fullTrack(*storage, 1);
+    ASSERT_EQ(open.size(), 1u);
+    EXPECT_EQ(open[0].objectPositionSequence.size(), 18u);
+
+    storage->closeOpenTracks();
+    EXPECT_EQ(count("track"), 1);
+    EXPECT_EQ(count("journal"), 0);
+    EXPECT_EQ(fullTrack(*storage, 1), open);
+}
+
 }  // namespace
 }  // namespace kest::analytics::db::test

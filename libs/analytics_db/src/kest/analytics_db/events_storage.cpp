@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <filesystem>
 
+#include <malloc.h>
+
 #include <QDir>
 #include <QFileInfo>
 
@@ -403,6 +405,7 @@ void EventsStorage::writerLoop()
         for (auto& task : tasks)
             task(m_writer->database());
         bool written = true;
+        bool freedTracks = false;
         std::vector<PacketPtr> rest;
         std::vector<SteadyTime> restTimes;
         if (!batch.empty()) {
@@ -434,6 +437,7 @@ void EventsStorage::writerLoop()
             const DBResult r = m_writer->closeTracks(true, SteadyClock::now() + kBatchTime / 2);
             if (r != DBResult::ok)
                 KEST_WARNING(this, "Writing ended tracks failed: %1", r);
+            freedTracks = true;
         }
         if (closeAll) {
             if (const DBResult r = m_writer->closeTracks(false); r != DBResult::ok)
@@ -448,6 +452,12 @@ void EventsStorage::writerLoop()
         // Freeing a batch's packets takes as long as a good part of writing them.
         if (!batch.empty())
             m_completions.post([released = std::move(batch)] {});
+        if ((count > 0 || freedTracks) && SteadyClock::now() >= m_nextHeapTrim) {
+            // After the packets it follows are freed, and off the writer: it takes milliseconds.
+            // Tracks that end once the packets stop are freed too, so the idle writer trims.
+            m_nextHeapTrim = SteadyClock::now() + kHeapTrimInterval;
+            m_completions.post([] { malloc_trim(0); });
+        }
 
         lock.lock();
         if (!rest.empty()) {

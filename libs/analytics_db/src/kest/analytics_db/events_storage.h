@@ -54,6 +54,12 @@ public:
     static constexpr std::size_t kMaxBatchPackets = 16384;
     /** What a batch may take to write, at the writer's pace. */
     static constexpr std::chrono::milliseconds kBatchTime{300};
+    /**
+     * How often, at most, the heap's free pages go back to the system while packets are written:
+     * the allocator keeps what the freed packets and written tracks took, in the arenas of the
+     * threads that had them, and under a steady backlog that was a third of the process.
+     */
+    static constexpr std::chrono::seconds kHeapTrimInterval{1};
     static constexpr int kLookupWorkers = 2;
     /** How far past maxCommitDelay an acknowledged packet may wait for its commit. */
     static constexpr std::chrono::milliseconds kMaxBacklogLag{1000};
@@ -164,6 +170,7 @@ private:
     std::thread m_writerThread;
     SteadyClock::time_point m_nextRetention;
     SteadyClock::time_point m_nextStoreMeasure;
+    SteadyClock::time_point m_nextHeapTrim;
     std::string m_file;
 
     // Written without a lock on the ingest path; read by statistics() and isReady().

@@ -38,11 +38,12 @@ struct TrackWriter::OpenTrack
     std::vector<std::int64_t> journalRows;
     std::vector<std::int64_t> pieceChunks;
     std::size_t pieceObjects = 0;
-    /** The position rows among pieceChunks, for the track's row when it is written. */
+    /**
+     * The position rows among pieceChunks, for the track's row when it is written. The other
+     * runs are decoded from `pieces` then: kept decoded as well, an open track's objects took
+     * several times the memory of their runs (72 bytes an object against 5 to 9).
+     */
     std::vector<std::int64_t> directChunks;
-    /** The positions of the runs in the journal, for the chunk the track gets when written. */
-    std::vector<ObjectRecord> pending;
-    std::vector<AttributeList> pendingLists;
     SteadyClock::time_point journaledSince;
     /** The latest first appearance of the tracks numbered before it (see kMaxLagKey). */
     std::int64_t precedingFirstUs = kNoFirstUs;
@@ -373,8 +374,6 @@ DBResult TrackWriter::recover()
             track->pieceObjects += records.size();
             if (chunk != 0)
                 track->directChunks.push_back(chunk);
-            else
-                collectPositions(records, lists, &track->pending, &track->pendingLists);
             entry.liveBytes += journaledBytes(*track->pieces.back(), chunk);
             ++entry.pieces;
             entry.tracks.push_back(track->stored.track.id);
@@ -779,8 +778,6 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
                         return r;
                     chunk = m_nextChunkId++;
                     t->directChunks.push_back(chunk);
-                } else {
-                    collectPositions(t->batch, t->batchLists, &t->pending, &t->pendingLists);
                 }
                 if (t->journalRows.empty()) {
                     t->journaledSince = now;
@@ -880,6 +877,13 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     m_ended.erase(m_ended.begin(), m_ended.begin() + static_cast<std::ptrdiff_t>(closed));
     for (OpenTrack* t : touched) {
         t->inBatch = false;
+        // A backlog brings a track many objects in one batch; kept, that room would stay with
+        // every open track for as long as it is open.
+        if (t->batch.capacity() > kKeptBatchRoom) {
+            t->batch = {};
+            t->batchLists = {};
+            t->batchListSources = {};
+        }
         t->batch.clear();
         t->batchLists.clear();
         t->batchListSources.clear();
@@ -898,8 +902,21 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     TrackAggregate& t = stored.track;
 
     // Every position since the track was last written, with their attribute lists merged.
-    std::vector<ObjectRecord> positions = std::move(track.pending);
-    std::vector<AttributeList> lists = std::move(track.pendingLists);
+    std::vector<ObjectRecord> positions;
+    std::vector<AttributeList> lists;
+    {
+        std::vector<ObjectRecord> records;
+        std::vector<AttributeList> recordLists;
+        for (std::size_t i = 0; i < track.pieces.size(); ++i) {
+            if (track.pieceChunks[i] != 0)
+                continue;
+            records.clear();
+            // Runs were checked when they were made or read back from the journal.
+            if (!ObjectRun::decode(*track.pieces[i], 0, &records, &recordLists))
+                return m_db.fail(1 /*SQLITE_ERROR*/, "decoding an open track's run");
+            collectPositions(records, recordLists, &positions, &lists);
+        }
+    }
     collectPositions(track.batch, track.batchLists, &positions, &lists);
     const auto collect = [&](const std::vector<ObjectRecord>& records,
                              const std::vector<AttributeList>& recordLists) {
@@ -1004,8 +1021,6 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     track.journalRows.clear();
     track.pieceChunks.clear();
     track.pieceObjects = 0;
-    track.pending.clear();
-    track.pendingLists.clear();
     if (closing) {
         track.closing = true;  //< Removed once the commit is done.
         return DBResult::ok;

@@ -167,6 +167,8 @@ private:
         /** The tracks it had runs of; some may have ended. */
         std::vector<ZuUuid> tracks;
     };
+    /** Objects of a batch whose room an open track keeps for the next batch. */
+    static constexpr std::size_t kKeptBatchRoom = 16;
     /** Rows of this size at least whose runs have mostly ended are compacted. */
     static constexpr std::size_t kJournalCompactionBytes = 16 * 1024;
     /** Flags of a journal row's section: the track's id follows; its run is in a position row. */
