@@ -254,6 +254,42 @@ TEST_F(OpenTracksTest, ABacklogWritesLargeRunsWhereTheyStayAndTheJournalOnlyName
                            track[0].objectPositionSequence.begin() + 1));
 }
 
+// Writing ended tracks must not hold back the commit of new packets: a commit writes those its
+// deadline leaves time for, and the others wait, in the journal still, for the next ones.
+TEST_F(OpenTracksTest, EndedTracksADeadlineLeavesWaitInTheJournalForLaterCommits)
+{
+    constexpr int kTracks = 1000;
+    const std::string file = m_dir.filePath(EventsStorage::kFileName).toStdString();
+    {
+        TrackWriter writer(std::make_shared<OpenTracksSnapshots>());
+        ASSERT_EQ(writer.open(file, {}), sql::DBResult::ok);
+        std::vector<PacketPtr> packets;
+        for (int i = 0; i < kTracks; ++i)
+            packets.push_back(packet(100 * kS + i * 1000, {i + 1}));
+        ASSERT_EQ(writer.write(packets), sql::DBResult::ok);
+        // The device goes on with another track: every track before ends, and waits to be
+        // written with the others.
+        ASSERT_EQ(writer.write({packet(200 * kS, {kTracks + 1})}), sql::DBResult::ok);
+        ASSERT_EQ(writer.endedTracks(), static_cast<std::size_t>(kTracks));
+
+        // Once they are due, a commit past its deadline still writes a few.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (writer.endedTracks() == kTracks && std::chrono::steady_clock::now() < deadline) {
+            ASSERT_EQ(writer.closeTracks(true, std::chrono::steady_clock::now()),
+                      sql::DBResult::ok);
+        }
+        EXPECT_EQ(writer.endedTracks(), kTracks - TrackWriter::kMinClosesPerCommit);
+        EXPECT_EQ(count("track"), static_cast<std::int64_t>(TrackWriter::kMinClosesPerCommit));
+    }
+    // A crash now: the others come back from the journal, and are written when they end.
+    TrackWriter writer(std::make_shared<OpenTracksSnapshots>());
+    ASSERT_EQ(writer.open(file, {}), sql::DBResult::ok);
+    EXPECT_EQ(writer.openTracks(), kTracks + 1 - TrackWriter::kMinClosesPerCommit);
+    ASSERT_EQ(writer.closeTracks(false), sql::DBResult::ok);
+    EXPECT_EQ(count("track"), kTracks + 1);
+    EXPECT_EQ(count("journal"), 0);
+}
+
 TEST_F(OpenTracksTest, AWrittenTrackHoldsExactlyWhatItsJournalRunsShowed)
 {
     // Small runs, each batch with its own attribute lists, one object arriving late and a best

@@ -108,8 +108,10 @@ void EventsStorage::setOnSaveErrorHandler(SaveErrorHandler handler)
 
 bool EventsStorage::isReady() const
 {
-    if (!m_initialized || m_overloaded)
+    if (!m_initialized || m_overloaded ||
+        m_endedBacklog.load(std::memory_order_relaxed) > kMaxEndedBacklog) {
         return false;
+    }
     // What is acknowledged now is committed after what waits already: refuse while that would
     // take it past the bound, or while the oldest waiting packet is close to it.
     const auto bound = m_settings.maxCommitDelay + kMaxBacklogLag - kAckMargin;
@@ -385,9 +387,14 @@ void EventsStorage::writerLoop()
         if (m_queue.empty()) {
             // Idle: wake for retention (at once while old tracks are still waiting), for tracks
             // that nothing came for, and for the first packet, whose delay then starts.
+            // So do ended tracks past the backlog that refuses saves: they are written at once.
             const bool retentionDue =
                 m_settings.maxAgeDays > 0 && SteadyClock::now() >= m_nextRetention;
-            m_writerWake.wait_for(lock, retentionDue ? 0s : 1s,
+            const bool closesDue =
+                m_endedBacklog.load(std::memory_order_relaxed) > kMaxEndedBacklog;
+            if (closesDue)
+                nextIdleClose = SteadyClock::now();
+            m_writerWake.wait_for(lock, retentionDue || closesDue ? 0s : 1s,
                                   [&] { return batchDue() || !m_queue.empty(); });
         } else {
             m_writerWake.wait_until(lock, m_queueTimes.front() + m_settings.maxCommitDelay,
@@ -473,7 +480,8 @@ void EventsStorage::writerLoop()
             }
         } else if (SteadyClock::now() >= nextIdleClose && m_writer->openTracks() > 0) {
             nextIdleClose = SteadyClock::now() + 1s;
-            if (const DBResult r = m_writer->closeTracks(true); r != DBResult::ok)
+            const DBResult r = m_writer->closeTracks(true, SteadyClock::now() + kBatchTime / 2);
+            if (r != DBResult::ok)
                 KEST_WARNING(this, "Writing ended tracks failed: %1", r);
             freedTracks = true;
         }
@@ -481,6 +489,7 @@ void EventsStorage::writerLoop()
             if (const DBResult r = m_writer->closeTracks(false); r != DBResult::ok)
                 KEST_WARNING(this, "Writing the open tracks failed: %1", r);
         }
+        m_endedBacklog.store(m_writer->endedTracks(), std::memory_order_relaxed);
         if (m_settings.maxAgeDays > 0 && SteadyClock::now() >= m_nextRetention)
             applyRetention();
         if (SteadyClock::now() >= m_nextStoreMeasure)

@@ -71,6 +71,11 @@ public:
     static constexpr std::chrono::milliseconds kAckMargin{300};
     /** Old tracks are deleted this many per transaction, between batches. */
     static constexpr int kRetentionBatchRows = 300;
+    /**
+     * Ended tracks wait in the journal until a batch has time to write them; past this many
+     * waiting, the storage is not ready until they are written.
+     */
+    static constexpr std::size_t kMaxEndedBacklog = 4 * TrackWriter::kMaxEndedTracks;
 
     /** `clock` (wall time, for retention) defaults to the system clock. */
     explicit EventsStorage(Clock clock = nullptr);
@@ -190,13 +195,17 @@ private:
     std::atomic<std::uint64_t> m_diskAvailableBytes{0};
     /** SteadyClock nanoseconds of the oldest packet not committed; 0 when there is none. */
     std::atomic<std::int64_t> m_oldestPendingNs{0};
+    /** TrackWriter::endedTracks() after the writer's latest batch. */
+    std::atomic<std::size_t> m_endedBacklog{0};
     /** Objects queued and in the batch in hand. */
     std::atomic<std::uint64_t> m_pendingObjects{0};
     /**
      * Objects the writer commits per second, as measured over recent batches; a slow start, so
-     * that the first saves do not queue more than the writer takes in time.
+     * that the first saves do not queue more than the writer takes in time: a slow writer (a
+     * loaded machine, a sanitizer build) takes ten times fewer than a fast one, which measures
+     * its pace within a few short batches.
      */
-    std::atomic<double> m_objectsPerSecond{20'000};
+    std::atomic<double> m_objectsPerSecond{2'000};
 
     Mutex m_lookupMutex;
     std::condition_variable m_lookupWake;

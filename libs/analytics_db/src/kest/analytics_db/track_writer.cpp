@@ -540,7 +540,9 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
     if (result == DBResult::ok) {
         std::vector<OpenTrack*> flushing;
         decide(touched, now, &flushing);
-        result = commit(touched, std::move(flushing), false);
+        // Ended tracks are safe in the journal: writing them may wait for a later batch, so
+        // that they do not hold back the commit of the packets.
+        result = commit(touched, std::move(flushing), false, deadline);
     }
     if (result != DBResult::ok) {
         m_lastError = m_db.lastError();
@@ -637,7 +639,7 @@ void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::ti
     std::erase_if(*flushing, [](OpenTrack* t) { return !t->scheduled; });
 }
 
-DBResult TrackWriter::closeTracks(bool idleOnly)
+DBResult TrackWriter::closeTracks(bool idleOnly, SteadyClock::time_point deadline)
 {
     const auto now = SteadyClock::now();
     std::vector<OpenTrack*> flushing;
@@ -658,7 +660,7 @@ DBResult TrackWriter::closeTracks(bool idleOnly)
         return r;
     if (m_activity)
         m_activity->discardStaged();
-    const DBResult result = commit({}, std::move(flushing), !idleOnly);
+    const DBResult result = commit({}, std::move(flushing), !idleOnly, deadline);
     if (result != DBResult::ok) {
         m_lastError = m_db.lastError();
         m_db.resetCached();
@@ -690,30 +692,34 @@ bool TrackWriter::endedDue(SteadyClock::time_point now, bool all) const
 }
 
 DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
-                             std::vector<OpenTrack*> toWrite, bool allEnded)
+                             std::vector<OpenTrack*> toWrite, bool allEnded,
+                             SteadyClock::time_point deadline)
 {
     const std::int64_t seq = m_seq + 1;
     std::vector<OpenTrack*> journaled;
-    // Ended tracks are written together, a while after they ended: the index pages that every
-    // commit of tracks touches are then written once for many tracks, not once per batch.
-    std::vector<OpenTrack*> toClose;
-    if (endedDue(SteadyClock::now(), allEnded)) {
-        for (const ZuUuid& id : m_ended) {
-            const auto it = m_open.find(id);
-            if (it == m_open.end() || !it->second->ended || it->second->scheduled)
-                continue;
-            it->second->scheduled = true;
-            toClose.push_back(it->second.get());
-        }
-        m_ended.clear();
-    }
     for (OpenTrack* t : toWrite) {
         if (auto r = writeTrack(*t, false); r != DBResult::ok)
             return r;
     }
-    for (OpenTrack* t : toClose) {
-        if (auto r = writeTrack(*t, true); r != DBResult::ok)
-            return r;
+    // Ended tracks are written together, a while after they ended: the index pages that every
+    // commit of tracks touches are then written once for many tracks, not once per batch. Those
+    // that the deadline leaves stay ended, first in line for the next commit.
+    std::vector<OpenTrack*> toClose;
+    std::size_t closed = 0;
+    if (endedDue(SteadyClock::now(), allEnded)) {
+        for (; closed < m_ended.size(); ++closed) {
+            if (closed >= kMinClosesPerCommit && closed % 64 == 0 &&
+                SteadyClock::now() > deadline) {
+                break;
+            }
+            const auto it = m_open.find(m_ended[closed]);
+            if (it == m_open.end() || !it->second->ended || it->second->scheduled)
+                continue;
+            it->second->scheduled = true;
+            toClose.push_back(it->second.get());
+            if (auto r = writeTrack(*it->second, true); r != DBResult::ok)
+                return r;
+        }
     }
 
     // The runs of this batch's tracks that go on, one journal row for the batch. Runs that are
@@ -874,6 +880,7 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         m_storedMeta[key] = value;
     m_seq = seq;
     m_unreferencedJournalRows.clear();
+    m_ended.erase(m_ended.begin(), m_ended.begin() + static_cast<std::ptrdiff_t>(closed));
     for (OpenTrack* t : touched) {
         t->inBatch = false;
         // A backlog brings a track many objects in one batch; kept, that room would stay with

@@ -84,6 +84,8 @@ public:
      */
     static constexpr std::size_t kMaxEndedTracks = 16384;
     static constexpr std::chrono::milliseconds kEndedDelay{1000};
+    /** Ended tracks a commit writes whatever its deadline, so that they always get written. */
+    static constexpr std::size_t kMinClosesPerCommit = 256;
 
     TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots);
     ~TrackWriter();
@@ -105,9 +107,10 @@ public:
 
     /**
      * Writes every open track (a stop, or a test that wants rows); `idleOnly`: only those that
-     * have had no objects for kIdleClose.
+     * have had no objects for kIdleClose, and of the ended ones what `deadline` leaves time for.
      */
-    sql::DBResult closeTracks(bool idleOnly);
+    sql::DBResult closeTracks(bool idleOnly,
+                              SteadyClock::time_point deadline = SteadyClock::time_point::max());
 
     /** Deletes at most `maxRows` tracks last seen before `cutoffUs`; `deleted` gets how many. */
     sql::DBResult deleteExpired(std::int64_t cutoffUs, int maxRows, int* deleted);
@@ -115,6 +118,8 @@ public:
     /** The longest track (last minus first appearance) stored, which bounds search scans. */
     std::int64_t maxSpanUs() const { return m_maxSpanUs; }
     std::size_t openTracks() const { return m_open.size(); }
+    /** Tracks that ended and are not written yet (about: some may have gone on since). */
+    std::size_t endedTracks() const { return m_ended.size(); }
     /** The earliest first appearance of the open tracks; the maximum when none is open. */
     std::int64_t earliestOpenFirstUs() const;
     std::int64_t seq() const { return m_seq; }
@@ -138,8 +143,9 @@ private:
                 std::vector<OpenTrack*>* flushing);
     /** Whether the ended tracks are to be written now; `all`: whatever their number and age. */
     bool endedDue(SteadyClock::time_point now, bool all) const;
+    /** Ended tracks are written until `deadline` (kMinClosesPerCommit of them at least). */
     sql::DBResult commit(const std::vector<OpenTrack*>& touched, std::vector<OpenTrack*> toWrite,
-                         bool allEnded);
+                         bool allEnded, SteadyClock::time_point deadline);
     sql::DBResult writeTrack(OpenTrack& track, bool closing);
     sql::DBResult storeMeta(const char* key, std::int64_t value);
     void noteFirst(OpenTrack& track);
