@@ -10,9 +10,7 @@
 #include <thread>
 
 #include <kest/analytics_db/events_storage.h>
-#include <kest/analytics_db/periods_notifier.h>
 #include <kest/utils/log/log.h>
-#include <kest/utils/zu_settings.h>
 
 namespace kest::analytics::db::test {
 
@@ -67,55 +65,6 @@ std::shared_ptr<const ObjectMetadataPacket> packet(const ZuUuid& device, std::in
             {trackId(o.track), o.type, o.kind, o.box, o.attributes, o.engine});
     }
     return p;
-}
-
-// A report that no handler ever takes is still written down when the notifier stops.
-TEST(PeriodsNotifier, ReportsWithoutAHandlerAreLoggedAtStop)
-{
-    std::vector<std::string> warnings;
-    auto& logger = utils::log::Logger::instance();
-    const int id = logger.addObserver(
-        [&](utils::log::Level level, const std::string&, const std::string& message) {
-            if (level == utils::log::Level::warning)
-                warnings.push_back(message);
-        });
-    {
-        PeriodsNotifier notifier;
-        notifier.report(sql::DBResult::full, {{ZuUuid::createUuid(), ZuTimePeriodList{{5, 1}}}});
-    }
-    logger.removeObserver(id);
-    ASSERT_EQ(warnings.size(), 1u);
-    EXPECT_TRUE(warnings[0].starts_with("Unreported save error full for { {")) << warnings[0];
-    EXPECT_NE(warnings[0].find("(startTimeMs: 5, durationMs: 1)"), std::string::npos);
-}
-
-TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
-{
-    ZuSettings store;
-    store.setValue("analyticsDb/path", "/var/x");
-    store.setValue("analyticsDb/maxAgeDays", "30");
-    store.setValue("analyticsDb/maxCommitDelayMs", "50");
-    store.setValue("analyticsDb/maxQueuedPackets", "many");
-    store.setValue("analyticsDb/maxQueuedMb", "16");
-    store.setValue("analyticsDb/synchronous", "FULL");
-    store.setValue("other/maxAgeDays", "150000000");
-    store.setValue("other/maxCommitDelayMs", "9300000000000");
-    Settings settings;
-    settings.load(store);
-    EXPECT_EQ(settings.path, "/var/x");
-    EXPECT_EQ(settings.maxAgeDays, 30);
-    EXPECT_EQ(settings.maxCommitDelay, 50ms);
-    EXPECT_EQ(settings.maxQueuedPackets, Settings().maxQueuedPackets);
-    EXPECT_EQ(settings.maxQueuedBytes, 16u << 20);
-    EXPECT_EQ(settings.connection.synchronous, "FULL");
-    EXPECT_EQ(settings.connection.journalMode, "WAL");
-
-    Settings other;
-    other.load(store, "other");
-    // Ages and delays so large that time arithmetic would overflow are capped.
-    EXPECT_EQ(other.maxAgeDays, Settings::kMaxAgeDaysLimit);
-    EXPECT_EQ(other.maxCommitDelay, Settings::kMaxCommitDelayLimit);
-    EXPECT_TRUE(other.path.isEmpty());
 }
 
 class EventsStorageTest : public ::testing::Test
