@@ -107,7 +107,8 @@ bool CommandLine::parse(int argc, char** argv, bool* helpShown)
     for (int i = 1; i < argc && error.empty(); ++i) {
         std::string arg = argv[i];
         std::optional<std::string> inlineValue;  //< Of "--name=value".
-        if (const auto equals = arg.find('='); arg.starts_with("--") && equals != std::string::npos) {
+        if (const auto equals = arg.find('=');
+            arg.starts_with("--") && equals != std::string::npos) {
             inlineValue = arg.substr(equals + 1);
             arg.resize(equals);
         }
@@ -159,9 +160,8 @@ void CommandLine::printUsage(std::FILE* file) const
     std::fprintf(file, "%s\n", m_usage.c_str());
     for (const auto& option : m_options) {
         std::string shownDefault;
-        const bool hasDefault =
-            std::visit([&](auto* target) { return defaultShown(target, &shownDefault); },
-                       option.target);
+        const bool hasDefault = std::visit(
+            [&](auto* target) { return defaultShown(target, &shownDefault); }, option.target);
         const bool isFlag = std::holds_alternative<bool*>(option.target);
         std::fprintf(file, "  %-24s %s%s%s\n", (option.name + (isFlag ? "" : " X")).c_str(),
                      option.help.c_str(), hasDefault ? "; default " : "",

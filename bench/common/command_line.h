@@ -39,8 +39,8 @@ public:
     void printUsage(std::FILE* file) const;
 
 private:
-    using Target = std::variant<int*, std::int64_t*, double*, std::string*, std::filesystem::path*,
-                                bool*>;
+    using Target =
+        std::variant<int*, std::int64_t*, double*, std::string*, std::filesystem::path*, bool*>;
     struct Option
     {
         std::string name;

@@ -159,8 +159,8 @@ public:
     /** Resident memory in bytes. */
     std::size_t rss() const
     {
-        return static_cast<std::size_t>(
-            kest::bench::ProcessInfo(m_pid).residentMiB().value_or(0) * 1048576);
+        return static_cast<std::size_t>(kest::bench::ProcessInfo(m_pid).residentMiB().value_or(0) *
+                                        1048576);
     }
 
 private:

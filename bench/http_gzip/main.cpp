@@ -64,7 +64,8 @@ std::string packets()
     return json + "]";
 }
 
-const std::string kSearch = std::string("/metadataDb/v1/data?internal_lookup=1&deviceIds=") + kDevice;
+const std::string kSearch =
+    std::string("/metadataDb/v1/data?internal_lookup=1&deviceIds=") + kDevice;
 
 double ms(nanoseconds duration)
 {

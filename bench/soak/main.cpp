@@ -270,9 +270,10 @@ int main(int argc, char** argv)
         std::printf("%8.0f", elapsed);
         for (std::size_t i = 0; i < targets.size(); ++i) {
             const double mib =
-                pids.empty() ? metric(metricsPage(targets[i]->url), "process_resident_memory_bytes") /
-                                   (1024.0 * 1024.0)
-                             : kest::bench::ProcessInfo(pids[i]).residentMiB().value_or(-1);
+                pids.empty()
+                    ? metric(metricsPage(targets[i]->url), "process_resident_memory_bytes") /
+                          (1024.0 * 1024.0)
+                    : kest::bench::ProcessInfo(pids[i]).residentMiB().value_or(-1);
             rss[i].push_back(mib);
             std::printf("  %9.1f", mib);
         }
@@ -302,8 +303,8 @@ int main(int argc, char** argv)
     for (int i = 0; i < 120; ++i) {
         bool drained = true;
         for (const auto& target : targets) {
-            drained = drained &&
-                      metric(metricsPage(target->url), "metadatadb_write_queue_packets") == 0;
+            drained =
+                drained && metric(metricsPage(target->url), "metadatadb_write_queue_packets") == 0;
         }
         if (drained)
             break;

@@ -562,7 +562,8 @@ TEST_F(ActivityStoreTest, CountsAgreeWithABruteForceCountOfTheSearchedTracks)
 
     int nonEmpty = 0;
     for (int round = 0; round < 60; ++round) {
-        const ActivityQuery query = randomQuery(random, t0Us, 4, 150, /*grids*/ true, /*keys*/ true);
+        const ActivityQuery query =
+            randomQuery(random, t0Us, 4, 150, /*grids*/ true, /*keys*/ true);
         const auto [code, activity] = count(query);
         ASSERT_EQ(code, ResultCode::ok);
         const std::vector<ObjectTrackEx> found = find(query.filter);
@@ -596,7 +597,8 @@ TEST_F(ActivityStoreTest, TheIndexCountsAsTheTrackTable)
     ActivityCounter indexed(reader.database(), nullptr, index);
     ActivityCounter fromTable(reader.database(), nullptr, nullptr);
     for (int round = 0; round < 60; ++round) {
-        const ActivityQuery query = randomQuery(random, t0Us, 6, 300, /*grids*/ true, /*keys*/ false);
+        const ActivityQuery query =
+            randomQuery(random, t0Us, 6, 300, /*grids*/ true, /*keys*/ false);
         Activity a, b;
         ASSERT_EQ(indexed.count(query, &a), ResultCode::ok);
         EXPECT_EQ(indexed.lastSource(), ActivityCounter::Source::index);

@@ -30,7 +30,8 @@ namespace kest::network::http::test {
 
 using namespace std::chrono_literals;
 
-/** Polls `condition` for up to `timeout`: generous, since a loaded machine slows what is awaited. */
+/** Polls `condition` for up to `timeout`: generous, since a loaded machine slows what is awaited.
+ */
 inline bool waitUntil(const std::function<bool()>& condition,
                       std::chrono::milliseconds timeout = 30s)
 {

@@ -14,8 +14,8 @@
 #include <kest/network/ssl/tls_errors.h>
 #include <kest/utils/zu_settings.h>
 
-#include "http_test_peers.h"
 #include <kest/network/testing/test_certificates.h>
+#include "http_test_peers.h"
 
 namespace kest::network::http::client {
 namespace {

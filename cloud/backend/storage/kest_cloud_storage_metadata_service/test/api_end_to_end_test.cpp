@@ -18,14 +18,14 @@
 #include <kest/cloud/storage/model/db_error_data.h>
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
 #include <kest/cloud/storage/test_launcher.h>
-#include <kest/network/http/api/api_request_result.h>
-#include <kest/reflect/json.h>
-#include <kest/reflect/urlencoded.h>
 #include <kest/cloud/storage/testing/http_exchange.h>
 #include <kest/cloud/storage/testing/keep_alive_connection.h>
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/wait_for.h>
+#include <kest/network/http/api/api_request_result.h>
+#include <kest/reflect/json.h>
+#include <kest/reflect/urlencoded.h>
 
 #include "log_capture.h"
 #include "mongo_test_fixture.h"

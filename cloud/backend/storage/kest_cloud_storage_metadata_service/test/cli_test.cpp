@@ -9,14 +9,14 @@
 
 #include <kest/analytics_db/object_track_ex.h>
 #include <kest/cloud/storage/controller/activity_answer.h>
-#include <kest/network/http/server/token_table.h>
-#include <kest/reflect/json.h>
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/scripted_distribution.h>
 #include <kest/cloud/storage/testing/service_process.h>
 #include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/network/http/server/token_table.h>
 #include <kest/network/testing/test_certificates.h>
+#include <kest/reflect/json.h>
 
 #include "fake_peers.h"
 

@@ -9,11 +9,11 @@
 
 #include <kest/cloud/storage/api/client.h>
 #include <kest/cloud/storage/api/client_factory.h>
-#include <kest/utils/assert.h>
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/scripted_distribution.h>
 #include <kest/cloud/storage/testing/wait_for.h>
+#include <kest/utils/assert.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

@@ -180,8 +180,8 @@ TEST_F(DataAddressRecorderTest, FailedSavesAreRetriedAfterNewSpans)
     ASSERT_EQ(m_storage.heldAppends(), 1u);
     m_storage.completeAppend(/*failed*/ 1);
     EXPECT_EQ(recorder->pendingSpans(), 1u);
-    EXPECT_EQ(log.find(Level::warning, "Saving 1 data addresses failed; retrying in 1000 ms").size(),
-              1u);
+    EXPECT_EQ(
+        log.find(Level::warning, "Saving 1 data addresses failed; retrying in 1000 ms").size(), 1u);
     recorder->tick();
     EXPECT_EQ(m_storage.heldAppends(), 0u) << "not due yet";
 

@@ -9,13 +9,13 @@
 
 #include <kest/cloud/storage/api/client.h>
 #include <kest/cloud/storage/api/client_factory.h>
-#include <kest/utils/assert.h>
 #include <kest/cloud/storage/testing/keep_alive_connection.h>
 #include <kest/cloud/storage/testing/null_data_distribution_storage.h>
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/scripted_distribution.h>
 #include <kest/cloud/storage/testing/wait_for.h>
+#include <kest/utils/assert.h>
 
 #include "fake_peers.h"
 #include "log_capture.h"

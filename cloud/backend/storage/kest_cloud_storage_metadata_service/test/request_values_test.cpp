@@ -12,11 +12,11 @@
 
 #include <kest/analytics_db/object_track_ex.h>
 #include <kest/cloud/storage/controller/value_rules.h>
+#include <kest/cloud/storage/testing/packets.h>
+#include <kest/cloud/storage/testing/running_service.h>
 #include <kest/network/http/api/api_request_result.h>
 #include <kest/reflect/json.h>
 #include <kest/reflect/utf8.h>
-#include <kest/cloud/storage/testing/packets.h>
-#include <kest/cloud/storage/testing/running_service.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

@@ -11,13 +11,13 @@
 #include <mutex>
 
 #include <kest/cloud/storage/api/client.h>
-#include <kest/network/http/server/token_table.h>
 #include <kest/cloud/storage/testing/keep_alive_connection.h>
 #include <kest/cloud/storage/testing/packets.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/scripted_distribution.h>
 #include <kest/cloud/storage/testing/service_process.h>
 #include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/network/http/server/token_table.h>
 #include <kest/network/ssl/tls_errors.h>
 #include <kest/network/testing/test_certificates.h>
 

@@ -15,10 +15,10 @@
 
 #include <kest/analytics_db/events_storage.h>
 #include <kest/cloud/storage/test_launcher.h>
-#include <kest/utils/log/logger.h>
 #include <kest/cloud/storage/testing/http_exchange.h>
 #include <kest/cloud/storage/testing/service_process.h>
 #include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/utils/log/logger.h>
 
 #include "storage_fakes.h"
 

@@ -6,8 +6,8 @@
 #include <kest/cloud/storage/model/errors_storage_model.h>
 #include <kest/cloud/storage/model/model.h>
 #include <kest/cloud/storage/settings.h>
-#include <kest/cloud/storage/view/view.h>
 #include <kest/cloud/storage/testing/http_exchange.h>
+#include <kest/cloud/storage/view/view.h>
 
 #include "storage_fakes.h"
 

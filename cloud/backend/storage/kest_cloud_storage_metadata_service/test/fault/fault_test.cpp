@@ -27,11 +27,11 @@
 #include <kest/analytics_db/events_storage.h>
 #include <kest/analytics_db/object_track_ex.h>
 #include <kest/cloud/storage/model/db_error_data.h>
-#include <kest/reflect/json.h>
 #include <kest/cloud/storage/testing/http_exchange.h>
 #include <kest/cloud/storage/testing/keep_alive_connection.h>
 #include <kest/cloud/storage/testing/service_process.h>
 #include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/reflect/json.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

@@ -10,9 +10,9 @@
 #include <memory>
 #include <stdexcept>
 
-#include <kest/utils/service_module.h>
 #include <kest/cloud/storage/testing/http_exchange.h>
 #include <kest/cloud/storage/testing/service_process.h>
+#include <kest/utils/service_module.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 namespace {

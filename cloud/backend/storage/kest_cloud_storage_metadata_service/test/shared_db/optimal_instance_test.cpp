@@ -6,9 +6,9 @@
 #include <thread>
 
 #include <kest/cloud/storage/model/mongo_data_distribution_storage.h>
-#include <kest/reflect/json.h>
 #include <kest/cloud/storage/testing/running_service.h>
 #include <kest/cloud/storage/testing/wait_for.h>
+#include <kest/reflect/json.h>
 
 #include "../log_capture.h"
 #include "../mongo_test_fixture.h"

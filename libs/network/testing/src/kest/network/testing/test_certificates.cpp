@@ -21,15 +21,14 @@ TestCertificates::TestCertificates()
     const Issued otherCa = issue("Untrusted CA", nullptr, Kind::ca, {});
     caFile = write("ca.pem", ca.certificate.get(), nullptr);
     untrustedCaFile = write("untrusted_ca.pem", otherCa.certificate.get(), nullptr);
-    server = writePair("server", issue("metadata-storage", &ca, Kind::server,
-                                       {"IP:127.0.0.1", "DNS:localhost"}));
+    server = writePair(
+        "server", issue("metadata-storage", &ca, Kind::server, {"IP:127.0.0.1", "DNS:localhost"}));
     serverOnlyByIp =
         writePair("server_ip", issue("metadata-storage", &ca, Kind::server, {"IP:127.0.0.1"}));
-    untrustedServer = writePair("server_untrusted", issue("metadata-storage", &otherCa,
-                                                          Kind::server, {"IP:127.0.0.1"}));
+    untrustedServer = writePair(
+        "server_untrusted", issue("metadata-storage", &otherCa, Kind::server, {"IP:127.0.0.1"}));
     clientReader = writePair("client_reader", issue("reader", &ca, Kind::client, {}));
-    clientUntrusted =
-        writePair("client_untrusted", issue("reader", &otherCa, Kind::client, {}));
+    clientUntrusted = writePair("client_untrusted", issue("reader", &otherCa, Kind::client, {}));
 }
 
 TestCertificates::~TestCertificates()
@@ -66,8 +65,8 @@ TestCertificates::Issued TestCertificates::issue(const std::string& commonName,
     X509_set_pubkey(certificate, result.key.get());
     X509_NAME* name = X509_get_subject_name(certificate);
     X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(commonName.c_str()), -1,
-                               -1, 0);
+                               reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1,
+                               0);
     X509* issuerCertificate = issuer ? issuer->certificate.get() : nullptr;
     X509_set_issuer_name(certificate,
                          issuerCertificate ? X509_get_subject_name(issuerCertificate) : name);

@@ -11,8 +11,7 @@ void NullDataDistributionStorage::getStorageInfo(
 
 void NullDataDistributionStorage::saveDataAddress(const std::vector<DataInfo>&, const std::string&,
                                                   MoveOnlyFunc<void(std::vector<DataInfo>)>)
-{
-}
+{}
 
 void NullDataDistributionStorage::getInstancesLoad(
     MoveOnlyFunc<void(bool, std::vector<InstanseLoad>)> handler)
