@@ -17,9 +17,9 @@
 #include <kest/analytics_db/events_storage.h>
 #include <kest/utils/log/logger.h>
 
-#include "../analytics_db/latency_stats.h"
 #include "../analytics_db/searched_store.h"
 #include "figure.h"
+#include "latency_stats.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono;

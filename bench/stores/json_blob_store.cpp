@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include <kest/analytics_db/text_matcher.h>
+#include <kest/analytics_db/time_arithmetic.h>
 #include <kest/reflect/json.h>
 #include <kest/sql/transaction.h>
 
@@ -13,6 +14,7 @@ namespace kest::bench {
 
 namespace fs = std::filesystem;
 using analytics::db::Filter;
+using analytics::db::msToUs;
 using analytics::db::SortOrder;
 using sql::DBResult;
 
@@ -32,15 +34,6 @@ CREATE INDEX IF NOT EXISTS events_track ON events(track_id, timestamp_us);
 )sql";
 
 constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
-
-std::int64_t msToUs(std::int64_t ms)
-{
-    if (ms > kMaxTime / 1000)
-        return kMaxTime;
-    if (ms < std::numeric_limits<std::int64_t>::min() / 1000)
-        return std::numeric_limits<std::int64_t>::min();
-    return ms * 1000;
-}
 
 }  // namespace
 

@@ -20,11 +20,11 @@
 #include <kest/analytics_db/events_storage.h>
 #include <kest/utils/log/logger.h>
 
-#include "../analytics_db/latency_stats.h"
 #include "../analytics_db/searched_store.h"
 #include "../analytics_db/store_files.h"
 #include "figure.h"
 #include "json_blob_store.h"
+#include "latency_stats.h"
 #include "our_store.h"
 #include "sqlite_ceiling.h"
 #ifdef KEST_BENCH_HAVE_LIBPQ

@@ -13,10 +13,12 @@
 #include <rapidjson/writer.h>
 
 #include <kest/analytics_db/text_matcher.h>
+#include <kest/analytics_db/time_arithmetic.h>
 
 namespace kest::bench {
 
 using analytics::db::Filter;
+using analytics::db::msToUs;
 using analytics::db::SortOrder;
 using analytics::db::TrackAggregate;
 using common::metadata::Rect;
@@ -66,15 +68,6 @@ constexpr const char* kMerge =
     "best_shot_us = EXCLUDED.best_shot_us, best_kind = EXCLUDED.best_kind, "
     "best_shot = EXCLUDED.best_shot, best_stream = EXCLUDED.best_stream, "
     "attributes = EXCLUDED.attributes";
-
-std::int64_t msToUs(std::int64_t ms)
-{
-    if (ms > kMaxTime / 1000)
-        return kMaxTime;
-    if (ms < kMinTime / 1000)
-        return kMinTime;
-    return ms * 1000;
-}
 
 std::string number(double value)
 {

@@ -5,9 +5,9 @@
 #include <map>
 #include <set>
 
-#include "../latency_stats.h"
 #include "../store_generator.h"
 #include "../store_info.h"
+#include "latency_stats.h"
 
 namespace kest::bench {
 namespace {

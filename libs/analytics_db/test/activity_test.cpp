@@ -14,6 +14,7 @@
 #include <kest/analytics_db/activity_index.h>
 #include <kest/analytics_db/events_storage.h>
 #include <kest/analytics_db/track_reader.h>
+#include "wait_until.h"
 
 namespace kest::analytics::db::test {
 namespace {
@@ -314,19 +315,6 @@ struct Sighting
     ObjectMetadataType kind = ObjectMetadataType::regular;
     int engine = 0;
 };
-
-/** Polls `condition` until it holds or `timeout` passes; whether it held. */
-bool waitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10))
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 class ActivityStoreTest : public ::testing::Test
 {

@@ -11,6 +11,7 @@
 
 #include <kest/analytics_db/events_storage.h>
 #include <kest/utils/log/log.h>
+#include "wait_until.h"
 
 namespace kest::analytics::db::test {
 
@@ -811,18 +812,6 @@ TEST_F(EventsStorageTest, NotReadyPastTheHighWaterMarkUntilDrained)
     storage->flush();
     EXPECT_TRUE(storage->isReady());
     EXPECT_EQ(storage->statistics().queuedBytes, 0u);
-}
-
-/** Polls `condition` until it holds or `timeout` passes; whether it held. */
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 10s)
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
 }
 
 // An idle writer sleeps a second at a time between its housekeeping steps. A packet that comes

@@ -11,6 +11,7 @@
 #include <kest/analytics_db/events_storage.h>
 #include <kest/analytics_db/track_writer.h>
 #include <kest/sql/database.h>
+#include "wait_until.h"
 
 namespace kest::analytics::db::test {
 namespace {
@@ -108,9 +109,7 @@ TEST_F(OpenTracksTest, AGrowingTrackIsWrittenOnceWhenItEnds)
     // other tracks that end about then), the journal is emptied.
     storage->save(packet(100 * kS + 10 * kS + TrackWriter::kCloseGapUs, {2}));
     storage->flush();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (count("track") == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(waitUntil([&] { return count("track") > 0; }));
     EXPECT_EQ(count("track"), 1);
     EXPECT_EQ(count("position"), 1);
     EXPECT_EQ(count("journal WHERE id < (SELECT max(id) FROM journal)"), 0);

@@ -268,31 +268,9 @@ TEST(ActivityRequestDataTest, QueryAndJsonFormsReadBackWhatIsWritten)
 }
 
 /** A distributed count whose instances are fakes; the shared database names them as scripted. */
-class DistributedActivityTest : public ::testing::Test
+class DistributedActivityTest : public ScriptedPeersTest
 {
 protected:
-    void SetUp() override
-    {
-        m_previousFactory = api::ClientFactory::instance().setCreateFunction(
-            [this](const kest::utils::Url& url) -> std::unique_ptr<api::AbstractClient> {
-                m_peers.noteCreated();
-                if (m_peers.has(url))
-                    return std::make_unique<FakeClient>(url, &m_peers);
-                return std::make_unique<api::Client>(url);
-            });
-        m_service.emplace(kUnreachableMongo,
-                          std::vector<std::string>{"--cluster/peerTimeoutMs=300"});
-        ASSERT_TRUE(m_service->started());
-        m_assertionFailures = kest::utils::assertionFailureCount();
-    }
-
-    void TearDown() override
-    {
-        m_service.reset();
-        api::ClientFactory::instance().setCreateFunction(std::move(m_previousFactory));
-        EXPECT_EQ(kest::utils::assertionFailureCount(), m_assertionFailures);
-    }
-
     /** An instance's answer to `request`: tracks of `type` from minute `from` to `to`. */
     static ActivityAnswer counted(const ActivityRequestData& request, const std::string& type,
                                   std::int64_t from, std::int64_t to, int cell)
@@ -316,12 +294,6 @@ protected:
         m_distribution.setAddresses(std::move(addresses), lookupOk);
         return m_service->get(activityTarget(request, path));
     }
-
-    ScriptedDistribution m_distribution;
-    Peers m_peers;
-    api::ClientFactory::CreateFunction m_previousFactory;
-    std::optional<RunningService> m_service;
-    int m_assertionFailures = 0;
 };
 
 TEST_F(DistributedActivityTest, AnswersAreSummedAndTheFailedOnesLeftOutAndCounted)

@@ -253,9 +253,7 @@ TEST_F(ApiTest, SavesAreAnsweredOnceCommittedWhenAskedTo)
             {packet(m_device, 1'000, m_person, "person"), packet(m_device, 2'000, m_car, "car")},
             /*commit*/ false);
     });
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (events.statistics().queuedPackets < 2 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(5ms);
+    waitFor([&] { return events.statistics().queuedPackets >= 2; });
     ASSERT_EQ(events.statistics().queuedPackets, 2u);
     // The writer is held: nothing is committed, so nothing is answered.
     EXPECT_EQ(answer.wait_for(0s), std::future_status::timeout);

@@ -46,33 +46,9 @@ std::vector<std::string> typesOf(const std::vector<ObjectTrackEx>& tracks)
     return types;
 }
 
-class FanOutTest : public ::testing::Test
+class FanOutTest : public ScriptedPeersTest
 {
 protected:
-    void SetUp() override
-    {
-        // Scripted URLs get fakes, any other a real client.
-        m_previousFactory = api::ClientFactory::instance().setCreateFunction(
-            [this](const kest::utils::Url& url) -> std::unique_ptr<api::AbstractClient> {
-                m_peers.noteCreated();
-                if (m_peers.has(url))
-                    return std::make_unique<FakeClient>(url, &m_peers);
-                return std::make_unique<api::Client>(url);
-            });
-        m_service.emplace(kUnreachableMongo,
-                          std::vector<std::string>{"--cluster/peerTimeoutMs=300"});
-        ASSERT_TRUE(m_service->started());
-        m_assertionFailures = kest::utils::assertionFailureCount();
-    }
-
-    void TearDown() override
-    {
-        m_service.reset();
-        api::ClientFactory::instance().setCreateFunction(std::move(m_previousFactory));
-        // A second completion of a request would have failed an assertion.
-        EXPECT_EQ(kest::utils::assertionFailureCount(), m_assertionFailures);
-    }
-
     /** A distributed search of the addresses, as the shared database would name them. */
     std::optional<HttpResponse> search(std::vector<std::string> addresses, bool lookupOk = true)
     {
@@ -91,12 +67,7 @@ protected:
         return tracks;
     }
 
-    ScriptedDistribution m_distribution;
-    Peers m_peers;
-    api::ClientFactory::CreateFunction m_previousFactory;
-    std::optional<RunningService> m_service;
     DataRequestData m_request;
-    int m_assertionFailures = 0;
 };
 
 TEST_F(FanOutTest, RepliesAreConcatenatedInArrivalOrderAndAnInstanceListedTwiceIsAskedTwice)

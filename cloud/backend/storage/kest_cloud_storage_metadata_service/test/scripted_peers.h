@@ -4,15 +4,23 @@
 // answers as the test scripted it, on the client's I/O thread and after a delay, and every
 // request it was sent is kept.
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <kest/cloud/storage/api/abstract_client.h>
+#include <kest/cloud/storage/api/client.h>
+#include <kest/cloud/storage/api/client_factory.h>
+#include <kest/cloud/storage/testing/running_service.h>
+#include <kest/cloud/storage/testing/scripted_distribution.h>
 #include <kest/network/aio/timer.h>
+#include <kest/utils/assert.h>
 
 namespace kest::cloud::storage::metadatadb::test {
 
@@ -158,6 +166,43 @@ private:
 
     Peers* m_peers;
     std::vector<std::unique_ptr<kest::network::aio::Timer>> m_timers;
+};
+
+/**
+ * A running instance whose distributed requests go to the scripted fakes of `m_peers` (any other
+ * URL gets a real client), at the addresses that `m_distribution` names.
+ */
+class ScriptedPeersTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_previousFactory = api::ClientFactory::instance().setCreateFunction(
+            [this](const kest::utils::Url& url) -> std::unique_ptr<api::AbstractClient> {
+                m_peers.noteCreated();
+                if (m_peers.has(url))
+                    return std::make_unique<FakeClient>(url, &m_peers);
+                return std::make_unique<api::Client>(url);
+            });
+        m_service.emplace(kUnreachableMongo,
+                          std::vector<std::string>{"--cluster/peerTimeoutMs=300"});
+        ASSERT_TRUE(m_service->started());
+        m_assertionFailures = kest::utils::assertionFailureCount();
+    }
+
+    void TearDown() override
+    {
+        m_service.reset();
+        api::ClientFactory::instance().setCreateFunction(std::move(m_previousFactory));
+        // A second completion of a request would have failed an assertion.
+        EXPECT_EQ(kest::utils::assertionFailureCount(), m_assertionFailures);
+    }
+
+    ScriptedDistribution m_distribution;
+    Peers m_peers;
+    api::ClientFactory::CreateFunction m_previousFactory;
+    std::optional<RunningService> m_service;
+    int m_assertionFailures = 0;
 };
 
 }  // namespace kest::cloud::storage::metadatadb::test

@@ -4,6 +4,7 @@
 #include <limits>
 #include <optional>
 
+#include <kest/analytics_db/time_arithmetic.h>
 #include <kest/utils/assert.h>
 
 #include "activity_histogram.h"
@@ -26,21 +27,6 @@ constexpr std::int64_t kUnknownType = -2;
 constexpr std::int64_t kOtherType = -1;
 /** Tries of a count whose state moved on while it started; the last one reads the table. */
 constexpr int kAttempts = 4;
-
-std::int64_t msToUs(std::int64_t ms)
-{
-    if (ms > kMaxTime / 1000)
-        return kMaxTime;
-    if (ms < kMinTime / 1000)
-        return kMinTime;
-    return ms * 1000;
-}
-
-std::int64_t saturatingSub(std::int64_t a, std::int64_t b)
-{
-    std::int64_t out = 0;
-    return __builtin_sub_overflow(a, b, &out) ? kMinTime : out;
-}
 
 /** As the writer keeps spans: modular, so that tracks near the ends of time stay defined. */
 std::int64_t lastOf(std::int64_t firstUs, std::int64_t spanUs)

@@ -8,6 +8,7 @@
 #include <tuple>
 #include <unordered_set>
 
+#include <kest/analytics_db/time_arithmetic.h>
 #include <kest/utils/log/log.h>
 
 #include "attribute_coder.h"
@@ -26,29 +27,6 @@ namespace {
 
 constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kMinTime = std::numeric_limits<std::int64_t>::min();
-
-std::int64_t msToUs(std::int64_t ms)
-{
-    if (ms > kMaxTime / 1000)
-        return kMaxTime;
-    if (ms < kMinTime / 1000)
-        return kMinTime;
-    return ms * 1000;
-}
-
-/** For b >= 0. */
-std::int64_t saturatingSub(std::int64_t a, std::int64_t b)
-{
-    std::int64_t out = 0;
-    return __builtin_sub_overflow(a, b, &out) ? kMinTime : out;
-}
-
-/** For b >= 0. */
-std::int64_t saturatingAdd(std::int64_t a, std::int64_t b)
-{
-    std::int64_t out = 0;
-    return __builtin_add_overflow(a, b, &out) ? kMaxTime : out;
-}
 
 /** Parameter numbers of the type list, then of the device list of the row id walk. */
 constexpr int kFirstTypeParam = 100;

@@ -31,6 +31,7 @@
 #include <kest/cloud/storage/testing/keep_alive_connection.h>
 #include <kest/cloud/storage/testing/service_process.h>
 #include <kest/cloud/storage/testing/temporary_directory.h>
+#include <kest/cloud/storage/testing/wait_for.h>
 #include <kest/reflect/json.h>
 
 namespace kest::cloud::storage::metadatadb::test {
@@ -55,18 +56,6 @@ std::string serviceExecutable()
 double secondsSince(Clock::time_point start)
 {
     return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-/** Polls `condition` until it holds or `timeout` passes; whether it held. */
-bool waitUntil(const std::function<bool()>& condition, Clock::duration timeout)
-{
-    const auto deadline = Clock::now() + timeout;
-    while (Clock::now() < deadline) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(50ms);
-    }
-    return condition();
 }
 
 std::string uuid(unsigned group, unsigned long long index)
@@ -382,7 +371,7 @@ TEST_F(FaultTest, MongoDbKilledLookupsFailQuicklyIngestGoesOnAndLookupsRecover)
         "/metadataDb/v1/data?deviceIds=" + uuid(9, 9) + "&startTimeMs=0&durationMs=1000";
     const std::string optimal = "/metadataDb/v1/optimalInstance?VmsId=" + uuid(8, 8);
 
-    ASSERT_TRUE(waitUntil([&] { return status(port, "GET", optimal) == 200; }, 15s))
+    ASSERT_TRUE(waitFor([&] { return status(port, "GET", optimal) == 200; }, 15s))
         << "the load record never appeared";
     ASSERT_EQ(200, status(port, "GET", search));
 
@@ -415,12 +404,12 @@ TEST_F(FaultTest, MongoDbKilledLookupsFailQuicklyIngestGoesOnAndLookupsRecover)
         packets.push_back(
             {uuid(1, static_cast<unsigned>(i % 3)), uuid(2, i), 1'700'000'000'000'000 + i});
     ASSERT_TRUE(post(port, packets));
-    EXPECT_TRUE(waitUntil([&] { return searchable(port, packets); }, 5s));
+    EXPECT_TRUE(waitFor([&] { return searchable(port, packets); }, 5s));
     EXPECT_EQ(200, status(port, "POST", "/metadataDb/ping"));
 
     const auto restarted = Clock::now();
     ASSERT_FALSE(mongo.start(portOf(uri)).empty());
-    const bool recovered = waitUntil(
+    const bool recovered = waitFor(
         [&] { return status(port, "GET", search) == 200 && status(port, "GET", optimal) == 200; },
         30s);
     const double recoverySeconds = secondsSince(restarted);
@@ -493,7 +482,7 @@ TEST_F(FaultTest, RefusedWritesAreReportedTheServiceStaysUpAndWritesResume)
     };
     const auto before = packetsOf(1, 0, 20);
     ASSERT_TRUE(post(port, before));
-    ASSERT_TRUE(waitUntil([&] { return searchable(port, before); }, 5s));
+    ASSERT_TRUE(waitFor([&] { return searchable(port, before); }, 5s));
 
     rlimit original{};
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_FSIZE, nullptr, &original));
@@ -505,7 +494,7 @@ TEST_F(FaultTest, RefusedWritesAreReportedTheServiceStaysUpAndWritesResume)
     const auto failedAt = Clock::now();
     ASSERT_TRUE(post(port, during)) << "a save is accepted before it is written";
     std::vector<DbErrorData> errors;
-    const bool reported = waitUntil(
+    const bool reported = waitFor(
         [&] {
             const auto current = saveErrors(port);
             if (current)
@@ -525,7 +514,7 @@ TEST_F(FaultTest, RefusedWritesAreReportedTheServiceStaysUpAndWritesResume)
     const auto after = packetsOf(3, 200, 20);
     const auto resumedAt = Clock::now();
     ASSERT_TRUE(post(port, after));
-    EXPECT_TRUE(waitUntil([&] { return searchable(port, after); }, 10s))
+    EXPECT_TRUE(waitFor([&] { return searchable(port, after); }, 10s))
         << "writes did not resume when space returned";
     const double resumeSeconds = secondsSince(resumedAt);
     EXPECT_TRUE(searchable(port, before));
@@ -592,7 +581,7 @@ TEST_F(FaultTest, SigtermDuringIngestKeepsEveryAcknowledgedPacket)
         Service service(m_dataDir.path(), {"--analyticsDb/maxCommitDelayMs=200"});
         ASSERT_NE(0, service.port()) << service.output();
         SustainedIngest ingest(service.port(), 10);
-        ASSERT_TRUE(waitUntil([&] { return ingest.acknowledgedPackets() > 0; }, 20s));
+        ASSERT_TRUE(waitFor([&] { return ingest.acknowledgedPackets() > 0; }, 20s));
         // Long enough for many batches to be committed, and more to be waiting.
         std::this_thread::sleep_for(kIngestTime);
         service.signal(SIGTERM);
@@ -630,7 +619,7 @@ TEST_F(FaultTest, SigkillDuringIngestLeavesAConsistentStoreAndLosesAtMostTheComm
                         {"--analyticsDb/maxCommitDelayMs=" + std::to_string(kCommitDelay.count())});
         ASSERT_NE(0, service.port()) << service.output();
         SustainedIngest ingest(service.port(), 20);
-        ASSERT_TRUE(waitUntil([&] { return ingest.acknowledgedPackets() > 0; }, 20s));
+        ASSERT_TRUE(waitFor([&] { return ingest.acknowledgedPackets() > 0; }, 20s));
         // Long enough for many batches to be committed, and more to be waiting.
         std::this_thread::sleep_for(kIngestTime);
         killedAt = Clock::now();
@@ -821,7 +810,7 @@ TEST_F(FaultTest, SigkillWhileEveryPacketOpensATrackLosesOnlyWhatIsWithinTheBoun
                                                std::to_string(kCommitDelay.count())});
             ASSERT_NE(0, service.port()) << service.output();
             NewTrackIngest ingest(service.port(), 0x100 * (kill + 1));
-            ASSERT_TRUE(waitUntil([&] { return ingest.acknowledgedBatches() > 0; }, 20s));
+            ASSERT_TRUE(waitFor([&] { return ingest.acknowledgedBatches() > 0; }, 20s));
             // Killed at a random moment.
             std::this_thread::sleep_for(
                 std::chrono::milliseconds(std::uniform_int_distribution<>(2000, 10000)(random)));
@@ -873,7 +862,7 @@ TEST_F(FaultTest, SigkillLosesNothingAcknowledgedWhenSavesWaitForTheirCommit)
             Service service(m_dataDir.path(), {"--analyticsDb/ackAfterCommit=true"});
             ASSERT_NE(0, service.port()) << service.output();
             NewTrackIngest ingest(service.port(), 0x1000 * (kill + 1));
-            ASSERT_TRUE(waitUntil([&] { return ingest.acknowledgedBatches() > 100; }, 20s));
+            ASSERT_TRUE(waitFor([&] { return ingest.acknowledgedBatches() > 100; }, 20s));
             service.signal(SIGKILL);
             service.wait();
             ingest.stop();
