@@ -831,6 +831,29 @@ TEST_F(EventsStorageTest, ALonePacketIsCommittedAndFoundWithinTheDelayOfAnIdleWr
     }
 }
 
+// The writer starts with a cautious idea of its pace and must learn the real one: stuck at its
+// start, the storage would take a few thousand objects a second however fast it writes.
+TEST_F(EventsStorageTest, TheWritersPaceRisesFromItsCautiousStart)
+{
+    auto storage = open();
+    constexpr std::size_t kObjects = 100'000;
+    std::size_t accepted = 0;
+    std::int64_t timestampUs = 1'000'000;
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (accepted < kObjects && std::chrono::steady_clock::now() < deadline) {
+        if (!storage->isReady()) {
+            std::this_thread::yield();
+            continue;
+        }
+        std::vector<Obj> objects;
+        for (int k = 0; k < 10; ++k)
+            objects.emplace_back(k);
+        storage->save(packet(kDeviceA, timestampUs += 40'000, std::move(objects)));
+        accepted += 10;
+    }
+    EXPECT_EQ(accepted, kObjects) << "accepted in 20 s";
+}
+
 TEST_F(EventsStorageTest, NotReadyWhileTheOldestUncommittedPacketNearsItsBound)
 {
     // What is acknowledged and not yet written must stay within a time bound, however few

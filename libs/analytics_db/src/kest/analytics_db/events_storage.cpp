@@ -470,11 +470,15 @@ void EventsStorage::writerLoop()
             std::size_t objects = 0;
             for (const auto& packet : batch)
                 objects += packet->objectMetadataList.size();
-            // Small batches say more about waiting than about the pace; a slow one counts at
-            // once, a fast one a little.
-            if (written && objects >= 1024 && seconds > 0) {
+            // Small batches say more about the commit's fixed cost than about the pace; a slow
+            // one counts at once, a fast one a little. "Small" is relative to what the pace lets
+            // a batch take: at a low pace every batch is small in absolute terms, and a fixed
+            // threshold would keep the pace from ever rising.
+            const double previous = m_objectsPerSecond.load(std::memory_order_relaxed);
+            const double telling =
+                std::min(1024.0, previous * duration<double>(kBatchTime).count() / 2);
+            if (written && static_cast<double>(objects) >= telling && seconds > 0) {
                 const double pace = objects / seconds;
-                const double previous = m_objectsPerSecond.load(std::memory_order_relaxed);
                 m_objectsPerSecond.store(pace < previous ? pace : 0.8 * previous + 0.2 * pace,
                                          std::memory_order_relaxed);
             }
