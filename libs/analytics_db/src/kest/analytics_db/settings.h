@@ -34,6 +34,13 @@ public:
      * the memory; this is what keeps the process small while the writer falls behind.
      */
     std::size_t maxQueuedBytes = 64 * 1024 * 1024;
+    /**
+     * "maxOpenTracksMb": the runs of objects that the open tracks hold in memory, at most
+     * (estimated). Past it the tracks that hold the most are written as they go, as long tracks
+     * are, so that a load whose tracks do not end (or end later than the memory allows) does not
+     * grow the process with every batch.
+     */
+    std::size_t maxOpenTrackBytes = 16 * 1024 * 1024;
     /** "maxCommitDelayMs": how long an accepted packet may wait before its batch is committed. */
     std::chrono::milliseconds maxCommitDelay{200};
     /**
