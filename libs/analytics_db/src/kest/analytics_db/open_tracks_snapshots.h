@@ -60,6 +60,7 @@ public:
     std::size_t dropSuperseded(Clock::time_point now = Clock::now());
     /** Null when `seq` is not kept (any more). */
     std::shared_ptr<const OpenTracks> get(std::int64_t seq) const;
+    /** Commits kept now. */
     std::size_t kept() const;
 
 private:

@@ -53,9 +53,10 @@ struct UuidHash
  * keeps every committed batch: on open, the journal's runs rebuild the open tracks. Searches see
  * the open tracks through the snapshots the writer publishes for each commit.
  *
- * A track that goes on for long is written before it ends (every kFlushObjects objects or after
- * kMaxJournalAge), and again when it ends: its row is then rewritten, its positions go to a
- * further chunk. So is a track that gets objects after it was written (a late packet).
+ * A track that goes on for long is written before it ends (every kFlushObjects objects, after
+ * kMaxJournalAge, or while the open tracks' runs take more memory than set), and again when it
+ * ends: its row is then rewritten, its positions go to a further chunk. So is a track that gets
+ * objects after it was written (a late packet).
  */
 class TrackWriter
 {
