@@ -63,7 +63,9 @@ bool EventsStorage::initialize(const Settings& settings)
     auto activityIndex = std::make_shared<ActivityIndex>();
     auto writer = std::make_unique<TrackWriter>(openTracks);
     writer->setMaxOpenTrackBytes(settings.maxOpenTrackBytes);
-    if (const DBResult r = writer->open(file, settings.connection); r != DBResult::ok) {
+    sql::ConnectionOptions writerOptions = settings.connection;
+    writerOptions.cacheSizeKb = settings.writerCacheSizeKb;
+    if (const DBResult r = writer->open(file, writerOptions); r != DBResult::ok) {
         KEST_ERROR(this, "Cannot open analytics database %1: %2 (%3)", file, r,
                    writer->database().lastError());
         return false;
