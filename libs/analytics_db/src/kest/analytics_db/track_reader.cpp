@@ -44,6 +44,31 @@ void gridHits(sqlite3_context* context, int, sqlite3_value** args)
     sqlite3_result_int(context, grid.intersects(BoundingBoxGrid::fromBytes(bytesOf(args[1]))));
 }
 
+/** Adds the time of its scope to a part of the profile, when there is one. */
+class ProfileTimer
+{
+public:
+    using Part = std::chrono::nanoseconds TrackReader::Profile::*;
+
+    ProfileTimer(TrackReader::Profile* profile, Part part)
+        : m_part(profile ? &(profile->*part) : nullptr)
+    {
+        if (m_part)
+            m_start = std::chrono::steady_clock::now();
+    }
+    ~ProfileTimer()
+    {
+        if (m_part)
+            *m_part += std::chrono::steady_clock::now() - m_start;
+    }
+    ProfileTimer(const ProfileTimer&) = delete;
+    ProfileTimer& operator=(const ProfileTimer&) = delete;
+
+private:
+    std::chrono::nanoseconds* m_part;
+    std::chrono::steady_clock::time_point m_start;
+};
+
 constexpr const char* kStateKeys =
     "SELECT key, value FROM meta WHERE key IN "
     "('seq', 'dictionary', 'maxSpanUs', 'maxLagUs')";
@@ -125,6 +150,9 @@ std::string TrackReader::ftsQuery(const std::vector<std::string>& words)
 void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
 {
     auto* self = static_cast<TrackReader*>(sqlite3_user_data(context));
+    const ProfileTimer timer(self->m_profile, &Profile::matcher);
+    if (self->m_profile)
+        ++self->m_profile->rowsMatched;
     if (self->m_matcher.checks() >= self->m_textScanBudget) {
         self->m_textBudgetExceeded = true;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
@@ -136,6 +164,9 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
 ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
 {
     tracks->clear();
+    const ProfileTimer timer(m_profile, &Profile::total);
+    if (m_profile)
+        ++m_profile->searches;
     DBResult result = DBResult::ok;
     // A search that fell behind the commits that the writer keeps open tracks of starts over.
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -218,6 +249,7 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     std::vector<Row> found;
     std::unordered_set<std::int64_t> replaced;
     if (open) {
+        const ProfileTimer timer(m_profile, &Profile::openTracks);
         replaced.insert(open->replacedRows.begin(), open->replacedRows.end());
         const auto consider = [&](std::size_t index) {
             const OpenTrackView& view = *open->tracks[index];
@@ -274,6 +306,7 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
         found.resize(filter.maxObjectTracksToSelect);
     }
 
+    const ProfileTimer answers(m_profile, &Profile::answers);
     tracks->reserve(found.size());
     for (const Row& row : found) {
         tracks->push_back(row.stored.track.toTrack());
@@ -512,6 +545,9 @@ void bindQuery(sql::Statement* s, const TrackReader::Query& q, std::int64_t part
 
 DBResult TrackReader::readRow(const sql::Statement& statement, Row* row)
 {
+    const ProfileTimer timer(m_profile, &Profile::decoding);
+    if (m_profile)
+        ++m_profile->rowsDecoded;
     if (TrackRow::read(statement, 0, m_dictionary, &row->stored))
         return DBResult::ok;
     return m_db.fail(SQLITE_CORRUPT, "a track row that cannot be read");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -53,6 +54,31 @@ namespace kest::analytics::db {
 class TrackReader
 {
 public:
+    /**
+     * Where the time of the searches went, summed while set (benchmarks): each part is timed
+     * apart, and the statements are what is left of the whole.
+     */
+    struct Profile
+    {
+        std::chrono::nanoseconds total{};
+        /** Open tracks tested and merged. */
+        std::chrono::nanoseconds openTracks{};
+        /** Track rows decoded into aggregates. */
+        std::chrono::nanoseconds decoding{};
+        /** Attribute sets tested row by row against the words. */
+        std::chrono::nanoseconds matcher{};
+        /** Aggregates turned into answers, positions read and decoded included. */
+        std::chrono::nanoseconds answers{};
+        std::int64_t rowsDecoded = 0;
+        std::int64_t rowsMatched = 0;
+        std::int64_t searches = 0;
+
+        std::chrono::nanoseconds statements() const
+        {
+            return total - openTracks - decoding - matcher - answers;
+        }
+    };
+
     /** Without `openTracks` only stored tracks are found. */
     explicit TrackReader(std::shared_ptr<const OpenTracksSnapshots> openTracks = nullptr);
 
@@ -87,6 +113,9 @@ public:
     static constexpr std::int64_t kRareTextMatches = 256;
     /** Tests use it to take either way on small stores; 0 never counts. */
     void setRareTextMatches(std::int64_t matches) { m_rareTextMatches = matches; }
+
+    /** Null stops profiling; `profile` must outlive the searches made meanwhile. */
+    void setProfile(Profile* profile) { m_profile = profile; }
 
     struct Query;
     struct Row;
@@ -129,6 +158,7 @@ private:
     bool m_walkGaveUp = false;
     std::int64_t m_textScanBudget = kTextScanBudget;
     std::int64_t m_rareTextMatches = kRareTextMatches;
+    Profile* m_profile = nullptr;
 };
 
 }  // namespace kest::analytics::db
