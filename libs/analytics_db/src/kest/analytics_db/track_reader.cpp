@@ -136,13 +136,13 @@ DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions
     return m_db.exec("PRAGMA query_only = 1");
 }
 
-std::string TrackReader::ftsQuery(const std::vector<std::string>& words)
+std::string TrackReader::ftsQuery(const std::vector<std::string>& words, bool prefixes)
 {
     std::string query;
     for (const std::string& word : words) {
         if (!query.empty())
             query += ' ';
-        query += '"' + word + "\"*";
+        query += '"' + word + (prefixes ? "\"*" : "\"");
     }
     return query;
 }
@@ -362,15 +362,35 @@ DBResult TrackReader::isRareText(bool* rare)
         if (QString::fromStdString(word).size() < 2)
             return DBResult::ok;
     }
+    // A prefix that the index has no list of is the merge of the lists of every word starting
+    // with it, built whole before the first match comes out: milliseconds for a common word. The
+    // words as they are match a subset of what their prefixes match, from lists read as far as
+    // needed, so when they alone are common the prefixes are too.
+    bool common = false;
+    if (auto r = countsAtLeast(ftsQuery(m_words, /*prefixes*/ false), m_rareTextMatches, &common);
+        r != DBResult::ok || common) {
+        return r;
+    }
+    if (auto r = countsAtLeast(ftsQuery(m_words), m_rareTextMatches, &common); r != DBResult::ok)
+        return r;
+    *rare = !common;
+    return DBResult::ok;
+}
+
+DBResult TrackReader::countsAtLeast(const std::string& fts, std::int64_t count, bool* atLeast)
+{
+    *atLeast = false;
     auto* s = m_db.cached(
         "SELECT count(*) FROM (SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?)");
     if (!s)
         return m_db.lastResult();
-    s->bindText(1, ftsQuery(m_words));
-    s->bind(2, m_rareTextMatches);
+    s->bindText(1, fts);
+    s->bind(2, count);
     if (s->step())
-        *rare = s->int64(0) < m_rareTextMatches;
-    return s->result();
+        *atLeast = s->int64(0) >= count;
+    const DBResult result = s->result();
+    s->reset();
+    return result;
 }
 
 DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t extra,

@@ -90,8 +90,11 @@ public:
     /** The connection, for other read-only work of the same worker (activity counts). */
     sql::Database& database() { return m_db; }
 
-    /** Words of free text as an FTS5 query: each word a prefix, all of them needed. */
-    static std::string ftsQuery(const std::vector<std::string>& words);
+    /**
+     * Words of free text as an FTS5 query, all of them needed: each word a prefix, or without
+     * `prefixes` each word as it is.
+     */
+    static std::string ftsQuery(const std::vector<std::string>& words, bool prefixes = true);
 
     /**
      * Free text is first checked row by row while walking the time index, which finds common
@@ -146,6 +149,8 @@ private:
                          std::vector<ObjectPosition>* out, bool positionsOnly);
     /** Whether FTS5 matches the words fewer than m_rareTextMatches times. */
     sql::DBResult isRareText(bool* rare);
+    /** Whether the FTS5 query `fts` matches at least `count` tracks. */
+    sql::DBResult countsAtLeast(const std::string& fts, std::int64_t count, bool* atLeast);
 
     sql::Database m_db;
     std::shared_ptr<const OpenTracksSnapshots> m_openTracks;
