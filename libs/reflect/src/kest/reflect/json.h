@@ -50,6 +50,7 @@
 #include "deserialization_result.h"
 #include "json_stream_reader.h"
 #include "messages.h"
+#include "string_output.h"
 #include "traits.h"
 #include "utf8.h"
 
@@ -68,7 +69,7 @@ namespace detail {
 using namespace kest::reflect::detail;
 
 using Value = rapidjson::Value;
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+using Writer = rapidjson::Writer<StringOutput>;
 
 /** Collects the message and, while unwinding, the path of a failed read. */
 struct ReadContext
@@ -351,14 +352,22 @@ void write(Writer& writer, const T& value)
 
 }  // namespace detail
 
+/** Appends the compact JSON text of a value to `out`. */
+template <typename T>
+void serializeTo(const T& value, std::string* out)
+{
+    StringOutput stream(out);
+    detail::Writer writer(stream);
+    detail::write(writer, value);
+}
+
 /** Compact JSON text of a value. */
 template <typename T>
 std::string serialize(const T& value)
 {
-    rapidjson::StringBuffer buffer;
-    detail::Writer writer(buffer);
-    detail::write(writer, value);
-    return std::string(buffer.GetString(), buffer.GetSize());
+    std::string text;
+    serializeTo(value, &text);
+    return text;
 }
 
 /**
