@@ -506,6 +506,13 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
                 f.deviceIds = {kDeviceA};
                 f.timePeriod = ZuTimePeriod(1'000 + 15, 2'000);
                 EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                // Types as index ranges, a box, an engine that no track has.
+                f.deviceIds = {};
+                f.objectTypeId = {"car", "truck"};
+                f.boundingBox = Rect{0.0, 0.0, 0.15, 0.15};
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                f.analyticsEngineId = kOtherEngine;
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), std::vector<std::int64_t>{});
             }
         }
     }

@@ -100,6 +100,9 @@ struct TrackReader::Query
     /** kMaxLagKey of the storage; negative when a store does not know it. */
     std::int64_t maxLagUs = -1;
     bool walking = false;
+    /** Of a search of the rows of known matches: the row of this statement. */
+    bool byRowId = false;
+    std::int64_t rowId = 0;
 
     int firstDeviceParam() const { return kFirstTypeParam + static_cast<int>(types.size()); }
 };
@@ -274,17 +277,23 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     }
 
     bool rare = m_words.size() > TextMatcher::kMaxQueryWords;
+    bool rareRows = false;
     if (!m_words.empty() && !rare) {
         if (auto r = isRareText(&rare); r != DBResult::ok)
             return r;
+        rareRows = rare;
     }
     const auto extra = static_cast<std::int64_t>(replaced.size());
     std::vector<Row> stored;
     // Rare words start where a row by row test that found nothing would have gone next.
     DBResult result = DBResult::ok;
-    if (!rare)
+    if (rareRows) {
+        // Every match is in hand: their rows are read by key, not found again through FTS5.
+        result = run(filter, TextMode::rows, extra, &stored);
+    } else if (!rare) {
         result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, extra, &stored);
-    if (rare || (result != DBResult::ok && m_textBudgetExceeded)) {
+    }
+    if ((rare && !rareRows) || (result != DBResult::ok && m_textBudgetExceeded)) {
         stored.clear();
         m_db.resetCached();
         result = run(filter, TextMode::rowWalk, extra, &stored);
@@ -365,29 +374,36 @@ DBResult TrackReader::isRareText(bool* rare)
     // A prefix that the index has no list of is the merge of the lists of every word starting
     // with it, built whole before the first match comes out: milliseconds for a common word. The
     // words as they are match a subset of what their prefixes match, from lists read as far as
-    // needed, so when they alone are common the prefixes are too.
-    bool common = false;
-    if (auto r = countsAtLeast(ftsQuery(m_words, /*prefixes*/ false), m_rareTextMatches, &common);
-        r != DBResult::ok || common) {
-        return r;
+    // needed, so when they alone are common the prefixes are too. Words of two and three
+    // characters have lists of their own as prefixes, and need no such test.
+    const bool prefixLists = std::all_of(m_words.begin(), m_words.end(), [](const auto& word) {
+        return QString::fromStdString(word).size() <= kPrefixListChars;
+    });
+    if (!prefixLists) {
+        if (auto r =
+                textMatches(ftsQuery(m_words, /*prefixes*/ false), m_rareTextMatches, &m_rareRows);
+            r != DBResult::ok ||
+            static_cast<std::int64_t>(m_rareRows.size()) >= m_rareTextMatches) {
+            return r;
+        }
     }
-    if (auto r = countsAtLeast(ftsQuery(m_words), m_rareTextMatches, &common); r != DBResult::ok)
+    if (auto r = textMatches(ftsQuery(m_words), m_rareTextMatches, &m_rareRows); r != DBResult::ok)
         return r;
-    *rare = !common;
+    *rare = static_cast<std::int64_t>(m_rareRows.size()) < m_rareTextMatches;
     return DBResult::ok;
 }
 
-DBResult TrackReader::countsAtLeast(const std::string& fts, std::int64_t count, bool* atLeast)
+DBResult TrackReader::textMatches(const std::string& fts, std::int64_t limit,
+                                  std::vector<std::int64_t>* rows)
 {
-    *atLeast = false;
-    auto* s = m_db.cached(
-        "SELECT count(*) FROM (SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?)");
+    rows->clear();
+    auto* s = m_db.cached("SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?");
     if (!s)
         return m_db.lastResult();
     s->bindText(1, fts);
-    s->bind(2, count);
-    if (s->step())
-        *atLeast = s->int64(0) >= count;
+    s->bind(2, limit);
+    while (s->step())
+        rows->push_back(s->int64(0));
     const DBResult result = s->result();
     s->reset();
     return result;
@@ -418,11 +434,26 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
             return r;
         return walk(q, rows, &m_walkGaveUp);
     }
-    if (q.partitions.empty())
+    if (textMode == TextMode::rows) {
+        for (const std::int64_t rowId : m_rareRows) {
+            q.rowId = rowId;
+            if (q.partitions.empty()) {
+                if (auto r = select(q, 0, rows); r != DBResult::ok)
+                    return r;
+            }
+            for (const std::int64_t partition : q.partitions) {
+                if (auto r = select(q, partition, rows); r != DBResult::ok)
+                    return r;
+            }
+        }
+    } else if (q.partitions.empty()) {
         return select(q, 0, rows);
+    }
     // One index range per device (or type), each already limited, then merged: cost follows
     // the answer, not the number of tracks of the devices.
     for (const std::int64_t partition : q.partitions) {
+        if (textMode == TextMode::rows)
+            break;
         if (auto r = select(q, partition, rows); r != DBResult::ok)
             return r;
     }
@@ -483,13 +514,18 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         }
     } else if (!filter.deviceIds.empty()) {
         where += " AND t.device = ?4";
-        if (filter.objectTrackId.isNull())
+        if (filter.objectTrackId.isNull() && textMode != TextMode::rows)
             tables = "track t INDEXED BY track_device_first";
         q->partitions = q->devices;
     } else if (byType) {
         where += " AND t.type = ?4";
-        tables = "track t INDEXED BY track_type_first";
+        if (textMode != TextMode::rows)
+            tables = "track t INDEXED BY track_type_first";
         q->partitions = q->types;
+    }
+    if (textMode == TextMode::rows) {
+        q->byRowId = true;
+        where += " AND t.id = ?11";
     }
     if (!filter.objectTrackId.isNull()) {
         std::tie(q->trackIdHigh, q->trackIdLow) = TrackRow::idHalves(filter.objectTrackId);
@@ -555,6 +591,8 @@ void bindQuery(sql::Statement* s, const TrackReader::Query& q, std::int64_t part
     if (!q.fts.empty())
         s->bindText(8, q.fts);
     s->bind(9, limit);
+    if (q.byRowId)
+        s->bind(11, q.rowId);
     for (std::size_t i = 0; i < q.types.size(); ++i)
         s->bind(static_cast<int>(kFirstTypeParam + i), q.types[i]);
     for (std::size_t i = 0; i < q.devices.size() && q.walking; ++i)

@@ -44,8 +44,9 @@ namespace kest::analytics::db {
  * merged; without devices, each type is a range on (type, first appearance); otherwise the
  * first-appearance index. Ranges are bounded below by the longest track stored. Engine, box and
  * common words are tested on the rows of the range until the limit is reached. Words that are
- * not common enough for that go through FTS5, at once when a bounded count of their matches
- * shows them rare. Without devices its matches are walked in row id
+ * not common enough for that go through FTS5: when a bounded read of their matches shows them
+ * rare, those matches are all there is, and their rows are read by key. Otherwise, without
+ * devices the matches are walked in row id
  * order: row ids follow storing, which strays from first-appearance order by at most the lag the
  * storage records (kMaxLagKey), so the walk stops once no row further on can beat the answer
  * found. With devices, or when the lag is too wide for the walk to end soon, the index range is
@@ -114,6 +115,8 @@ public:
      * one letter, which have no prefix index, are not counted.
      */
     static constexpr std::int64_t kRareTextMatches = 256;
+    /** Words of at most this many characters have their own lists as prefixes (the schema's). */
+    static constexpr int kPrefixListChars = 3;
     /** Tests use it to take either way on small stores; 0 never counts. */
     void setRareTextMatches(std::int64_t matches) { m_rareTextMatches = matches; }
 
@@ -129,6 +132,8 @@ private:
         none,
         scan,
         rowWalk,
+        /** The rows of m_rareRows, every match of rare words, by key. */
+        rows,
         index
     };
 
@@ -147,10 +152,14 @@ private:
     sql::DBResult loadPositions(const StoredTrack& stored, ObjectTrackEx* track);
     bool decodePositions(std::string_view run, std::int64_t baseUs,
                          std::vector<ObjectPosition>* out, bool positionsOnly);
-    /** Whether FTS5 matches the words fewer than m_rareTextMatches times. */
+    /**
+     * Whether FTS5 matches the words fewer than m_rareTextMatches times; if so, m_rareRows holds
+     * every match.
+     */
     sql::DBResult isRareText(bool* rare);
-    /** Whether the FTS5 query `fts` matches at least `count` tracks. */
-    sql::DBResult countsAtLeast(const std::string& fts, std::int64_t count, bool* atLeast);
+    /** The row ids that the FTS5 query `fts` matches, `limit` at most. */
+    sql::DBResult textMatches(const std::string& fts, std::int64_t limit,
+                              std::vector<std::int64_t>* rows);
 
     sql::Database m_db;
     std::shared_ptr<const OpenTracksSnapshots> m_openTracks;
@@ -159,6 +168,7 @@ private:
     std::int64_t m_maxSpanUs = 0;
     std::int64_t m_maxLagUs = -1;
     std::vector<std::string> m_words;
+    std::vector<std::int64_t> m_rareRows;
     bool m_textBudgetExceeded = false;
     bool m_walkGaveUp = false;
     std::int64_t m_textScanBudget = kTextScanBudget;
