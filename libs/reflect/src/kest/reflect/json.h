@@ -50,7 +50,6 @@
 #include "deserialization_result.h"
 #include "json_stream_reader.h"
 #include "messages.h"
-#include "string_output.h"
 #include "traits.h"
 #include "utf8.h"
 
@@ -69,7 +68,7 @@ namespace detail {
 using namespace kest::reflect::detail;
 
 using Value = rapidjson::Value;
-using Writer = rapidjson::Writer<StringOutput>;
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 /** Collects the message and, while unwinding, the path of a failed read. */
 struct ReadContext
@@ -352,22 +351,14 @@ void write(Writer& writer, const T& value)
 
 }  // namespace detail
 
-/** Appends the compact JSON text of a value to `out`. */
-template <typename T>
-void serializeTo(const T& value, std::string* out)
-{
-    StringOutput stream(out);
-    detail::Writer writer(stream);
-    detail::write(writer, value);
-}
-
 /** Compact JSON text of a value. */
 template <typename T>
 std::string serialize(const T& value)
 {
-    std::string text;
-    serializeTo(value, &text);
-    return text;
+    rapidjson::StringBuffer buffer;
+    detail::Writer writer(buffer);
+    detail::write(writer, value);
+    return std::string(buffer.GetString(), buffer.GetSize());
 }
 
 /**
