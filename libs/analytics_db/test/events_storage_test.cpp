@@ -495,6 +495,27 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
             out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
         return out;
     };
+    // Common words without devices walk the lists of their first letters, with devices they are
+    // tested along the device's range: all tracks are on device A, so both answer the same.
+    for (const char* text : {"gre", "green", "grey", "COLOR GREY", "gr", "greenish"}) {
+        for (const auto order : {SortOrder::asc, SortOrder::desc}) {
+            for (const int limit : {1, 7, 300}) {
+                for (const auto& period :
+                     {Filter().timePeriod, ZuTimePeriod(1'000 + 2'000, 1'500)}) {
+                    Filter f;
+                    f.freeText = text;
+                    f.sortOrder = order;
+                    f.maxObjectTracksToSelect = limit;
+                    f.timePeriod = period;
+                    const auto walked = find(*storage, f);
+                    f.deviceIds = {kDeviceA};
+                    EXPECT_EQ(walked, find(*storage, f)) << text << " " << limit;
+                    EXPECT_EQ(walked.size(), std::string(text) == "greenish" ? 0u : limit) << text;
+                }
+            }
+        }
+    }
+
     for (const char* text : {"raritat", "note green", "rarit grey", "gre"}) {
         for (const auto order : {SortOrder::asc, SortOrder::desc}) {
             for (const int limit : {0, 2}) {

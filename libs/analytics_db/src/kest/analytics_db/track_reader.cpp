@@ -139,6 +139,28 @@ DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions
     return m_db.exec("PRAGMA query_only = 1");
 }
 
+std::string TrackReader::prefixQuery() const
+{
+    std::string query;
+    for (const std::string& token : m_matcher.queryTokens()) {
+        // Up to kPrefixListChars characters of UTF-8, two at least: a list of its own.
+        std::size_t end = 0;
+        int chars = 0;
+        while (end < token.size() && chars < kPrefixListChars) {
+            ++end;
+            while (end < token.size() && (static_cast<unsigned char>(token[end]) & 0xC0) == 0x80)
+                ++end;
+            ++chars;
+        }
+        if (chars < 2 || token.find('"') != std::string::npos)
+            return {};
+        if (!query.empty())
+            query += ' ';
+        query += '"' + token.substr(0, end) + "\"*";
+    }
+    return query;
+}
+
 std::string TrackReader::ftsQuery(const std::vector<std::string>& words, bool prefixes)
 {
     std::string query;
@@ -290,6 +312,19 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     if (rareRows) {
         // Every match is in hand: their rows are read by key, not found again through FTS5.
         result = run(filter, TextMode::rows, extra, &stored);
+    } else if (!rare && !m_words.empty() && filter.deviceIds.empty() &&
+               filter.objectTrackId.isNull() && !prefixQuery().empty()) {
+        // Common words: their matches walked newest (or oldest) first, from the lists of their
+        // first three characters, each row tested against the words as a whole.
+        result = run(filter, TextMode::prefixWalk, extra, &stored);
+        if (m_walkGaveUp || (result != DBResult::ok && m_textBudgetExceeded)) {
+            stored.clear();
+            m_db.resetCached();
+            m_matcher.setQuery(m_words);
+            m_walkGaveUp = false;
+            m_textBudgetExceeded = false;
+            result = run(filter, TextMode::scan, extra, &stored);
+        }
     } else if (!rare) {
         result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, extra, &stored);
     }
@@ -422,7 +457,7 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
     if (q.limit >= 0)
         q.limit += extra;
 
-    if (textMode == TextMode::rowWalk) {
+    if (textMode == TextMode::rowWalk || textMode == TextMode::prefixWalk) {
         // Without a limit every match is needed anyway; without the lag nothing bounds the walk.
         // Devices have index ranges small enough to test against the set of all matches, while
         // the walk would read matches of every device to find those of a few.
@@ -492,7 +527,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     bool textScan = false;
     std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.first_us + t.span_us >= ?3";
     std::string tables = "track t";
-    const bool walking = textMode == TextMode::rowWalk;
+    const bool walking = textMode == TextMode::rowWalk || textMode == TextMode::prefixWalk;
     const bool byType =
         !walking && filter.deviceIds.empty() && !q->types.empty() && filter.objectTrackId.isNull();
     // Without statistics SQLite cannot tell a selective device from a common type, so the
@@ -505,7 +540,8 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
             "track_text MATCH ?8 AND track_text.rowid > ?20 AND track_text.rowid < ?21 AND "
             "t.id = track_text.rowid AND " +
             where;
-        q->fts = ftsQuery(m_words);
+        q->fts = textMode == TextMode::prefixWalk ? prefixQuery() : ftsQuery(m_words);
+        textScan = textMode == TextMode::prefixWalk;
         if (!q->devices.empty()) {
             where += " AND t.device IN (";
             for (std::size_t i = 0; i < q->devices.size(); ++i)

@@ -134,6 +134,8 @@ private:
         rowWalk,
         /** The rows of m_rareRows, every match of rare words, by key. */
         rows,
+        /** The row id walk over prefixQuery()'s matches, each tested by the matcher. */
+        prefixWalk,
         index
     };
 
@@ -157,6 +159,12 @@ private:
      * every match.
      */
     sql::DBResult isRareText(bool* rare);
+    /**
+     * The query words cut to their first kPrefixListChars characters, as an FTS5 query of
+     * prefixes that have lists of their own: every track that the words match, and a few more.
+     * Empty when a word is shorter than two characters.
+     */
+    std::string prefixQuery() const;
     /** The row ids that the FTS5 query `fts` matches, `limit` at most. */
     sql::DBResult textMatches(const std::string& fts, std::int64_t limit,
                               std::vector<std::int64_t>* rows);
