@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QTemporaryDir>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -381,7 +382,7 @@ TEST_F(EventsStorageTest, TrackIdSearchesAnswerInPlaceAsWorkersDo)
     const auto search = [&](const Filter& filter) {
         Answer answer;
         std::promise<void> done;
-        bool returned = false;
+        std::atomic<bool> returned{false};
         storage->lookup(filter, [&](ResultCode code, std::vector<ObjectTrackEx> tracks) {
             EXPECT_EQ(code, ResultCode::ok);
             answer.beforeReturn = !returned;
