@@ -22,6 +22,7 @@
 
 #include "figure.h"
 #include "latency_stats.h"
+#include "scale_growth.h"
 #include "searched_store.h"
 #include "store_files.h"
 #include "store_generator.h"
@@ -57,6 +58,12 @@ struct Options
     std::int64_t newTrackPackets = 400'000;
     bool printStore = false;
     bool newTracksOnly = false;
+    /** Where the stores live, each in a directory of its own under it. */
+    fs::path parent;
+    bool scale = false;
+    /** Only whether every scale store is filled and complete (exit status 0). */
+    bool scaleReady = false;
+    std::vector<std::int64_t> scaleTracks = kScaleTracks;
 };
 
 void printUsage()
@@ -75,7 +82,13 @@ void printUsage()
         "  --no-ingest         skip the ingest measurements\n"
         "  --new-tracks N      packets of the ingest of new tracks (default 400000)\n"
         "  --print-store       print where the searched store of these parameters is, and exit\n"
-        "  --new-tracks-only   only the ingest of new tracks (to profile it)\n");
+        "  --new-tracks-only   only the ingest of new tracks (to profile it)\n"
+        "  --scale             only the searches on short-track stores of 1M and 5M tracks\n"
+        "                      (about 20M and 100M objects; each filled once in\n"
+        "                      short_tracks_N_seed_S_layout_V and reused) and the growth of\n"
+        "                      each shape's p99 from the smaller to the larger\n"
+        "  --scale-tracks A,B  the track counts of --scale (default 1000000,5000000)\n"
+        "  --scale-ready       exit 0 if the stores of --scale are filled, 1 if not\n");
 }
 
 bool parseOptions(int argc, char** argv, Options* options)
@@ -126,6 +139,17 @@ bool parseOptions(int argc, char** argv, Options* options)
                 options->newTrackPackets = std::stoll(v);
             } else if (arg == "--new-tracks-only") {
                 options->newTracksOnly = true;
+            } else if (arg == "--scale") {
+                options->scale = true;
+            } else if (arg == "--scale-ready") {
+                options->scaleReady = true;
+            } else if (arg == "--scale-tracks") {
+                const char* v = value();
+                const auto counts = v ? parseTrackCounts(v) : std::nullopt;
+                if (!counts)
+                    return false;
+                options->scaleTracks = *counts;
+                options->scale = true;
             } else if (arg == "--print-store") {
                 options->printStore = true;
             } else {
@@ -146,6 +170,7 @@ bool parseOptions(int argc, char** argv, Options* options)
     }
     if (options->tracks <= 0 || options->queries <= 0 || options->ingestPackets <= 0)
         return false;
+    options->parent = options->dir;
     options->dir = benchDir(options->dir, options->tracks, options->seed);
     return true;
 }
@@ -320,9 +345,13 @@ LookupResult lookup(EventsStorage& storage, Filter filter)
     return future.get();
 }
 
-void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
-                    const std::string& section, const std::map<std::string, double>& previous)
+/** Times every shape and returns the p99 of each, by name. */
+std::map<std::string, double> measureLookups(EventsStorage& storage,
+                                             const std::vector<QueryKind>& kinds,
+                                             const std::string& section,
+                                             const std::map<std::string, double>& previous)
 {
+    std::map<std::string, double> p99s;
     std::printf("\n== Lookups, one at a time (milliseconds, from the call to its completion)\n");
     std::printf("%-36s %8s %8s %8s %10s %10s %8s\n", "", "p50", "p99", "max", "goal p99",
                 "mean hits", "");
@@ -352,6 +381,7 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
             positions += result.positions;
         }
         const double p99 = toMs(stats.percentile(99));
+        p99s[kind.name] = p99;
         std::printf("%-36s %8.2f %8.2f %8.2f %7.0f ms %10.1f %8s\n", kind.name.c_str(),
                     toMs(stats.percentile(50)), p99, toMs(stats.percentile(100)), kind.goalMs,
                     static_cast<double>(hits) / kind.filters.size(),
@@ -386,6 +416,7 @@ void measureLookups(EventsStorage& storage, const std::vector<QueryKind>& kinds,
         }
         std::fflush(stdout);
     }
+    return p99s;
 }
 
 /** The p99 of each shape on the store of the layout before, kept beside this file. */
@@ -436,6 +467,57 @@ void measureDisk(const fs::path& storePath, const StoreInfo& info, const std::st
         Figure::measured(section, "bytes per object", perObject, "B").atMost(kBytesPerObjectGoal));
 }
 
+std::string sectionOf(const std::string& what, const StoreInfo& info)
+{
+    return "storage: searches on " + std::to_string(info.trackCount) + what + " (" +
+           std::to_string(info.objectCount) + " objects, " +
+           std::to_string(static_cast<int>((info.lastTimeUs - info.firstTimeUs) / 3.6e9 + 0.5)) +
+           " h)";
+}
+
+/**
+ * The same shapes on short-track stores of growing size: how each shape's p99 grows with the
+ * store. Short tracks (about 20 objects each) at every size, so that only the size changes.
+ */
+bool measureScale(const Options& options)
+{
+    std::vector<std::pair<StoreInfo, std::map<std::string, double>>> sizes;
+    for (const std::int64_t tracks : options.scaleTracks) {
+        const fs::path dir = shortTrackBenchDir(options.parent, tracks, options.seed);
+        StoreInfo info;
+        bool reused = false;
+        if (!prepareSearchedStore(dir, shortTrackOptions(options.seed, tracks), options.fresh,
+                                  &info, &reused)) {
+            return false;
+        }
+        printStore(info, reused);
+        auto storage = openStorage(searchedStorePath(dir));
+        if (!storage || info.samples.empty())
+            return false;
+        auto p99s = measureLookups(*storage, makeQueries(options.seed, options.queries, info),
+                                   sectionOf(" short tracks", info), {});
+        storage.reset();
+        checkpointSqliteFiles(searchedStorePath(dir));
+        std::printf("  store: %.1f GB in %s\n", directoryBytes(searchedStorePath(dir)) / 1e9,
+                    dir.c_str());
+        sizes.emplace_back(std::move(info), std::move(p99s));
+    }
+    const auto& [small, smallP99] = sizes.front();
+    const auto& [large, largeP99] = sizes.back();
+    const std::string section = "storage: scale, short tracks " + std::to_string(small.trackCount) +
+                                " -> " + std::to_string(large.trackCount) + " (" +
+                                std::to_string(small.objectCount) + " -> " +
+                                std::to_string(large.objectCount) + " objects)";
+    std::printf("\n== Growth of p99 from %lld to %lld short tracks\n",
+                static_cast<long long>(small.trackCount), static_cast<long long>(large.trackCount));
+    for (const auto& figure : growthFigures(section, smallP99, largeP99)) {
+        std::printf("  %-52s %s: %.2fx  %s\n", figure.name.c_str(), figure.note.c_str(),
+                    *figure.value, figure.met() == true ? "met" : "MISSED");
+        recordFigure(figure);
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -444,6 +526,14 @@ int main(int argc, char** argv)
     if (!parseOptions(argc, argv, &options)) {
         printUsage();
         return 2;
+    }
+    if (options.scaleReady) {
+        for (const std::int64_t tracks : options.scaleTracks) {
+            if (!isSearchedStoreReady(shortTrackBenchDir(options.parent, tracks, options.seed),
+                                      shortTrackOptions(options.seed, tracks)))
+                return 1;
+        }
+        return 0;
     }
     if (options.printStore) {
         std::printf("%s\n", searchedStorePath(options.dir).c_str());
@@ -457,6 +547,8 @@ int main(int argc, char** argv)
         "than the previous layout's; <= %.0f bytes per object\n",
         kIngestGoalPacketsPerSecond, kWriteAmplificationGoal, kNewTracksGoalPerSecond,
         kLookupGoalMs, kFreeTextGoalMs, kBytesPerObjectGoal);
+    if (options.scale)
+        return measureScale(options) ? 0 : 1;
     fs::create_directories(options.dir);
 
     if (options.newTracksOnly) {
@@ -484,11 +576,7 @@ int main(int argc, char** argv)
     auto storage = openStorage(storePath);
     if (!storage)
         return 1;
-    const std::string section =
-        "storage: searches on " + std::to_string(info.trackCount) + " tracks (" +
-        std::to_string(info.objectCount) + " objects, " +
-        std::to_string(static_cast<int>((info.lastTimeUs - info.firstTimeUs) / 3.6e9 + 0.5)) +
-        " h)";
+    const std::string section = sectionOf(" tracks", info);
     measureLookups(
         *storage, makeQueries(options.seed, options.queries, info), section,
         options.tracks == kComparedTracks ? previousLayoutP99() : std::map<std::string, double>());

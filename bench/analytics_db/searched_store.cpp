@@ -32,17 +32,15 @@ bool isPlate(const common::metadata::Attribute& attribute)
     return attribute.name == "License Plate.Number";
 }
 
-bool fillStore(const fs::path& storePath, std::int64_t tracks, std::uint64_t seed, StoreInfo* info)
+bool fillStore(const fs::path& storePath, const GeneratorOptions& data, StoreInfo* info)
 {
     fs::remove_all(storePath);
     auto storage = openStorage(storePath);
     if (!storage)
         return false;
 
-    GeneratorOptions generatorOptions;
-    generatorOptions.seed = seed;
-    generatorOptions.trackCount = tracks;
-    StoreGenerator generator(generatorOptions);
+    const std::int64_t tracks = data.trackCount;
+    StoreGenerator generator(data);
     std::printf("\n== Filling a store of %lld tracks in %s\n", static_cast<long long>(tracks),
                 storePath.c_str());
     const auto start = steady_clock::now();
@@ -66,7 +64,7 @@ bool fillStore(const fs::path& storePath, std::int64_t tracks, std::uint64_t see
     const double elapsed = secondsSince(start);
 
     info->trackCount = tracks;
-    info->seed = seed;
+    info->seed = data.seed;
     info->packetCount = generator.packetsMade();
     info->objectCount = generator.objectsMade();
     info->firstTimeUs = generator.firstTimeUs();
@@ -104,26 +102,57 @@ fs::path searchedStorePath(const fs::path& dir)
     return dir / "store";
 }
 
-fs::path benchDir(fs::path parent, std::int64_t tracks, std::uint64_t seed)
+namespace {
+
+fs::path storeDir(fs::path parent, const char* prefix, std::int64_t tracks, std::uint64_t seed)
 {
     if (parent.empty())
         parent = fs::temp_directory_path() / "analytics_db_bench";
-    return parent / ("tracks_" + std::to_string(tracks) + "_seed_" + std::to_string(seed) +
+    return parent / (prefix + std::to_string(tracks) + "_seed_" + std::to_string(seed) +
                      "_layout_" + std::to_string(analytics::db::kSchemaVersion));
+}
+
+}  // namespace
+
+fs::path benchDir(fs::path parent, std::int64_t tracks, std::uint64_t seed)
+{
+    return storeDir(std::move(parent), "tracks_", tracks, seed);
+}
+
+fs::path shortTrackBenchDir(fs::path parent, std::int64_t tracks, std::uint64_t seed)
+{
+    return storeDir(std::move(parent), "short_tracks_", tracks, seed);
 }
 
 bool prepareSearchedStore(const fs::path& dir, std::int64_t tracks, std::uint64_t seed, bool fresh,
                           StoreInfo* info, bool* reused)
 {
+    GeneratorOptions data;
+    data.seed = seed;
+    data.trackCount = tracks;
+    return prepareSearchedStore(dir, data, fresh, info, reused);
+}
+
+bool isSearchedStoreReady(const fs::path& dir, const GeneratorOptions& data, StoreInfo* info)
+{
+    StoreInfo read;
+    if (!info)
+        info = &read;
+    return info->load(dir / "bench_store.info") && info->trackCount == data.trackCount &&
+           info->seed == data.seed && fs::exists(searchedStorePath(dir));
+}
+
+bool prepareSearchedStore(const fs::path& dir, const GeneratorOptions& data, bool fresh,
+                          StoreInfo* info, bool* reused)
+{
     const fs::path storePath = searchedStorePath(dir);
     const fs::path infoPath = dir / "bench_store.info";
-    *reused = !fresh && info->load(infoPath) && info->trackCount == tracks && info->seed == seed &&
-              fs::exists(storePath);
+    *reused = !fresh && isSearchedStoreReady(dir, data, info);
     if (*reused)
         return true;
     // An interrupted fill leaves no info file, so that it is redone.
     fs::remove(infoPath);
-    if (!fillStore(storePath, tracks, seed, info))
+    if (!fillStore(storePath, data, info))
         return false;
     return info->save(infoPath);
 }

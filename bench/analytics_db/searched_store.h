@@ -30,6 +30,12 @@ void saveWhenReady(analytics::db::EventsStorage& storage,
  */
 bool prepareSearchedStore(const std::filesystem::path& dir, std::int64_t tracks, std::uint64_t seed,
                           bool fresh, StoreInfo* info, bool* reused);
+/** Whether `dir` holds a complete store of the data set, which prepareSearchedStore reuses. */
+bool isSearchedStoreReady(const std::filesystem::path& dir, const GeneratorOptions& data,
+                          StoreInfo* info = nullptr);
+/** The same for any generated data set, e.g. short tracks (shortTrackOptions). */
+bool prepareSearchedStore(const std::filesystem::path& dir, const GeneratorOptions& data,
+                          bool fresh, StoreInfo* info, bool* reused);
 std::filesystem::path searchedStorePath(const std::filesystem::path& dir);
 
 /**
@@ -39,6 +45,10 @@ std::filesystem::path searchedStorePath(const std::filesystem::path& dir);
  */
 std::filesystem::path benchDir(std::filesystem::path parent, std::int64_t tracks,
                                std::uint64_t seed);
+
+/** The same for the short-track data set: "short_tracks_N_seed_S_layout_V". */
+std::filesystem::path shortTrackBenchDir(std::filesystem::path parent, std::int64_t tracks,
+                                         std::uint64_t seed);
 
 void printStore(const StoreInfo& info, bool reused);
 

@@ -7,6 +7,19 @@
 
 namespace kest::bench {
 
+GeneratorOptions shortTrackOptions(std::uint64_t seed, std::int64_t tracks)
+{
+    GeneratorOptions options;
+    options.seed = seed;
+    options.trackCount = tracks;
+    options.minTrackPackets = 1;
+    options.maxTrackPackets = 40;
+    options.packetIntervalUs = 1'500'000;
+    options.paceSpread = 0.2;
+    options.zipfWords = 20'000;
+    return options;
+}
+
 using common::metadata::Attribute;
 using common::metadata::ObjectMetadata;
 using common::metadata::ObjectMetadataPacket;

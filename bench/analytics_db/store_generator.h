@@ -39,6 +39,13 @@ struct GeneratorOptions
     bool quietPeriods = true;
 };
 
+/**
+ * Short tracks, as a busy camera sees passers-by: 1 to 60 s, a packet every 1.2 to 1.8 s, 1 to 10
+ * objects a packet (about 20 objects a track), attribute values from a Zipf distribution over
+ * 20,000 words.
+ */
+GeneratorOptions shortTrackOptions(std::uint64_t seed, std::int64_t tracks);
+
 /** A finished track as the generator made it, kept to build searches that hit real data. */
 struct TrackSample
 {

@@ -45,6 +45,13 @@ public:
     /** Everything the store keeps on disk for the data, its logs folded in. */
     virtual std::uint64_t bytesOnDisk() = 0;
 
+    /**
+     * Adds what a careful engineer adds for the searches once the data is in (indexes, fresh
+     * statistics); from then on the store is its tuned variant, named `name()` as well. False
+     * when the store has no tuned variant or adding failed (see lastError).
+     */
+    virtual bool tune() { return false; }
+
     /** CPU seconds spent outside this process for the store so far (a database server). */
     virtual double serverCpuSeconds() { return 0; }
 

@@ -20,6 +20,7 @@
 #include <kest/analytics_db/events_storage.h>
 #include <kest/utils/log/logger.h>
 
+#include "../analytics_db/scale_growth.h"
 #include "../analytics_db/searched_store.h"
 #include "../analytics_db/store_files.h"
 #include "figure.h"
@@ -37,9 +38,12 @@ using namespace kest::bench;
 
 namespace {
 
-constexpr double kIngestGoal = 2;                 //< Ours over the best alternative.
-constexpr double kCeilingGoal = 0.5;              //< Ours over the raw SQLite ceiling.
-constexpr double kQueryGoal = 5;                  //< Best alternative's p99 over ours.
+constexpr double kIngestGoal = 2;     //< Ours over the best alternative.
+constexpr double kCeilingGoal = 0.5;  //< Ours over the raw SQLite ceiling.
+constexpr double kQueryGoal = 5;      //< Best alternative's p99 over ours.
+/** Ours over the best alternative's p99: every shape, and free text and box shapes. */
+constexpr double kAheadGoal = 1;
+constexpr double kAheadGoalIndexed = 1.0 / 3;
 constexpr double kFreeTextJsonGoal = 100;         //< The JSON table's free-text p99 over ours.
 constexpr double kIngestGoalObjects = 1'000'000;  //< Ours, objects/s.
 constexpr double kShortTrackBytesGoal = 30;       //< Ours, bytes per object of short tracks.
@@ -56,6 +60,9 @@ struct Options
     double shapeSeconds = 15;
     std::string postgres;
     bool json = true;
+    bool explain = false;
+    bool scalePostgres = false;
+    std::vector<std::int64_t> scaleTracks = kScaleTracks;
     std::size_t chunkPackets = 16384;
     std::int64_t shortTracks = 100'000;
 };
@@ -73,9 +80,15 @@ void printUsage()
         "                      tracks and track_positions are replaced); without it PostgreSQL\n"
         "                      is left out\n"
         "  --no-json           leave the SQLite JSON table out\n"
+        "  --explain           print PostgreSQL's plan of each shape's first search once the\n"
+        "                      shape has run (its cached plan), before and after tuning\n"
         "  --short-tracks N    tracks of the short-track data set (default 100000; 0: none)\n"
         "  --quick             5000 tracks, 20 searches of each shape, 2 s per shape (3 at\n"
-        "                      least)\n");
+        "                      least)\n"
+        "  --scale-postgres    only tuned PostgreSQL on short tracks, 1M and 5M of them (the\n"
+        "                      data and searches of analytics_db_bench --scale), loaded in\n"
+        "                      turn: each shape's p99 at both and its growth; needs --postgres\n"
+        "  --scale-tracks A,B  the track counts of --scale-postgres (default 1000000,5000000)\n");
 }
 
 bool parseOptions(int argc, char** argv, Options* options)
@@ -108,6 +121,15 @@ bool parseOptions(int argc, char** argv, Options* options)
                 options->shortTracks = std::stoll(value());
             } else if (arg == "--no-json") {
                 options->json = false;
+            } else if (arg == "--explain") {
+                options->explain = true;
+            } else if (arg == "--scale-postgres") {
+                options->scalePostgres = true;
+            } else if (arg == "--scale-tracks") {
+                const auto counts = parseTrackCounts(value());
+                if (!counts)
+                    return false;
+                options->scaleTracks = *counts;
             } else if (arg == "--quick") {
                 options->quick = true;
             } else {
@@ -127,8 +149,10 @@ bool parseOptions(int argc, char** argv, Options* options)
         options->shortTracks = std::min<std::int64_t>(options->shortTracks, 10'000);
         options->minQueries = 3;
     }
-    if (options->tracks <= 0 || options->queries <= 0 || options->shapeSeconds <= 0)
+    if (options->tracks <= 0 || options->queries <= 0 || options->shapeSeconds <= 0 ||
+        (options->scalePostgres && options->postgres.empty())) {
         return false;
+    }
     options->minQueries = std::min(options->minQueries, options->queries);
     if (options->dir.empty()) {
         options->dir = fs::temp_directory_path() / "stores_bench" /
@@ -159,21 +183,9 @@ GeneratorOptions generatorOptions(const Options& options)
     return generator;
 }
 
-/**
- * Short tracks: 1 to 60 s, a packet every 1.2 to 1.8 s, 1 to 10 objects a packet (about 20
- * objects a track), attribute values from a Zipf distribution over 20,000 words.
- */
-GeneratorOptions shortTrackOptions(const Options& options)
+GeneratorOptions shortTrackDataSet(const Options& options)
 {
-    GeneratorOptions generator;
-    generator.seed = options.seed + 11;
-    generator.trackCount = options.shortTracks;
-    generator.minTrackPackets = 1;
-    generator.maxTrackPackets = 40;
-    generator.packetIntervalUs = 1'500'000;
-    generator.paceSpread = 0.2;
-    generator.zipfWords = 20'000;
-    return generator;
+    return kest::bench::shortTrackOptions(options.seed + 11, options.shortTracks);
 }
 
 struct ShapeResult
@@ -337,6 +349,30 @@ bool isFreeText(const QueryKind& kind)
     return kind.goalMs == kFreeTextGoalMs;
 }
 
+bool isBox(const QueryKind& kind)
+{
+    return !kind.filters.empty() && kind.filters.front().boundingBox.has_value();
+}
+
+void printPlans(const Options& options, ComparedStore& store, const std::vector<QueryKind>& kinds)
+{
+#ifdef KEST_BENCH_HAVE_LIBPQ
+    auto* postgres = dynamic_cast<PostgresStore*>(&store);
+    if (!options.explain || !postgres)
+        return;
+    for (const auto& kind : kinds) {
+        if (kind.filters.empty())
+            continue;
+        std::printf("  plan of %s, %s:\n", store.name().c_str(), kind.name.c_str());
+        for (const auto& line : postgres->explain(kind.filters.front()))
+            std::printf("    %s\n", line.c_str());
+    }
+    std::fflush(stdout);
+#else
+    (void)options, (void)store, (void)kinds;
+#endif
+}
+
 void report(const Options& options, const StoreInfo& info, const std::vector<QueryKind>& kinds,
             const std::vector<StoreResult>& results, std::optional<double> ceiling)
 {
@@ -445,6 +481,14 @@ void report(const Options& options, const StoreInfo& info, const std::vector<Que
             ratio.note = "best: " + bestName;
         }
         recordFigure(ratio.atLeast(kQueryGoal));
+        Figure ahead{querySection, kind.name + ": ours p99 / best alternative's", std::nullopt,
+                     "x"};
+        if (oursShape != ours.shapes.end() && !bestName.empty() && bestP99 > 0) {
+            ahead.value = oursShape->second.p99 / bestP99;
+            ahead.note = "best: " + bestName;
+        }
+        recordFigure(
+            ahead.atMost(isFreeText(kind) || isBox(kind) ? kAheadGoalIndexed : kAheadGoal));
         if (kind.name == "track id") {
             Figure versus{querySection, kind.name + ": postgresql p99 / ours", std::nullopt, "x"};
             for (const auto* a : alternatives) {
@@ -487,7 +531,7 @@ void report(const Options& options, const StoreInfo& info, const std::vector<Que
 /** Bytes per object of ours and PostgreSQL on the short-track data set. */
 void measureShortTracks(const Options& options)
 {
-    const GeneratorOptions data = shortTrackOptions(options);
+    const GeneratorOptions data = shortTrackDataSet(options);
     std::printf(
         "\n== Short tracks: %lld tracks of 1 to 60 s, a packet every 1.2 to 1.8 s, Zipf "
         "words\n",
@@ -552,6 +596,69 @@ void measureShortTracks(const Options& options)
     recordFigure(versus.atMost(kShortTrackPostgresGoal));
 }
 
+/**
+ * Tuned PostgreSQL on the short-track data sets of the scale stores (the same data and searches
+ * as ours in analytics_db_bench --scale), loaded, tuned and searched size after size, and how
+ * each shape's p99 grows.
+ */
+bool measurePostgresScale(const Options& options)
+{
+#ifdef KEST_BENCH_HAVE_LIBPQ
+    std::vector<std::pair<StoreInfo, std::map<std::string, double>>> sizes;
+    for (const std::int64_t tracks : options.scaleTracks) {
+        // The schema is made anew: the tables of the size before are dropped.
+        PostgresStore store(options.postgres);
+        if (!store.isOpen()) {
+            std::printf("cannot use PostgreSQL: %s\n", store.lastError().c_str());
+            return false;
+        }
+        std::printf("\n== postgresql, %lld short tracks\n", static_cast<long long>(tracks));
+        StoreResult result{store.name(), store.description()};
+        StoreInfo info;
+        if (!loadDataSet(options, shortTrackOptions(options.seed, tracks), store, &result, &info))
+            return false;
+        const auto start = steady_clock::now();
+        if (!store.tune()) {
+            std::printf("  cannot tune: %s\n", store.lastError().c_str());
+            return false;
+        }
+        std::printf("  tuned in %.1f s\n", duration<double>(steady_clock::now() - start).count());
+        result.name = store.name();
+        const auto kinds = makeQueries(options.seed, options.queries, info);
+        runSearches(options, store, kinds, &result);
+        printPlans(options, store, kinds);
+        measureSize(store, &result);
+        std::map<std::string, double> p99s;
+        const std::string section = "stores: scale, postgresql tuned, " + std::to_string(tracks) +
+                                    " short tracks (" + std::to_string(info.objectCount) +
+                                    " objects)";
+        for (const auto& [name, shape] : result.shapes) {
+            p99s[name] = shape.p99;
+            recordFigure(Figure::measured(section, name + ", p99", shape.p99, "ms"));
+        }
+        recordFigure(
+            Figure::measured(section, "bytes per object", result.bytesPerObject, "B")
+                .withNote("load " + std::to_string(static_cast<int>(result.loadSeconds)) + " s"));
+        sizes.emplace_back(std::move(info), std::move(p99s));
+    }
+    const auto& [small, smallP99] = sizes.front();
+    const auto& [large, largeP99] = sizes.back();
+    const std::string section = "stores: scale, postgresql tuned, short tracks " +
+                                std::to_string(small.trackCount) + " -> " +
+                                std::to_string(large.trackCount);
+    std::printf("\n== Growth of tuned PostgreSQL's p99\n");
+    for (const auto& figure : growthFigures(section, smallP99, largeP99)) {
+        std::printf("  %-52s %s: %.2fx\n", figure.name.c_str(), figure.note.c_str(), *figure.value);
+        recordFigure(figure);
+    }
+    return true;
+#else
+    (void)options;
+    std::printf("PostgreSQL left out: built without libpq (libpq-dev)\n");
+    return false;
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -563,6 +670,8 @@ int main(int argc, char** argv)
     }
     kest::utils::log::Logger::instance().setLevel(kest::utils::log::Level::warning);
     fs::create_directories(options.dir);
+    if (options.scalePostgres)
+        return measurePostgresScale(options) ? 0 : 1;
     std::printf("stores_bench: %lld tracks, seed %llu, in %s\n",
                 static_cast<long long>(options.tracks),
                 static_cast<unsigned long long>(options.seed), options.dir.c_str());
@@ -632,11 +741,34 @@ int main(int argc, char** argv)
         std::printf("\n== %s: %s\n", store->name().c_str(), store->description().c_str());
         StoreResult result{store->name(), store->description()};
         StoreInfo same;
-        if (loadDataSet(options, generatorOptions(options), *store, &result, &same)) {
-            runSearches(options, *store, kinds, &result);
-            measureSize(*store, &result);
+        if (!loadDataSet(options, generatorOptions(options), *store, &result, &same)) {
+            results.push_back(std::move(result));
+            continue;
         }
+        runSearches(options, *store, kinds, &result);
+        printPlans(options, *store, kinds);
+        measureSize(*store, &result);
         results.push_back(std::move(result));
+
+        // The same store once the indexes its searches ask for are added: one load serves both.
+        const auto start = steady_clock::now();
+        if (!store->tune()) {
+            if (!store->lastError().empty())
+                std::printf("  %s: cannot tune: %s\n", store->name().c_str(),
+                            store->lastError().c_str());
+            continue;
+        }
+        StoreResult tuned = results.back();
+        tuned.name = store->name();
+        tuned.description = store->description();
+        tuned.shapes.clear();
+        std::printf("\n== %s: %s\n  indexes added and analysed in %.1f s\n", tuned.name.c_str(),
+                    tuned.description.c_str(),
+                    duration<double>(steady_clock::now() - start).count());
+        runSearches(options, *store, kinds, &tuned);
+        printPlans(options, *store, kinds);
+        measureSize(*store, &tuned);
+        results.push_back(std::move(tuned));
     }
     fs::remove_all(options.dir / "json");
 

@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QTemporaryDir>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -361,6 +362,80 @@ TEST_F(EventsStorageTest, EachFilterFieldSelects)
     }
 }
 
+TEST_F(EventsStorageTest, TrackIdSearchesAnswerInPlaceAsWorkersDo)
+{
+    auto storage = open();
+    storage->save(
+        packet(kDeviceA, 1'000'000, {{1, "car", {0.1, 0.1, 0.2, 0.2}, {{"color", "red"}}}}));
+    storage->closeOpenTracks();
+    // Track 2 stays open, in the writer's memory.
+    storage->save(
+        packet(kDeviceB, 2'000'000, {{2, "person", {0.5, 0.5, 0.1, 0.1}, {{"hat", "red"}}}}));
+    storage->flush();
+
+    struct Answer
+    {
+        bool beforeReturn = false;
+        std::thread::id thread;
+        std::vector<ObjectTrackEx> tracks;
+    };
+    const auto search = [&](const Filter& filter) {
+        Answer answer;
+        std::promise<void> done;
+        std::atomic<bool> returned{false};
+        storage->lookup(filter, [&](ResultCode code, std::vector<ObjectTrackEx> tracks) {
+            EXPECT_EQ(code, ResultCode::ok);
+            answer.beforeReturn = !returned;
+            answer.thread = std::this_thread::get_id();
+            answer.tracks = std::move(tracks);
+            done.set_value();
+        });
+        returned = true;
+        done.get_future().wait();
+        return answer;
+    };
+    for (const int n : {1, 2, 3}) {
+        Filter filter;
+        filter.objectTrackId = trackId(n);
+        const Answer inPlace = search(filter);
+        EXPECT_TRUE(inPlace.beforeReturn) << n;
+        EXPECT_EQ(inPlace.thread, std::this_thread::get_id()) << n;
+        EXPECT_EQ(ids(inPlace.tracks), n == 3 ? std::vector<int>{} : std::vector<int>{n});
+
+        // Words and positions go to a worker; the track is the same, positions aside.
+        for (const bool fullTrack : {false, true}) {
+            Filter other = filter;
+            other.needFullTrack = fullTrack;
+            other.freeText = fullTrack ? "" : "red";
+            Answer queued = search(other);
+            EXPECT_NE(queued.thread, std::this_thread::get_id()) << n;
+            for (auto& track : queued.tracks) {
+                EXPECT_EQ(track.objectPositionSequence.empty(), !fullTrack) << n;
+                track.objectPositionSequence.clear();
+            }
+            EXPECT_EQ(queued.tracks, inPlace.tracks) << n;
+        }
+    }
+
+    // From several threads at once, some in place and the others queued, each gets its track.
+    std::vector<std::thread> threads;
+    std::atomic<int> wrong{0};
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i) {
+                Filter filter;
+                filter.objectTrackId = trackId(1 + (t + i) % 2);
+                const auto found = find(*storage, filter);
+                if (found.size() != 1 || found[0].id != filter.objectTrackId)
+                    ++wrong;
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+}
+
 TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
 {
     // More tracks than a search checks one by one before it turns to the full-text index.
@@ -421,6 +496,27 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
             out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
         return out;
     };
+    // Common words without devices walk the lists of their first letters, with devices they are
+    // tested along the device's range: all tracks are on device A, so both answer the same.
+    for (const char* text : {"gre", "green", "grey", "COLOR GREY", "gr", "greenish"}) {
+        for (const auto order : {SortOrder::asc, SortOrder::desc}) {
+            for (const int limit : {1, 7, 300}) {
+                for (const auto& period :
+                     {Filter().timePeriod, ZuTimePeriod(1'000 + 2'000, 1'500)}) {
+                    Filter f;
+                    f.freeText = text;
+                    f.sortOrder = order;
+                    f.maxObjectTracksToSelect = limit;
+                    f.timePeriod = period;
+                    const auto walked = find(*storage, f);
+                    f.deviceIds = {kDeviceA};
+                    EXPECT_EQ(walked, find(*storage, f)) << text << " " << limit;
+                    EXPECT_EQ(walked.size(), std::string(text) == "greenish" ? 0u : limit) << text;
+                }
+            }
+        }
+    }
+
     for (const char* text : {"raritat", "note green", "rarit grey", "gre"}) {
         for (const auto order : {SortOrder::asc, SortOrder::desc}) {
             for (const int limit : {0, 2}) {
@@ -432,6 +528,13 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
                 f.deviceIds = {kDeviceA};
                 f.timePeriod = ZuTimePeriod(1'000 + 15, 2'000);
                 EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                // Types as index ranges, a box, an engine that no track has.
+                f.deviceIds = {};
+                f.objectTypeId = {"car", "truck"};
+                f.boundingBox = Rect{0.0, 0.0, 0.15, 0.15};
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                f.analyticsEngineId = kOtherEngine;
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), std::vector<std::int64_t>{});
             }
         }
     }

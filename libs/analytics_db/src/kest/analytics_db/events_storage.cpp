@@ -88,6 +88,13 @@ bool EventsStorage::initialize(const Settings& settings)
         workers.push_back({std::move(reader), std::move(counter)});
     }
 
+    auto inPlaceReader = std::make_unique<TrackReader>(openTracks);
+    if (const DBResult r = inPlaceReader->open(file, settings.connection); r != DBResult::ok) {
+        KEST_ERROR(this, "Cannot open analytics database %1 for reading: %2", file, r);
+        return false;
+    }
+
+    m_inPlaceReader = std::move(inPlaceReader);
     m_openTracks = std::move(openTracks);
     m_activityIndex = std::move(activityIndex);
     m_writer = std::move(writer);
@@ -299,6 +306,21 @@ void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
         completionHandler(ResultCode::error, {});
         return;
     }
+    if (answersInPlace(filter)) {
+        std::unique_lock lock(m_inPlaceMutex, std::try_to_lock);
+        if (lock.owns_lock() && m_inPlaceReader) {
+            std::vector<ObjectTrackEx> tracks;
+            const ResultCode code = m_inPlaceReader->lookup(filter, &tracks);
+            if (code != ResultCode::ok) {
+                KEST_WARNING(this, "Analytics database lookup failed: %1",
+                             m_inPlaceReader->lastError());
+                tracks.clear();
+            }
+            lock.unlock();
+            completionHandler(code, std::move(tracks));
+            return;
+        }
+    }
     queueLookup([this, filter = std::move(filter),
                  handler = std::move(completionHandler)](LookupWorker& worker) mutable {
         TrackReader& reader = *worker.reader;
@@ -310,6 +332,12 @@ void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
         }
         handler(code, std::move(tracks));
     });
+}
+
+bool EventsStorage::answersInPlace(const Filter& filter)
+{
+    return !filter.objectTrackId.isNull() && !filter.needFullTrack &&
+           TextMatcher::words(filter.freeText).empty();
 }
 
 void EventsStorage::countActivity(ActivityQuery query, ActivityHandler completionHandler)
@@ -696,6 +724,11 @@ void EventsStorage::stop()
     m_initialized = false;
     m_writer.reset();
     m_workers.clear();
+    {
+        // A search in place that began before the storage stopped ends before its reader goes.
+        std::lock_guard lock(m_inPlaceMutex);
+        m_inPlaceReader.reset();
+    }
 }
 
 }  // namespace kest::analytics::db

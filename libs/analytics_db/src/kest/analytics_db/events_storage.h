@@ -111,6 +111,14 @@ public:
 
     std::size_t queuedPackets() const;
 
+    /**
+     * Whether a search is a key lookup that takes microseconds: a track id, without words (whose
+     * counts in the full-text index may take milliseconds) and without positions (a long track
+     * has many). Such a search is answered on the caller's thread when the reader kept for it is
+     * free: the two thread switches of a worker would cost more than the search.
+     */
+    static bool answersInPlace(const Filter& filter);
+
     /** What a queued packet costs in memory, about: its objects, strings and allocations. */
     static std::size_t packetBytes(const common::metadata::ObjectMetadataPacket& packet);
 
@@ -215,6 +223,9 @@ private:
     bool m_lookupsStopping = false;
     std::vector<LookupWorker> m_workers;
     std::vector<std::thread> m_lookupThreads;
+    /** The reader of the searches answered in place, taken only when free (try_lock). */
+    Mutex m_inPlaceMutex;
+    std::unique_ptr<TrackReader> m_inPlaceReader;
 
     Mutex m_retentionHandlerMutex;
     RetentionHandler m_retentionHandler;

@@ -50,6 +50,9 @@ public:
     /** `tokens`: what documentTokens() made of a track's attributes. */
     bool matchesTokens(const std::vector<std::string>& tokens) const;
 
+    /** The words of the query as the tokenizer made them (folded, without diacritics). */
+    const std::vector<std::string>& queryTokens() const { return m_query; }
+
     /** How many tracks were checked since the last setQuery. */
     std::int64_t checks() const { return m_checks; }
 

@@ -44,6 +44,31 @@ void gridHits(sqlite3_context* context, int, sqlite3_value** args)
     sqlite3_result_int(context, grid.intersects(BoundingBoxGrid::fromBytes(bytesOf(args[1]))));
 }
 
+/** Adds the time of its scope to a part of the profile, when there is one. */
+class ProfileTimer
+{
+public:
+    using Part = std::chrono::nanoseconds TrackReader::Profile::*;
+
+    ProfileTimer(TrackReader::Profile* profile, Part part)
+        : m_part(profile ? &(profile->*part) : nullptr)
+    {
+        if (m_part)
+            m_start = std::chrono::steady_clock::now();
+    }
+    ~ProfileTimer()
+    {
+        if (m_part)
+            *m_part += std::chrono::steady_clock::now() - m_start;
+    }
+    ProfileTimer(const ProfileTimer&) = delete;
+    ProfileTimer& operator=(const ProfileTimer&) = delete;
+
+private:
+    std::chrono::nanoseconds* m_part;
+    std::chrono::steady_clock::time_point m_start;
+};
+
 constexpr const char* kStateKeys =
     "SELECT key, value FROM meta WHERE key IN "
     "('seq', 'dictionary', 'maxSpanUs', 'maxLagUs')";
@@ -75,6 +100,9 @@ struct TrackReader::Query
     /** kMaxLagKey of the storage; negative when a store does not know it. */
     std::int64_t maxLagUs = -1;
     bool walking = false;
+    /** Of a search of the rows of known matches: the row of this statement. */
+    bool byRowId = false;
+    std::int64_t rowId = 0;
 
     int firstDeviceParam() const { return kFirstTypeParam + static_cast<int>(types.size()); }
 };
@@ -111,13 +139,35 @@ DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions
     return m_db.exec("PRAGMA query_only = 1");
 }
 
-std::string TrackReader::ftsQuery(const std::vector<std::string>& words)
+std::string TrackReader::prefixQuery() const
+{
+    std::string query;
+    for (const std::string& token : m_matcher.queryTokens()) {
+        // Up to kPrefixListChars characters of UTF-8, two at least: a list of its own.
+        std::size_t end = 0;
+        int chars = 0;
+        while (end < token.size() && chars < kPrefixListChars) {
+            ++end;
+            while (end < token.size() && (static_cast<unsigned char>(token[end]) & 0xC0) == 0x80)
+                ++end;
+            ++chars;
+        }
+        if (chars < 2 || token.find('"') != std::string::npos)
+            return {};
+        if (!query.empty())
+            query += ' ';
+        query += '"' + token.substr(0, end) + "\"*";
+    }
+    return query;
+}
+
+std::string TrackReader::ftsQuery(const std::vector<std::string>& words, bool prefixes)
 {
     std::string query;
     for (const std::string& word : words) {
         if (!query.empty())
             query += ' ';
-        query += '"' + word + "\"*";
+        query += '"' + word + (prefixes ? "\"*" : "\"");
     }
     return query;
 }
@@ -125,6 +175,9 @@ std::string TrackReader::ftsQuery(const std::vector<std::string>& words)
 void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
 {
     auto* self = static_cast<TrackReader*>(sqlite3_user_data(context));
+    const ProfileTimer timer(self->m_profile, &Profile::matcher);
+    if (self->m_profile)
+        ++self->m_profile->rowsMatched;
     if (self->m_matcher.checks() >= self->m_textScanBudget) {
         self->m_textBudgetExceeded = true;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
@@ -136,6 +189,9 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
 ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
 {
     tracks->clear();
+    const ProfileTimer timer(m_profile, &Profile::total);
+    if (m_profile)
+        ++m_profile->searches;
     DBResult result = DBResult::ok;
     // A search that fell behind the commits that the writer keeps open tracks of starts over.
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -218,6 +274,7 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     std::vector<Row> found;
     std::unordered_set<std::int64_t> replaced;
     if (open) {
+        const ProfileTimer timer(m_profile, &Profile::openTracks);
         replaced.insert(open->replacedRows.begin(), open->replacedRows.end());
         const auto consider = [&](std::size_t index) {
             const OpenTrackView& view = *open->tracks[index];
@@ -242,17 +299,36 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     }
 
     bool rare = m_words.size() > TextMatcher::kMaxQueryWords;
+    bool rareRows = false;
     if (!m_words.empty() && !rare) {
         if (auto r = isRareText(&rare); r != DBResult::ok)
             return r;
+        rareRows = rare;
     }
     const auto extra = static_cast<std::int64_t>(replaced.size());
     std::vector<Row> stored;
     // Rare words start where a row by row test that found nothing would have gone next.
     DBResult result = DBResult::ok;
-    if (!rare)
+    if (rareRows) {
+        // Every match is in hand: their rows are read by key, not found again through FTS5.
+        result = run(filter, TextMode::rows, extra, &stored);
+    } else if (!rare && !m_words.empty() && filter.deviceIds.empty() &&
+               filter.objectTrackId.isNull() && !prefixQuery().empty()) {
+        // Common words: their matches walked newest (or oldest) first, from the lists of their
+        // first three characters, each row tested against the words as a whole.
+        result = run(filter, TextMode::prefixWalk, extra, &stored);
+        if (m_walkGaveUp || (result != DBResult::ok && m_textBudgetExceeded)) {
+            stored.clear();
+            m_db.resetCached();
+            m_matcher.setQuery(m_words);
+            m_walkGaveUp = false;
+            m_textBudgetExceeded = false;
+            result = run(filter, TextMode::scan, extra, &stored);
+        }
+    } else if (!rare) {
         result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, extra, &stored);
-    if (rare || (result != DBResult::ok && m_textBudgetExceeded)) {
+    }
+    if ((rare && !rareRows) || (result != DBResult::ok && m_textBudgetExceeded)) {
         stored.clear();
         m_db.resetCached();
         result = run(filter, TextMode::rowWalk, extra, &stored);
@@ -274,6 +350,7 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
         found.resize(filter.maxObjectTracksToSelect);
     }
 
+    const ProfileTimer answers(m_profile, &Profile::answers);
     tracks->reserve(found.size());
     for (const Row& row : found) {
         tracks->push_back(row.stored.track.toTrack());
@@ -329,15 +406,42 @@ DBResult TrackReader::isRareText(bool* rare)
         if (QString::fromStdString(word).size() < 2)
             return DBResult::ok;
     }
-    auto* s = m_db.cached(
-        "SELECT count(*) FROM (SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?)");
+    // A prefix that the index has no list of is the merge of the lists of every word starting
+    // with it, built whole before the first match comes out: milliseconds for a common word. The
+    // words as they are match a subset of what their prefixes match, from lists read as far as
+    // needed, so when they alone are common the prefixes are too. Words of two and three
+    // characters have lists of their own as prefixes, and need no such test.
+    const bool prefixLists = std::all_of(m_words.begin(), m_words.end(), [](const auto& word) {
+        return QString::fromStdString(word).size() <= kPrefixListChars;
+    });
+    if (!prefixLists) {
+        if (auto r =
+                textMatches(ftsQuery(m_words, /*prefixes*/ false), m_rareTextMatches, &m_rareRows);
+            r != DBResult::ok ||
+            static_cast<std::int64_t>(m_rareRows.size()) >= m_rareTextMatches) {
+            return r;
+        }
+    }
+    if (auto r = textMatches(ftsQuery(m_words), m_rareTextMatches, &m_rareRows); r != DBResult::ok)
+        return r;
+    *rare = static_cast<std::int64_t>(m_rareRows.size()) < m_rareTextMatches;
+    return DBResult::ok;
+}
+
+DBResult TrackReader::textMatches(const std::string& fts, std::int64_t limit,
+                                  std::vector<std::int64_t>* rows)
+{
+    rows->clear();
+    auto* s = m_db.cached("SELECT rowid FROM track_text WHERE track_text MATCH ? LIMIT ?");
     if (!s)
         return m_db.lastResult();
-    s->bindText(1, ftsQuery(m_words));
-    s->bind(2, m_rareTextMatches);
-    if (s->step())
-        *rare = s->int64(0) < m_rareTextMatches;
-    return s->result();
+    s->bindText(1, fts);
+    s->bind(2, limit);
+    while (s->step())
+        rows->push_back(s->int64(0));
+    const DBResult result = s->result();
+    s->reset();
+    return result;
 }
 
 DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t extra,
@@ -353,7 +457,7 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
     if (q.limit >= 0)
         q.limit += extra;
 
-    if (textMode == TextMode::rowWalk) {
+    if (textMode == TextMode::rowWalk || textMode == TextMode::prefixWalk) {
         // Without a limit every match is needed anyway; without the lag nothing bounds the walk.
         // Devices have index ranges small enough to test against the set of all matches, while
         // the walk would read matches of every device to find those of a few.
@@ -365,11 +469,26 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
             return r;
         return walk(q, rows, &m_walkGaveUp);
     }
-    if (q.partitions.empty())
+    if (textMode == TextMode::rows) {
+        for (const std::int64_t rowId : m_rareRows) {
+            q.rowId = rowId;
+            if (q.partitions.empty()) {
+                if (auto r = select(q, 0, rows); r != DBResult::ok)
+                    return r;
+            }
+            for (const std::int64_t partition : q.partitions) {
+                if (auto r = select(q, partition, rows); r != DBResult::ok)
+                    return r;
+            }
+        }
+    } else if (q.partitions.empty()) {
         return select(q, 0, rows);
+    }
     // One index range per device (or type), each already limited, then merged: cost follows
     // the answer, not the number of tracks of the devices.
     for (const std::int64_t partition : q.partitions) {
+        if (textMode == TextMode::rows)
+            break;
         if (auto r = select(q, partition, rows); r != DBResult::ok)
             return r;
     }
@@ -408,7 +527,7 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     bool textScan = false;
     std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.first_us + t.span_us >= ?3";
     std::string tables = "track t";
-    const bool walking = textMode == TextMode::rowWalk;
+    const bool walking = textMode == TextMode::rowWalk || textMode == TextMode::prefixWalk;
     const bool byType =
         !walking && filter.deviceIds.empty() && !q->types.empty() && filter.objectTrackId.isNull();
     // Without statistics SQLite cannot tell a selective device from a common type, so the
@@ -421,7 +540,8 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
             "track_text MATCH ?8 AND track_text.rowid > ?20 AND track_text.rowid < ?21 AND "
             "t.id = track_text.rowid AND " +
             where;
-        q->fts = ftsQuery(m_words);
+        q->fts = textMode == TextMode::prefixWalk ? prefixQuery() : ftsQuery(m_words);
+        textScan = textMode == TextMode::prefixWalk;
         if (!q->devices.empty()) {
             where += " AND t.device IN (";
             for (std::size_t i = 0; i < q->devices.size(); ++i)
@@ -430,13 +550,18 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         }
     } else if (!filter.deviceIds.empty()) {
         where += " AND t.device = ?4";
-        if (filter.objectTrackId.isNull())
+        if (filter.objectTrackId.isNull() && textMode != TextMode::rows)
             tables = "track t INDEXED BY track_device_first";
         q->partitions = q->devices;
     } else if (byType) {
         where += " AND t.type = ?4";
-        tables = "track t INDEXED BY track_type_first";
+        if (textMode != TextMode::rows)
+            tables = "track t INDEXED BY track_type_first";
         q->partitions = q->types;
+    }
+    if (textMode == TextMode::rows) {
+        q->byRowId = true;
+        where += " AND t.id = ?11";
     }
     if (!filter.objectTrackId.isNull()) {
         std::tie(q->trackIdHigh, q->trackIdLow) = TrackRow::idHalves(filter.objectTrackId);
@@ -502,6 +627,8 @@ void bindQuery(sql::Statement* s, const TrackReader::Query& q, std::int64_t part
     if (!q.fts.empty())
         s->bindText(8, q.fts);
     s->bind(9, limit);
+    if (q.byRowId)
+        s->bind(11, q.rowId);
     for (std::size_t i = 0; i < q.types.size(); ++i)
         s->bind(static_cast<int>(kFirstTypeParam + i), q.types[i]);
     for (std::size_t i = 0; i < q.devices.size() && q.walking; ++i)
@@ -512,6 +639,9 @@ void bindQuery(sql::Statement* s, const TrackReader::Query& q, std::int64_t part
 
 DBResult TrackReader::readRow(const sql::Statement& statement, Row* row)
 {
+    const ProfileTimer timer(m_profile, &Profile::decoding);
+    if (m_profile)
+        ++m_profile->rowsDecoded;
     if (TrackRow::read(statement, 0, m_dictionary, &row->stored))
         return DBResult::ok;
     return m_db.fail(SQLITE_CORRUPT, "a track row that cannot be read");

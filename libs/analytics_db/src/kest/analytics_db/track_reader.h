@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -43,8 +44,9 @@ namespace kest::analytics::db {
  * merged; without devices, each type is a range on (type, first appearance); otherwise the
  * first-appearance index. Ranges are bounded below by the longest track stored. Engine, box and
  * common words are tested on the rows of the range until the limit is reached. Words that are
- * not common enough for that go through FTS5, at once when a bounded count of their matches
- * shows them rare. Without devices its matches are walked in row id
+ * not common enough for that go through FTS5: when a bounded read of their matches shows them
+ * rare, those matches are all there is, and their rows are read by key. Otherwise, without
+ * devices the matches are walked in row id
  * order: row ids follow storing, which strays from first-appearance order by at most the lag the
  * storage records (kMaxLagKey), so the walk stops once no row further on can beat the answer
  * found. With devices, or when the lag is too wide for the walk to end soon, the index range is
@@ -53,6 +55,31 @@ namespace kest::analytics::db {
 class TrackReader
 {
 public:
+    /**
+     * Where the time of the searches went, summed while set (benchmarks): each part is timed
+     * apart, and the statements are what is left of the whole.
+     */
+    struct Profile
+    {
+        std::chrono::nanoseconds total{};
+        /** Open tracks tested and merged. */
+        std::chrono::nanoseconds openTracks{};
+        /** Track rows decoded into aggregates. */
+        std::chrono::nanoseconds decoding{};
+        /** Attribute sets tested row by row against the words. */
+        std::chrono::nanoseconds matcher{};
+        /** Aggregates turned into answers, positions read and decoded included. */
+        std::chrono::nanoseconds answers{};
+        std::int64_t rowsDecoded = 0;
+        std::int64_t rowsMatched = 0;
+        std::int64_t searches = 0;
+
+        std::chrono::nanoseconds statements() const
+        {
+            return total - openTracks - decoding - matcher - answers;
+        }
+    };
+
     /** Without `openTracks` only stored tracks are found. */
     explicit TrackReader(std::shared_ptr<const OpenTracksSnapshots> openTracks = nullptr);
 
@@ -64,8 +91,11 @@ public:
     /** The connection, for other read-only work of the same worker (activity counts). */
     sql::Database& database() { return m_db; }
 
-    /** Words of free text as an FTS5 query: each word a prefix, all of them needed. */
-    static std::string ftsQuery(const std::vector<std::string>& words);
+    /**
+     * Words of free text as an FTS5 query, all of them needed: each word a prefix, or without
+     * `prefixes` each word as it is.
+     */
+    static std::string ftsQuery(const std::vector<std::string>& words, bool prefixes = true);
 
     /**
      * Free text is first checked row by row while walking the time index, which finds common
@@ -85,8 +115,13 @@ public:
      * one letter, which have no prefix index, are not counted.
      */
     static constexpr std::int64_t kRareTextMatches = 256;
+    /** Words of at most this many characters have their own lists as prefixes (the schema's). */
+    static constexpr int kPrefixListChars = 3;
     /** Tests use it to take either way on small stores; 0 never counts. */
     void setRareTextMatches(std::int64_t matches) { m_rareTextMatches = matches; }
+
+    /** Null stops profiling; `profile` must outlive the searches made meanwhile. */
+    void setProfile(Profile* profile) { m_profile = profile; }
 
     struct Query;
     struct Row;
@@ -97,6 +132,10 @@ private:
         none,
         scan,
         rowWalk,
+        /** The rows of m_rareRows, every match of rare words, by key. */
+        rows,
+        /** The row id walk over prefixQuery()'s matches, each tested by the matcher. */
+        prefixWalk,
         index
     };
 
@@ -115,8 +154,20 @@ private:
     sql::DBResult loadPositions(const StoredTrack& stored, ObjectTrackEx* track);
     bool decodePositions(std::string_view run, std::int64_t baseUs,
                          std::vector<ObjectPosition>* out, bool positionsOnly);
-    /** Whether FTS5 matches the words fewer than m_rareTextMatches times. */
+    /**
+     * Whether FTS5 matches the words fewer than m_rareTextMatches times; if so, m_rareRows holds
+     * every match.
+     */
     sql::DBResult isRareText(bool* rare);
+    /**
+     * The query words cut to their first kPrefixListChars characters, as an FTS5 query of
+     * prefixes that have lists of their own: every track that the words match, and a few more.
+     * Empty when a word is shorter than two characters.
+     */
+    std::string prefixQuery() const;
+    /** The row ids that the FTS5 query `fts` matches, `limit` at most. */
+    sql::DBResult textMatches(const std::string& fts, std::int64_t limit,
+                              std::vector<std::int64_t>* rows);
 
     sql::Database m_db;
     std::shared_ptr<const OpenTracksSnapshots> m_openTracks;
@@ -125,10 +176,12 @@ private:
     std::int64_t m_maxSpanUs = 0;
     std::int64_t m_maxLagUs = -1;
     std::vector<std::string> m_words;
+    std::vector<std::int64_t> m_rareRows;
     bool m_textBudgetExceeded = false;
     bool m_walkGaveUp = false;
     std::int64_t m_textScanBudget = kTextScanBudget;
     std::int64_t m_rareTextMatches = kRareTextMatches;
+    Profile* m_profile = nullptr;
 };
 
 }  // namespace kest::analytics::db
