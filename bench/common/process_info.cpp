@@ -63,6 +63,21 @@ std::optional<double> ProcessInfo::residentMiB() const
     return statusMiB("VmRSS");
 }
 
+std::optional<ProcessInfo::ResidentParts> ProcessInfo::residentParts() const
+{
+    std::ifstream rollup(m_dir + "/smaps_rollup");
+    std::optional<double> rss, anonymous;
+    for (std::string line; std::getline(rollup, line);) {
+        if (line.starts_with("Rss:"))
+            rss = std::stod(line.substr(4)) / 1024.0;
+        else if (line.starts_with("Anonymous:"))
+            anonymous = std::stod(line.substr(10)) / 1024.0;
+    }
+    if (!rss || !anonymous)
+        return std::nullopt;
+    return ResidentParts{*anonymous, *rss - *anonymous};
+}
+
 std::optional<double> ProcessInfo::peakResidentMiB() const
 {
     return statusMiB("VmHWM");

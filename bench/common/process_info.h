@@ -16,6 +16,14 @@ public:
     explicit ProcessInfo(pid_t pid = 0);
 
     std::optional<double> residentMiB() const;
+    /** Resident anonymous memory (heap, stacks) and file-backed pages (mapped files, code), from
+     * smaps_rollup; they add up to the resident set. */
+    struct ResidentParts
+    {
+        double anonymousMiB = 0;
+        double fileMiB = 0;
+    };
+    std::optional<ResidentParts> residentParts() const;
     /** The highest resident set so far. */
     std::optional<double> peakResidentMiB() const;
     /** User and system CPU time of every thread. */

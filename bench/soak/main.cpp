@@ -254,7 +254,7 @@ int main(int argc, char** argv)
         options.searchesPerSecond);
     std::printf("%8s", "time_s");
     for (std::size_t i = 0; i < targets.size(); ++i)
-        std::printf("  rss%zu_MiB", i + 1);
+        std::printf("  rss%zu_MiB  anon%zu  file%zu", i + 1, i + 1, i + 1);
     std::printf("  %12s  %10s  %10s  %10s\n", "tracks_sent", "save_err", "searches", "search_err");
 
     const auto started = Clock::now();
@@ -276,6 +276,12 @@ int main(int argc, char** argv)
                     : kest::bench::ProcessInfo(pids[i]).residentMiB().value_or(-1);
             rss[i].push_back(mib);
             std::printf("  %9.1f", mib);
+            // Anonymous memory is what the process holds; file-backed pages (the store's mapped
+            // and cached pages, code) the kernel can reclaim.
+            const auto parts =
+                pids.empty() ? std::nullopt : kest::bench::ProcessInfo(pids[i]).residentParts();
+            std::printf("  %5.1f  %5.1f", parts ? parts->anonymousMiB : -1.0,
+                        parts ? parts->fileMiB : -1.0);
         }
         std::uint64_t sent = 0, saveErrors = 0;
         for (const auto& target : targets) {

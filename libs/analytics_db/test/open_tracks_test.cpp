@@ -289,6 +289,54 @@ TEST_F(OpenTracksTest, EndedTracksADeadlineLeavesWaitInTheJournalForLaterCommits
     EXPECT_EQ(count("journal"), 0);
 }
 
+// Tracks that do not end keep their runs in memory; past the bound those that hold the most are
+// written as they go, and every object is still there once they end.
+TEST_F(OpenTracksTest, TheOpenTracksStayWithinTheirMemoryBoundAndLoseNothing)
+{
+    constexpr int kTracks = 200;
+    constexpr int kBatches = 40;
+    constexpr int kPacketsPerBatch = 3;
+    constexpr std::size_t kBound = 64 * 1024;
+    // What one batch may add on top of the bound: a run per track (a few objects each).
+    constexpr std::size_t kBatchRuns = kTracks * (TrackWriter::kRunOverheadBytes + 160);
+    std::vector<int> tracks;
+    for (int i = 1; i <= kTracks; ++i)
+        tracks.push_back(i);
+    {
+        TrackWriter writer(std::make_shared<OpenTracksSnapshots>());
+        ASSERT_EQ(writer.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        writer.setMaxOpenTrackBytes(kBound);
+        std::int64_t at = 500 * kS;
+        for (int batch = 0; batch < kBatches; ++batch) {
+            std::vector<PacketPtr> packets;
+            for (int k = 0; k < kPacketsPerBatch; ++k, at += 40'000)
+                packets.push_back(packet(at, tracks));
+            ASSERT_EQ(writer.write(packets), sql::DBResult::ok);
+            ASSERT_LE(writer.openTrackBytes(), kBound + kBatchRuns) << batch;
+        }
+        // None has ended, and some were written for the memory they took.
+        EXPECT_EQ(writer.openTracks(), static_cast<std::size_t>(kTracks));
+        EXPECT_GT(count("track"), 0);
+        EXPECT_GT(writer.openTrackBytes(), 0u);
+
+        ASSERT_EQ(writer.closeTracks(false), sql::DBResult::ok);
+        EXPECT_EQ(writer.openTracks(), 0u);
+        EXPECT_EQ(writer.openTrackBytes(), 0u);
+    }
+    auto storage = open();
+    EXPECT_EQ(count("track"), kTracks);
+    EXPECT_EQ(count("journal"), 0);
+    for (const int n : {1, kTracks / 2, kTracks}) {
+        const auto found = fullTrack(*storage, n);
+        ASSERT_EQ(found.size(), 1u) << n;
+        const auto& positions = found[0].objectPositionSequence;
+        ASSERT_EQ(positions.size(), static_cast<std::size_t>(kBatches * kPacketsPerBatch)) << n;
+        for (std::size_t i = 0; i < positions.size(); ++i)
+            ASSERT_EQ(positions[i].timestampUs, 500 * kS + static_cast<std::int64_t>(i) * 40'000);
+    }
+}
+
 TEST_F(OpenTracksTest, AWrittenTrackHoldsExactlyWhatItsJournalRunsShowed)
 {
     // Small runs, each batch with its own attribute lists, one object arriving late and a best

@@ -62,7 +62,10 @@ bool EventsStorage::initialize(const Settings& settings)
     auto openTracks = std::make_shared<OpenTracksSnapshots>();
     auto activityIndex = std::make_shared<ActivityIndex>();
     auto writer = std::make_unique<TrackWriter>(openTracks);
-    if (const DBResult r = writer->open(file, settings.connection); r != DBResult::ok) {
+    writer->setMaxOpenTrackBytes(settings.maxOpenTrackBytes);
+    sql::ConnectionOptions writerOptions = settings.connection;
+    writerOptions.cacheSizeKb = settings.writerCacheSizeKb;
+    if (const DBResult r = writer->open(file, writerOptions); r != DBResult::ok) {
         KEST_ERROR(this, "Cannot open analytics database %1: %2 (%3)", file, r,
                    writer->database().lastError());
         return false;
@@ -530,9 +533,16 @@ void EventsStorage::writerLoop()
         // Freeing a batch's packets takes as long as a good part of writing them.
         if (!batch.empty())
             m_completions.post([released = std::move(batch)] {});
-        if ((count > 0 || freedTracks) && SteadyClock::now() >= m_nextHeapTrim) {
+        // Searches' views of tracks written since go once they are no longer the latest.
+        if (m_openTracks->dropSuperseded() > 0)
+            freedTracks = true;
+        if (count > 0 || freedTracks)
+            m_heapTrimPending = true;
+        if (m_heapTrimPending && SteadyClock::now() >= m_nextHeapTrim) {
             // After the packets it follows are freed, and off the writer: it takes milliseconds.
-            // Tracks that end once the packets stop are freed too, so the idle writer trims.
+            // Tracks that end once the packets stop are freed too, so the idle writer trims;
+            // and what was freed within the interval of the last trim is trimmed at its end.
+            m_heapTrimPending = false;
             m_nextHeapTrim = SteadyClock::now() + kHeapTrimInterval;
             m_completions.post([] { malloc_trim(0); });
         }

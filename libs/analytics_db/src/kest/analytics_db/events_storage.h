@@ -190,6 +190,8 @@ private:
     SteadyClock::time_point m_nextRetention;
     SteadyClock::time_point m_nextStoreMeasure;
     SteadyClock::time_point m_nextHeapTrim;
+    /** Something was freed since the last trim. */
+    bool m_heapTrimPending = false;
     std::string m_file;
 
     // Written without a lock on the ingest path; read by statistics() and isReady().

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -33,21 +35,46 @@ struct OpenTracks
 class OpenTracksSnapshots
 {
 public:
+    using Clock = std::chrono::steady_clock;
+
     /**
      * Commits kept: a search that falls further behind retries. A search takes its commit's
      * tracks right after it reads the seq, so a few suffice; each costs an index of every open
      * track (about 80 bytes a track), which at 32 kept was a quarter of the heap under ingest.
      */
     static constexpr std::size_t kKept = 8;
+    /**
+     * How long a commit's tracks are kept once a newer commit is published. Each holds the
+     * views of its time, and with them the runs of tracks that have been written since: kept
+     * until eight more commits came, the last ones of a load stayed for as long as the writer
+     * was idle (a third of the heap after a 20 s load).
+     */
+    static constexpr std::chrono::milliseconds kSupersededFor{1000};
 
-    void publish(std::shared_ptr<const OpenTracks> tracks);
+    void publish(std::shared_ptr<const OpenTracks> tracks, Clock::time_point now = Clock::now());
     void withdraw(std::int64_t seq);
+    /**
+     * Drops the commits superseded for kSupersededFor by `now` (the latest stays); how many.
+     * The writer calls it while idle, when no publish does.
+     */
+    std::size_t dropSuperseded(Clock::time_point now = Clock::now());
     /** Null when `seq` is not kept (any more). */
     std::shared_ptr<const OpenTracks> get(std::int64_t seq) const;
+    /** Commits kept now. */
+    std::size_t kept() const;
 
 private:
+    struct Kept
+    {
+        std::shared_ptr<const OpenTracks> tracks;
+        /** When the next commit was published; none for the latest. */
+        std::optional<Clock::time_point> supersededAt;
+    };
+    /** Under m_mutex; the dropped ones go to `dropped`, to be released outside the lock. */
+    void dropOld(Clock::time_point now, std::vector<std::shared_ptr<const OpenTracks>>* dropped);
+
     mutable Mutex m_mutex;
-    std::map<std::int64_t, std::shared_ptr<const OpenTracks>> m_bySeq;
+    std::map<std::int64_t, Kept> m_bySeq;
 };
 
 }  // namespace kest::analytics::db

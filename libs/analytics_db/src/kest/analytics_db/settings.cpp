@@ -22,6 +22,12 @@ void Settings::load(const ZuSettings& settings, const QString& group)
     const qlonglong queuedMb = settings.value(prefix + "maxQueuedMb").toLongLong(&ok);
     if (ok && queuedMb > 0)
         maxQueuedBytes = static_cast<std::size_t>(std::min<qlonglong>(queuedMb, 1 << 20)) << 20;
+    const int writerCache = settings.value(prefix + "writerCacheSizeKb").toInt(&ok);
+    if (ok && writerCache > 0)
+        writerCacheSizeKb = writerCache;
+    const qlonglong openMb = settings.value(prefix + "maxOpenTracksMb").toLongLong(&ok);
+    if (ok && openMb > 0)
+        maxOpenTrackBytes = static_cast<std::size_t>(std::min<qlonglong>(openMb, 1 << 20)) << 20;
     const QString ack = settings.value(prefix + "ackAfterCommit").toString().trimmed().toLower();
     if (ack == "true" || ack == "1" || ack == "yes" || ack == "on")
         ackAfterCommit = true;

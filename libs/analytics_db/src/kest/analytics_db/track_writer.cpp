@@ -38,6 +38,8 @@ struct TrackWriter::OpenTrack
     std::vector<std::int64_t> journalRows;
     std::vector<std::int64_t> pieceChunks;
     std::size_t pieceObjects = 0;
+    /** What `pieces` take in memory, about (see TrackWriter::kRunOverheadBytes). */
+    std::size_t pieceBytes = 0;
     /**
      * The position rows among pieceChunks, for the track's row when it is written. The other
      * runs are decoded from `pieces` then: kept decoded as well, an open track's objects took
@@ -72,6 +74,13 @@ constexpr const char* kSeqKey = "seq";
 constexpr const char* kNextRowIdKey = "nextRowId";
 constexpr const char* kMaxSpanKey = "maxSpanUs";
 constexpr const char* kDictionaryKey = "dictionary";
+
+/** Empties `container` and frees its room (`container = {}` assigns an empty list, room kept). */
+template <typename Container>
+void releaseRoom(Container& container)
+{
+    Container().swap(container);
+}
 
 /** Modular: spans of tracks whose times are near the ends of the range stay defined. */
 std::int64_t span(std::int64_t first, std::int64_t last)
@@ -222,6 +231,7 @@ DBResult TrackWriter::loadMeta()
 DBResult TrackWriter::recover()
 {
     m_open.clear();
+    m_openTrackBytes = 0;
     m_journal.clear();
     m_unreferencedJournalRows.clear();
     m_ends.clear();
@@ -368,7 +378,7 @@ DBResult TrackWriter::recover()
             if (track->deviceKey == 0) {
                 track->deviceKey = m_dictionary.key(Kind::device, UuidBytes(t.deviceId));
             }
-            track->pieces.push_back(std::make_shared<const std::string>(piece));
+            addPiece(*track, std::make_shared<const std::string>(piece));
             track->journalRows.push_back(journalRow);
             track->pieceChunks.push_back(chunk);
             track->pieceObjects += records.size();
@@ -625,6 +635,23 @@ void TrackWriter::decide(const std::vector<OpenTrack*>& touched, SteadyClock::ti
         if (t->pieceObjects + t->batch.size() >= kFlushObjects)
             take(t, flushing);
     }
+    if (m_openTrackBytes > m_maxOpenTrackBytes) {
+        // The tracks that hold the most first, down to three quarters of the bound, so that
+        // the next batches do not come back to it at once.
+        std::vector<std::pair<std::size_t, OpenTrack*>> largest;
+        for (const auto& [id, owned] : m_open) {
+            if (owned->pieceBytes > 0 && !owned->scheduled && !owned->ended)
+                largest.emplace_back(owned->pieceBytes, owned.get());
+        }
+        const std::size_t count = std::min(largest.size(), kMaxMemoryFlushesPerBatch);
+        std::partial_sort(largest.begin(), largest.begin() + count, largest.end(),
+                          [](const auto& a, const auto& b) { return a.first > b.first; });
+        std::size_t bytes = m_openTrackBytes;
+        for (std::size_t i = 0; i < count && bytes > m_maxOpenTrackBytes / 4 * 3; ++i) {
+            take(largest[i].second, flushing);
+            bytes -= largest[i].first;
+        }
+    }
     std::size_t agedTaken = 0;
     while (!m_journalAges.empty() && agedTaken < kMaxIdleClosesPerBatch &&
            now - m_journalAges.front().first >= kMaxJournalAge) {
@@ -668,6 +695,25 @@ DBResult TrackWriter::closeTracks(bool idleOnly, SteadyClock::time_point deadlin
         recover();
     }
     return result;
+}
+
+void TrackWriter::addPiece(OpenTrack& track, std::shared_ptr<const std::string> piece)
+{
+    const std::size_t bytes = piece->capacity() + kRunOverheadBytes;
+    track.pieceBytes += bytes;
+    m_openTrackBytes += bytes;
+    track.pieces.push_back(std::move(piece));
+}
+
+void TrackWriter::releaseQueues()
+{
+    // Every entry names a track that is no longer open; those of a device that sends nothing
+    // more would stay until it does.
+    releaseRoom(m_ends);
+    releaseRoom(m_idle);
+    releaseRoom(m_journalAges);
+    releaseRoom(m_ended);
+    releaseRoom(m_open);
 }
 
 std::int64_t TrackWriter::earliestOpenFirstUs() const
@@ -787,7 +833,7 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
                     t->journaledSince = now;
                     m_journalAges.push_back({now, t->stored.track.id});
                 }
-                t->pieces.push_back(piece);
+                addPiece(*t, piece);
                 t->journalRows.push_back(seq);
                 t->pieceChunks.push_back(chunk);
                 t->pieceObjects += t->batch.size();
@@ -883,21 +929,18 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     m_ended.erase(m_ended.begin(), m_ended.begin() + static_cast<std::ptrdiff_t>(closed));
     for (OpenTrack* t : touched) {
         t->inBatch = false;
-        // A backlog brings a track many objects in one batch; kept, that room would stay with
-        // every open track for as long as it is open.
-        if (t->batch.capacity() > kKeptBatchRoom) {
-            t->batch = {};
-            t->batchLists = {};
-            t->batchListSources = {};
-        }
-        t->batch.clear();
-        t->batchLists.clear();
-        t->batchListSources.clear();
+        // Kept for the next batch, the room would stay with every open track for as long as
+        // it is open: under a backlog 3 KB a track, a sixth of the heap.
+        releaseRoom(t->batch);
+        releaseRoom(t->batchLists);
+        releaseRoom(t->batchListSources);
     }
     for (OpenTrack* t : toWrite)
         t->scheduled = false;
     for (OpenTrack* t : toClose)
         m_open.erase(t->stored.track.id);
+    if (m_open.empty())
+        releaseQueues();
     m_checkpointer.restartIfLong(m_db);
     return DBResult::ok;
 }
@@ -1036,6 +1079,8 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     track.journalRows.clear();
     track.pieceChunks.clear();
     track.pieceObjects = 0;
+    m_openTrackBytes -= track.pieceBytes;
+    track.pieceBytes = 0;
     if (closing) {
         track.closing = true;  //< Removed once the commit is done.
         return DBResult::ok;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <string>
@@ -52,9 +53,10 @@ struct UuidHash
  * keeps every committed batch: on open, the journal's runs rebuild the open tracks. Searches see
  * the open tracks through the snapshots the writer publishes for each commit.
  *
- * A track that goes on for long is written before it ends (every kFlushObjects objects or after
- * kMaxJournalAge), and again when it ends: its row is then rewritten, its positions go to a
- * further chunk. So is a track that gets objects after it was written (a late packet).
+ * A track that goes on for long is written before it ends (every kFlushObjects objects, after
+ * kMaxJournalAge, or while the open tracks' runs take more memory than set), and again when it
+ * ends: its row is then rewritten, its positions go to a further chunk. So is a track that gets
+ * objects after it was written (a late packet).
  */
 class TrackWriter
 {
@@ -74,6 +76,10 @@ public:
     static constexpr std::size_t kDirectChunkObjects = 16;
     /** How long an open track's objects stay in the journal before they are written as a chunk. */
     static constexpr std::chrono::seconds kMaxJournalAge{60};
+    /** Tracks that a batch writes because the open tracks' runs take too much memory, at most. */
+    static constexpr std::size_t kMaxMemoryFlushesPerBatch = 1024;
+    /** What a run costs in memory besides its bytes: its string, shared pointer and blocks. */
+    static constexpr std::size_t kRunOverheadBytes = 96;
     /** Open tracks at most; past it the least recently seen ones are written. */
     static constexpr std::size_t kMaxOpenTracks = 200'000;
     /** Tracks that a batch writes for their age (not for their device's time) at most. */
@@ -89,6 +95,14 @@ public:
 
     TrackWriter(std::shared_ptr<OpenTracksSnapshots> snapshots);
     ~TrackWriter();
+
+    /**
+     * The memory that the open tracks' runs may take (estimated); past it, the tracks that hold
+     * the most are written as they go, until they take three quarters of it.
+     */
+    void setMaxOpenTrackBytes(std::size_t bytes) { m_maxOpenTrackBytes = bytes; }
+    /** What the open tracks' runs take now (estimated, as for setMaxOpenTrackBytes()). */
+    std::size_t openTrackBytes() const { return m_openTrackBytes; }
 
     /** Rows written and deleted from now on are published to `index` as they are committed. */
     void setActivityIndex(std::shared_ptr<ActivityIndex> index) { m_activity = std::move(index); }
@@ -148,7 +162,10 @@ private:
                          bool allEnded, SteadyClock::time_point deadline);
     sql::DBResult writeTrack(OpenTrack& track, bool closing);
     sql::DBResult storeMeta(const char* key, std::int64_t value);
+    /** Once no track is open: what the queues of decide() hold, and their room, go. */
+    void releaseQueues();
     void noteFirst(OpenTrack& track);
+    void addPiece(OpenTrack& track, std::shared_ptr<const std::string> piece);
     std::shared_ptr<const OpenTrackView> viewOf(const OpenTrack& track);
     std::shared_ptr<const OpenTracks> snapshot(std::int64_t seq);
     std::vector<std::string> wordsOf(const std::vector<common::metadata::Attribute>& attributes);
@@ -172,8 +189,6 @@ private:
         /** The tracks it had runs of; some may have ended. */
         std::vector<ZuUuid> tracks;
     };
-    /** Objects of a batch whose room an open track keeps for the next batch. */
-    static constexpr std::size_t kKeptBatchRoom = 16;
     /** Rows of this size at least whose runs have mostly ended are compacted. */
     static constexpr std::size_t kJournalCompactionBytes = 16 * 1024;
     /** Flags of a journal row's section: the track's id follows; its run is in a position row. */
@@ -201,6 +216,8 @@ private:
 
     /** The meta values as the store holds them, to write only those that change. */
     std::map<std::string, std::int64_t, std::less<>> m_storedMeta;
+    std::size_t m_maxOpenTrackBytes = std::numeric_limits<std::size_t>::max();
+    std::size_t m_openTrackBytes = 0;
     std::int64_t m_seq = 0;
     std::int64_t m_nextRowId = 1;
     std::int64_t m_nextChunkId = 1;

@@ -1,0 +1,67 @@
+// Searches take the open tracks of the commit they read; the writer keeps a few commits for them,
+// and lets go of those that newer ones have replaced for a while, so that the views (and the runs
+// of tracks written since) do not outlive the load that made them.
+
+#include <gtest/gtest.h>
+
+#include <kest/analytics_db/open_tracks_snapshots.h>
+
+namespace kest::analytics::db::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = OpenTracksSnapshots::Clock;
+
+const Clock::time_point kT0 = Clock::time_point{} + 1h;
+
+std::shared_ptr<const OpenTracks> commit(std::int64_t seq)
+{
+    auto tracks = std::make_shared<OpenTracks>();
+    tracks->seq = seq;
+    return tracks;
+}
+
+TEST(OpenTracksSnapshots, ASupersededCommitGoesAfterAWhileTheLatestStays)
+{
+    OpenTracksSnapshots snapshots;
+    snapshots.publish(commit(1), kT0);
+    snapshots.publish(commit(2), kT0 + 100ms);
+    const auto superseded = kT0 + 100ms;
+    EXPECT_EQ(snapshots.dropSuperseded(superseded + OpenTracksSnapshots::kSupersededFor - 1ms), 0u);
+    EXPECT_NE(snapshots.get(1), nullptr);
+    EXPECT_EQ(snapshots.dropSuperseded(superseded + OpenTracksSnapshots::kSupersededFor), 1u);
+    EXPECT_EQ(snapshots.get(1), nullptr);
+    // However long nothing follows, searches find the latest.
+    EXPECT_EQ(snapshots.dropSuperseded(kT0 + 24h), 0u);
+    ASSERT_NE(snapshots.get(2), nullptr);
+    EXPECT_EQ(snapshots.get(2)->seq, 2);
+
+    // A failed commit is withdrawn: the one before is the latest again, and stays.
+    snapshots.publish(commit(3), kT0 + 25h);
+    snapshots.withdraw(3);
+    EXPECT_EQ(snapshots.dropSuperseded(kT0 + 48h), 0u);
+    EXPECT_NE(snapshots.get(2), nullptr);
+    EXPECT_EQ(snapshots.get(3), nullptr);
+}
+
+TEST(OpenTracksSnapshots, FastCommitsKeepAFewAndASlowOneDropsThoseItOutlived)
+{
+    OpenTracksSnapshots snapshots;
+    constexpr std::int64_t kCommits = 20;
+    for (std::int64_t seq = 1; seq <= kCommits; ++seq)
+        snapshots.publish(commit(seq), kT0 + seq * 1ms);
+    EXPECT_EQ(snapshots.kept(), OpenTracksSnapshots::kKept);
+    const std::int64_t oldest = kCommits - static_cast<std::int64_t>(OpenTracksSnapshots::kKept);
+    EXPECT_EQ(snapshots.get(oldest), nullptr);
+    EXPECT_NE(snapshots.get(oldest + 1), nullptr);
+
+    // The next commit comes long after: the others were superseded long ago, the one it
+    // replaces only now.
+    snapshots.publish(commit(kCommits + 1), kT0 + 1h);
+    EXPECT_EQ(snapshots.kept(), 2u);
+    EXPECT_NE(snapshots.get(kCommits), nullptr);
+    EXPECT_NE(snapshots.get(kCommits + 1), nullptr);
+}
+
+}  // namespace
+}  // namespace kest::analytics::db::test
