@@ -310,12 +310,7 @@ void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
         std::unique_lock lock(m_inPlaceMutex, std::try_to_lock);
         if (lock.owns_lock() && m_inPlaceReader) {
             std::vector<ObjectTrackEx> tracks;
-            const ResultCode code = m_inPlaceReader->lookup(filter, &tracks);
-            if (code != ResultCode::ok) {
-                KEST_WARNING(this, "Analytics database lookup failed: %1",
-                             m_inPlaceReader->lastError());
-                tracks.clear();
-            }
+            const ResultCode code = lookupWith(*m_inPlaceReader, filter, &tracks);
             lock.unlock();
             completionHandler(code, std::move(tracks));
             return;
@@ -323,15 +318,21 @@ void EventsStorage::lookup(Filter filter, LookupHandler completionHandler)
     }
     queueLookup([this, filter = std::move(filter),
                  handler = std::move(completionHandler)](LookupWorker& worker) mutable {
-        TrackReader& reader = *worker.reader;
         std::vector<ObjectTrackEx> tracks;
-        const ResultCode code = reader.lookup(filter, &tracks);
-        if (code != ResultCode::ok) {
-            KEST_WARNING(this, "Analytics database lookup failed: %1", reader.lastError());
-            tracks.clear();
-        }
+        const ResultCode code = lookupWith(*worker.reader, filter, &tracks);
         handler(code, std::move(tracks));
     });
+}
+
+ResultCode EventsStorage::lookupWith(TrackReader& reader, const Filter& filter,
+                                     std::vector<ObjectTrackEx>* tracks)
+{
+    const ResultCode code = reader.lookup(filter, tracks);
+    if (code != ResultCode::ok) {
+        KEST_WARNING(this, "Analytics database lookup failed: %1", reader.lastError());
+        tracks->clear();
+    }
+    return code;
 }
 
 bool EventsStorage::answersInPlace(const Filter& filter)

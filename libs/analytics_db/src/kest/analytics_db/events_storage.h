@@ -145,6 +145,9 @@ private:
     void writerLoop();
     void lookupLoop(int worker);
     void queueLookup(LookupTask task);
+    /** A search by `reader`, logged when it fails; no tracks then. */
+    ResultCode lookupWith(TrackReader& reader, const Filter& filter,
+                          std::vector<ObjectTrackEx>* tracks);
     /** Writes what it can of `batch` by `deadline`; `taken`: how many packets it took. */
     bool writeBatch(const std::vector<PacketPtr>& batch, SteadyClock::time_point deadline,
                     std::size_t* taken);

@@ -5,6 +5,7 @@
 #include <QString>
 #include <algorithm>
 #include <limits>
+#include <span>
 #include <tuple>
 #include <unordered_set>
 
@@ -469,28 +470,21 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
             return r;
         return walk(q, rows, &m_walkGaveUp);
     }
-    if (textMode == TextMode::rows) {
-        for (const std::int64_t rowId : m_rareRows) {
-            q.rowId = rowId;
-            if (q.partitions.empty()) {
-                if (auto r = select(q, 0, rows); r != DBResult::ok)
-                    return r;
-            }
-            for (const std::int64_t partition : q.partitions) {
-                if (auto r = select(q, partition, rows); r != DBResult::ok)
-                    return r;
-            }
-        }
-    } else if (q.partitions.empty()) {
+    if (q.partitions.empty() && textMode != TextMode::rows)
         return select(q, 0, rows);
-    }
     // One index range per device (or type), each already limited, then merged: cost follows
-    // the answer, not the number of tracks of the devices.
-    for (const std::int64_t partition : q.partitions) {
-        if (textMode == TextMode::rows)
-            break;
-        if (auto r = select(q, partition, rows); r != DBResult::ok)
-            return r;
+    // the answer, not the number of tracks of the devices. Known matches are read row by row.
+    const std::int64_t none = 0;
+    const std::span<const std::int64_t> partitions =
+        q.partitions.empty() ? std::span(&none, 1) : std::span(q.partitions);
+    const std::span<const std::int64_t> rowIds =
+        textMode == TextMode::rows ? std::span(m_rareRows) : std::span(&none, 1);
+    for (const std::int64_t rowId : rowIds) {
+        q.rowId = rowId;
+        for (const std::int64_t partition : partitions) {
+            if (auto r = select(q, partition, rows); r != DBResult::ok)
+                return r;
+        }
     }
     std::sort(rows->begin(), rows->end(), [&](const Row& a, const Row& b) {
         return q.ascending ? a.key() < b.key() : b.key() < a.key();
