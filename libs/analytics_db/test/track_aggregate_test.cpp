@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <iomanip>
 #include <limits>
 #include <numeric>
 #include <random>
@@ -178,6 +181,35 @@ TEST(ObjectRun, CoordinatesComeBackWithinAMillionthAndShortDecimalsExactly)
         ASSERT_TRUE(units) << v;  //< A random double is no short decimal.
         ASSERT_LE(std::fabs(FixedPoint::value(*units) - v), 1e-6) << v;
     }
+}
+
+// The decade of a value decides which digits count: the values next to each power of ten, and
+// short decimals at every scale, are judged as their shortest text would judge them.
+TEST(ObjectRun, ShortDecimalsAreTheValuesThatSixDigitsOfTextGiveBack)
+{
+    const auto byText = [](double v) {
+        char text[32];
+        std::snprintf(text, sizeof(text), "%.6g", v);
+        return std::strtod(text, nullptr) == v;
+    };
+    std::vector<double> values;
+    for (int exponent = -20; exponent <= 8; ++exponent) {
+        const double power = std::pow(10.0, exponent);
+        for (const double v : {power, std::nextafter(power, 0.0), std::nextafter(power, 1e300),
+                               power * 9.99999, power * 1.00001, power * 1.234567}) {
+            values.push_back(v);
+            values.push_back(-v);
+        }
+    }
+    std::mt19937_64 random(11);
+    for (int i = 0; i < 20000; ++i) {
+        const int exponent = std::uniform_int_distribution<>(-18, 7)(random);
+        const int digits = std::uniform_int_distribution<>(1, 999999)(random);
+        values.push_back(digits * std::pow(10.0, exponent - 5));
+        values.push_back(std::uniform_real_distribution<>(0, 2)(random) * std::pow(10.0, exponent));
+    }
+    for (const double v : values)
+        ASSERT_EQ(FixedPoint::isShortDecimal(v), byText(v)) << std::setprecision(17) << v;
 }
 
 TEST(ObjectRun, RecordsRoundTripAndMalformedBytesAreRefused)
