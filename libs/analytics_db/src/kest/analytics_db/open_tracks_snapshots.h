@@ -8,9 +8,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include <boost/unordered/unordered_flat_map.hpp>
+
 #include <kest/utils/mutex.h>
 
 #include "open_track_view.h"
+#include "uuid_hash.h"
 
 namespace kest::analytics::db {
 
@@ -20,8 +23,11 @@ struct OpenTracks
     /** The commit, as the store's "seq" meta value names it. */
     std::int64_t seq = 0;
     std::vector<std::shared_ptr<const OpenTrackView>> tracks;
-    /** Indexes into `tracks`: by track id, and by device. */
-    std::unordered_map<ZuUuid, std::size_t> byId;
+    /**
+     * Indexes into `tracks`: by track id (flat: made anew for every commit, one block where a
+     * chained map took one per track), and by device.
+     */
+    boost::unordered_flat_map<ZuUuid, std::size_t, UuidHash> byId;
     std::unordered_map<ZuUuid, std::vector<std::size_t>> byDevice;
     /** Those that the store holds an older row of, by row id. */
     std::vector<std::int64_t> replacedRows;

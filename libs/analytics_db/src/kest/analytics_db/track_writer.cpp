@@ -61,6 +61,15 @@ struct TrackWriter::OpenTrack
     bool ended = false;
     SteadyClock::time_point endedAt;
 
+    /**
+     * The keys of the type and engine of its latest object: a track's objects repeat them, and
+     * each lookup in the dictionary hashed the text.
+     */
+    std::string lastType;
+    ZuUuid lastEngine;
+    std::uint32_t lastTypeKey = 0;
+    std::uint32_t lastEngineKey = 0;
+
     // The objects of the batch in hand, with their attribute lists.
     bool inBatch = false;
     std::vector<ObjectRecord> batch;
@@ -239,6 +248,7 @@ DBResult TrackWriter::recover()
     m_journalAges.clear();
     m_ended.clear();
     m_dictionary.dropUnsaved();
+    m_deviceKeys.clear();
     if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
         return r;
     if (auto r = loadMeta(); r != DBResult::ok)
@@ -440,6 +450,14 @@ DBResult TrackWriter::findStored(const ZuUuid& id, std::int64_t rowId, StoredTra
     return result;
 }
 
+std::uint32_t TrackWriter::keyOfDevice(const ZuUuid& device)
+{
+    const auto [it, added] = m_deviceKeys.try_emplace(device, 0);
+    if (added)
+        it->second = m_dictionary.key(Kind::device, UuidBytes(device));
+    return it->second;
+}
+
 TrackWriter::OpenTrack* TrackWriter::openTrackFor(const ZuUuid& id, DBResult* result)
 {
     if (auto it = m_open.find(id); it != m_open.end())
@@ -495,8 +513,16 @@ void TrackWriter::addObject(OpenTrack& track, const ObjectMetadataPacket& packet
     r.timestampUs = packet.timestampUs;
     r.durationUs = packet.durationUs;
     r.device = deviceKey;
-    r.type = m_dictionary.key(Kind::type, object.typeId);
-    r.engine = m_dictionary.key(Kind::engine, UuidBytes(object.analyticsEngineId));
+    if (track.lastTypeKey == 0 || track.lastType != object.typeId) {
+        track.lastType = object.typeId;
+        track.lastTypeKey = m_dictionary.key(Kind::type, object.typeId);
+    }
+    if (track.lastEngineKey == 0 || track.lastEngine != object.analyticsEngineId) {
+        track.lastEngine = object.analyticsEngineId;
+        track.lastEngineKey = m_dictionary.key(Kind::engine, UuidBytes(object.analyticsEngineId));
+    }
+    r.type = track.lastTypeKey;
+    r.engine = track.lastEngineKey;
     r.kind = static_cast<std::uint8_t>(object.objectMetadataType);
     r.stream = static_cast<std::uint8_t>(static_cast<int>(packet.streamIndex) + 1);
     r.box = object.boundingBox;
@@ -526,7 +552,7 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
             break;
         }
         const auto& packet = packets[i];
-        const std::uint32_t deviceKey = m_dictionary.key(Kind::device, UuidBytes(packet->deviceId));
+        const std::uint32_t deviceKey = keyOfDevice(packet->deviceId);
         auto [time, inserted] = m_deviceTime.try_emplace(deviceKey, packet->timestampUs);
         if (!inserted)
             time->second = std::max(time->second, packet->timestampUs);
@@ -937,8 +963,10 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     }
     for (OpenTrack* t : toWrite)
         t->scheduled = false;
-    for (OpenTrack* t : toClose)
-        m_open.erase(t->stored.track.id);
+    for (OpenTrack* t : toClose) {
+        const ZuUuid id = t->stored.track.id;  //< The key must outlive the track it is in.
+        m_open.erase(id);
+    }
     if (m_open.empty())
         releaseQueues();
     m_checkpointer.restartIfLong(m_db);
