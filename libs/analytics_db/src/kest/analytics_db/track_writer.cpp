@@ -102,20 +102,20 @@ std::int64_t span(std::int64_t first, std::int64_t last)
  * A journal row as stored: its size, then the row compressed (zlib, fastest level): runs of one
  * batch repeat their attribute lists and headers, and what is journaled is written again later.
  */
-std::string packJournal(const std::string& row)
+bool packJournal(const std::string& row, std::string* out)
 {
-    std::string out;
-    ByteWriter w(&out);
+    out->clear();
+    ByteWriter w(out);
     w.putVarint(row.size());
-    const std::size_t header = out.size();
+    const std::size_t header = out->size();
     uLongf size = compressBound(row.size());
-    out.resize(header + size);
-    if (compress2(reinterpret_cast<Bytef*>(out.data() + header), &size,
+    out->resize(header + size);
+    if (compress2(reinterpret_cast<Bytef*>(out->data() + header), &size,
                   reinterpret_cast<const Bytef*>(row.data()), row.size(), 1) != Z_OK) {
-        return {};
+        return false;
     }
-    out.resize(header + size);
-    return out;
+    out->resize(header + size);
+    return true;
 }
 
 bool unpackJournal(std::string_view stored, std::string* row)
@@ -541,7 +541,8 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
         return r;
     if (m_activity)
         m_activity->discardStaged();
-    std::vector<OpenTrack*> touched;
+    std::vector<OpenTrack*>& touched = m_touched;
+    touched.clear();
     DBResult result = DBResult::ok;
     const auto now = SteadyClock::now();
     for (std::size_t i = 0; i < packets.size(); ++i) {
@@ -740,6 +741,16 @@ void TrackWriter::releaseQueues()
     releaseRoom(m_journalAges);
     releaseRoom(m_ended);
     releaseRoom(m_open);
+    releaseRoom(m_touched);
+    releaseRoom(m_journaled);
+    releaseRoom(m_toClose);
+    releaseRoom(m_sections);
+    releaseRoom(m_journalData);
+    releaseRoom(m_journalPacked);
+    releaseRoom(m_positions);
+    releaseRoom(m_positionLists);
+    releaseRoom(m_records);
+    releaseRoom(m_recordLists);
 }
 
 std::int64_t TrackWriter::earliestOpenFirstUs() const
@@ -768,7 +779,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
                              SteadyClock::time_point deadline)
 {
     const std::int64_t seq = m_seq + 1;
-    std::vector<OpenTrack*> journaled;
+    std::vector<OpenTrack*>& journaled = m_journaled;
+    journaled.clear();
     for (OpenTrack* t : toWrite) {
         if (auto r = writeTrack(*t, false); r != DBResult::ok)
             return r;
@@ -776,7 +788,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     // Ended tracks are written together, a while after they ended: the index pages that every
     // commit of tracks touches are then written once for many tracks, not once per batch. Those
     // that the deadline leaves stay ended, first in line for the next commit.
-    std::vector<OpenTrack*> toClose;
+    std::vector<OpenTrack*>& toClose = m_toClose;
+    toClose.clear();
     std::size_t closed = 0;
     if (endedDue(SteadyClock::now(), allEnded)) {
         for (; closed < m_ended.size(); ++closed) {
@@ -797,7 +810,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     // The runs of this batch's tracks that go on, one journal row for the batch. Runs that are
     // all that is left of a row of mostly ended tracks move along, so that the row goes: the
     // journal stays a few times the size of what the open tracks hold.
-    std::vector<std::pair<OpenTrack*, std::size_t>> sections;  //< Track, its piece; -1: batch.
+    auto& sections = m_sections;  //< Track, its piece; -1: batch.
+    sections.clear();
     constexpr std::size_t kBatchPiece = static_cast<std::size_t>(-1);
     for (OpenTrack* t : touched) {
         if (!t->scheduled && !t->batch.empty())
@@ -828,7 +842,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
     const auto now = SteadyClock::now();
     if (!sections.empty()) {
-        std::string data;
+        std::string& data = m_journalData;
+        data.clear();
         ByteWriter w(&data);
         w.putVarint(sections.size());
         std::int64_t previousRowId = 0;
@@ -894,8 +909,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         }
         entry.bytes = data.size();
         m_journal[seq] = std::move(entry);
-        const std::string packed = packJournal(data);
-        if (packed.empty())
+        std::string& packed = m_journalPacked;
+        if (!packJournal(data, &packed))
             return m_db.fail(1 /*SQLITE_ERROR*/, "compressing a journal row");
         auto* s = m_db.cached("INSERT INTO journal(id, data) VALUES(?, ?)");
         if (!s)
@@ -979,11 +994,13 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     TrackAggregate& t = stored.track;
 
     // Every position since the track was last written, with their attribute lists merged.
-    std::vector<ObjectRecord> positions;
-    std::vector<AttributeList> lists;
+    std::vector<ObjectRecord>& positions = m_positions;
+    std::vector<AttributeList>& lists = m_positionLists;
+    positions.clear();
+    lists.clear();
     {
-        std::vector<ObjectRecord> records;
-        std::vector<AttributeList> recordLists;
+        std::vector<ObjectRecord>& records = m_records;
+        std::vector<AttributeList>& recordLists = m_recordLists;
         for (std::size_t i = 0; i < track.pieces.size(); ++i) {
             if (track.pieceChunks[i] != 0)
                 continue;
