@@ -60,6 +60,11 @@ bool EventsStorage::initialize(const Settings& settings)
     const std::string file = QDir(settings.path).filePath(kFileName).toStdString();
 
     auto openTracks = std::make_shared<OpenTracksSnapshots>();
+    // Freeing a superseded commit's index of the open tracks took the writer as long as making
+    // the next one; the thread that frees written packets does it.
+    openTracks->setReleaser([this](OpenTracksSnapshots::Dropped dropped) {
+        m_completions.post([released = std::move(dropped)] {});
+    });
     auto activityIndex = std::make_shared<ActivityIndex>();
     auto writer = std::make_unique<TrackWriter>(openTracks);
     writer->setMaxOpenTrackBytes(settings.maxOpenTrackBytes);

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -42,6 +43,9 @@ class OpenTracksSnapshots
 {
 public:
     using Clock = std::chrono::steady_clock;
+    using Dropped = std::vector<std::shared_ptr<const OpenTracks>>;
+    /** Takes the commits that publish() and dropSuperseded() drop, to release them elsewhere. */
+    using Releaser = std::function<void(Dropped)>;
 
     /**
      * Commits kept: a search that falls further behind retries. A search takes its commit's
@@ -56,6 +60,13 @@ public:
      * was idle (a third of the heap after a 20 s load).
      */
     static constexpr std::chrono::milliseconds kSupersededFor{1000};
+
+    /**
+     * Commits that are dropped go to `releaser`, from then on: an index of every open track and
+     * the views that only it held, whose freeing took the writer as long as making a new one.
+     * Without one they are released by the caller of publish() and dropSuperseded().
+     */
+    void setReleaser(Releaser releaser);
 
     void publish(std::shared_ptr<const OpenTracks> tracks, Clock::time_point now = Clock::now());
     void withdraw(std::int64_t seq);
@@ -76,10 +87,15 @@ private:
         /** When the next commit was published; none for the latest. */
         std::optional<Clock::time_point> supersededAt;
     };
+    void publishLocked(std::shared_ptr<const OpenTracks> tracks, Clock::time_point now,
+                       Dropped* dropped);
     /** Under m_mutex; the dropped ones go to `dropped`, to be released outside the lock. */
-    void dropOld(Clock::time_point now, std::vector<std::shared_ptr<const OpenTracks>>* dropped);
+    void dropOld(Clock::time_point now, Dropped* dropped);
+    /** Outside m_mutex. */
+    void release(Dropped dropped);
 
     mutable Mutex m_mutex;
+    Releaser m_releaser;
     std::map<std::int64_t, Kept> m_bySeq;
 };
 
