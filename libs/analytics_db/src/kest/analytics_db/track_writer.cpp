@@ -1195,13 +1195,19 @@ std::shared_ptr<const OpenTracks> TrackWriter::snapshot(std::int64_t seq)
     tracks->seq = seq;
     tracks->tracks.reserve(m_open.size());
     tracks->byId.reserve(m_open.size());
+    // The lists of the devices by the writer's own hash: the map's hashed the id's text each time.
+    boost::unordered_flat_map<ZuUuid, std::vector<std::size_t>*, UuidHash> deviceLists;
     for (const auto& [id, owned] : m_open) {
         if (!owned->view || owned->closing)
             continue;
         const std::size_t index = tracks->tracks.size();
         tracks->tracks.push_back(owned->view);
         tracks->byId.emplace(id, index);
-        tracks->byDevice[owned->view->stored.track.deviceId].push_back(index);
+        const ZuUuid& device = owned->view->stored.track.deviceId;
+        auto [list, added] = deviceLists.try_emplace(device, nullptr);
+        if (added)
+            list->second = &tracks->byDevice[device];
+        list->second->push_back(index);
         if (owned->view->hasRow)
             tracks->replacedRows.push_back(owned->view->stored.rowId);
     }
