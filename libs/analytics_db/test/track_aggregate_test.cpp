@@ -9,6 +9,7 @@
 #include <numeric>
 #include <random>
 
+#include <kest/analytics_db/attribute_coder.h>
 #include <kest/analytics_db/bounding_box_grid.h>
 #include <kest/analytics_db/fixed_point.h>
 #include <kest/analytics_db/object_run.h>
@@ -210,6 +211,41 @@ TEST(ObjectRun, ShortDecimalsAreTheValuesThatSixDigitsOfTextGiveBack)
     }
     for (const double v : values)
         ASSERT_EQ(FixedPoint::isShortDecimal(v), byText(v)) << std::setprecision(17) << v;
+}
+
+// A value earns a dictionary key once a second stored track carries it; until then, and when it
+// is long, it is written out. Either way it decodes to what was given.
+TEST(AttributeCoder, ValuesGetAKeyOnTheirSecondStoredTrackAndDecodeAlike)
+{
+    StoreDictionary dictionary;
+    AttributeCoder coder(dictionary);
+    const common::metadata::Attribute red{"color", "red"};
+    const common::metadata::Attribute plate{"plate", "KX 4821"};
+    const common::metadata::Attribute crimson{"colour", "red"};  //< Same value, other name.
+    const common::metadata::Attribute longValue{"note", std::string(80, 'x')};
+    const auto roundTrip = [&](const common::metadata::Attribute& a) {
+        const AttributeCode code = coder.encode(a);
+        EXPECT_EQ(AttributeCoder::decode(code, dictionary), a) << a.name;
+        return code;
+    };
+    for (const auto& a : {red, plate, crimson, longValue}) {
+        EXPECT_EQ(roundTrip(a).pair, 0u) << a.name;
+        coder.noteStored(a);
+        EXPECT_EQ(roundTrip(a).pair, 0u) << a.name;
+    }
+    coder.noteStored(red);
+    coder.noteStored(longValue);
+    const AttributeCode keyed = roundTrip(red);
+    EXPECT_NE(keyed.pair, 0u);
+    EXPECT_EQ(roundTrip(crimson).pair, 0u);
+    EXPECT_EQ(roundTrip(plate).pair, 0u);
+    EXPECT_EQ(roundTrip(longValue).pair, 0u);
+    // Once keyed, further tracks change nothing.
+    coder.noteStored(red);
+    EXPECT_EQ(roundTrip(red).pair, keyed.pair);
+    coder.noteStored(crimson);
+    EXPECT_NE(roundTrip(crimson).pair, 0u);
+    EXPECT_NE(roundTrip(crimson).pair, keyed.pair);
 }
 
 TEST(ObjectRun, RecordsRoundTripAndMalformedBytesAreRefused)
