@@ -579,11 +579,13 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
     storage->closeOpenTracks();
 
     // The row by row test, which never counts matches, is the reference.
-    const auto read = [&](const Filter& f, std::int64_t rareMatches) {
+    const auto read = [&](const Filter& f, std::int64_t rareMatches,
+                          std::int64_t scanBudget = TrackReader::kTextScanBudget) {
         TrackReader reader;
         EXPECT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
                   sql::DBResult::ok);
         reader.setRareTextMatches(rareMatches);
+        reader.setTextScanBudget(scanBudget);
         std::vector<ObjectTrackEx> found;
         EXPECT_EQ(reader.lookup(f, &found), ResultCode::ok);
         std::vector<std::int64_t> out;
@@ -598,9 +600,10 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
     EXPECT_EQ(read(filter, TrackReader::kRareTextMatches), std::vector<std::int64_t>{11});
 
     // Few matches of one word (4821, blx), of a word of three characters (mid: 120 tracks, more
-    // than a few but rare), words that are only common together, and a one-letter word.
-    for (const char* text : {"BL 4821", "4821 bl blue", "blx bl", "4821 qx", "4821 mid", "mid bl",
-                             "mid 90", "black blue", "4821 b", "48 bl", "nothing bl"}) {
+    // than a few but rare), words that are only rare together, a one-letter word, common words.
+    for (const char* text :
+         {"BL 4821", "4821 bl blue", "blx bl", "4821 qx", "4821 mid", "mid bl", "mid 90",
+          "black blue", "4821 b", "48 bl", "nothing bl", "bl", "blue"}) {
         for (const auto order : {SortOrder::asc, SortOrder::desc}) {
             for (const int limit : {0, 1}) {
                 Filter f;
@@ -608,7 +611,11 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
                 f.sortOrder = order;
                 f.maxObjectTracksToSelect = limit;
                 EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                // One device at any time: common words go to the index without testing rows
+                // one by one first when that would take more than its budget.
                 f.deviceIds = {kDeviceA};
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches, 10), read(f, 0)) << text << limit;
                 f.timePeriod = ZuTimePeriod(1'000 + 5, 10'000);
                 EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
             }

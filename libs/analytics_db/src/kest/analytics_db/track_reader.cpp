@@ -179,7 +179,7 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
     const ProfileTimer timer(self->m_profile, &Profile::matcher);
     if (self->m_profile)
         ++self->m_profile->rowsMatched;
-    if (self->m_textBudgetApplies && self->m_matcher.checks() >= self->m_textScanBudget) {
+    if (self->m_textBudgetApplies && self->m_matcher.checks() >= self->m_scanBudget) {
         self->m_textBudgetExceeded = true;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
         return;
@@ -263,6 +263,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     m_matcher.setQuery(m_words);
     m_textBudgetExceeded = false;
     m_walkGaveUp = false;
+    m_rareRowsTested = false;
+    m_scanBudget = m_textScanBudget;
 
     if (filter.timePeriod.durationMs < 0 && !filter.timePeriod.isInfinite())
         return DBResult::ok;
@@ -306,6 +308,11 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
             return r;
         rareRows = rare;
     }
+    bool skipScan = false;
+    if (!rare && !m_words.empty() && !filter.deviceIds.empty()) {
+        if (auto r = scanBudget(filter, &skipScan); r != DBResult::ok)
+            return r;
+    }
     const auto extra = static_cast<std::int64_t>(replaced.size());
     std::vector<Row> stored;
     // Rare words start where a row by row test that found nothing would have gone next.
@@ -326,10 +333,10 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
             m_textBudgetExceeded = false;
             result = run(filter, TextMode::scan, extra, &stored);
         }
-    } else if (!rare) {
+    } else if (!rare && !skipScan) {
         result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, extra, &stored);
     }
-    if ((rare && !rareRows) || (result != DBResult::ok && m_textBudgetExceeded)) {
+    if ((rare && !rareRows) || skipScan || (result != DBResult::ok && m_textBudgetExceeded)) {
         stored.clear();
         m_db.resetCached();
         result = run(filter, TextMode::rowWalk, extra, &stored);
@@ -400,6 +407,7 @@ DBResult TrackReader::isRareText(bool* rare)
 {
     *rare = false;
     m_rareRowsTested = false;
+    m_rareRows.clear();
     if (m_rareTextMatches <= 0)
         return DBResult::ok;
     std::vector<int> chars;
@@ -458,6 +466,44 @@ DBResult TrackReader::rareCandidates(const std::vector<int>& chars, bool* rare)
             m_rareRowsTested = true;
             return DBResult::ok;
         }
+    }
+    return DBResult::ok;
+}
+
+DBResult TrackReader::scanBudget(const Filter& filter, bool* skipScan)
+{
+    // The first matches that the count read (in row id order) and how far apart they lie tell
+    // about how many there are in all.
+    if (m_textScanBudget <= 0 || m_rareRows.size() < 2)
+        return DBResult::ok;
+    // Row ids are given in storing order and only the oldest are deleted: their span is close to
+    // the count of tracks, in two index lookups.
+    auto* s = m_db.cached("SELECT (SELECT max(id) FROM track) - (SELECT min(id) FROM track) + 1");
+    if (!s)
+        return m_db.lastResult();
+    const double tracks = s->step() && !s->isNull(0) ? static_cast<double>(s->int64(0)) : 0.0;
+    if (s->result() != DBResult::ok)
+        return s->result();
+    s->reset();
+    const double span = static_cast<double>(m_rareRows.back() - m_rareRows.front() + 1);
+    const double matches = static_cast<double>(m_rareRows.size()) * tracks / std::max(span, 1.0);
+    // The devices' rows, as if all devices had as many.
+    const double devices = static_cast<double>(
+        std::max<std::size_t>(1, m_dictionary.size(StoreDictionary::Kind::device)));
+    const double deviceRows =
+        std::min(tracks, tracks * static_cast<double>(filter.deviceIds.size()) / devices);
+    // What reading the matches and walking the devices' index ranges costs, in rows tested.
+    const double indexRows = (matches + deviceRows) / kMatchesPerRow;
+    m_scanBudget = std::max(m_textScanBudget, static_cast<std::int64_t>(indexRows));
+    // At any time, the row by row test ends after about as many rows as hold the answer, if the
+    // words are spread evenly, else with the devices' rows; when that is past its budget, it is
+    // not begun. Within a period the range is shorter, by how much is not known.
+    if (filter.timePeriod.startTimeMs <= 0 && filter.timePeriod.isInfinite()) {
+        const double answer =
+            filter.maxObjectTracksToSelect > 0
+                ? std::min(deviceRows, filter.maxObjectTracksToSelect * tracks / matches)
+                : deviceRows;
+        *skipScan = answer > static_cast<double>(m_scanBudget);
     }
     return DBResult::ok;
 }
