@@ -179,7 +179,7 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
     const ProfileTimer timer(self->m_profile, &Profile::matcher);
     if (self->m_profile)
         ++self->m_profile->rowsMatched;
-    if (self->m_matcher.checks() >= self->m_textScanBudget) {
+    if (self->m_textBudgetApplies && self->m_matcher.checks() >= self->m_scanBudget) {
         self->m_textBudgetExceeded = true;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
         return;
@@ -263,6 +263,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     m_matcher.setQuery(m_words);
     m_textBudgetExceeded = false;
     m_walkGaveUp = false;
+    m_rareRowsTested = false;
+    m_scanBudget = m_textScanBudget;
 
     if (filter.timePeriod.durationMs < 0 && !filter.timePeriod.isInfinite())
         return DBResult::ok;
@@ -306,6 +308,11 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
             return r;
         rareRows = rare;
     }
+    bool skipScan = false;
+    if (!rare && !m_words.empty() && !filter.deviceIds.empty()) {
+        if (auto r = scanBudget(filter, &skipScan); r != DBResult::ok)
+            return r;
+    }
     const auto extra = static_cast<std::int64_t>(replaced.size());
     std::vector<Row> stored;
     // Rare words start where a row by row test that found nothing would have gone next.
@@ -326,10 +333,10 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
             m_textBudgetExceeded = false;
             result = run(filter, TextMode::scan, extra, &stored);
         }
-    } else if (!rare) {
+    } else if (!rare && !skipScan) {
         result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, extra, &stored);
     }
-    if ((rare && !rareRows) || (result != DBResult::ok && m_textBudgetExceeded)) {
+    if ((rare && !rareRows) || skipScan || (result != DBResult::ok && m_textBudgetExceeded)) {
         stored.clear();
         m_db.resetCached();
         result = run(filter, TextMode::rowWalk, extra, &stored);
@@ -399,22 +406,29 @@ bool TrackReader::matchesOpen(const Filter& filter, const OpenTrackView& view) c
 DBResult TrackReader::isRareText(bool* rare)
 {
     *rare = false;
+    m_rareRowsTested = false;
+    m_rareRows.clear();
     if (m_rareTextMatches <= 0)
         return DBResult::ok;
-    // A one-letter prefix stands for every word starting with it ("t" of "t-shirt"): FTS5 would
-    // merge all their lists, which costs more than the row by row test it is meant to spare.
+    std::vector<int> chars;
     for (const std::string& word : m_words) {
-        if (QString::fromStdString(word).size() < 2)
+        chars.push_back(static_cast<int>(QString::fromStdString(word).size()));
+        // A one-letter prefix stands for every word starting with it ("t" of "t-shirt"): FTS5
+        // would merge all their lists, which costs more than the row by row test it spares.
+        if (chars.back() < 2)
             return DBResult::ok;
+    }
+    if (m_words.size() > 1) {
+        if (auto r = rareCandidates(chars, rare); r != DBResult::ok || *rare)
+            return r;
     }
     // A prefix that the index has no list of is the merge of the lists of every word starting
     // with it, built whole before the first match comes out: milliseconds for a common word. The
     // words as they are match a subset of what their prefixes match, from lists read as far as
     // needed, so when they alone are common the prefixes are too. Words of two and three
     // characters have lists of their own as prefixes, and need no such test.
-    const bool prefixLists = std::all_of(m_words.begin(), m_words.end(), [](const auto& word) {
-        return QString::fromStdString(word).size() <= kPrefixListChars;
-    });
+    const bool prefixLists =
+        std::all_of(chars.begin(), chars.end(), [](int n) { return n <= kPrefixListChars; });
     if (!prefixLists) {
         if (auto r =
                 textMatches(ftsQuery(m_words, /*prefixes*/ false), m_rareTextMatches, &m_rareRows);
@@ -426,6 +440,94 @@ DBResult TrackReader::isRareText(bool* rare)
     if (auto r = textMatches(ftsQuery(m_words), m_rareTextMatches, &m_rareRows); r != DBResult::ok)
         return r;
     *rare = static_cast<std::int64_t>(m_rareRows.size()) < m_rareTextMatches;
+    return DBResult::ok;
+}
+
+DBResult TrackReader::rareCandidates(const std::vector<int>& chars, bool* rare)
+{
+    // FTS5's AND of a word whose list is long (a plate's letters "bl", a prefix of black and
+    // blue) with a rare one seeks the long list in every segment for each rare match, about 3 us
+    // a segment: 0.5-1 ms for a plate, where a few rows read by key and tested by the matcher
+    // take 3-5 us each. So a word with few matches gives the candidates. Longer words are tried
+    // first, as they tend to be the rarer.
+    std::vector<std::size_t> order(m_words.size());
+    for (std::size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return chars[a] > chars[b]; });
+    for (const std::size_t i : order) {
+        bool common = false;
+        if (auto r = countWord(m_words[i], chars[i], kFewTextMatches + 1, &m_rareRows, &common);
+            r != DBResult::ok) {
+            return r;
+        }
+        if (!common) {
+            *rare = true;
+            m_rareRowsTested = true;
+            return DBResult::ok;
+        }
+    }
+    return DBResult::ok;
+}
+
+DBResult TrackReader::scanBudget(const Filter& filter, bool* skipScan)
+{
+    // The first matches that the count read (in row id order) and how far apart they lie tell
+    // about how many there are in all.
+    if (m_textScanBudget <= 0 || m_rareRows.size() < 2)
+        return DBResult::ok;
+    // Row ids are given in storing order and only the oldest are deleted: their span is close to
+    // the count of tracks, in two index lookups.
+    auto* s = m_db.cached("SELECT (SELECT max(id) FROM track) - (SELECT min(id) FROM track) + 1");
+    if (!s)
+        return m_db.lastResult();
+    const double tracks = s->step() && !s->isNull(0) ? static_cast<double>(s->int64(0)) : 0.0;
+    if (s->result() != DBResult::ok)
+        return s->result();
+    s->reset();
+    const double span = static_cast<double>(m_rareRows.back() - m_rareRows.front() + 1);
+    const double matches = static_cast<double>(m_rareRows.size()) * tracks / std::max(span, 1.0);
+    // The devices' rows, as if all devices had as many.
+    const double devices = static_cast<double>(
+        std::max<std::size_t>(1, m_dictionary.size(StoreDictionary::Kind::device)));
+    const double deviceRows =
+        std::min(tracks, tracks * static_cast<double>(filter.deviceIds.size()) / devices);
+    // What reading the matches and walking the devices' index ranges costs, in rows tested.
+    const double indexRows = (matches + deviceRows) / kMatchesPerRow;
+    m_scanBudget = std::max(m_textScanBudget, static_cast<std::int64_t>(indexRows));
+    // At any time, the row by row test ends after about as many rows as hold the answer, if the
+    // words are spread evenly, else with the devices' rows; when that is past its budget, it is
+    // not begun. Within a period the range is shorter, by how much is not known.
+    if (filter.timePeriod.startTimeMs <= 0 && filter.timePeriod.isInfinite()) {
+        const double answer =
+            filter.maxObjectTracksToSelect > 0
+                ? std::min(deviceRows, filter.maxObjectTracksToSelect * tracks / matches)
+                : deviceRows;
+        *skipScan = answer > static_cast<double>(m_scanBudget);
+    }
+    return DBResult::ok;
+}
+
+DBResult TrackReader::countWord(const std::string& word, int chars, std::int64_t limit,
+                                std::vector<std::int64_t>* matches, bool* common)
+{
+    // A word of four characters or more as a prefix has no list of its own (see below): the
+    // word as it is decides first whether it is common.
+    const std::vector<std::string> words{word};
+    *common = false;
+    if (chars > kPrefixListChars) {
+        if (auto r = textMatches(ftsQuery(words, /*prefixes*/ false), limit, matches);
+            r != DBResult::ok) {
+            return r;
+        }
+        if (static_cast<std::int64_t>(matches->size()) >= limit) {
+            *common = true;
+            return DBResult::ok;
+        }
+    }
+    if (auto r = textMatches(ftsQuery(words), limit, matches); r != DBResult::ok)
+        return r;
+    *common = static_cast<std::int64_t>(matches->size()) >= limit;
     return DBResult::ok;
 }
 
@@ -454,6 +556,8 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
         return r;
     if (matchesNothing)
         return DBResult::ok;
+    // Known matches are few and tested once each: no budget bounds them.
+    m_textBudgetApplies = textMode != TextMode::rows;
     // Rows that open tracks replace are dropped afterwards: as many more are asked for.
     if (q.limit >= 0)
         q.limit += extra;
@@ -556,6 +660,8 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     if (textMode == TextMode::rows) {
         q->byRowId = true;
         where += " AND t.id = ?11";
+        // The matches of one word: the others are tested on the rows.
+        textScan = m_rareRowsTested;
     }
     if (!filter.objectTrackId.isNull()) {
         std::tie(q->trackIdHigh, q->trackIdLow) = TrackRow::idHalves(filter.objectTrackId);
