@@ -155,6 +155,50 @@ TEST(BoundingBoxGrid, CellsOfBoxes)
     EXPECT_TRUE(BoundingBoxGrid::fromCompact("\x11\x22").isEmpty());  //< Bits missing.
 }
 
+// Searches test a stored grid against the searched region without building it: whatever the
+// rectangle's width and where its rows start within a byte, the answer is the whole grid's.
+TEST(BoundingBoxGrid, StoredFormTestedInPlace)
+{
+    std::mt19937 random(5);
+    const auto real = [&](double low, double high) {
+        return std::uniform_real_distribution<>(low, high)(random);
+    };
+    const auto someGrid = [&](int i) {
+        BoundingBoxGrid g;
+        if (i % 5 == 0) {
+            // Scattered cells: rows of 16 columns whose bits straddle bytes.
+            for (int cells = 1 + i % 7; cells > 0; --cells)
+                g.add({real(0, 1), real(0, 1), 0, 0});
+            return g;
+        }
+        for (int boxes = 1 + i % 3; boxes > 0; --boxes)
+            g.add({real(0, 1), real(0, 1), real(0, i % 2 ? 1.0 : 0.3), real(0, 0.4)});
+        return g;
+    };
+    int hits = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const BoundingBoxGrid stored = someGrid(i);
+        const BoundingBoxGrid region = BoundingBoxGrid::ofRect({real(0, 1), real(0, 1), 0.2, 0.2});
+        const std::string compact = stored.toCompact();
+        ASSERT_EQ(BoundingBoxGrid::fromCompact(compact), stored) << stored.toHex();
+        ASSERT_EQ(region.intersectsCompact(compact), region.intersects(stored))
+            << stored.toHex() << " " << region.toHex();
+        hits += region.intersects(stored);
+    }
+    EXPECT_GT(hits, 200);
+    EXPECT_LT(hits, 1800);
+
+    // Malformed or empty stored grids share no cell with anything.
+    const auto all = BoundingBoxGrid::ofRect({0, 0, 1, 1});
+    for (const std::string& bad : {std::string(), std::string("\x11"), std::string("\x11\x22"),
+                                   std::string("\x21\x00\xff"), std::string(40, '\xff')}) {
+        EXPECT_FALSE(all.intersectsCompact(bad)) << bad.size();
+        EXPECT_TRUE(BoundingBoxGrid::fromCompact(bad).isEmpty()) << bad.size();
+    }
+    EXPECT_TRUE(all.intersectsCompact(all.toCompact()));
+    EXPECT_FALSE(BoundingBoxGrid().intersectsCompact(all.toCompact()));
+}
+
 // Coordinates are kept in millionths, except where that would change what was written.
 TEST(ObjectRun, CoordinatesComeBackWithinAMillionthAndShortDecimalsExactly)
 {

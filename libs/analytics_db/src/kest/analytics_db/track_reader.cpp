@@ -38,11 +38,21 @@ std::string_view bytesOf(sqlite3_value* v)
     return data ? std::string_view(data, sqlite3_value_bytes(v)) : std::string_view();
 }
 
-/** grid_hits(stored grid, 32-byte mask): whether they share a cell. */
+/**
+ * grid_hits(stored grid, 32-byte mask): whether they share a cell. The mask is a parameter of
+ * the statement: it is read once per run and kept as SQLite's auxiliary data.
+ */
 void gridHits(sqlite3_context* context, int, sqlite3_value** args)
 {
-    const BoundingBoxGrid grid = BoundingBoxGrid::fromCompact(bytesOf(args[0]));
-    sqlite3_result_int(context, grid.intersects(BoundingBoxGrid::fromBytes(bytesOf(args[1]))));
+    const std::string_view stored = bytesOf(args[0]);
+    if (const auto* mask = static_cast<const BoundingBoxGrid*>(sqlite3_get_auxdata(context, 1))) {
+        sqlite3_result_int(context, mask->intersectsCompact(stored));
+        return;
+    }
+    auto* mask = new BoundingBoxGrid(BoundingBoxGrid::fromBytes(bytesOf(args[1])));
+    sqlite3_result_int(context, mask->intersectsCompact(stored));
+    // Deletes it at once when it cannot be kept.
+    sqlite3_set_auxdata(context, 1, mask, [](void* p) { delete static_cast<BoundingBoxGrid*>(p); });
 }
 
 /** Adds the time of its scope to a part of the profile, when there is one. */
