@@ -10,6 +10,7 @@
 #include <kest/analytics_db/fixed_point.h>
 #include <kest/analytics_db/object_run.h>
 #include <kest/analytics_db/track_aggregate.h>
+#include <kest/analytics_db/track_row.h>
 
 namespace kest::analytics::db::test {
 
@@ -197,6 +198,40 @@ TEST(BoundingBoxGrid, StoredFormTestedInPlace)
     }
     EXPECT_TRUE(all.intersectsCompact(all.toCompact()));
     EXPECT_FALSE(BoundingBoxGrid().intersectsCompact(all.toCompact()));
+}
+
+// A track row's attribute set: common pairs as dictionary keys, other values written out; read
+// back as written, and refused (never read past) when cut short or naming unknown keys.
+TEST(TrackRow, AttributeSetsRoundTripAndMalformedOnesAreRefused)
+{
+    StoreDictionary dictionary;
+    AttributeCoder coder(dictionary);
+    const std::vector<Attribute> common = {{"color", "red"}, {"make", "Škoda"}};
+    for (int track = 0; track < 2; ++track) {
+        for (const auto& a : common)
+            coder.noteStored(a);
+    }
+    const std::vector<Attribute> attributes = {{"color", "red"},
+                                               {"make", "Škoda"},
+                                               {"plate", "KX 4821"},
+                                               {"note", std::string(100, 'x')},
+                                               {"empty", ""}};
+    const std::string bytes = TrackRow::encodeAttributes(attributes, coder);
+    // Two pairs by key, the rest written out.
+    EXPECT_LT(bytes.size(), 130u);
+    std::vector<Attribute> decoded = {{"stale", "entry"}};
+    ASSERT_TRUE(TrackRow::decodeAttributes(bytes, dictionary, &decoded));
+    EXPECT_EQ(decoded, attributes);
+    ASSERT_TRUE(
+        TrackRow::decodeAttributes(TrackRow::encodeAttributes({}, coder), dictionary, &decoded));
+    EXPECT_TRUE(decoded.empty());
+
+    for (std::size_t size = 0; size < bytes.size(); ++size)
+        EXPECT_FALSE(TrackRow::decodeAttributes(bytes.substr(0, size), dictionary, &decoded))
+            << size;
+    EXPECT_FALSE(TrackRow::decodeAttributes("\xff\xff\xff\x7f", dictionary, &decoded));
+    // A reader whose dictionary lacks the keys (it reloads and reads again).
+    EXPECT_FALSE(TrackRow::decodeAttributes(bytes, StoreDictionary(), &decoded));
 }
 
 // Coordinates are kept in millionths, except where that would change what was written.

@@ -29,6 +29,9 @@ namespace {
 constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kMinTime = std::numeric_limits<std::int64_t>::min();
 
+/** Rows that a search makes room for at once, when its limit is no more. */
+constexpr std::int64_t kReservedRows = 1000;
+
 /** Parameter numbers of the type list, then of the device list of the row id walk. */
 constexpr int kFirstTypeParam = 100;
 
@@ -246,8 +249,12 @@ DBResult TrackReader::readState(std::int64_t* seq)
 DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
 {
     tracks->clear();
-    // One read transaction, so that every query below sees the same committed state.
-    if (auto r = m_db.exec("BEGIN"); r != DBResult::ok)
+    // One read transaction, so that every query below sees the same committed state; both ends
+    // prepared once, as parsing them costs more than a small search's statements.
+    auto* begin = m_db.cached("BEGIN");
+    if (!begin)
+        return m_db.lastResult();
+    if (auto r = begin->exec(); r != DBResult::ok)
         return r;
     struct End
     {
@@ -255,7 +262,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
         ~End()
         {
             db.resetCached();
-            db.exec("COMMIT");
+            if (auto* commit = db.cached("COMMIT"))
+                commit->exec();
         }
     } end{m_db};
 
@@ -351,11 +359,14 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     }
     if (result != DBResult::ok)
         return result;
+    found.reserve(found.size() + stored.size());
     for (auto& row : stored) {
         if (!replaced.contains(row.stored.rowId))
             found.push_back(std::move(row));
     }
-    std::sort(found.begin(), found.end(), before);
+    // Stored rows come in order: only open tracks put them out of it.
+    if (!std::is_sorted(found.begin(), found.end(), before))
+        std::sort(found.begin(), found.end(), before);
     if (filter.maxObjectTracksToSelect > 0 &&
         found.size() > static_cast<std::size_t>(filter.maxObjectTracksToSelect)) {
         found.resize(filter.maxObjectTracksToSelect);
@@ -363,8 +374,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
 
     const ProfileTimer answers(m_profile, &Profile::answers);
     tracks->reserve(found.size());
-    for (const Row& row : found) {
-        tracks->push_back(row.stored.track.toTrack());
+    for (Row& row : found) {
+        tracks->push_back(std::move(row.stored.track).toTrack());
         if (row.open)
             tracks->back().attributes = row.open->attributes->attributes;
         if (!filter.needFullTrack)
@@ -657,6 +668,8 @@ DBResult TrackReader::select(const Query& q, std::int64_t partition, std::vector
     if (!s)
         return m_db.lastResult();
     bindQuery(s, q, partition, q.limit);
+    if (q.limit > 0 && q.limit <= kReservedRows)
+        out->reserve(out->size() + q.limit);
     while (s->step()) {
         Row row;
         if (auto r = readRow(*s, &row); r != DBResult::ok)
