@@ -540,7 +540,12 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     q->ascending = filter.sortOrder == SortOrder::asc;
 
     bool textScan = false;
-    std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.first_us + t.span_us >= ?3";
+    // A track that starts at or after the period's start also ends after it: its span, which
+    // only the table has, is looked at only for tracks that start before. Along the device index,
+    // rows that fail the tests on the index's columns are then never read from the table.
+    std::string where =
+        "t.first_us < ?1 AND t.first_us >= ?2 AND (t.first_us >= ?3 OR t.first_us + t.span_us >= "
+        "?3)";
     std::string tables = "track t";
     const bool walking = textMode == TextMode::rowWalk || textMode == TextMode::prefixWalk;
     const bool byType =
