@@ -128,11 +128,11 @@ std::string BoundingBoxGrid::toBytes() const
 std::string BoundingBoxGrid::toHex() const
 {
     static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(kSize * 4);
+    std::string text(kSize * 4, '0');
+    char* out = text.data();
     for (const std::uint16_t row : m_rows) {
         for (int shift = 12; shift >= 0; shift -= 4)
-            text += kDigits[(row >> shift) & 0xf];
+            *out++ = kDigits[(row >> shift) & 0xf];
     }
     return text;
 }

@@ -222,6 +222,19 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
 
 DBResult TrackReader::readState(std::int64_t* seq)
 {
+    // The same version as at the last search: no commit came in between, and what was read then
+    // holds (an idle store's searches read no meta rows).
+    auto* version = m_db.cached("PRAGMA data_version");
+    if (!version)
+        return m_db.lastResult();
+    if (!version->step())
+        return version->result() == DBResult::ok ? DBResult::logicError : version->result();
+    const std::int64_t dataVersion = version->int64(0);
+    if (dataVersion == m_dataVersion) {
+        *seq = m_seq;
+        return DBResult::ok;
+    }
+    m_dataVersion = -1;
     auto* s = m_db.cached(kStateKeys);
     if (!s)
         return m_db.lastResult();
@@ -241,8 +254,12 @@ DBResult TrackReader::readState(std::int64_t* seq)
     }
     if (s->result() != DBResult::ok)
         return s->result();
-    if (static_cast<std::uint64_t>(dictionary) != m_dictionary.entries())
-        return m_dictionary.load(m_db);
+    if (static_cast<std::uint64_t>(dictionary) != m_dictionary.entries()) {
+        if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
+            return r;
+    }
+    m_dataVersion = dataVersion;
+    m_seq = *seq;
     return DBResult::ok;
 }
 
