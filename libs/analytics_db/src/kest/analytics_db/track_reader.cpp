@@ -29,6 +29,9 @@ namespace {
 constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kMinTime = std::numeric_limits<std::int64_t>::min();
 
+/** Rows that a search makes room for at once, when its limit is no more. */
+constexpr std::int64_t kReservedRows = 1000;
+
 /** Parameter numbers of the type list, then of the device list of the row id walk. */
 constexpr int kFirstTypeParam = 100;
 
@@ -38,11 +41,21 @@ std::string_view bytesOf(sqlite3_value* v)
     return data ? std::string_view(data, sqlite3_value_bytes(v)) : std::string_view();
 }
 
-/** grid_hits(stored grid, 32-byte mask): whether they share a cell. */
+/**
+ * grid_hits(stored grid, 32-byte mask): whether they share a cell. The mask is a parameter of
+ * the statement: it is read once per run and kept as SQLite's auxiliary data.
+ */
 void gridHits(sqlite3_context* context, int, sqlite3_value** args)
 {
-    const BoundingBoxGrid grid = BoundingBoxGrid::fromCompact(bytesOf(args[0]));
-    sqlite3_result_int(context, grid.intersects(BoundingBoxGrid::fromBytes(bytesOf(args[1]))));
+    const std::string_view stored = bytesOf(args[0]);
+    if (const auto* mask = static_cast<const BoundingBoxGrid*>(sqlite3_get_auxdata(context, 1))) {
+        sqlite3_result_int(context, mask->intersectsCompact(stored));
+        return;
+    }
+    auto* mask = new BoundingBoxGrid(BoundingBoxGrid::fromBytes(bytesOf(args[1])));
+    sqlite3_result_int(context, mask->intersectsCompact(stored));
+    // Deletes it at once when it cannot be kept.
+    sqlite3_set_auxdata(context, 1, mask, [](void* p) { delete static_cast<BoundingBoxGrid*>(p); });
 }
 
 /** Adds the time of its scope to a part of the profile, when there is one. */
@@ -209,6 +222,19 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
 
 DBResult TrackReader::readState(std::int64_t* seq)
 {
+    // The same version as at the last search: no commit came in between, and what was read then
+    // holds (an idle store's searches read no meta rows).
+    auto* version = m_db.cached("PRAGMA data_version");
+    if (!version)
+        return m_db.lastResult();
+    if (!version->step())
+        return version->result() == DBResult::ok ? DBResult::logicError : version->result();
+    const std::int64_t dataVersion = version->int64(0);
+    if (dataVersion == m_dataVersion) {
+        *seq = m_seq;
+        return DBResult::ok;
+    }
+    m_dataVersion = -1;
     auto* s = m_db.cached(kStateKeys);
     if (!s)
         return m_db.lastResult();
@@ -228,16 +254,24 @@ DBResult TrackReader::readState(std::int64_t* seq)
     }
     if (s->result() != DBResult::ok)
         return s->result();
-    if (static_cast<std::uint64_t>(dictionary) != m_dictionary.entries())
-        return m_dictionary.load(m_db);
+    if (static_cast<std::uint64_t>(dictionary) != m_dictionary.entries()) {
+        if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
+            return r;
+    }
+    m_dataVersion = dataVersion;
+    m_seq = *seq;
     return DBResult::ok;
 }
 
 DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
 {
     tracks->clear();
-    // One read transaction, so that every query below sees the same committed state.
-    if (auto r = m_db.exec("BEGIN"); r != DBResult::ok)
+    // One read transaction, so that every query below sees the same committed state; both ends
+    // prepared once, as parsing them costs more than a small search's statements.
+    auto* begin = m_db.cached("BEGIN");
+    if (!begin)
+        return m_db.lastResult();
+    if (auto r = begin->exec(); r != DBResult::ok)
         return r;
     struct End
     {
@@ -245,7 +279,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
         ~End()
         {
             db.resetCached();
-            db.exec("COMMIT");
+            if (auto* commit = db.cached("COMMIT"))
+                commit->exec();
         }
     } end{m_db};
 
@@ -348,11 +383,14 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     }
     if (result != DBResult::ok)
         return result;
+    found.reserve(found.size() + stored.size());
     for (auto& row : stored) {
         if (!replaced.contains(row.stored.rowId))
             found.push_back(std::move(row));
     }
-    std::sort(found.begin(), found.end(), before);
+    // Stored rows come in order: only open tracks put them out of it.
+    if (!std::is_sorted(found.begin(), found.end(), before))
+        std::sort(found.begin(), found.end(), before);
     if (filter.maxObjectTracksToSelect > 0 &&
         found.size() > static_cast<std::size_t>(filter.maxObjectTracksToSelect)) {
         found.resize(filter.maxObjectTracksToSelect);
@@ -360,8 +398,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
 
     const ProfileTimer answers(m_profile, &Profile::answers);
     tracks->reserve(found.size());
-    for (const Row& row : found) {
-        tracks->push_back(row.stored.track.toTrack());
+    for (Row& row : found) {
+        tracks->push_back(std::move(row.stored.track).toTrack());
         if (row.open)
             tracks->back().attributes = row.open->attributes->attributes;
         if (!filter.needFullTrack)
@@ -623,7 +661,12 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     q->ascending = filter.sortOrder == SortOrder::asc;
 
     bool textScan = false;
-    std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.first_us + t.span_us >= ?3";
+    // A track that starts at or after the period's start also ends after it: its span, which
+    // only the table has, is looked at only for tracks that start before. Along the device index,
+    // rows that fail the tests on the index's columns are then never read from the table.
+    std::string where =
+        "t.first_us < ?1 AND t.first_us >= ?2 AND (t.first_us >= ?3 OR t.first_us + t.span_us >= "
+        "?3)";
     std::string tables = "track t";
     const bool walking = textMode == TextMode::rowWalk || textMode == TextMode::prefixWalk;
     const bool byType =
@@ -753,6 +796,8 @@ DBResult TrackReader::select(const Query& q, std::int64_t partition, std::vector
     if (!s)
         return m_db.lastResult();
     bindQuery(s, q, partition, q.limit);
+    if (q.limit > 0 && q.limit <= kReservedRows)
+        out->reserve(out->size() + q.limit);
     while (s->step()) {
         Row row;
         if (auto r = readRow(*s, &row); r != DBResult::ok)

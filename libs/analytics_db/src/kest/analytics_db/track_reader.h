@@ -210,6 +210,9 @@ private:
     TextMatcher m_matcher;
     std::int64_t m_maxSpanUs = 0;
     std::int64_t m_maxLagUs = -1;
+    /** PRAGMA data_version when the state above was read, and the seq read then; -1: none. */
+    std::int64_t m_dataVersion = -1;
+    std::int64_t m_seq = 0;
     std::vector<std::string> m_words;
     std::vector<std::int64_t> m_rareRows;
     /** m_rareRows match one word of several: the rows are tested against the others. */
