@@ -104,12 +104,33 @@ fs::path searchedStorePath(const fs::path& dir)
 
 namespace {
 
+/**
+ * The store of these tracks for the current layout. A store of an earlier one is taken over when
+ * there is none yet: the storage upgrades it in place when it opens it (new indexes take seconds;
+ * filling the 5M-track store again would take half an hour).
+ */
 fs::path storeDir(fs::path parent, const char* prefix, std::int64_t tracks, std::uint64_t seed)
 {
     if (parent.empty())
         parent = fs::temp_directory_path() / "analytics_db_bench";
-    return parent / (prefix + std::to_string(tracks) + "_seed_" + std::to_string(seed) +
-                     "_layout_" + std::to_string(analytics::db::kSchemaVersion));
+    const auto dirOf = [&](int layout) {
+        return parent / (prefix + std::to_string(tracks) + "_seed_" + std::to_string(seed) +
+                         "_layout_" + std::to_string(layout));
+    };
+    const fs::path dir = dirOf(analytics::db::kSchemaVersion);
+    std::error_code error;
+    if (fs::exists(dir, error))
+        return dir;
+    for (int layout = analytics::db::kSchemaVersion - 1; layout > 0; --layout) {
+        if (!fs::exists(dirOf(layout), error))
+            continue;
+        fs::rename(dirOf(layout), dir, error);
+        if (!error)
+            std::printf("taking over %s (layout %d): upgraded when opened\n", dirOf(layout).c_str(),
+                        layout);
+        break;
+    }
+    return dir;
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <kest/utils/log/logger.h>
 
 #include "../analytics_db/searched_store.h"
+#include "../analytics_db/store_generator.h"
 #include "command_line.h"
 #include "latency_stats.h"
 
@@ -38,6 +39,7 @@ struct Options
     int queries = 300;
     std::string shape;
     int repeat = 1;
+    bool shortTracks = false;
 };
 
 double toUs(nanoseconds d)
@@ -139,7 +141,9 @@ int main(int argc, char** argv)
         .option("--dir", &options.dir, "where the storage benchmark keeps its stores")
         .option("--queries", &options.queries, "searches of each shape", 1)
         .option("--shape", &options.shape, "only the shapes whose name contains this")
-        .option("--repeat", &options.repeat, "rounds of the timed searches (for perf)", 1);
+        .option("--repeat", &options.repeat, "rounds of the timed searches (for perf)", 1)
+        .flag("--short-tracks", &options.shortTracks,
+              "the short-track store of analytics_db_bench --scale instead, never filled here");
     bool help = false;
     if (!commandLine.parse(argc, argv, &help))
         return help ? 0 : 2;
@@ -147,8 +151,18 @@ int main(int argc, char** argv)
 
     StoreInfo info;
     bool reused = false;
-    const fs::path dir = benchDir(options.dir, options.tracks, options.seed);
-    if (!prepareSearchedStore(dir, options.tracks, options.seed, /*fresh*/ false, &info, &reused)) {
+    const fs::path dir = options.shortTracks
+                             ? shortTrackBenchDir(options.dir, options.tracks, options.seed)
+                             : benchDir(options.dir, options.tracks, options.seed);
+    if (options.shortTracks) {
+        // Filling one takes up to half an hour: that is analytics_db_bench --scale's to do.
+        if (!isSearchedStoreReady(dir, shortTrackOptions(options.seed, options.tracks), &info)) {
+            std::printf("no complete short-track store in %s\n", dir.c_str());
+            return 1;
+        }
+        reused = true;
+    } else if (!prepareSearchedStore(dir, options.tracks, options.seed, /*fresh*/ false, &info,
+                                     &reused)) {
         std::printf("cannot prepare the searched store in %s\n", dir.c_str());
         return 1;
     }

@@ -540,6 +540,89 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
     }
 }
 
+TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
+{
+    // Plates whose letters begin words of every track ("bl": black, blue), so that FTS5 finds
+    // the letters on every track and the digits on a few.
+    auto storage = open();
+    const auto plateOf = [](int i) -> std::string {
+        switch (i) {
+            case 3:
+            case 7:
+                return "BL 4821";
+            case 11:
+                return "QX 4821";  //< On a grey track: no word of it begins with "bl".
+            case 13:
+                return "BL 48";
+            case 17:
+                return "BLX 48210";
+            default:
+                return i % 5 == 0 ? "MID " + std::to_string(900 + i % 7) : "";
+        }
+    };
+    for (int i = 0; i < 600; ++i) {
+        std::vector<Attribute> attributes = {{"color", i == 11 ? "grey"
+                                                       : i % 2 ? "black"
+                                                               : "blue"}};
+        if (const std::string plate = plateOf(i); !plate.empty())
+            attributes.push_back({"plate", plate});
+        auto p = std::make_shared<ObjectMetadataPacket>(
+            *packet(i % 3 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, {}));
+        p->objectMetadataList.push_back({ZuUuid::createUuid(),
+                                         "car",
+                                         ObjectMetadataType::regular,
+                                         {0.1, 0.1, 0.1, 0.1},
+                                         attributes,
+                                         kEngine});
+        storage->save(p);
+    }
+    storage->closeOpenTracks();
+
+    // The row by row test, which never counts matches, is the reference.
+    const auto read = [&](const Filter& f, std::int64_t rareMatches,
+                          std::int64_t scanBudget = TrackReader::kTextScanBudget) {
+        TrackReader reader;
+        EXPECT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        reader.setRareTextMatches(rareMatches);
+        reader.setTextScanBudget(scanBudget);
+        std::vector<ObjectTrackEx> found;
+        EXPECT_EQ(reader.lookup(f, &found), ResultCode::ok);
+        std::vector<std::int64_t> out;
+        for (const auto& t : found)
+            out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
+        return out;
+    };
+    Filter filter;
+    filter.freeText = "bl 4821";
+    EXPECT_EQ(read(filter, TrackReader::kRareTextMatches), (std::vector<std::int64_t>{17, 7, 3}));
+    filter.freeText = "4821 GREY";
+    EXPECT_EQ(read(filter, TrackReader::kRareTextMatches), std::vector<std::int64_t>{11});
+
+    // Few matches of one word (4821, blx), of a word of three characters (mid: 120 tracks, more
+    // than a few but rare), words that are only rare together, a one-letter word, common words.
+    for (const char* text :
+         {"BL 4821", "4821 bl blue", "blx bl", "4821 qx", "4821 mid", "mid bl", "mid 90",
+          "black blue", "4821 b", "48 bl", "nothing bl", "bl", "blue"}) {
+        for (const auto order : {SortOrder::asc, SortOrder::desc}) {
+            for (const int limit : {0, 1}) {
+                Filter f;
+                f.freeText = text;
+                f.sortOrder = order;
+                f.maxObjectTracksToSelect = limit;
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                // One device at any time: common words go to the index without testing rows
+                // one by one first when that would take more than its budget.
+                f.deviceIds = {kDeviceA};
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches, 10), read(f, 0)) << text << limit;
+                f.timePeriod = ZuTimePeriod(1'000 + 5, 10'000);
+                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+            }
+        }
+    }
+}
+
 /**
  * Stores whose row order strays from first-appearance order, searched by a word that takes the
  * row id walk: the first tracks of the time index carry another word, more of them than the

@@ -225,35 +225,49 @@ TEST_F(StoreUpgradeTest, AStoreOfTheFirstVersionToo)
     expectTheAnswersOfBefore(*storage);
 }
 
-// Version 5 had today's tables, its full-text index without prefix lists: that index alone is
-// made again, from the track rows, and every answer stays.
-TEST_F(StoreUpgradeTest, AStoreWithoutPrefixListsGetsThem)
+// Versions 5 and 6 had today's tables: 5 its full-text index without prefix lists, both the
+// (device, first appearance) index without the grids. Those indexes alone are made again, from
+// the track rows, and every answer stays.
+TEST_F(StoreUpgradeTest, AStoreOfTodaysTablesGetsTheIndexesItLacks)
 {
     open().reset();
-    const auto textTable = [&] {
+    const auto schemaOf = [&](const char* name) {
         sql::Database db;
         EXPECT_EQ(db.open(file_().toStdString(), {}, false), sql::DBResult::ok);
-        auto s = db.prepare("SELECT sql FROM sqlite_schema WHERE name = 'track_text'");
-        return s && s->step() ? std::string(s->text(0)) : std::string();
+        auto s = db.prepare("SELECT sql FROM sqlite_schema WHERE name = ?");
+        s->bindText(1, name);
+        return s->step() ? std::string(s->text(0)) : std::string();
     };
-    ASSERT_NE(textTable().find("prefix"), std::string::npos);
-    {
-        sql::Database db;
-        ASSERT_EQ(db.open(file_().toStdString(), {}), sql::DBResult::ok);
-        ASSERT_EQ(addStoreFunctions(db), sql::DBResult::ok);
-        ASSERT_EQ(db.exec("DROP TABLE track_text;"
-                          "CREATE VIRTUAL TABLE track_text USING fts5(text, content = '', "
-                          "detail = none, tokenize = 'unicode61 remove_diacritics 2');"
-                          "INSERT INTO track_text(rowid, text) "
-                          "SELECT id, search_text(attributes) FROM track;"
-                          "PRAGMA user_version = 5;"),
-                  sql::DBResult::ok);
+    const std::string today = schemaOf("track_device_first");
+    ASSERT_NE(today.find("grid"), std::string::npos);
+    ASSERT_NE(schemaOf("track_text").find("prefix"), std::string::npos);
+    for (const int version : {6, 5}) {
+        SCOPED_TRACE(version);
+        {
+            sql::Database db;
+            ASSERT_EQ(db.open(file_().toStdString(), {}), sql::DBResult::ok);
+            ASSERT_EQ(addStoreFunctions(db), sql::DBResult::ok);
+            std::string sql =
+                "DROP INDEX track_device_first;"
+                "CREATE INDEX track_device_first ON track(device, first_us);";
+            if (version == 5) {
+                sql +=
+                    "DROP TABLE track_text;"
+                    "CREATE VIRTUAL TABLE track_text USING fts5(text, content = '', "
+                    "detail = none, tokenize = 'unicode61 remove_diacritics 2');"
+                    "INSERT INTO track_text(rowid, text) "
+                    "SELECT id, search_text(attributes) FROM track;";
+            }
+            ASSERT_EQ(db.exec(sql + "PRAGMA user_version = " + std::to_string(version)),
+                      sql::DBResult::ok);
+        }
+        ASSERT_EQ(schemaOf("track_device_first").find("grid"), std::string::npos);
+        auto storage = open();
+        EXPECT_EQ(userVersion(), kSchemaVersion);
+        EXPECT_EQ(schemaOf("track_device_first"), today);
+        EXPECT_NE(schemaOf("track_text").find("prefix"), std::string::npos);
+        expectTheAnswersOfBefore(*storage);
     }
-    ASSERT_EQ(textTable().find("prefix"), std::string::npos);
-    auto storage = open();
-    EXPECT_EQ(userVersion(), kSchemaVersion);
-    EXPECT_NE(textTable().find("prefix"), std::string::npos);
-    expectTheAnswersOfBefore(*storage);
 }
 
 TEST_F(StoreUpgradeTest, AnUpgradeThatCannotFinishLeavesTheStoreAsItWas)

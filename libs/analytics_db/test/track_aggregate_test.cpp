@@ -14,6 +14,7 @@
 #include <kest/analytics_db/fixed_point.h>
 #include <kest/analytics_db/object_run.h>
 #include <kest/analytics_db/track_aggregate.h>
+#include <kest/analytics_db/track_row.h>
 
 namespace kest::analytics::db::test {
 
@@ -157,6 +158,84 @@ TEST(BoundingBoxGrid, CellsOfBoxes)
         ASSERT_EQ(BoundingBoxGrid::fromCompact(g.toCompact()), g) << g.toHex();
     }
     EXPECT_TRUE(BoundingBoxGrid::fromCompact("\x11\x22").isEmpty());  //< Bits missing.
+}
+
+// Searches test a stored grid against the searched region without building it: whatever the
+// rectangle's width and where its rows start within a byte, the answer is the whole grid's.
+TEST(BoundingBoxGrid, StoredFormTestedInPlace)
+{
+    std::mt19937 random(5);
+    const auto real = [&](double low, double high) {
+        return std::uniform_real_distribution<>(low, high)(random);
+    };
+    const auto someGrid = [&](int i) {
+        BoundingBoxGrid g;
+        if (i % 5 == 0) {
+            // Scattered cells: rows of 16 columns whose bits straddle bytes.
+            for (int cells = 1 + i % 7; cells > 0; --cells)
+                g.add({real(0, 1), real(0, 1), 0, 0});
+            return g;
+        }
+        for (int boxes = 1 + i % 3; boxes > 0; --boxes)
+            g.add({real(0, 1), real(0, 1), real(0, i % 2 ? 1.0 : 0.3), real(0, 0.4)});
+        return g;
+    };
+    int hits = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const BoundingBoxGrid stored = someGrid(i);
+        const BoundingBoxGrid region = BoundingBoxGrid::ofRect({real(0, 1), real(0, 1), 0.2, 0.2});
+        const std::string compact = stored.toCompact();
+        ASSERT_EQ(BoundingBoxGrid::fromCompact(compact), stored) << stored.toHex();
+        ASSERT_EQ(region.intersectsCompact(compact), region.intersects(stored))
+            << stored.toHex() << " " << region.toHex();
+        hits += region.intersects(stored);
+    }
+    EXPECT_GT(hits, 200);
+    EXPECT_LT(hits, 1800);
+
+    // Malformed or empty stored grids share no cell with anything.
+    const auto all = BoundingBoxGrid::ofRect({0, 0, 1, 1});
+    for (const std::string& bad : {std::string(), std::string("\x11"), std::string("\x11\x22"),
+                                   std::string("\x21\x00\xff"), std::string(40, '\xff')}) {
+        EXPECT_FALSE(all.intersectsCompact(bad)) << bad.size();
+        EXPECT_TRUE(BoundingBoxGrid::fromCompact(bad).isEmpty()) << bad.size();
+    }
+    EXPECT_TRUE(all.intersectsCompact(all.toCompact()));
+    EXPECT_FALSE(BoundingBoxGrid().intersectsCompact(all.toCompact()));
+}
+
+// A track row's attribute set: common pairs as dictionary keys, other values written out; read
+// back as written, and refused (never read past) when cut short or naming unknown keys.
+TEST(TrackRow, AttributeSetsRoundTripAndMalformedOnesAreRefused)
+{
+    StoreDictionary dictionary;
+    AttributeCoder coder(dictionary);
+    const std::vector<Attribute> common = {{"color", "red"}, {"make", "Škoda"}};
+    for (int track = 0; track < 2; ++track) {
+        for (const auto& a : common)
+            coder.noteStored(a);
+    }
+    const std::vector<Attribute> attributes = {{"color", "red"},
+                                               {"make", "Škoda"},
+                                               {"plate", "KX 4821"},
+                                               {"note", std::string(100, 'x')},
+                                               {"empty", ""}};
+    const std::string bytes = TrackRow::encodeAttributes(attributes, coder);
+    // Two pairs by key, the rest written out.
+    EXPECT_LT(bytes.size(), 130u);
+    std::vector<Attribute> decoded = {{"stale", "entry"}};
+    ASSERT_TRUE(TrackRow::decodeAttributes(bytes, dictionary, &decoded));
+    EXPECT_EQ(decoded, attributes);
+    ASSERT_TRUE(
+        TrackRow::decodeAttributes(TrackRow::encodeAttributes({}, coder), dictionary, &decoded));
+    EXPECT_TRUE(decoded.empty());
+
+    for (std::size_t size = 0; size < bytes.size(); ++size)
+        EXPECT_FALSE(TrackRow::decodeAttributes(bytes.substr(0, size), dictionary, &decoded))
+            << size;
+    EXPECT_FALSE(TrackRow::decodeAttributes("\xff\xff\xff\x7f", dictionary, &decoded));
+    // A reader whose dictionary lacks the keys (it reloads and reads again).
+    EXPECT_FALSE(TrackRow::decodeAttributes(bytes, StoreDictionary(), &decoded));
 }
 
 // Coordinates are kept in millionths, except where that would change what was written.

@@ -1,6 +1,7 @@
 #include "attribute_coder.h"
 
 #include <functional>
+#include <limits>
 #include <string_view>
 
 namespace kest::analytics::db {
@@ -65,6 +66,30 @@ std::optional<Attribute> AttributeCoder::decode(const AttributeCode& code,
     if (!name)
         return std::nullopt;
     return Attribute{*name, std::string(value)};
+}
+
+bool AttributeCoder::read(ByteReader& in, const StoreDictionary& dictionary, Attribute* out)
+{
+    std::uint64_t code = 0;
+    if (!in.getVarint(&code) || (code >> 1) > std::numeric_limits<std::uint32_t>::max())
+        return false;
+    const auto key = static_cast<std::uint32_t>(code >> 1);
+    std::uint32_t nameKey = key;
+    std::string_view value;
+    if (code & 1) {
+        if (!in.getBytes(&value))
+            return false;
+    } else {
+        const std::string* entry = dictionary.value(Kind::attribute, key);
+        if (!entry || !StoreDictionary::splitPair(*entry, &nameKey, &value))
+            return false;
+    }
+    const std::string* name = dictionary.value(Kind::attributeName, nameKey);
+    if (!name)
+        return false;
+    out->name = *name;
+    out->value = value;
+    return true;
 }
 
 }  // namespace kest::analytics::db

@@ -34,6 +34,12 @@ public:
 
     static std::optional<common::metadata::Attribute> decode(const AttributeCode& code,
                                                              const StoreDictionary& dictionary);
+    /**
+     * Reads one code as AttributeCode::write() wrote it and decodes it into `out`, the value
+     * copied once; false for a malformed code or a key that `dictionary` does not hold.
+     */
+    static bool read(ByteReader& in, const StoreDictionary& dictionary,
+                     common::metadata::Attribute* out);
 
 private:
     StoreDictionary& m_dictionary;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <optional>
 
 namespace kest::analytics::db {
 
@@ -18,6 +19,52 @@ std::pair<int, int> cellRange(double from, double to)
     // A box ending exactly on a cell border does not reach into the next cell.
     int last = std::clamp(static_cast<int>(std::ceil(to * n)) - 1, 0, n - 1);
     return {first, std::max(first, last)};
+}
+
+/** The rectangle of a compact grid's cells, checked against the size of its bytes. */
+struct CompactBounds
+{
+    int r0 = 0;
+    int r1 = -1;
+    int c0 = 0;
+    int c1 = -1;
+
+    int width() const { return c1 - c0 + 1; }
+    std::uint16_t columns() const
+    {
+        return static_cast<std::uint16_t>(((1u << width()) - 1)
+                                          << (BoundingBoxGrid::kSize - 1 - c1));
+    }
+};
+
+std::optional<CompactBounds> boundsOf(std::string_view bytes)
+{
+    if (bytes.size() < 2)
+        return std::nullopt;
+    CompactBounds b;
+    b.r0 = static_cast<std::uint8_t>(bytes[0]) >> 4;
+    b.r1 = bytes[0] & 0xf;
+    b.c0 = static_cast<std::uint8_t>(bytes[1]) >> 4;
+    b.c1 = bytes[1] & 0xf;
+    if (b.r1 < b.r0 || b.c1 < b.c0)
+        return std::nullopt;
+    const auto cells = static_cast<std::size_t>((b.r1 - b.r0 + 1) * b.width());
+    if (bytes.size() != 2 + (cells + 7) / 8)
+        return std::nullopt;
+    return b;
+}
+
+/** Row `row` of a compact grid as the rows of BoundingBoxGrid hold it: one read of its bits. */
+std::uint16_t compactRow(std::string_view bytes, const CompactBounds& b, int row)
+{
+    const auto bit = static_cast<std::size_t>((row - b.r0) * b.width());
+    // A row of 16 cells at most, starting anywhere in a byte: within three bytes.
+    std::uint32_t window = 0;
+    for (std::size_t i = 2 + bit / 8, end = i + 3; i < end; ++i)
+        window = (window << 8) | (i < bytes.size() ? static_cast<std::uint8_t>(bytes[i]) : 0u);
+    const int shift = 24 - static_cast<int>(bit % 8) - b.width();
+    const std::uint32_t cells = (window >> shift) & ((1u << b.width()) - 1);
+    return static_cast<std::uint16_t>(cells << (BoundingBoxGrid::kSize - 1 - b.c1));
 }
 
 }  // namespace
@@ -81,11 +128,11 @@ std::string BoundingBoxGrid::toBytes() const
 std::string BoundingBoxGrid::toHex() const
 {
     static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    text.reserve(kSize * 4);
+    std::string text(kSize * 4, '0');
+    char* out = text.data();
     for (const std::uint16_t row : m_rows) {
         for (int shift = 12; shift >= 0; shift -= 4)
-            text += kDigits[(row >> shift) & 0xf];
+            *out++ = kDigits[(row >> shift) & 0xf];
     }
     return text;
 }
@@ -129,25 +176,26 @@ std::string BoundingBoxGrid::toCompact() const
 BoundingBoxGrid BoundingBoxGrid::fromCompact(std::string_view bytes)
 {
     BoundingBoxGrid grid;
-    if (bytes.size() < 2)
+    const auto bounds = boundsOf(bytes);
+    if (!bounds)
         return grid;
-    const int r0 = static_cast<std::uint8_t>(bytes[0]) >> 4;
-    const int r1 = bytes[0] & 0xf;
-    const int c0 = static_cast<std::uint8_t>(bytes[1]) >> 4;
-    const int c1 = bytes[1] & 0xf;
-    if (r1 < r0 || c1 < c0)
-        return grid;
-    const std::size_t cells = static_cast<std::size_t>((r1 - r0 + 1) * (c1 - c0 + 1));
-    if (bytes.size() != 2 + (cells + 7) / 8)
-        return grid;
-    std::size_t bit = 0;
-    for (int r = r0; r <= r1; ++r) {
-        for (int c = c0; c <= c1; ++c, ++bit) {
-            if (static_cast<std::uint8_t>(bytes[2 + bit / 8]) & (0x80 >> (bit % 8)))
-                grid.m_rows[r] |= static_cast<std::uint16_t>(1u << (kSize - 1 - c));
-        }
-    }
+    for (int r = bounds->r0; r <= bounds->r1; ++r)
+        grid.m_rows[r] = compactRow(bytes, *bounds, r);
     return grid;
+}
+
+bool BoundingBoxGrid::intersectsCompact(std::string_view bytes) const
+{
+    const auto bounds = boundsOf(bytes);
+    if (!bounds)
+        return false;
+    const std::uint16_t columns = bounds->columns();
+    for (int r = bounds->r0; r <= bounds->r1; ++r) {
+        // Rows that miss the stored rectangle's columns need no bits read.
+        if ((m_rows[r] & columns) && (m_rows[r] & compactRow(bytes, *bounds, r)))
+            return true;
+    }
+    return false;
 }
 
 }  // namespace kest::analytics::db

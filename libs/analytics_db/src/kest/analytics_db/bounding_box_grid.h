@@ -33,6 +33,8 @@ public:
     void add(const common::metadata::Rect& rect) { *this |= ofRect(rect); }
     BoundingBoxGrid& operator|=(const BoundingBoxGrid& other);
     bool intersects(const BoundingBoxGrid& other) const;
+    /** intersects() with the grid of a compact form, read in place; malformed bytes share none. */
+    bool intersectsCompact(std::string_view compact) const;
     bool isEmpty() const;
     bool cell(int column, int row) const { return (m_rows[row] >> (kSize - 1 - column)) & 1; }
 

@@ -41,7 +41,6 @@ CREATE TABLE track(
     attributes BLOB NOT NULL,
     detail BLOB NOT NULL);
 CREATE INDEX track_id ON track(id_key);
-CREATE INDEX track_device_first ON track(device, first_us);
 CREATE INDEX track_first ON track(first_us);
 CREATE INDEX track_type_first ON track(type, first_us);
 CREATE TABLE position(id INTEGER PRIMARY KEY, data BLOB NOT NULL);
@@ -52,6 +51,12 @@ CREATE TABLE dictionary(
 CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;
 INSERT INTO meta(key, value) VALUES('maxLagUs', 0);
 )sql";
+
+// A region within a camera's tracks is tested on the grids of this index, in its order (the row
+// id is named so that ties on first appearance stay in row order): only the rows that match are
+// read from the table.
+constexpr const char* kDeviceFirstIndex =
+    "CREATE INDEX track_device_first ON track(device, first_us, id, grid);\n";
 
 // Searches ask for word prefixes; those of two and three characters (a plate's letters or
 // digits, "no") would merge the lists of every word that starts with them, so they have lists
@@ -64,7 +69,7 @@ CREATE VIRTUAL TABLE track_text USING fts5(
 
 std::string createSql()
 {
-    return std::string(kCreate) + kCreateText +
+    return std::string(kCreate) + kDeviceFirstIndex + kCreateText +
            "PRAGMA user_version = " + std::to_string(kSchemaVersion) + ";\n";
 }
 
@@ -259,20 +264,26 @@ DBResult upgrade(sql::Database& db, int version, const std::string& file,
 
 /** Version 5 had the same tables but no prefix lists: the words are indexed again from the rows. */
 constexpr int kWordsOnlyUpgradeVersion = 5;
+/** Version 6 had the same tables, its (device, first appearance) index without the grids. */
+constexpr int kDeviceIndexUpgradeVersion = 6;
 
-DBResult upgradeText(sql::Database& db)
+/** Upgrades a store of versions 5 and 6, whose tables are those of today, in one transaction. */
+DBResult upgradeIndexes(sql::Database& db, int version)
 {
-    KEST_INFO("analytics_db",
-              "Upgrading the analytics database from version %1 to %2: indexing "
-              "the words again",
-              kWordsOnlyUpgradeVersion, kSchemaVersion);
-    if (auto r = addStoreFunctions(db); r != DBResult::ok)
-        return r;
-    const std::string sql =
-        std::string("BEGIN IMMEDIATE; DROP TABLE track_text;") + kCreateText +
-        "INSERT INTO track_text(rowid, text) SELECT id, search_text(attributes) "
-        "FROM track; PRAGMA user_version = " +
-        std::to_string(kSchemaVersion) + "; COMMIT;";
+    const bool words = version == kWordsOnlyUpgradeVersion;
+    KEST_INFO("analytics_db", "Upgrading the analytics database from version %1 to %2: %3", version,
+              kSchemaVersion,
+              words ? "indexing the words and the grids again" : "indexing the grids");
+    std::string sql = "BEGIN IMMEDIATE;";
+    if (words) {
+        if (auto r = addStoreFunctions(db); r != DBResult::ok)
+            return r;
+        sql += std::string("DROP TABLE track_text;") + kCreateText +
+               "INSERT INTO track_text(rowid, text) SELECT id, search_text(attributes) "
+               "FROM track;";
+    }
+    sql += std::string("DROP INDEX track_device_first;") + kDeviceFirstIndex +
+           "PRAGMA user_version = " + std::to_string(kSchemaVersion) + "; COMMIT;";
     if (auto r = db.exec(sql); r != DBResult::ok) {
         KEST_ERROR("analytics_db", "Upgrading the analytics database failed: %1 (%2)", r,
                    db.lastError());
@@ -304,8 +315,8 @@ DBResult applySchema(sql::Database& db, const std::string& file,
         }
         return DBResult::ok;
     }
-    if (current == kWordsOnlyUpgradeVersion)
-        return upgradeText(db);
+    if (current == kWordsOnlyUpgradeVersion || current == kDeviceIndexUpgradeVersion)
+        return upgradeIndexes(db, current);
     removeDatabase(file + ".upgrade");
     return upgrade(db, current, file, options);
 }

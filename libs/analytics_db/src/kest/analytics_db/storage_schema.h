@@ -14,8 +14,9 @@ namespace kest::analytics::db {
  * The tables of the events database, versioned through PRAGMA user_version (README, "Storage
  * layout", has what each takes):
  * - `track`: one row per track (TrackRow), its id the number the writer gave the track when it
- *   first saw it; indexed by the first half of the track's id, by (device, first appearance), by
- *   first appearance and by (type, first appearance);
+ *   first saw it; indexed by the first half of the track's id, by (device, first appearance)
+ *   with the row id and the grid (a camera's region is tested on the index), by first
+ *   appearance and by (type, first appearance);
  * - `track_text`: contentless FTS5 without positions over the attribute names and values, its
  *   rowid the track's: the words only, the text being the track row's attributes; with lists of
  *   the two- and three-character prefixes;
@@ -26,9 +27,9 @@ namespace kest::analytics::db {
  * - `meta`: numbers the storage keeps across restarts (see TrackWriter and the keys below).
  * Versions 1 to 4 kept a row per track rewritten with every batch, its positions in chunks per
  * batch and its text twice; they are upgraded on open, all or nothing. Version 5 lacked the
- * prefix lists, which are made on open.
+ * prefix lists, and versions 5 and 6 the grids in the device index: both are made on open.
  */
-constexpr int kSchemaVersion = 6;
+constexpr int kSchemaVersion = 7;
 
 /** The latest first appearance ever stored. */
 constexpr const char* kMaxFirstKey = "maxFirstUs";

@@ -120,13 +120,18 @@ bool TrackAggregate::addAttribute(const Attribute& attribute)
     return true;
 }
 
-ObjectTrackEx TrackAggregate::toTrack() const
+ObjectTrackEx TrackAggregate::toTrack() const&
+{
+    return TrackAggregate(*this).toTrack();
+}
+
+ObjectTrackEx TrackAggregate::toTrack() &&
 {
     ObjectTrackEx track;
     track.id = id;
     track.deviceId = deviceId;
-    track.objectTypeId = typeId;
-    track.attributes = attributes;
+    track.objectTypeId = std::move(typeId);
+    track.attributes = std::move(attributes);
     track.firstAppearanceTimeUs = firstUs;
     track.lastAppearanceTimeUs = lastUs;
     track.objectPosition.boundingBoxGrid = grid.toHex();

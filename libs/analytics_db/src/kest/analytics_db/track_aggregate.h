@@ -68,7 +68,9 @@ struct TrackAggregate
     bool hasData() const { return firstUs != kNoTime; }
 
     /** The track as searches return it, without positions. */
-    ObjectTrackEx toTrack() const;
+    ObjectTrackEx toTrack() const&;
+    /** The same, taking the type and attributes over. */
+    ObjectTrackEx toTrack() &&;
 
 private:
     void takeOrigin(std::int64_t originUs, const ZuUuid& deviceId, const std::string& typeId,

@@ -29,6 +29,9 @@ namespace {
 constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kMinTime = std::numeric_limits<std::int64_t>::min();
 
+/** Rows that a search makes room for at once, when its limit is no more. */
+constexpr std::int64_t kReservedRows = 1000;
+
 /** Parameter numbers of the type list, then of the device list of the row id walk. */
 constexpr int kFirstTypeParam = 100;
 
@@ -38,11 +41,21 @@ std::string_view bytesOf(sqlite3_value* v)
     return data ? std::string_view(data, sqlite3_value_bytes(v)) : std::string_view();
 }
 
-/** grid_hits(stored grid, 32-byte mask): whether they share a cell. */
+/**
+ * grid_hits(stored grid, 32-byte mask): whether they share a cell. The mask is a parameter of
+ * the statement: it is read once per run and kept as SQLite's auxiliary data.
+ */
 void gridHits(sqlite3_context* context, int, sqlite3_value** args)
 {
-    const BoundingBoxGrid grid = BoundingBoxGrid::fromCompact(bytesOf(args[0]));
-    sqlite3_result_int(context, grid.intersects(BoundingBoxGrid::fromBytes(bytesOf(args[1]))));
+    const std::string_view stored = bytesOf(args[0]);
+    if (const auto* mask = static_cast<const BoundingBoxGrid*>(sqlite3_get_auxdata(context, 1))) {
+        sqlite3_result_int(context, mask->intersectsCompact(stored));
+        return;
+    }
+    auto* mask = new BoundingBoxGrid(BoundingBoxGrid::fromBytes(bytesOf(args[1])));
+    sqlite3_result_int(context, mask->intersectsCompact(stored));
+    // Deletes it at once when it cannot be kept.
+    sqlite3_set_auxdata(context, 1, mask, [](void* p) { delete static_cast<BoundingBoxGrid*>(p); });
 }
 
 /** Adds the time of its scope to a part of the profile, when there is one. */
@@ -179,7 +192,7 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
     const ProfileTimer timer(self->m_profile, &Profile::matcher);
     if (self->m_profile)
         ++self->m_profile->rowsMatched;
-    if (self->m_matcher.checks() >= self->m_textScanBudget) {
+    if (self->m_textBudgetApplies && self->m_matcher.checks() >= self->m_scanBudget) {
         self->m_textBudgetExceeded = true;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
         return;
@@ -209,6 +222,19 @@ ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>*
 
 DBResult TrackReader::readState(std::int64_t* seq)
 {
+    // The same version as at the last search: no commit came in between, and what was read then
+    // holds (an idle store's searches read no meta rows).
+    auto* version = m_db.cached("PRAGMA data_version");
+    if (!version)
+        return m_db.lastResult();
+    if (!version->step())
+        return version->result() == DBResult::ok ? DBResult::logicError : version->result();
+    const std::int64_t dataVersion = version->int64(0);
+    if (dataVersion == m_dataVersion) {
+        *seq = m_seq;
+        return DBResult::ok;
+    }
+    m_dataVersion = -1;
     auto* s = m_db.cached(kStateKeys);
     if (!s)
         return m_db.lastResult();
@@ -228,16 +254,24 @@ DBResult TrackReader::readState(std::int64_t* seq)
     }
     if (s->result() != DBResult::ok)
         return s->result();
-    if (static_cast<std::uint64_t>(dictionary) != m_dictionary.entries())
-        return m_dictionary.load(m_db);
+    if (static_cast<std::uint64_t>(dictionary) != m_dictionary.entries()) {
+        if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
+            return r;
+    }
+    m_dataVersion = dataVersion;
+    m_seq = *seq;
     return DBResult::ok;
 }
 
 DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
 {
     tracks->clear();
-    // One read transaction, so that every query below sees the same committed state.
-    if (auto r = m_db.exec("BEGIN"); r != DBResult::ok)
+    // One read transaction, so that every query below sees the same committed state; both ends
+    // prepared once, as parsing them costs more than a small search's statements.
+    auto* begin = m_db.cached("BEGIN");
+    if (!begin)
+        return m_db.lastResult();
+    if (auto r = begin->exec(); r != DBResult::ok)
         return r;
     struct End
     {
@@ -245,7 +279,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
         ~End()
         {
             db.resetCached();
-            db.exec("COMMIT");
+            if (auto* commit = db.cached("COMMIT"))
+                commit->exec();
         }
     } end{m_db};
 
@@ -263,6 +298,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     m_matcher.setQuery(m_words);
     m_textBudgetExceeded = false;
     m_walkGaveUp = false;
+    m_rareRowsTested = false;
+    m_scanBudget = m_textScanBudget;
 
     if (filter.timePeriod.durationMs < 0 && !filter.timePeriod.isInfinite())
         return DBResult::ok;
@@ -306,6 +343,11 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
             return r;
         rareRows = rare;
     }
+    bool skipScan = false;
+    if (!rare && !m_words.empty() && !filter.deviceIds.empty()) {
+        if (auto r = scanBudget(filter, &skipScan); r != DBResult::ok)
+            return r;
+    }
     const auto extra = static_cast<std::int64_t>(replaced.size());
     std::vector<Row> stored;
     // Rare words start where a row by row test that found nothing would have gone next.
@@ -326,10 +368,10 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
             m_textBudgetExceeded = false;
             result = run(filter, TextMode::scan, extra, &stored);
         }
-    } else if (!rare) {
+    } else if (!rare && !skipScan) {
         result = run(filter, m_words.empty() ? TextMode::none : TextMode::scan, extra, &stored);
     }
-    if ((rare && !rareRows) || (result != DBResult::ok && m_textBudgetExceeded)) {
+    if ((rare && !rareRows) || skipScan || (result != DBResult::ok && m_textBudgetExceeded)) {
         stored.clear();
         m_db.resetCached();
         result = run(filter, TextMode::rowWalk, extra, &stored);
@@ -341,11 +383,14 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     }
     if (result != DBResult::ok)
         return result;
+    found.reserve(found.size() + stored.size());
     for (auto& row : stored) {
         if (!replaced.contains(row.stored.rowId))
             found.push_back(std::move(row));
     }
-    std::sort(found.begin(), found.end(), before);
+    // Stored rows come in order: only open tracks put them out of it.
+    if (!std::is_sorted(found.begin(), found.end(), before))
+        std::sort(found.begin(), found.end(), before);
     if (filter.maxObjectTracksToSelect > 0 &&
         found.size() > static_cast<std::size_t>(filter.maxObjectTracksToSelect)) {
         found.resize(filter.maxObjectTracksToSelect);
@@ -353,8 +398,8 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
 
     const ProfileTimer answers(m_profile, &Profile::answers);
     tracks->reserve(found.size());
-    for (const Row& row : found) {
-        tracks->push_back(row.stored.track.toTrack());
+    for (Row& row : found) {
+        tracks->push_back(std::move(row.stored.track).toTrack());
         if (row.open)
             tracks->back().attributes = row.open->attributes->attributes;
         if (!filter.needFullTrack)
@@ -399,22 +444,29 @@ bool TrackReader::matchesOpen(const Filter& filter, const OpenTrackView& view) c
 DBResult TrackReader::isRareText(bool* rare)
 {
     *rare = false;
+    m_rareRowsTested = false;
+    m_rareRows.clear();
     if (m_rareTextMatches <= 0)
         return DBResult::ok;
-    // A one-letter prefix stands for every word starting with it ("t" of "t-shirt"): FTS5 would
-    // merge all their lists, which costs more than the row by row test it is meant to spare.
+    std::vector<int> chars;
     for (const std::string& word : m_words) {
-        if (QString::fromStdString(word).size() < 2)
+        chars.push_back(static_cast<int>(QString::fromStdString(word).size()));
+        // A one-letter prefix stands for every word starting with it ("t" of "t-shirt"): FTS5
+        // would merge all their lists, which costs more than the row by row test it spares.
+        if (chars.back() < 2)
             return DBResult::ok;
+    }
+    if (m_words.size() > 1) {
+        if (auto r = rareCandidates(chars, rare); r != DBResult::ok || *rare)
+            return r;
     }
     // A prefix that the index has no list of is the merge of the lists of every word starting
     // with it, built whole before the first match comes out: milliseconds for a common word. The
     // words as they are match a subset of what their prefixes match, from lists read as far as
     // needed, so when they alone are common the prefixes are too. Words of two and three
     // characters have lists of their own as prefixes, and need no such test.
-    const bool prefixLists = std::all_of(m_words.begin(), m_words.end(), [](const auto& word) {
-        return QString::fromStdString(word).size() <= kPrefixListChars;
-    });
+    const bool prefixLists =
+        std::all_of(chars.begin(), chars.end(), [](int n) { return n <= kPrefixListChars; });
     if (!prefixLists) {
         if (auto r =
                 textMatches(ftsQuery(m_words, /*prefixes*/ false), m_rareTextMatches, &m_rareRows);
@@ -426,6 +478,94 @@ DBResult TrackReader::isRareText(bool* rare)
     if (auto r = textMatches(ftsQuery(m_words), m_rareTextMatches, &m_rareRows); r != DBResult::ok)
         return r;
     *rare = static_cast<std::int64_t>(m_rareRows.size()) < m_rareTextMatches;
+    return DBResult::ok;
+}
+
+DBResult TrackReader::rareCandidates(const std::vector<int>& chars, bool* rare)
+{
+    // FTS5's AND of a word whose list is long (a plate's letters "bl", a prefix of black and
+    // blue) with a rare one seeks the long list in every segment for each rare match, about 3 us
+    // a segment: 0.5-1 ms for a plate, where a few rows read by key and tested by the matcher
+    // take 3-5 us each. So a word with few matches gives the candidates. Longer words are tried
+    // first, as they tend to be the rarer.
+    std::vector<std::size_t> order(m_words.size());
+    for (std::size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t a, std::size_t b) { return chars[a] > chars[b]; });
+    for (const std::size_t i : order) {
+        bool common = false;
+        if (auto r = countWord(m_words[i], chars[i], kFewTextMatches + 1, &m_rareRows, &common);
+            r != DBResult::ok) {
+            return r;
+        }
+        if (!common) {
+            *rare = true;
+            m_rareRowsTested = true;
+            return DBResult::ok;
+        }
+    }
+    return DBResult::ok;
+}
+
+DBResult TrackReader::scanBudget(const Filter& filter, bool* skipScan)
+{
+    // The first matches that the count read (in row id order) and how far apart they lie tell
+    // about how many there are in all.
+    if (m_textScanBudget <= 0 || m_rareRows.size() < 2)
+        return DBResult::ok;
+    // Row ids are given in storing order and only the oldest are deleted: their span is close to
+    // the count of tracks, in two index lookups.
+    auto* s = m_db.cached("SELECT (SELECT max(id) FROM track) - (SELECT min(id) FROM track) + 1");
+    if (!s)
+        return m_db.lastResult();
+    const double tracks = s->step() && !s->isNull(0) ? static_cast<double>(s->int64(0)) : 0.0;
+    if (s->result() != DBResult::ok)
+        return s->result();
+    s->reset();
+    const double span = static_cast<double>(m_rareRows.back() - m_rareRows.front() + 1);
+    const double matches = static_cast<double>(m_rareRows.size()) * tracks / std::max(span, 1.0);
+    // The devices' rows, as if all devices had as many.
+    const double devices = static_cast<double>(
+        std::max<std::size_t>(1, m_dictionary.size(StoreDictionary::Kind::device)));
+    const double deviceRows =
+        std::min(tracks, tracks * static_cast<double>(filter.deviceIds.size()) / devices);
+    // What reading the matches and walking the devices' index ranges costs, in rows tested.
+    const double indexRows = (matches + deviceRows) / kMatchesPerRow;
+    m_scanBudget = std::max(m_textScanBudget, static_cast<std::int64_t>(indexRows));
+    // At any time, the row by row test ends after about as many rows as hold the answer, if the
+    // words are spread evenly, else with the devices' rows; when that is past its budget, it is
+    // not begun. Within a period the range is shorter, by how much is not known.
+    if (filter.timePeriod.startTimeMs <= 0 && filter.timePeriod.isInfinite()) {
+        const double answer =
+            filter.maxObjectTracksToSelect > 0
+                ? std::min(deviceRows, filter.maxObjectTracksToSelect * tracks / matches)
+                : deviceRows;
+        *skipScan = answer > static_cast<double>(m_scanBudget);
+    }
+    return DBResult::ok;
+}
+
+DBResult TrackReader::countWord(const std::string& word, int chars, std::int64_t limit,
+                                std::vector<std::int64_t>* matches, bool* common)
+{
+    // A word of four characters or more as a prefix has no list of its own (see below): the
+    // word as it is decides first whether it is common.
+    const std::vector<std::string> words{word};
+    *common = false;
+    if (chars > kPrefixListChars) {
+        if (auto r = textMatches(ftsQuery(words, /*prefixes*/ false), limit, matches);
+            r != DBResult::ok) {
+            return r;
+        }
+        if (static_cast<std::int64_t>(matches->size()) >= limit) {
+            *common = true;
+            return DBResult::ok;
+        }
+    }
+    if (auto r = textMatches(ftsQuery(words), limit, matches); r != DBResult::ok)
+        return r;
+    *common = static_cast<std::int64_t>(matches->size()) >= limit;
     return DBResult::ok;
 }
 
@@ -454,6 +594,8 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
         return r;
     if (matchesNothing)
         return DBResult::ok;
+    // Known matches are few and tested once each: no budget bounds them.
+    m_textBudgetApplies = textMode != TextMode::rows;
     // Rows that open tracks replace are dropped afterwards: as many more are asked for.
     if (q.limit >= 0)
         q.limit += extra;
@@ -519,7 +661,12 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     q->ascending = filter.sortOrder == SortOrder::asc;
 
     bool textScan = false;
-    std::string where = "t.first_us < ?1 AND t.first_us >= ?2 AND t.first_us + t.span_us >= ?3";
+    // A track that starts at or after the period's start also ends after it: its span, which
+    // only the table has, is looked at only for tracks that start before. Along the device index,
+    // rows that fail the tests on the index's columns are then never read from the table.
+    std::string where =
+        "t.first_us < ?1 AND t.first_us >= ?2 AND (t.first_us >= ?3 OR t.first_us + t.span_us >= "
+        "?3)";
     std::string tables = "track t";
     const bool walking = textMode == TextMode::rowWalk || textMode == TextMode::prefixWalk;
     const bool byType =
@@ -556,6 +703,8 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
     if (textMode == TextMode::rows) {
         q->byRowId = true;
         where += " AND t.id = ?11";
+        // The matches of one word: the others are tested on the rows.
+        textScan = m_rareRowsTested;
     }
     if (!filter.objectTrackId.isNull()) {
         std::tie(q->trackIdHigh, q->trackIdLow) = TrackRow::idHalves(filter.objectTrackId);
@@ -647,6 +796,8 @@ DBResult TrackReader::select(const Query& q, std::int64_t partition, std::vector
     if (!s)
         return m_db.lastResult();
     bindQuery(s, q, partition, q.limit);
+    if (q.limit > 0 && q.limit <= kReservedRows)
+        out->reserve(out->size() + q.limit);
     while (s->step()) {
         Row row;
         if (auto r = readRow(*s, &row); r != DBResult::ok)

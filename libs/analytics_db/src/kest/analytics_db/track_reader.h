@@ -44,11 +44,11 @@ namespace kest::analytics::db {
  * merged; without devices, each type is a range on (type, first appearance); otherwise the
  * first-appearance index. Ranges are bounded below by the longest track stored. Engine, box and
  * common words are tested on the rows of the range until the limit is reached. Words that are
- * not common enough for that go through FTS5: when a bounded read of their matches shows them
- * rare, those matches are all there is, and their rows are read by key. Otherwise, without
- * devices the matches are walked in row id
- * order: row ids follow storing, which strays from first-appearance order by at most the lag the
- * storage records (kMaxLagKey), so the walk stops once no row further on can beat the answer
+ * not common enough for that go through FTS5: when a bounded read of one word's matches shows
+ * it rare (or of all words together), those matches are all there is: their rows are read by
+ * key and tested against the other words. Otherwise, without devices the matches are walked in
+ * row id order: row ids follow storing, which strays from first-appearance order by at most the lag
+ * the storage records (kMaxLagKey), so the walk stops once no row further on can beat the answer
  * found. With devices, or when the lag is too wide for the walk to end soon, the index range is
  * tested against the set of all FTS5 matches.
  */
@@ -102,8 +102,17 @@ public:
      * words quickly; after this many rows without a full answer the full-text index is used.
      */
     static constexpr std::int64_t kTextScanBudget = 4000;
-    /** Tests use it to take the other ways on small stores. */
+    /** Tests use it to take the other ways on small stores; 0 never tests rows one by one. */
     void setTextScanBudget(std::int64_t checks) { m_textScanBudget = checks; }
+    /**
+     * With devices, the way after the row by row test reads every match of the words from the
+     * full-text index (a word of four letters or more merges the lists of all words starting
+     * with it) and walks the devices' index ranges: about this many matches, or index entries,
+     * cost as much as one row tested (0.3 and 3.6 us on 5M tracks). So the row by row test goes
+     * on for as many rows as those would cost, kTextScanBudget at least, and is not begun when
+     * it would need more.
+     */
+    static constexpr double kMatchesPerRow = 12.0;
 
     /** Rows the row id walk may read before every FTS5 match is checked instead. */
     static constexpr std::int64_t kRowWalkBudget = 20000;
@@ -115,6 +124,11 @@ public:
      * one letter, which have no prefix index, are not counted.
      */
     static constexpr std::int64_t kRareTextMatches = 256;
+    /**
+     * Of several words, one with at most this many matches gives the candidates that the others
+     * are tested on, one by one (see rareCandidates).
+     */
+    static constexpr std::int64_t kFewTextMatches = 32;
     /** Words of at most this many characters have their own lists as prefixes (the schema's). */
     static constexpr int kPrefixListChars = 3;
     /** Tests use it to take either way on small stores; 0 never counts. */
@@ -132,7 +146,10 @@ private:
         none,
         scan,
         rowWalk,
-        /** The rows of m_rareRows, every match of rare words, by key. */
+        /**
+         * The rows of m_rareRows by key: every match of the words, or those of one word, the
+         * others then tested by the matcher (m_rareRowsTested).
+         */
         rows,
         /** The row id walk over prefixQuery()'s matches, each tested by the matcher. */
         prefixWalk,
@@ -155,10 +172,28 @@ private:
     bool decodePositions(std::string_view run, std::int64_t baseUs,
                          std::vector<ObjectPosition>* out, bool positionsOnly);
     /**
-     * Whether FTS5 matches the words fewer than m_rareTextMatches times; if so, m_rareRows holds
-     * every match.
+     * Whether FTS5 matches one of the words, or all of them together, fewer than
+     * m_rareTextMatches times; if so, m_rareRows holds those matches: those of one word to be
+     * tested against the others (m_rareRowsTested), or those of all words.
      */
     sql::DBResult isRareText(bool* rare);
+    /**
+     * Of several words of `chars` characters: the matches of one with at most kFewTextMatches,
+     * in m_rareRows, to be tested against the others.
+     */
+    sql::DBResult rareCandidates(const std::vector<int>& chars, bool* rare);
+    /**
+     * The matches of one word of `chars` characters as a prefix, `limit` at most; `common` when
+     * there are that many.
+     */
+    /**
+     * m_scanBudget for words that are not rare, searched with devices, from about how many
+     * matches they have (m_rareRows holds the first that the count read); `skipScan` when the
+     * row by row test would cost more than the full-text index.
+     */
+    sql::DBResult scanBudget(const Filter& filter, bool* skipScan);
+    sql::DBResult countWord(const std::string& word, int chars, std::int64_t limit,
+                            std::vector<std::int64_t>* matches, bool* common);
     /**
      * The query words cut to their first kPrefixListChars characters, as an FTS5 query of
      * prefixes that have lists of their own: every track that the words match, and a few more.
@@ -175,11 +210,19 @@ private:
     TextMatcher m_matcher;
     std::int64_t m_maxSpanUs = 0;
     std::int64_t m_maxLagUs = -1;
+    /** PRAGMA data_version when the state above was read, and the seq read then; -1: none. */
+    std::int64_t m_dataVersion = -1;
+    std::int64_t m_seq = 0;
     std::vector<std::string> m_words;
     std::vector<std::int64_t> m_rareRows;
+    /** m_rareRows match one word of several: the rows are tested against the others. */
+    bool m_rareRowsTested = false;
+    bool m_textBudgetApplies = true;
     bool m_textBudgetExceeded = false;
     bool m_walkGaveUp = false;
     std::int64_t m_textScanBudget = kTextScanBudget;
+    /** Of this search: m_textScanBudget, or more (scanBudget()). */
+    std::int64_t m_scanBudget = kTextScanBudget;
     std::int64_t m_rareTextMatches = kRareTextMatches;
     Profile* m_profile = nullptr;
 };

@@ -179,16 +179,14 @@ bool TrackRow::decodeAttributes(std::string_view bytes, const StoreDictionary& d
                                 std::vector<Attribute>* out)
 {
     ByteReader r(bytes);
-    AttributeList list;
-    if (!readAttributeList(r, &list))
+    std::uint64_t count = 0;
+    // Each code takes a byte at least.
+    if (!r.getVarint(&count) || count > bytes.size())
         return false;
-    out->clear();
-    out->reserve(list.size());
-    for (const auto& code : list) {
-        auto attribute = AttributeCoder::decode(code, dictionary);
-        if (!attribute)
+    out->resize(count);
+    for (Attribute& attribute : *out) {
+        if (!AttributeCoder::read(r, dictionary, &attribute))
             return false;
-        out->push_back(std::move(*attribute));
     }
     return true;
 }
