@@ -63,5 +63,36 @@ TEST(OpenTracksSnapshots, FastCommitsKeepAFewAndASlowOneDropsThoseItOutlived)
     EXPECT_NE(snapshots.get(kCommits + 1), nullptr);
 }
 
+TEST(OpenTracksSnapshots, DroppedCommitsGoToTheReleaserWhichAloneFreesThem)
+{
+    OpenTracksSnapshots snapshots;
+    std::vector<std::shared_ptr<const OpenTracks>> handedOver;
+    snapshots.setReleaser([&](OpenTracksSnapshots::Dropped dropped) {
+        for (auto& tracks : dropped)
+            handedOver.push_back(std::move(tracks));
+    });
+    std::vector<std::weak_ptr<const OpenTracks>> made;
+    const auto publish = [&](std::int64_t seq, Clock::time_point at) {
+        auto tracks = commit(seq);
+        made.push_back(tracks);
+        snapshots.publish(std::move(tracks), at);
+    };
+    // Dropped for their number, then for their age: each exactly once, alive until released.
+    const auto count = static_cast<std::int64_t>(OpenTracksSnapshots::kKept) + 3;
+    for (std::int64_t seq = 1; seq <= count; ++seq)
+        publish(seq, kT0 + seq * 1ms);
+    ASSERT_EQ(handedOver.size(), 3u);
+    EXPECT_EQ(snapshots.dropSuperseded(kT0 + 1h), OpenTracksSnapshots::kKept - 1);
+    ASSERT_EQ(handedOver.size(), static_cast<std::size_t>(count - 1));
+    for (std::size_t i = 0; i < handedOver.size(); ++i)
+        EXPECT_EQ(handedOver[i]->seq, static_cast<std::int64_t>(i + 1));
+    EXPECT_FALSE(made[0].expired());
+    handedOver.clear();
+    for (std::int64_t seq = 1; seq < count; ++seq)
+        EXPECT_TRUE(made[seq - 1].expired()) << seq;
+    EXPECT_FALSE(made[count - 1].expired());
+    EXPECT_EQ(snapshots.get(count)->seq, count);
+}
+
 }  // namespace
 }  // namespace kest::analytics::db::test

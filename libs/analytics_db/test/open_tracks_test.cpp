@@ -368,5 +368,51 @@ TEST_F(OpenTracksTest, AWrittenTrackHoldsExactlyWhatItsJournalRunsShowed)
     EXPECT_EQ(fullTrack(*storage, 1), open);
 }
 
+TEST_F(OpenTracksTest, ObjectsThatChangeTypeEngineOrDeviceComeBackSoAfterARestart)
+{
+    // The journal keeps each object's type, engine and device: the track rebuilt from it after a
+    // restart must take the same origin as the track that saw the objects, in whatever order.
+    const ZuUuid otherEngine("{eeeeeeee-0000-0000-0000-000000000002}");
+    const ZuUuid otherDevice("{22222222-0000-0000-0000-000000000002}");
+    struct Object
+    {
+        std::int64_t atUs;
+        const char* type;
+        ZuUuid engine;
+        ZuUuid device;
+    };
+    const std::vector<std::vector<Object>> batches = {
+        {{810 * kS, "", kEngine, kDevice},
+         {811 * kS, "truck", otherEngine, kDevice},
+         {812 * kS, "car", kEngine, kDevice}},
+        {{813 * kS, "car", otherEngine, otherDevice},
+         {809 * kS, "car", kEngine, kDevice},
+         {814 * kS, "bus", otherEngine, kDevice}},
+    };
+    std::vector<ObjectTrackEx> before;
+    {
+        auto storage = open();
+        for (const auto& batch : batches) {
+            for (const Object& o : batch) {
+                auto p = std::make_shared<ObjectMetadataPacket>(*packet(o.atUs, {1}));
+                p->deviceId = o.device;
+                p->objectMetadataList[0].typeId = o.type;
+                p->objectMetadataList[0].analyticsEngineId = o.engine;
+                storage->save(p);
+            }
+            storage->flush();
+        }
+        before = fullTrack(*storage, 1);
+        ASSERT_EQ(before.size(), 1u);
+        EXPECT_EQ(before[0].objectTypeId, "car");
+        EXPECT_EQ(before[0].firstAppearanceTimeUs, 809 * kS);
+    }
+    EXPECT_EQ(count("track"), 0);
+    auto storage = open();
+    EXPECT_EQ(fullTrack(*storage, 1), before);
+    storage->closeOpenTracks();
+    EXPECT_EQ(fullTrack(*storage, 1), before);
+}
+
 }  // namespace
 }  // namespace kest::analytics::db::test

@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <iomanip>
 #include <limits>
 #include <numeric>
 #include <random>
 
+#include <kest/analytics_db/attribute_coder.h>
 #include <kest/analytics_db/bounding_box_grid.h>
 #include <kest/analytics_db/fixed_point.h>
 #include <kest/analytics_db/object_run.h>
@@ -257,6 +261,70 @@ TEST(ObjectRun, CoordinatesComeBackWithinAMillionthAndShortDecimalsExactly)
         ASSERT_TRUE(units) << v;  //< A random double is no short decimal.
         ASSERT_LE(std::fabs(FixedPoint::value(*units) - v), 1e-6) << v;
     }
+}
+
+// The decade of a value decides which digits count: the values next to each power of ten, and
+// short decimals at every scale, are judged as their shortest text would judge them.
+TEST(ObjectRun, ShortDecimalsAreTheValuesThatSixDigitsOfTextGiveBack)
+{
+    const auto byText = [](double v) {
+        char text[32];
+        std::snprintf(text, sizeof(text), "%.6g", v);
+        return std::strtod(text, nullptr) == v;
+    };
+    std::vector<double> values;
+    for (int exponent = -20; exponent <= 8; ++exponent) {
+        const double power = std::pow(10.0, exponent);
+        for (const double v : {power, std::nextafter(power, 0.0), std::nextafter(power, 1e300),
+                               power * 9.99999, power * 1.00001, power * 1.234567}) {
+            values.push_back(v);
+            values.push_back(-v);
+        }
+    }
+    std::mt19937_64 random(11);
+    for (int i = 0; i < 20000; ++i) {
+        const int exponent = std::uniform_int_distribution<>(-18, 7)(random);
+        const int digits = std::uniform_int_distribution<>(1, 999999)(random);
+        values.push_back(digits * std::pow(10.0, exponent - 5));
+        values.push_back(std::uniform_real_distribution<>(0, 2)(random) * std::pow(10.0, exponent));
+    }
+    for (const double v : values)
+        ASSERT_EQ(FixedPoint::isShortDecimal(v), byText(v)) << std::setprecision(17) << v;
+}
+
+// A value earns a dictionary key once a second stored track carries it; until then, and when it
+// is long, it is written out. Either way it decodes to what was given.
+TEST(AttributeCoder, ValuesGetAKeyOnTheirSecondStoredTrackAndDecodeAlike)
+{
+    StoreDictionary dictionary;
+    AttributeCoder coder(dictionary);
+    const common::metadata::Attribute red{"color", "red"};
+    const common::metadata::Attribute plate{"plate", "KX 4821"};
+    const common::metadata::Attribute crimson{"colour", "red"};  //< Same value, other name.
+    const common::metadata::Attribute longValue{"note", std::string(80, 'x')};
+    const auto roundTrip = [&](const common::metadata::Attribute& a) {
+        const AttributeCode code = coder.encode(a);
+        EXPECT_EQ(AttributeCoder::decode(code, dictionary), a) << a.name;
+        return code;
+    };
+    for (const auto& a : {red, plate, crimson, longValue}) {
+        EXPECT_EQ(roundTrip(a).pair, 0u) << a.name;
+        coder.noteStored(a);
+        EXPECT_EQ(roundTrip(a).pair, 0u) << a.name;
+    }
+    coder.noteStored(red);
+    coder.noteStored(longValue);
+    const AttributeCode keyed = roundTrip(red);
+    EXPECT_NE(keyed.pair, 0u);
+    EXPECT_EQ(roundTrip(crimson).pair, 0u);
+    EXPECT_EQ(roundTrip(plate).pair, 0u);
+    EXPECT_EQ(roundTrip(longValue).pair, 0u);
+    // Once keyed, further tracks change nothing.
+    coder.noteStored(red);
+    EXPECT_EQ(roundTrip(red).pair, keyed.pair);
+    coder.noteStored(crimson);
+    EXPECT_NE(roundTrip(crimson).pair, 0u);
+    EXPECT_NE(roundTrip(crimson).pair, keyed.pair);
 }
 
 TEST(ObjectRun, RecordsRoundTripAndMalformedBytesAreRefused)

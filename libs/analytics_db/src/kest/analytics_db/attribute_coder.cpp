@@ -1,6 +1,8 @@
 #include "attribute_coder.h"
 
+#include <functional>
 #include <limits>
+#include <string_view>
 
 namespace kest::analytics::db {
 
@@ -16,8 +18,8 @@ AttributeCode AttributeCoder::encode(const Attribute& attribute)
     AttributeCode code;
     code.name = m_dictionary.key(Kind::attributeName, attribute.name);
     if (attribute.value.size() <= kMaxPairValue) {
-        if (const auto pair = m_dictionary.find(
-                Kind::attribute, StoreDictionary::pairValue(code.name, attribute.value))) {
+        StoreDictionary::pairValue(code.name, attribute.value, &m_pair);
+        if (const auto pair = m_dictionary.find(Kind::attribute, m_pair)) {
             code.pair = *pair;
             code.name = 0;
             return code;
@@ -33,16 +35,17 @@ void AttributeCoder::noteStored(const Attribute& attribute)
         return;
     }
     const std::uint32_t name = m_dictionary.key(Kind::attributeName, attribute.name);
-    std::string pair = StoreDictionary::pairValue(name, attribute.value);
-    if (m_dictionary.find(Kind::attribute, pair))
+    StoreDictionary::pairValue(name, attribute.value, &m_pair);
+    if (m_dictionary.find(Kind::attribute, m_pair))
         return;
-    if (m_seenOnce.erase(pair) > 0) {
-        m_dictionary.key(Kind::attribute, pair);
+    const std::uint64_t hash = std::hash<std::string_view>()(m_pair);
+    if (m_seenOnce.erase(hash) > 0) {
+        m_dictionary.key(Kind::attribute, m_pair);
         return;
     }
     if (m_seenOnce.size() >= kMaxCandidates)
         m_seenOnce.clear();
-    m_seenOnce.insert(std::move(pair));
+    m_seenOnce.insert(hash);
 }
 
 std::optional<Attribute> AttributeCoder::decode(const AttributeCode& code,

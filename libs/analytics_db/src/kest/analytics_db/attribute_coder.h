@@ -3,7 +3,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <unordered_set>
+
+#include <boost/unordered/unordered_flat_set.hpp>
 
 #include "attribute.h"
 #include "attribute_code.h"
@@ -42,8 +43,14 @@ public:
 
 private:
     StoreDictionary& m_dictionary;
-    /** Pairs seen on one stored track so far; cleared when it grows too large. */
-    std::unordered_set<std::string> m_seenOnce;
+    /**
+     * Pairs seen on one stored track so far, by the hash of their entry (two pairs that share
+     * one cost a dictionary entry, no more); cleared when it grows too large. A set of the
+     * entries took a block or two for every rare value written.
+     */
+    boost::unordered_flat_set<std::uint64_t> m_seenOnce;
+    /** A pair entry being looked up, its room kept. */
+    std::string m_pair;
 };
 
 }  // namespace kest::analytics::db

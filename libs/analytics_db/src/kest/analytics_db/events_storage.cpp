@@ -60,6 +60,11 @@ bool EventsStorage::initialize(const Settings& settings)
     const std::string file = QDir(settings.path).filePath(kFileName).toStdString();
 
     auto openTracks = std::make_shared<OpenTracksSnapshots>();
+    // Freeing a superseded commit's index of the open tracks took the writer as long as making
+    // the next one; the thread that frees written packets does it.
+    openTracks->setReleaser([this](OpenTracksSnapshots::Dropped dropped) {
+        m_completions.post([released = std::move(dropped)] {});
+    });
     auto activityIndex = std::make_shared<ActivityIndex>();
     auto writer = std::make_unique<TrackWriter>(openTracks);
     writer->setMaxOpenTrackBytes(settings.maxOpenTrackBytes);
@@ -256,8 +261,8 @@ void EventsStorage::save(std::shared_ptr<const common::metadata::ObjectMetadataP
         }
         enqueue(std::move(packet), SteadyClock::now());
         // Waking the writer on every packet would cost a system call each; it only needs to
-        // know about the first one (to start the delay) and about a full batch.
-        wake = m_queue.size() == 1 || m_queue.size() == kBatchPackets;
+        // know about the first one (to start the delay) and about a batch's worth.
+        wake = m_queue.size() == 1 || m_queue.size() == kEagerBatchPackets;
     }
     if (wake)
         m_writerWake.notify_one();
@@ -411,7 +416,7 @@ void EventsStorage::writerLoop()
     for (;;) {
         const auto batchDue = [&] {
             return m_stopping || !m_writerTasks.empty() || m_closeRequested ||
-                   m_queue.size() >= kBatchPackets ||
+                   m_queue.size() >= kEagerBatchPackets ||
                    (!m_queue.empty() &&
                     (m_flushTarget > m_done || !m_waiters.empty() ||
                      SteadyClock::now() >= m_queueTimes.front() + m_settings.maxCommitDelay));

@@ -53,8 +53,11 @@ public:
     using Clock = std::function<std::chrono::system_clock::time_point()>;
 
     static constexpr const char* kFileName = "events.sqlite";
-    /** A batch is committed once this many packets are waiting, or after maxCommitDelay. */
-    static constexpr std::size_t kBatchPackets = 16384;
+    /**
+     * A batch is committed once this many packets are waiting, or after maxCommitDelay: the
+     * writer then writes them while the next ones come, and takes what came meanwhile.
+     */
+    static constexpr std::size_t kEagerBatchPackets = 4096;
     static constexpr std::size_t kMaxBatchPackets = 16384;
     /** What a batch may take to write, at the writer's pace. */
     static constexpr std::chrono::milliseconds kBatchTime{300};

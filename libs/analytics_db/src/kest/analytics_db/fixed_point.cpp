@@ -1,5 +1,6 @@
 #include "fixed_point.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +16,24 @@ constexpr double kLimit = 1e9;
 constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                    1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
                                    1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+/** 10^k for k from kFirstDecade on: the decade of a value by comparison, not by a logarithm. */
+constexpr int kFirstDecade = -17;
+constexpr double kDecades[] = {1e-17, 1e-16, 1e-15, 1e-14, 1e-13, 1e-12, 1e-11, 1e-10,
+                               1e-9,  1e-8,  1e-7,  1e-6,  1e-5,  1e-4,  1e-3,  1e-2,
+                               1e-1,  1e0,   1e1,   1e2,   1e3,   1e4,   1e5,   1e6};
+
+/**
+ * floor(log10(magnitude)) for a magnitude within the table (exact: no double lies between a
+ * power of ten and the double nearest to it); nothing outside it.
+ */
+std::optional<int> decadeOf(double magnitude)
+{
+    if (!(magnitude >= kDecades[0]) || magnitude >= kDecades[std::size(kDecades) - 1])
+        return std::nullopt;
+    const double* above = std::upper_bound(std::begin(kDecades), std::end(kDecades), magnitude);
+    return static_cast<int>(above - std::begin(kDecades)) - 1 + kFirstDecade;
+}
 
 }  // namespace
 
@@ -43,7 +62,10 @@ bool FixedPoint::isShortDecimal(double value)
     if (value == 0 || !std::isfinite(value))
         return false;
     // The decimal exponent that puts 6 significant digits before the point.
-    const int exponent = 5 - static_cast<int>(std::floor(std::log10(std::fabs(value))));
+    const double magnitude = std::fabs(value);
+    const std::optional<int> decade = decadeOf(magnitude);
+    const int exponent =
+        5 - (decade ? *decade : static_cast<int>(std::floor(std::log10(magnitude))));
     if (exponent >= 0 && exponent < static_cast<int>(std::size(kPowersOfTen))) {
         const double scaled = std::nearbyint(value * kPowersOfTen[exponent]);
         // Both operands are exact, so the quotient is the double nearest to the decimal.

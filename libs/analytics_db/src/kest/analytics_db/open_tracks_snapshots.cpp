@@ -4,10 +4,39 @@
 
 namespace kest::analytics::db {
 
+void OpenTracksSnapshots::setReleaser(Releaser releaser)
+{
+    std::lock_guard lock(m_mutex);
+    m_releaser = std::move(releaser);
+}
+
+void OpenTracksSnapshots::release(Dropped dropped)
+{
+    if (dropped.empty())
+        return;
+    Releaser releaser;
+    {
+        std::lock_guard lock(m_mutex);
+        releaser = m_releaser;
+    }
+    if (releaser)
+        releaser(std::move(dropped));
+}
+
 void OpenTracksSnapshots::publish(std::shared_ptr<const OpenTracks> tracks, Clock::time_point now)
 {
-    std::vector<std::shared_ptr<const OpenTracks>> dropped;  //< Released outside the lock.
-    std::lock_guard lock(m_mutex);
+    Dropped dropped;
+    {
+        std::lock_guard lock(m_mutex);
+        publishLocked(std::move(tracks), now, &dropped);
+    }
+    release(std::move(dropped));
+}
+
+void OpenTracksSnapshots::publishLocked(std::shared_ptr<const OpenTracks> tracks,
+                                        Clock::time_point now, Dropped* droppedOut)
+{
+    Dropped& dropped = *droppedOut;
     const std::int64_t seq = tracks->seq;
     m_bySeq[seq] = {std::move(tracks), std::nullopt};
     for (auto it = m_bySeq.find(seq); it != m_bySeq.begin();) {
@@ -39,14 +68,17 @@ void OpenTracksSnapshots::withdraw(std::int64_t seq)
 
 std::size_t OpenTracksSnapshots::dropSuperseded(Clock::time_point now)
 {
-    std::vector<std::shared_ptr<const OpenTracks>> dropped;
-    std::lock_guard lock(m_mutex);
-    dropOld(now, &dropped);
-    return dropped.size();
+    Dropped dropped;
+    {
+        std::lock_guard lock(m_mutex);
+        dropOld(now, &dropped);
+    }
+    const std::size_t count = dropped.size();
+    release(std::move(dropped));
+    return count;
 }
 
-void OpenTracksSnapshots::dropOld(Clock::time_point now,
-                                  std::vector<std::shared_ptr<const OpenTracks>>* dropped)
+void OpenTracksSnapshots::dropOld(Clock::time_point now, Dropped* dropped)
 {
     for (auto it = m_bySeq.begin(); it != m_bySeq.end();) {
         const auto& superseded = it->second.supersededAt;

@@ -105,10 +105,16 @@ void StoreDictionary::keepSaved()
 std::string StoreDictionary::pairValue(std::uint32_t nameKey, std::string_view value)
 {
     std::string out;
-    ByteWriter w(&out);
-    w.putVarint(nameKey);
-    out.append(value);
+    pairValue(nameKey, value, &out);
     return out;
+}
+
+void StoreDictionary::pairValue(std::uint32_t nameKey, std::string_view value, std::string* out)
+{
+    out->clear();
+    ByteWriter w(out);
+    w.putVarint(nameKey);
+    out->append(value);
 }
 
 bool StoreDictionary::splitPair(std::string_view entry, std::uint32_t* nameKey,

@@ -54,6 +54,8 @@ public:
 
     /** The value of an attribute pair entry. */
     static std::string pairValue(std::uint32_t nameKey, std::string_view value);
+    /** The same into `out`, whose room is reused. */
+    static void pairValue(std::uint32_t nameKey, std::string_view value, std::string* out);
     /** Splits a pair entry into its name key and value; false for a malformed one. */
     static bool splitPair(std::string_view entry, std::uint32_t* nameKey, std::string_view* value);
 

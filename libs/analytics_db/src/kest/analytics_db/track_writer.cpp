@@ -61,6 +61,15 @@ struct TrackWriter::OpenTrack
     bool ended = false;
     SteadyClock::time_point endedAt;
 
+    /**
+     * The keys of the type and engine of its latest object: a track's objects repeat them, and
+     * each lookup in the dictionary hashed the text.
+     */
+    std::string lastType;
+    ZuUuid lastEngine;
+    std::uint32_t lastTypeKey = 0;
+    std::uint32_t lastEngineKey = 0;
+
     // The objects of the batch in hand, with their attribute lists.
     bool inBatch = false;
     std::vector<ObjectRecord> batch;
@@ -93,20 +102,20 @@ std::int64_t span(std::int64_t first, std::int64_t last)
  * A journal row as stored: its size, then the row compressed (zlib, fastest level): runs of one
  * batch repeat their attribute lists and headers, and what is journaled is written again later.
  */
-std::string packJournal(const std::string& row)
+bool packJournal(const std::string& row, std::string* out)
 {
-    std::string out;
-    ByteWriter w(&out);
+    out->clear();
+    ByteWriter w(out);
     w.putVarint(row.size());
-    const std::size_t header = out.size();
+    const std::size_t header = out->size();
     uLongf size = compressBound(row.size());
-    out.resize(header + size);
-    if (compress2(reinterpret_cast<Bytef*>(out.data() + header), &size,
+    out->resize(header + size);
+    if (compress2(reinterpret_cast<Bytef*>(out->data() + header), &size,
                   reinterpret_cast<const Bytef*>(row.data()), row.size(), 1) != Z_OK) {
-        return {};
+        return false;
     }
-    out.resize(header + size);
-    return out;
+    out->resize(header + size);
+    return true;
 }
 
 bool unpackJournal(std::string_view stored, std::string* row)
@@ -239,6 +248,7 @@ DBResult TrackWriter::recover()
     m_journalAges.clear();
     m_ended.clear();
     m_dictionary.dropUnsaved();
+    m_deviceKeys.clear();
     if (auto r = m_dictionary.load(m_db); r != DBResult::ok)
         return r;
     if (auto r = loadMeta(); r != DBResult::ok)
@@ -440,6 +450,14 @@ DBResult TrackWriter::findStored(const ZuUuid& id, std::int64_t rowId, StoredTra
     return result;
 }
 
+std::uint32_t TrackWriter::keyOfDevice(const ZuUuid& device)
+{
+    const auto [it, added] = m_deviceKeys.try_emplace(device, 0);
+    if (added)
+        it->second = m_dictionary.key(Kind::device, UuidBytes(device));
+    return it->second;
+}
+
 TrackWriter::OpenTrack* TrackWriter::openTrackFor(const ZuUuid& id, DBResult* result)
 {
     if (auto it = m_open.find(id); it != m_open.end())
@@ -495,8 +513,16 @@ void TrackWriter::addObject(OpenTrack& track, const ObjectMetadataPacket& packet
     r.timestampUs = packet.timestampUs;
     r.durationUs = packet.durationUs;
     r.device = deviceKey;
-    r.type = m_dictionary.key(Kind::type, object.typeId);
-    r.engine = m_dictionary.key(Kind::engine, UuidBytes(object.analyticsEngineId));
+    if (track.lastTypeKey == 0 || track.lastType != object.typeId) {
+        track.lastType = object.typeId;
+        track.lastTypeKey = m_dictionary.key(Kind::type, object.typeId);
+    }
+    if (track.lastEngineKey == 0 || track.lastEngine != object.analyticsEngineId) {
+        track.lastEngine = object.analyticsEngineId;
+        track.lastEngineKey = m_dictionary.key(Kind::engine, UuidBytes(object.analyticsEngineId));
+    }
+    r.type = track.lastTypeKey;
+    r.engine = track.lastEngineKey;
     r.kind = static_cast<std::uint8_t>(object.objectMetadataType);
     r.stream = static_cast<std::uint8_t>(static_cast<int>(packet.streamIndex) + 1);
     r.box = object.boundingBox;
@@ -515,7 +541,8 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
         return r;
     if (m_activity)
         m_activity->discardStaged();
-    std::vector<OpenTrack*> touched;
+    std::vector<OpenTrack*>& touched = m_touched;
+    touched.clear();
     DBResult result = DBResult::ok;
     const auto now = SteadyClock::now();
     for (std::size_t i = 0; i < packets.size(); ++i) {
@@ -526,7 +553,7 @@ DBResult TrackWriter::write(const std::vector<PacketPtr>& packets, SteadyClock::
             break;
         }
         const auto& packet = packets[i];
-        const std::uint32_t deviceKey = m_dictionary.key(Kind::device, UuidBytes(packet->deviceId));
+        const std::uint32_t deviceKey = keyOfDevice(packet->deviceId);
         auto [time, inserted] = m_deviceTime.try_emplace(deviceKey, packet->timestampUs);
         if (!inserted)
             time->second = std::max(time->second, packet->timestampUs);
@@ -714,6 +741,16 @@ void TrackWriter::releaseQueues()
     releaseRoom(m_journalAges);
     releaseRoom(m_ended);
     releaseRoom(m_open);
+    releaseRoom(m_touched);
+    releaseRoom(m_journaled);
+    releaseRoom(m_toClose);
+    releaseRoom(m_sections);
+    releaseRoom(m_journalData);
+    releaseRoom(m_journalPacked);
+    releaseRoom(m_positions);
+    releaseRoom(m_positionLists);
+    releaseRoom(m_records);
+    releaseRoom(m_recordLists);
 }
 
 std::int64_t TrackWriter::earliestOpenFirstUs() const
@@ -742,7 +779,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
                              SteadyClock::time_point deadline)
 {
     const std::int64_t seq = m_seq + 1;
-    std::vector<OpenTrack*> journaled;
+    std::vector<OpenTrack*>& journaled = m_journaled;
+    journaled.clear();
     for (OpenTrack* t : toWrite) {
         if (auto r = writeTrack(*t, false); r != DBResult::ok)
             return r;
@@ -750,7 +788,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     // Ended tracks are written together, a while after they ended: the index pages that every
     // commit of tracks touches are then written once for many tracks, not once per batch. Those
     // that the deadline leaves stay ended, first in line for the next commit.
-    std::vector<OpenTrack*> toClose;
+    std::vector<OpenTrack*>& toClose = m_toClose;
+    toClose.clear();
     std::size_t closed = 0;
     if (endedDue(SteadyClock::now(), allEnded)) {
         for (; closed < m_ended.size(); ++closed) {
@@ -771,7 +810,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     // The runs of this batch's tracks that go on, one journal row for the batch. Runs that are
     // all that is left of a row of mostly ended tracks move along, so that the row goes: the
     // journal stays a few times the size of what the open tracks hold.
-    std::vector<std::pair<OpenTrack*, std::size_t>> sections;  //< Track, its piece; -1: batch.
+    auto& sections = m_sections;  //< Track, its piece; -1: batch.
+    sections.clear();
     constexpr std::size_t kBatchPiece = static_cast<std::size_t>(-1);
     for (OpenTrack* t : touched) {
         if (!t->scheduled && !t->batch.empty())
@@ -802,7 +842,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
     const auto now = SteadyClock::now();
     if (!sections.empty()) {
-        std::string data;
+        std::string& data = m_journalData;
+        data.clear();
         ByteWriter w(&data);
         w.putVarint(sections.size());
         std::int64_t previousRowId = 0;
@@ -868,8 +909,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         }
         entry.bytes = data.size();
         m_journal[seq] = std::move(entry);
-        const std::string packed = packJournal(data);
-        if (packed.empty())
+        std::string& packed = m_journalPacked;
+        if (!packJournal(data, &packed))
             return m_db.fail(1 /*SQLITE_ERROR*/, "compressing a journal row");
         auto* s = m_db.cached("INSERT INTO journal(id, data) VALUES(?, ?)");
         if (!s)
@@ -937,8 +978,10 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     }
     for (OpenTrack* t : toWrite)
         t->scheduled = false;
-    for (OpenTrack* t : toClose)
-        m_open.erase(t->stored.track.id);
+    for (OpenTrack* t : toClose) {
+        const ZuUuid id = t->stored.track.id;  //< The key must outlive the track it is in.
+        m_open.erase(id);
+    }
     if (m_open.empty())
         releaseQueues();
     m_checkpointer.restartIfLong(m_db);
@@ -951,11 +994,13 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     TrackAggregate& t = stored.track;
 
     // Every position since the track was last written, with their attribute lists merged.
-    std::vector<ObjectRecord> positions;
-    std::vector<AttributeList> lists;
+    std::vector<ObjectRecord>& positions = m_positions;
+    std::vector<AttributeList>& lists = m_positionLists;
+    positions.clear();
+    lists.clear();
     {
-        std::vector<ObjectRecord> records;
-        std::vector<AttributeList> recordLists;
+        std::vector<ObjectRecord>& records = m_records;
+        std::vector<AttributeList>& recordLists = m_recordLists;
         for (std::size_t i = 0; i < track.pieces.size(); ++i) {
             if (track.pieceChunks[i] != 0)
                 continue;
@@ -1150,13 +1195,19 @@ std::shared_ptr<const OpenTracks> TrackWriter::snapshot(std::int64_t seq)
     tracks->seq = seq;
     tracks->tracks.reserve(m_open.size());
     tracks->byId.reserve(m_open.size());
+    // The lists of the devices by the writer's own hash: the map's hashed the id's text each time.
+    boost::unordered_flat_map<ZuUuid, std::vector<std::size_t>*, UuidHash> deviceLists;
     for (const auto& [id, owned] : m_open) {
         if (!owned->view || owned->closing)
             continue;
         const std::size_t index = tracks->tracks.size();
         tracks->tracks.push_back(owned->view);
         tracks->byId.emplace(id, index);
-        tracks->byDevice[owned->view->stored.track.deviceId].push_back(index);
+        const ZuUuid& device = owned->view->stored.track.deviceId;
+        auto [list, added] = deviceLists.try_emplace(device, nullptr);
+        if (added)
+            list->second = &tracks->byDevice[device];
+        list->second->push_back(index);
         if (owned->view->hasRow)
             tracks->replacedRows.push_back(owned->view->stored.rowId);
     }

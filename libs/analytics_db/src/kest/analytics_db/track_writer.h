@@ -14,6 +14,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include <boost/unordered/unordered_flat_map.hpp>
+
 #include <kest/sql/database.h>
 
 #include "activity_index.h"
@@ -25,24 +27,11 @@
 #include "store_dictionary.h"
 #include "text_matcher.h"
 #include "track_row.h"
+#include "uuid_hash.h"
 
 namespace kest::analytics::db {
 
 using PacketPtr = std::shared_ptr<const common::metadata::ObjectMetadataPacket>;
-
-/** A cheap hash for the writer's maps: ids are random already, so mixing two words is enough. */
-struct UuidHash
-{
-    std::size_t operator()(const ZuUuid& id) const noexcept
-    {
-        const QUuid& u = id.toQUuid();
-        std::uint64_t tail = 0;
-        std::memcpy(&tail, u.data4, sizeof(tail));
-        const std::uint64_t head =
-            (std::uint64_t(u.data1) << 32) ^ (std::uint64_t(u.data2) << 16) ^ u.data3;
-        return static_cast<std::size_t>((head ^ tail) * 0x9e3779b97f4a7c15ull);
-    }
-};
 
 /**
  * The writing side of the events database, used by one thread. Each track is written once: while
@@ -150,6 +139,8 @@ private:
     sql::DBResult loadMeta();
     sql::DBResult findStored(const ZuUuid& id, std::int64_t rowId, StoredTrack* out, bool* found);
     OpenTrack* openTrackFor(const ZuUuid& id, sql::DBResult* result);
+    /** The dictionary key of a device, added when new. */
+    std::uint32_t keyOfDevice(const ZuUuid& device);
     void addObject(OpenTrack& track, const common::metadata::ObjectMetadataPacket& packet,
                    const common::metadata::ObjectMetadata& object, std::uint32_t deviceKey);
     /** Marks the tracks that end (m_ended), and chooses those written before they end. */
@@ -178,7 +169,8 @@ private:
     AttributeCoder m_coder{m_dictionary};
     TextMatcher m_tokenizer;
 
-    std::unordered_map<ZuUuid, std::unique_ptr<OpenTrack>, UuidHash> m_open;
+    /** Flat: a batch looks up every object's track, and a chained map's nodes missed the cache. */
+    boost::unordered_flat_map<ZuUuid, std::unique_ptr<OpenTrack>, UuidHash> m_open;
     /** What a journal row holds, by its id: it goes when no run of an open track is left. */
     struct JournalRow
     {
@@ -196,6 +188,8 @@ private:
     static constexpr std::uint64_t kSectionChunk = 2;
     std::map<std::int64_t, JournalRow> m_journal;
     std::vector<std::int64_t> m_unreferencedJournalRows;
+    /** The dictionary keys of the devices met, without hashing their text each time. */
+    boost::unordered_flat_map<ZuUuid, std::uint32_t, UuidHash> m_deviceKeys;
     /** The latest packet time of each device, by dictionary key. */
     std::unordered_map<std::uint32_t, std::int64_t> m_deviceTime;
     /**
@@ -226,6 +220,21 @@ private:
     std::int64_t m_maxFirstUs = 0;
     std::int64_t m_maxLagUs = 0;
     std::shared_ptr<const OpenTracks> m_published;
+    /**
+     * What each batch needs anew, kept with their room: freeing blocks this large made the
+     * allocator sort all the small blocks freed since, a tenth of the writer's time.
+     */
+    std::vector<OpenTrack*> m_touched;
+    std::vector<OpenTrack*> m_journaled;
+    std::vector<OpenTrack*> m_toClose;
+    std::vector<std::pair<OpenTrack*, std::size_t>> m_sections;
+    std::string m_journalData;
+    std::string m_journalPacked;
+    /** writeTrack()'s: a track's positions, and the runs they are decoded from. */
+    std::vector<ObjectRecord> m_positions;
+    std::vector<AttributeList> m_positionLists;
+    std::vector<ObjectRecord> m_records;
+    std::vector<AttributeList> m_recordLists;
     std::string m_lastError;
 };
 
