@@ -286,18 +286,30 @@ public:
     }
     ValueSink* value() override
     {
-        m_item = Item{};
-        m_inner.bind(&m_item);
+        if constexpr (kInPlace) {
+            m_inner.bind(&m_target->emplace_back());
+        } else {
+            m_item = Item{};
+            m_inner.bind(&m_item);
+        }
         return &m_inner;
     }
     void valueDone() override
     {
-        detail::addToContainer(*m_target, std::move(m_item));
+        if constexpr (!kInPlace)
+            detail::addToContainer(*m_target, std::move(m_item));
         m_lastSize = m_target->size();
     }
 
 private:
-    Item m_item{};
+    // A vector's element is read where it will stay (nothing is added before it is done), instead
+    // of into a spare item that is then moved in: a record with strings and lists moves slowly.
+    static constexpr bool kInPlace =
+        std::same_as<T, std::vector<Item>> && !std::same_as<Item, bool>;
+
+    struct NoItem
+    {};
+    [[no_unique_address]] std::conditional_t<kInPlace, NoItem, Item> m_item{};
     Sink<Item> m_inner;
     std::size_t m_lastSize = 0;
 };
