@@ -45,14 +45,17 @@ const std::vector<std::string> kIllFormed{
     "ok \xc3",
     "seventeen bytes, \xe2\x82",  // past the words read eight bytes at a time
     "sixteen bytes ok\xff and more text after it",
+    "\xc3\xa9 then a run of plain words \xc0\xaf",  // after the fast path has resumed
+    "\xe2\x82\xac\xe2\x82 and words long enough to be read eight at a time",
 };
 
 TEST(Utf8, TellsWellFormedTextAndRepairsTheRest)
 {
-    for (const std::string& text :
-         std::vector<std::string>{"", "plain", "caf\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x9a\x97",
-                                  "\xef\xbf\xbf", "\xf4\x8f\xbf\xbf", std::string("a\0b", 3),
-                                  "eight by\xc3\xa9tes and then some more \xe2\x82\xac"}) {
+    for (const std::string& text : std::vector<std::string>{
+             "", "plain", "caf\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x9a\x97", "\xef\xbf\xbf",
+             "\xf4\x8f\xbf\xbf", std::string("a\0b", 3),
+             "eight by\xc3\xa9tes and then some more \xe2\x82\xac",
+             "\xc3\xa9\xc3\xa9 words and words \xf0\x9f\x9a\x97 more words\xc3\xa9"}) {
         EXPECT_TRUE(utf8::isValid(text)) << text;
         EXPECT_EQ(text, utf8::toValid(text));
     }

@@ -286,18 +286,30 @@ public:
     }
     ValueSink* value() override
     {
-        m_item = Item{};
-        m_inner.bind(&m_item);
+        if constexpr (kInPlace) {
+            m_inner.bind(&m_target->emplace_back());
+        } else {
+            m_item = Item{};
+            m_inner.bind(&m_item);
+        }
         return &m_inner;
     }
     void valueDone() override
     {
-        detail::addToContainer(*m_target, std::move(m_item));
+        if constexpr (!kInPlace)
+            detail::addToContainer(*m_target, std::move(m_item));
         m_lastSize = m_target->size();
     }
 
 private:
-    Item m_item{};
+    // A vector's element is read where it will stay (nothing is added before it is done), instead
+    // of into a spare item that is then moved in: a record with strings and lists moves slowly.
+    static constexpr bool kInPlace =
+        std::same_as<T, std::vector<Item>> && !std::same_as<Item, bool>;
+
+    struct NoItem
+    {};
+    [[no_unique_address]] std::conditional_t<kInPlace, NoItem, Item> m_item{};
     Sink<Item> m_inner;
     std::size_t m_lastSize = 0;
 };
@@ -368,7 +380,15 @@ public:
      */
     static constexpr std::size_t kMaxDepth = 64;
 
-    explicit Handler(ValueSink* root) : m_root(root) { m_frames.reserve(16); }
+    /**
+     * `checksStrings`: whether each string and key is checked for well-formed UTF-8; not needed
+     * where the whole text is well-formed and has no escapes, of which the strings are pieces.
+     */
+    explicit Handler(ValueSink* root, bool checksStrings = true)
+        : m_root(root), m_checksStrings(checksStrings)
+    {
+        m_frames.reserve(16);
+    }
 
     bool Null()
     {
@@ -428,12 +448,13 @@ public:
     bool String(const char* text, rapidjson::SizeType length, bool)
     {
         const std::string_view view(text, length);
-        return utf8::isValid(view) && scalar([=](ValueSink* s) { return s->string(view); });
+        return (!m_checksStrings || utf8::isValid(view)) &&
+               scalar([=](ValueSink* s) { return s->string(view); });
     }
     bool Key(const char* text, rapidjson::SizeType length, bool)
     {
         const std::string_view view(text, length);
-        if (!utf8::isValid(view))
+        if (m_checksStrings && !utf8::isValid(view))
             return false;
         if (m_skipDepth > 0)
             return true;
@@ -496,6 +517,7 @@ private:
     }
 
     ValueSink* m_root;
+    bool m_checksStrings;
     std::vector<Frame*> m_frames;
     std::size_t m_skipDepth = 0;
 };
@@ -515,6 +537,12 @@ bool read(std::string_view text, T* out)
     // left to the document reader.
     if (text.find('\0') != std::string_view::npos)
         return false;
+    // One pass over the whole text costs less than a call for each of its many short strings.
+    // An escape may decode to what is not UTF-8 (half of a surrogate pair): with escapes about,
+    // each string is checked once decoded.
+    const bool hasEscapes = text.find('\\') != std::string_view::npos;
+    if (!hasEscapes && !utf8::isValid(text))
+        return false;
     // Kept from one call to the next: a fresh buffer of a large body costs a page fault per page.
     thread_local std::string buffer;
     buffer.assign(text);
@@ -528,7 +556,7 @@ bool read(std::string_view text, T* out)
     } release;
     Sink<T> root;
     root.bind(out);
-    Handler handler(&root);
+    Handler handler(&root, hasEscapes);
     rapidjson::Reader reader;
     rapidjson::InsituStringStream stream(buffer.data());
     return !reader

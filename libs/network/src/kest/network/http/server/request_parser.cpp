@@ -184,15 +184,24 @@ private:
             closeAfterResponse = true;
     }
 
-    void on_body_init_impl(const boost::optional<std::uint64_t>&,
+    void on_body_init_impl(const boost::optional<std::uint64_t>& length,
                            boost::beast::error_code&) override
     {
-        // Nothing is reserved for the declared length: the body grows with the bytes that
+        // Nothing is reserved for the declared length yet: the body grows with the bytes that
         // really arrive, so a client cannot make the server hold memory by promising it data.
+        m_declaredLength = length.value_or(0);
     }
 
     std::size_t on_body_impl(string_view body, boost::beast::error_code&) override
     {
+        // Once a quarter of the declared body is here, the rest is room for what is on its way:
+        // doubling step by step up to it would copy the body about once more, and a body
+        // larger than malloc keeps in its heap would get fresh zeroed pages each time.
+        const std::size_t needed = request.body.size() + body.size();
+        if (needed > request.body.capacity() && needed <= m_declaredLength &&
+            needed >= m_declaredLength / 4) {
+            request.body.reserve(m_declaredLength);
+        }
         request.body.append(body.data(), body.size());
         return body.size();
     }
@@ -222,6 +231,7 @@ private:
     void on_finish_impl(boost::beast::error_code&) override {}
 
     std::uint64_t m_chunkRemaining = 0;
+    std::uint64_t m_declaredLength = 0;
     bool m_lastChunkSeen = false;
     std::size_t m_hostCount = 0;
     bool m_hostValid = true;
