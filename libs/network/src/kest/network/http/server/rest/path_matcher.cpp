@@ -61,7 +61,10 @@ PathMatcher& PathMatcher::operator=(PathMatcher&&) noexcept = default;
 std::string PathMatcher::templateToPattern(const std::string& pathTemplate)
 {
     static const std::regex kPlaceholder("\\{[0-9a-zA-Z_-]*\\}", std::regex::ECMAScript);
-    return "^" + std::regex_replace(pathTemplate, kPlaceholder, "\\([^/]*\\)") + "$";
+    std::string pattern = "^";
+    pattern += std::regex_replace(pathTemplate, kPlaceholder, "\\([^/]*\\)");
+    pattern += '$';
+    return pattern;
 }
 
 std::vector<std::string> PathMatcher::parameterNames(const std::string& pathTemplate)
