@@ -126,8 +126,8 @@ fs::path storeDir(fs::path parent, const char* prefix, std::int64_t tracks, std:
             continue;
         fs::rename(dirOf(layout), dir, error);
         if (!error)
-            std::printf("taking over %s (layout %d): upgraded when opened\n", dirOf(layout).c_str(),
-                        layout);
+            std::fprintf(stderr, "taking over %s (layout %d): upgraded when opened\n",
+                         dirOf(layout).c_str(), layout);
         break;
     }
     return dir;
