@@ -106,6 +106,27 @@ protected:
         return out;
     }
 
+    /**
+     * A search by a reader of its own that counts `rareMatches` matches to decide whether words
+     * are rare (0: never) and tests `scanBudget` rows one by one at most; the answers' first
+     * appearances as milliseconds after the first second.
+     */
+    std::vector<std::int64_t> readMs(const Filter& filter, std::int64_t rareMatches,
+                                     std::int64_t scanBudget = TrackReader::kTextScanBudget)
+    {
+        TrackReader reader;
+        EXPECT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+                  sql::DBResult::ok);
+        reader.setRareTextMatches(rareMatches);
+        reader.setTextScanBudget(scanBudget);
+        std::vector<ObjectTrackEx> found;
+        EXPECT_EQ(reader.lookup(filter, &found), ResultCode::ok);
+        std::vector<std::int64_t> out;
+        for (const auto& t : found)
+            out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
+        return out;
+    }
+
     QTemporaryDir m_dir;
     Settings m_settings;
 };
@@ -484,18 +505,6 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
     EXPECT_EQ(times(filter).size(), static_cast<std::size_t>(kTracks / 2));
 
     // Rare words go to the index at once; testing rows one by one first answers the same.
-    const auto read = [&](const Filter& f, std::int64_t rareMatches) {
-        TrackReader reader;
-        EXPECT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
-                  sql::DBResult::ok);
-        reader.setRareTextMatches(rareMatches);
-        std::vector<ObjectTrackEx> found;
-        EXPECT_EQ(reader.lookup(f, &found), ResultCode::ok);
-        std::vector<std::int64_t> out;
-        for (const auto& t : found)
-            out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
-        return out;
-    };
     // Common words without devices walk the lists of their first letters, with devices they are
     // tested along the device's range: all tracks are on device A, so both answer the same.
     for (const char* text : {"gre", "green", "grey", "COLOR GREY", "gr", "greenish"}) {
@@ -524,17 +533,17 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
                 f.freeText = text;
                 f.sortOrder = order;
                 f.maxObjectTracksToSelect = limit;
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
                 f.deviceIds = {kDeviceA};
                 f.timePeriod = ZuTimePeriod(1'000 + 15, 2'000);
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
                 // Types as index ranges, a box, an engine that no track has.
                 f.deviceIds = {};
                 f.objectTypeId = {"car", "truck"};
                 f.boundingBox = Rect{0.0, 0.0, 0.15, 0.15};
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
                 f.analyticsEngineId = kOtherEngine;
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), std::vector<std::int64_t>{});
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), std::vector<std::int64_t>{});
             }
         }
     }
@@ -579,25 +588,11 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
     storage->closeOpenTracks();
 
     // The row by row test, which never counts matches, is the reference.
-    const auto read = [&](const Filter& f, std::int64_t rareMatches,
-                          std::int64_t scanBudget = TrackReader::kTextScanBudget) {
-        TrackReader reader;
-        EXPECT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
-                  sql::DBResult::ok);
-        reader.setRareTextMatches(rareMatches);
-        reader.setTextScanBudget(scanBudget);
-        std::vector<ObjectTrackEx> found;
-        EXPECT_EQ(reader.lookup(f, &found), ResultCode::ok);
-        std::vector<std::int64_t> out;
-        for (const auto& t : found)
-            out.push_back((t.firstAppearanceTimeUs - 1'000'000) / 1000);
-        return out;
-    };
     Filter filter;
     filter.freeText = "bl 4821";
-    EXPECT_EQ(read(filter, TrackReader::kRareTextMatches), (std::vector<std::int64_t>{17, 7, 3}));
+    EXPECT_EQ(readMs(filter, TrackReader::kRareTextMatches), (std::vector<std::int64_t>{17, 7, 3}));
     filter.freeText = "4821 GREY";
-    EXPECT_EQ(read(filter, TrackReader::kRareTextMatches), std::vector<std::int64_t>{11});
+    EXPECT_EQ(readMs(filter, TrackReader::kRareTextMatches), std::vector<std::int64_t>{11});
 
     // Few matches of one word (4821, blx), of a word of three characters (mid: 120 tracks, more
     // than a few but rare), words that are only rare together, a one-letter word, common words.
@@ -610,14 +605,15 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
                 f.freeText = text;
                 f.sortOrder = order;
                 f.maxObjectTracksToSelect = limit;
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
                 // One device at any time: common words go to the index without testing rows
                 // one by one first when that would take more than its budget.
                 f.deviceIds = {kDeviceA};
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches, 10), read(f, 0)) << text << limit;
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches, 10), readMs(f, 0))
+                    << text << limit;
                 f.timePeriod = ZuTimePeriod(1'000 + 5, 10'000);
-                EXPECT_EQ(read(f, TrackReader::kRareTextMatches), read(f, 0)) << text << limit;
+                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
             }
         }
     }
