@@ -570,11 +570,14 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
         }
     };
     for (int i = 0; i < 600; ++i) {
-        std::vector<Attribute> attributes = {{"color", i == 11 ? "grey"
-                                                       : i % 2 ? "black"
-                                                               : "blue"}};
+        std::vector<Attribute> attributes = {{"color", i == 11 || i % 34 == 1 ? "grey"
+                                                       : i % 2                ? "black"
+                                                                              : "blue"}};
         if (const std::string plate = plateOf(i); !plate.empty())
             attributes.push_back({"plate", plate});
+        // More than a few, yet far sparser than "bl": they give the candidates all the same.
+        if (i % 17 == 1)
+            attributes.push_back({"zone", "77" + std::to_string(i % 3)});
         auto p = std::make_shared<ObjectMetadataPacket>(
             *packet(i % 3 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, {}));
         p->objectMetadataList.push_back({ZuUuid::createUuid(),
@@ -595,10 +598,11 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
     EXPECT_EQ(readMs(filter, TrackReader::kRareTextMatches), std::vector<std::int64_t>{11});
 
     // Few matches of one word (4821, blx), of a word of three characters (mid: 120 tracks, more
-    // than a few but rare), words that are only rare together, a one-letter word, common words.
+    // than a few but rare), a word far rarer than the other (77: 35 tracks, every other one
+    // grey), words that are only rare together, a one-letter word, common words.
     for (const char* text :
-         {"BL 4821", "4821 bl blue", "blx bl", "4821 qx", "4821 mid", "mid bl", "mid 90",
-          "black blue", "4821 b", "48 bl", "nothing bl", "bl", "blue"}) {
+         {"BL 4821", "4821 bl blue", "blx bl", "4821 qx", "4821 mid", "mid bl", "mid 90", "bl 77",
+          "771 bl", "grey 77", "black blue", "4821 b", "48 bl", "nothing bl", "bl", "blue"}) {
         for (const auto order : {SortOrder::asc, SortOrder::desc}) {
             for (const int limit : {0, 1}) {
                 Filter f;

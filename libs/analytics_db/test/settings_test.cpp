@@ -18,6 +18,7 @@ TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
     store.setValue("analyticsDb/maxOpenTracksMb", "8");
     store.setValue("analyticsDb/writerCacheSizeKb", "2048");
     store.setValue("analyticsDb/cacheSizeKb", "4096");
+    store.setValue("analyticsDb/mmapSizeMb", "0");
     store.setValue("other/maxOpenTracksMb", "-1");
     store.setValue("analyticsDb/synchronous", "FULL");
     store.setValue("other/maxAgeDays", "150000000");
@@ -33,6 +34,7 @@ TEST(Settings, LoadsItsGroupAndKeepsDefaultsForMissingOrBadKeys)
     // The writer's cache and the searches' are set apart.
     EXPECT_EQ(settings.writerCacheSizeKb, 2048);
     EXPECT_EQ(settings.connection.cacheSizeKb, 4096);
+    EXPECT_EQ(settings.connection.mmapSizeMb, 0);
     EXPECT_EQ(settings.connection.synchronous, "FULL");
     EXPECT_EQ(settings.connection.journalMode, "WAL");
 

@@ -96,6 +96,42 @@ TEST_F(DatabaseTest, RealFailuresGiveTheirResults)
     EXPECT_FALSE(other.lastError().empty());
 }
 
+TEST_F(DatabaseTest, MappedReaderSeesWhatTheWriterCheckpoints)
+{
+    // The fixture's connection maps nothing, as the storage's writer; this one maps the file.
+    ConnectionOptions mapped;
+    mapped.mmapSizeMb = 1;
+    Database reader;
+    ASSERT_EQ(reader.open(file(), mapped), DBResult::ok);
+    auto* size = reader.cached("PRAGMA mmap_size");
+    ASSERT_TRUE(size && size->step());
+    EXPECT_EQ(size->int64(0), 1 << 20);
+    size->reset();
+    m_db.close();
+    m_options.mmapSizeMb = 0;
+    ASSERT_EQ(m_db.open(file(), m_options), DBResult::ok);
+
+    // The file grows past the map and checkpoints move the rows into it, under the reader's map.
+    for (int round = 1; round <= 3; ++round) {
+        Transaction t(m_db);
+        for (int i = 0; i < 2000; ++i)
+            ASSERT_EQ(insert(std::to_string(round) + std::string(200, 'x') + std::to_string(i)),
+                      DBResult::ok);
+        ASSERT_EQ(t.commit(), DBResult::ok);
+        ASSERT_EQ(m_db.exec("PRAGMA wal_checkpoint(TRUNCATE)"), DBResult::ok);
+        auto* count = reader.cached("SELECT count(*), sum(length(v)) FROM t");
+        ASSERT_TRUE(count && count->step());
+        EXPECT_EQ(count->int64(0), round * 2000);
+        EXPECT_GT(count->int64(1), round * 2000 * 200);
+        count->reset();
+    }
+    ASSERT_EQ(m_db.exec("DELETE FROM t WHERE k % 2 = 0"), DBResult::ok);
+    ASSERT_EQ(m_db.exec("PRAGMA wal_checkpoint(TRUNCATE)"), DBResult::ok);
+    auto* count = reader.cached("SELECT count(*) FROM t");
+    ASSERT_TRUE(count && count->step());
+    EXPECT_EQ(count->int64(0), 3000);
+}
+
 TEST_F(DatabaseTest, OpenFailures)
 {
     Database db;

@@ -70,6 +70,8 @@ bool EventsStorage::initialize(const Settings& settings)
     writer->setMaxOpenTrackBytes(settings.maxOpenTrackBytes);
     sql::ConnectionOptions writerOptions = settings.connection;
     writerOptions.cacheSizeKb = settings.writerCacheSizeKb;
+    // The writer reads the few pages where rows go; mapped, all it ever read would stay resident.
+    writerOptions.mmapSizeMb = 0;
     if (const DBResult r = writer->open(file, writerOptions); r != DBResult::ok) {
         KEST_ERROR(this, "Cannot open analytics database %1: %2 (%3)", file, r,
                    writer->database().lastError());

@@ -16,7 +16,10 @@ class Settings
 public:
     /** "path": the database directory. Empty until loaded; the service fills in its default. */
     QString path;
-    /** Connection tuning ("journalMode", "synchronous", "cacheSizeKb", "busyTimeoutMs"). */
+    /**
+     * Connection tuning ("journalMode", "synchronous", "cacheSizeKb", "mmapSizeMb" of the
+     * searches, "busyTimeoutMs").
+     */
     kest::sql::ConnectionOptions connection;
     /** Larger ages are taken as this one (about 270 years), so the cutoff time cannot overflow. */
     static constexpr int kMaxAgeDaysLimit = 100'000;

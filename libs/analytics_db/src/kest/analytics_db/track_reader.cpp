@@ -493,6 +493,8 @@ DBResult TrackReader::rareCandidates(const std::vector<int>& chars, bool* rare)
         order[i] = i;
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t a, std::size_t b) { return chars[a] > chars[b]; });
+    // How far apart a word's first matches lie (in row ids) tells how rare it is.
+    std::vector<std::int64_t> spread(m_words.size());
     for (const std::size_t i : order) {
         bool common = false;
         if (auto r = countWord(m_words[i], chars[i], kFewTextMatches + 1, &m_rareRows, &common);
@@ -504,6 +506,24 @@ DBResult TrackReader::rareCandidates(const std::vector<int>& chars, bool* rare)
             m_rareRowsTested = true;
             return DBResult::ok;
         }
+        spread[i] = m_rareRows.back() - m_rareRows.front();
+    }
+    // Every word has more. When one list is far longer than another (a plate's letters that
+    // begin a name every car has: "nu" of "Number"), the shorter one still gives the candidates
+    // if it has a few hundred, walked in order so that a limit ends the walk early. Lists of
+    // about the same length are cheaper to join in FTS5, which reads both in order.
+    const auto [commonest, rarest] = std::minmax_element(spread.begin(), spread.end());
+    if (*commonest * kCandidateSpread > *rarest)
+        return DBResult::ok;
+    bool common = false;
+    const auto word = static_cast<std::size_t>(rarest - spread.begin());
+    if (auto r = countWord(m_words[word], chars[word], kCandidateMatches + 1, &m_rareRows, &common);
+        r != DBResult::ok) {
+        return r;
+    }
+    if (!common) {
+        *rare = true;
+        m_rareRowsTested = true;
     }
     return DBResult::ok;
 }
@@ -619,10 +639,10 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
     const std::int64_t none = 0;
     const std::span<const std::int64_t> partitions =
         q.partitions.empty() ? std::span(&none, 1) : std::span(q.partitions);
-    const std::span<const std::int64_t> rowIds =
-        textMode == TextMode::rows ? std::span(m_rareRows) : std::span(&none, 1);
-    for (const std::int64_t rowId : rowIds) {
-        q.rowId = rowId;
+    if (textMode == TextMode::rows) {
+        if (auto r = readKnownRows(&q, partitions, rows); r != DBResult::ok)
+            return r;
+    } else {
         for (const std::int64_t partition : partitions) {
             if (auto r = select(q, partition, rows); r != DBResult::ok)
                 return r;
@@ -701,10 +721,9 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         q->partitions = q->types;
     }
     if (textMode == TextMode::rows) {
+        // The matches of one word have the others tested before (readKnownRows).
         q->byRowId = true;
         where += " AND t.id = ?11";
-        // The matches of one word: the others are tested on the rows.
-        textScan = m_rareRowsTested;
     }
     if (!filter.objectTrackId.isNull()) {
         std::tie(q->trackIdHigh, q->trackIdLow) = TrackRow::idHalves(filter.objectTrackId);
@@ -805,6 +824,67 @@ DBResult TrackReader::select(const Query& q, std::int64_t partition, std::vector
         out->push_back(std::move(row));
     }
     return s->result();
+}
+
+DBResult TrackReader::readKnownRows(Query* q, std::span<const std::int64_t> partitions,
+                                    std::vector<Row>* rows)
+{
+    // Candidates of one word are tested on their attributes alone, about a microsecond each:
+    // only the matches are read whole, with the filter's other tests.
+    sql::Statement* test = nullptr;
+    if (m_rareRowsTested) {
+        test = m_db.cached("SELECT attributes FROM track WHERE id = ?");
+        if (!test)
+            return m_db.lastResult();
+    }
+    const auto before = [q](const Row& a, const Row& b) {
+        return q->ascending ? a.key() < b.key() : b.key() < a.key();
+    };
+    const std::size_t limit = q->limit >= 0 ? static_cast<std::size_t>(q->limit) : SIZE_MAX;
+    // Row ids follow the order of storing, as in walk(): walked from the end that the order asks
+    // for, rows further on have first appearances within the lag of those found.
+    std::int64_t reached = q->ascending ? kMinTime : kMaxTime;
+    const std::size_t count = m_rareRows.size();
+    for (std::size_t k = 0; k < count; ++k) {
+        const std::int64_t rowId = m_rareRows[q->ascending ? k : count - 1 - k];
+        if (test) {
+            test->reset();
+            test->bind(1, rowId);
+            if (!test->step()) {
+                if (test->result() != DBResult::ok)
+                    return test->result();
+                continue;
+            }
+            const ProfileTimer timer(m_profile, &Profile::matcher);
+            if (m_profile)
+                ++m_profile->rowsMatched;
+            if (!m_matcher.matches(test->blob(0), m_dictionary))
+                continue;
+        }
+        q->rowId = rowId;
+        const std::size_t had = rows->size();
+        for (const std::int64_t partition : partitions) {
+            if (auto r = select(*q, partition, rows); r != DBResult::ok)
+                return r;
+        }
+        if (rows->size() == had)
+            continue;
+        for (std::size_t i = had; i < rows->size(); ++i) {
+            const std::int64_t first = (*rows)[i].stored.track.firstUs;
+            reached = q->ascending ? std::max(reached, first) : std::min(reached, first);
+        }
+        if (rows->size() < limit || q->maxLagUs < 0)
+            continue;
+        std::nth_element(rows->begin(), rows->begin() + (limit - 1), rows->end(), before);
+        const std::int64_t worst = (*rows)[limit - 1].stored.track.firstUs;
+        if (q->ascending ? worst <= saturatingSub(reached, q->maxLagUs)
+                         : worst >= saturatingAdd(reached, q->maxLagUs)) {
+            break;
+        }
+    }
+    if (test)
+        test->reset();
+    return DBResult::ok;
 }
 
 DBResult TrackReader::rowBounds(Query* q)

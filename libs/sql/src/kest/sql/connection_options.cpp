@@ -10,6 +10,7 @@ void ConnectionOptions::load(const ZuSettings& settings, const QString& group)
     journalMode = settings.value(prefix + "journalMode", journalMode).toString();
     synchronous = settings.value(prefix + "synchronous", synchronous).toString();
     cacheSizeKb = settings.value(prefix + "cacheSizeKb", cacheSizeKb).toInt();
+    mmapSizeMb = settings.value(prefix + "mmapSizeMb", mmapSizeMb).toInt();
     busyTimeout = std::chrono::milliseconds(
         settings.value(prefix + "busyTimeoutMs", static_cast<qlonglong>(busyTimeout.count()))
             .toLongLong());

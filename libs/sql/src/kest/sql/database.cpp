@@ -48,6 +48,10 @@ DBResult Database::open(const std::string& path, const ConnectionOptions& option
         pragmas += "PRAGMA synchronous=" + options.synchronous.toStdString() + ";";
     if (options.cacheSizeKb > 0)
         pragmas += "PRAGMA cache_size=-" + std::to_string(options.cacheSizeKb) + ";";
+    if (options.mmapSizeMb > 0) {
+        pragmas += "PRAGMA mmap_size=" +
+                   std::to_string(static_cast<std::int64_t>(options.mmapSizeMb) << 20) + ";";
+    }
     pragmas += "PRAGMA temp_store=MEMORY;";
     // Reading the header here turns a file that is not a database into an open failure
     // instead of a failure of the first real statement.
