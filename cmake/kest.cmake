@@ -38,3 +38,19 @@ function(kest_add_test name)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
     PROPERTIES LABELS "${ARG_LABELS}" ${ARG_PROPERTIES})
 endfunction()
+
+# kest_link_allocator(DIR LIBS ...): links LIBS into every executable defined in DIR and below,
+# ahead of the C library, so that their allocator serves the whole program.
+function(kest_link_allocator dir)
+  get_property(targets DIRECTORY ${dir} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(target ${targets})
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "EXECUTABLE")
+      target_link_libraries(${target} PRIVATE ${ARGN})
+    endif()
+  endforeach()
+  get_property(subdirs DIRECTORY ${dir} PROPERTY SUBDIRECTORIES)
+  foreach(subdir ${subdirs})
+    kest_link_allocator(${subdir} ${ARGN})
+  endforeach()
+endfunction()

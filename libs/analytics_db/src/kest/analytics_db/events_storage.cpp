@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <filesystem>
 
-#include <malloc.h>
-
 #include <QDir>
 #include <QFileInfo>
 
 #include <kest/utils/assert.h>
+#include <kest/utils/heap.h>
 #include <kest/utils/log/log.h>
 
 #include "activity_counter.h"
@@ -552,7 +551,7 @@ void EventsStorage::writerLoop()
             // and what was freed within the interval of the last trim is trimmed at its end.
             m_heapTrimPending = false;
             m_nextHeapTrim = SteadyClock::now() + kHeapTrimInterval;
-            m_completions.post([] { malloc_trim(0); });
+            m_completions.post([] { utils::Heap::releaseFree(); });
         }
 
         lock.lock();
