@@ -735,6 +735,46 @@ TEST_F(RowOrderTextTest, TrackStoredBeforeEarlierOnesLeadsTheLatestFirst)
     }
 }
 
+TEST_F(RowOrderTextTest, CandidatesOfARareWordEndTheWalkOnlyPastTheLag)
+{
+    // Zebras among twenty times as many horses: next to "ki" (of "kind", on every track) "zebra"
+    // is rare, so its matches are the candidates, walked in row order. The latest is stored first.
+    auto storage = open();
+    const auto saveAmongHorses = [&](int n, std::int64_t seconds) {
+        for (int i = 0; i < 20; ++i) {
+            auto p = std::make_shared<ObjectMetadataPacket>(*packet(kDeviceB, seconds * kS, {}));
+            p->objectMetadataList.push_back({ZuUuid::createUuid(),
+                                             "animal",
+                                             ObjectMetadataType::regular,
+                                             {0.5, 0.5, 0.1, 0.1},
+                                             {{"kind", "horse"}},
+                                             kEngine});
+            storage->save(p);
+        }
+        saveZebra(*storage, n, seconds);
+    };
+    saveAmongHorses(kZebras, 10'400);
+    for (int i = 0; i < 100; ++i)
+        saveAmongHorses(i, 10'000 + i);
+    storage->closeOpenTracks();
+
+    Filter filter;
+    filter.freeText = "zebra ki";
+    filter.maxObjectTracksToSelect = 3;
+    EXPECT_EQ(seconds(find(*storage, filter)), (std::vector<std::int64_t>{10'400, 10'099, 10'098}));
+    for (const SortOrder order : {SortOrder::desc, SortOrder::asc}) {
+        for (const auto& [startS, durationS] : std::vector<std::pair<std::int64_t, std::int64_t>>{
+                 {0, 20'000}, {10'050, 30}, {10'090, 400}, {9'000, 1'050}}) {
+            for (const int limit : {1, 5, 200}) {
+                filter.sortOrder = order;
+                filter.maxObjectTracksToSelect = limit;
+                filter.timePeriod = ZuTimePeriod(startS * 1000, durationS * 1000);
+                expectHeadOfUnlimited(filter);
+            }
+        }
+    }
+}
+
 TEST_F(RowOrderTextTest, TrackExtendedBackLeadsTheEarliestFirst)
 {
     auto storage = open();
