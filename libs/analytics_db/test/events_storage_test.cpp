@@ -623,6 +623,35 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
     }
 }
 
+TEST_F(EventsStorageTest, FreeTextOfACameraSeldomSeenAmongTracksOfTheSameWord)
+{
+    // Three tracks of camera A among 2,200 of camera B, all grey: a chunk of A's index spans
+    // more of the word's list than it is worth reading, so A's rows are tested one by one.
+    auto storage = open();
+    for (int i = 0; i < 2200; ++i) {
+        auto p = std::make_shared<ObjectMetadataPacket>(
+            *packet(i % 1000 == 0 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, {}));
+        p->objectMetadataList.push_back({ZuUuid::createUuid(),
+                                         "car",
+                                         ObjectMetadataType::regular,
+                                         {0.1, 0.1, 0.1, 0.1},
+                                         {{"color", i == 1000 ? "green" : "grey"}},
+                                         kEngine});
+        storage->save(p);
+    }
+    storage->closeOpenTracks();
+    Filter filter;
+    filter.freeText = "gre";
+    filter.deviceIds = {kDeviceA};
+    // A text scan budget of 10 rows sends the search past it at once.
+    EXPECT_EQ(readMs(filter, TrackReader::kRareTextMatches, 10),
+              (std::vector<std::int64_t>{2000, 1000, 0}));
+    filter.freeText = "grey";
+    filter.sortOrder = SortOrder::asc;
+    EXPECT_EQ(readMs(filter, TrackReader::kRareTextMatches, 10),
+              (std::vector<std::int64_t>{0, 2000}));
+}
+
 /**
  * Stores whose row order strays from first-appearance order, searched by a word that takes the
  * row id walk: the first tracks of the time index carry another word, more of them than the

@@ -374,11 +374,20 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
     if ((rare && !rareRows) || skipScan || (result != DBResult::ok && m_textBudgetExceeded)) {
         stored.clear();
         m_db.resetCached();
-        result = run(filter, TextMode::rowWalk, extra, &stored);
-        if (result == DBResult::ok && m_walkGaveUp) {
-            stored.clear();
-            m_db.resetCached();
-            result = run(filter, TextMode::index, extra, &stored);
+        if (!rare && !filter.deviceIds.empty() && filter.objectTrackId.isNull() &&
+            !prefixQuery().empty()) {
+            // Common words of a few devices: the devices' index ranges against the words' lists
+            // over the same row ids, which costs what the answer needs, not what the store holds.
+            m_matcher.setQuery(m_words);
+            m_textBudgetExceeded = false;
+            result = run(filter, TextMode::deviceWalk, extra, &stored);
+        } else {
+            result = run(filter, TextMode::rowWalk, extra, &stored);
+            if (result == DBResult::ok && m_walkGaveUp) {
+                stored.clear();
+                m_db.resetCached();
+                result = run(filter, TextMode::index, extra, &stored);
+            }
         }
     }
     if (result != DBResult::ok)
@@ -642,6 +651,11 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
     if (textMode == TextMode::rows) {
         if (auto r = readKnownRows(&q, partitions, rows); r != DBResult::ok)
             return r;
+    } else if (textMode == TextMode::deviceWalk) {
+        for (const std::int64_t partition : partitions) {
+            if (auto r = walkDevice(&q, partition, rows); r != DBResult::ok)
+                return r;
+        }
     } else {
         for (const std::int64_t partition : partitions) {
             if (auto r = select(q, partition, rows); r != DBResult::ok)
@@ -711,8 +725,10 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
         }
     } else if (!filter.deviceIds.empty()) {
         where += " AND t.device = ?4";
-        if (filter.objectTrackId.isNull() && textMode != TextMode::rows)
+        if (filter.objectTrackId.isNull() && textMode != TextMode::rows &&
+            textMode != TextMode::deviceWalk) {
             tables = "track t INDEXED BY track_device_first";
+        }
         q->partitions = q->devices;
     } else if (byType) {
         where += " AND t.type = ?4";
@@ -720,8 +736,8 @@ DBResult TrackReader::keysOf(const Filter& filter, TextMode textMode, Query* q,
             tables = "track t INDEXED BY track_type_first";
         q->partitions = q->types;
     }
-    if (textMode == TextMode::rows) {
-        // The matches of one word have the others tested before (readKnownRows).
+    if (textMode == TextMode::rows || textMode == TextMode::deviceWalk) {
+        // Rows found otherwise, their words tested before (readKnownRows, walkDevice).
         q->byRowId = true;
         where += " AND t.id = ?11";
     }
@@ -885,6 +901,116 @@ DBResult TrackReader::readKnownRows(Query* q, std::span<const std::int64_t> part
     if (test)
         test->reset();
     return DBResult::ok;
+}
+
+DBResult TrackReader::walkDevice(Query* q, std::int64_t device, std::vector<Row>* rows)
+{
+    // The device's index in the order asked for, a chunk at a time, next to the words' prefix
+    // list (its own, not merged) read in row id order as far as the chunk reaches: only the
+    // chunk's rows that the list holds are tested and read. Both cost what the walk covers, not
+    // what the store holds. When a chunk's span holds far more matches than rows (a device
+    // seldom seen, a word on most tracks), the list is left and the rows are tested directly.
+    // Rows come in the answer's order, so the walk ends at the limit.
+    // One bound on each side, the cursor's the tighter: SQLite seeks by one only.
+    auto* ids =
+        m_db.cached(q->ascending ? "SELECT id, first_us FROM track INDEXED BY track_device_first "
+                                   "WHERE device = ?1 AND first_us < ?2 AND first_us >= ?3 "
+                                   "AND (first_us, id) > (?3, ?4) "
+                                   "ORDER BY first_us, id LIMIT ?5"
+                                 : "SELECT id, first_us FROM track INDEXED BY track_device_first "
+                                   "WHERE device = ?1 AND first_us <= ?2 AND first_us >= ?3 "
+                                   "AND (first_us, id) < (?2, ?4) "
+                                   "ORDER BY first_us DESC, id DESC LIMIT ?5");
+    auto* listed = m_db.cached(
+        q->ascending ? "SELECT rowid FROM track_text WHERE track_text MATCH ? ORDER BY rowid"
+                     : "SELECT rowid FROM track_text WHERE track_text MATCH ? ORDER BY rowid DESC");
+    auto* test = m_db.cached("SELECT attributes FROM track WHERE id = ?");
+    if (!ids || !listed || !test)
+        return m_db.lastResult();
+    listed->reset();
+    listed->bindText(1, prefixQuery());
+    const std::size_t limit = q->limit >= 0 ? static_cast<std::size_t>(q->limit) : SIZE_MAX;
+    const std::size_t maxListed = static_cast<std::size_t>(kDeviceChunk * kListedPerRow);
+    // Past `bound` in the walk's direction.
+    const auto beyond = [q](std::int64_t rowId, std::int64_t bound) {
+        return q->ascending ? rowId > bound : rowId < bound;
+    };
+    const auto inOrder = [q](std::int64_t a, std::int64_t b) {
+        return q->ascending ? a < b : a > b;
+    };
+    // The last entry walked; the window's end (last first appearance before it) or start first.
+    std::int64_t cursorFirst = q->ascending ? q->lowFirstUs : saturatingSub(q->endUs, 1);
+    std::int64_t cursorId = q->ascending ? kMinTime : kMaxTime;
+    std::vector<std::int64_t> chunk;
+    std::vector<std::int64_t> seen;
+    bool listing = true;
+    bool listEnded = false;
+    std::size_t found = 0;
+    DBResult result = DBResult::ok;
+    for (;;) {
+        chunk.clear();
+        ids->reset();
+        ids->bind(1, device);
+        ids->bind(2, q->ascending ? q->endUs : cursorFirst);
+        ids->bind(3, q->ascending ? cursorFirst : q->lowFirstUs);
+        ids->bind(4, cursorId);
+        ids->bind(5, kDeviceChunk);
+        while (ids->step()) {
+            chunk.push_back(ids->int64(0));
+            cursorFirst = ids->int64(1);
+        }
+        if ((result = ids->result()) != DBResult::ok || chunk.empty())
+            break;
+        cursorId = chunk.back();
+        // The list as far as the chunk's farthest row id, in the walk's direction.
+        const std::int64_t bound = q->ascending ? *std::max_element(chunk.begin(), chunk.end())
+                                                : *std::min_element(chunk.begin(), chunk.end());
+        std::size_t read = 0;
+        while (listing && !listEnded && (seen.empty() || !beyond(seen.back(), bound))) {
+            if (!listed->step()) {
+                if ((result = listed->result()) != DBResult::ok)
+                    break;
+                listEnded = true;
+            } else if (seen.push_back(listed->int64(0)); ++read > maxListed) {
+                listing = false;
+            }
+        }
+        if (result != DBResult::ok)
+            break;
+        for (const std::int64_t rowId : chunk) {
+            if (listing && !std::binary_search(seen.begin(), seen.end(), rowId, inOrder))
+                continue;
+            test->reset();
+            test->bind(1, rowId);
+            if (!test->step()) {
+                if ((result = test->result()) != DBResult::ok)
+                    break;
+                continue;
+            }
+            {
+                const ProfileTimer timer(m_profile, &Profile::matcher);
+                if (m_profile)
+                    ++m_profile->rowsMatched;
+                if (!m_matcher.matches(test->blob(0), m_dictionary))
+                    continue;
+            }
+            q->rowId = rowId;
+            const std::size_t had = rows->size();
+            if ((result = select(*q, device, rows)) != DBResult::ok)
+                break;
+            found += rows->size() - had;
+            if (found >= limit)
+                break;
+        }
+        if (result != DBResult::ok || found >= limit ||
+            static_cast<std::int64_t>(chunk.size()) < kDeviceChunk) {
+            break;
+        }
+    }
+    ids->reset();
+    listed->reset();
+    test->reset();
+    return result;
 }
 
 DBResult TrackReader::rowBounds(Query* q)

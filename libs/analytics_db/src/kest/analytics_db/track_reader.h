@@ -137,6 +137,13 @@ public:
     static constexpr std::int64_t kCandidateMatches = 1024;
     /** ... and when its first matches lie at least this many times further apart than another's. */
     static constexpr std::int64_t kCandidateSpread = 16;
+    /** A device's index entries that walkDevice() takes at a time. */
+    static constexpr std::int64_t kDeviceChunk = 256;
+    /**
+     * ... and the matches of the words' lists over a chunk's row ids, per row of the chunk, past
+     * which its rows are tested one by one instead.
+     */
+    static constexpr std::int64_t kListedPerRow = 8;
     /** Words of at most this many characters have their own lists as prefixes (the schema's). */
     static constexpr int kPrefixListChars = 3;
     /** Tests use it to take either way on small stores; 0 never counts. */
@@ -161,6 +168,8 @@ private:
         rows,
         /** The row id walk over prefixQuery()'s matches, each tested by the matcher. */
         prefixWalk,
+        /** The devices' index ranges against prefixQuery()'s lists over the same row ids. */
+        deviceWalk,
         index
     };
 
@@ -174,6 +183,8 @@ private:
      * The rows of m_rareRows that match the query (the other words tested first when
      * m_rareRowsTested), walked in row id order so that a limit can end the walk early.
      */
+    /** The rows of `device` that match the query, in its order, up to its limit. */
+    sql::DBResult walkDevice(Query* query, std::int64_t device, std::vector<Row>* rows);
     sql::DBResult readKnownRows(Query* query, std::span<const std::int64_t> partitions,
                                 std::vector<Row>* rows);
     sql::DBResult rowBounds(Query* query);
