@@ -179,12 +179,12 @@ private:
                       std::vector<Row>* rows);
     sql::DBResult select(const Query& query, std::int64_t partition, std::vector<Row>* out);
     sql::DBResult walk(const Query& query, std::vector<Row>* out, bool* gaveUp);
+    /** The rows of `device` that match the query, in its order, up to its limit. */
+    sql::DBResult walkDevice(Query* query, std::int64_t device, std::vector<Row>* rows);
     /**
      * The rows of m_rareRows that match the query (the other words tested first when
      * m_rareRowsTested), walked in row id order so that a limit can end the walk early.
      */
-    /** The rows of `device` that match the query, in its order, up to its limit. */
-    sql::DBResult walkDevice(Query* query, std::int64_t device, std::vector<Row>* rows);
     sql::DBResult readKnownRows(Query* query, std::span<const std::int64_t> partitions,
                                 std::vector<Row>* rows);
     sql::DBResult rowBounds(Query* query);
