@@ -187,6 +187,10 @@ private:
      */
     sql::DBResult readKnownRows(Query* query, std::span<const std::int64_t> partitions,
                                 std::vector<Row>* rows);
+    /** The statement that matchesWords() takes: a track row's attributes by its id. */
+    sql::Statement* attributesStatement();
+    /** Whether the track row `rowId` has the query's words (false when there is none). */
+    sql::DBResult matchesWords(sql::Statement& attributes, std::int64_t rowId, bool* matches);
     sql::DBResult rowBounds(Query* query);
     sql::DBResult keysOf(const Filter& filter, TextMode textMode, Query* query,
                          bool* matchesNothing);
