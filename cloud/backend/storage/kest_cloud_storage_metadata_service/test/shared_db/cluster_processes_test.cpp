@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
@@ -89,6 +90,26 @@ std::size_t waitingAt(std::uint16_t port)
         waiting += state == kListening ? received : (received > 0 ? 1 : 0);
     }
     return waiting;
+}
+
+/**
+ * Whether every thread of `pid` has stopped. SIGSTOP stops a process one thread after another,
+ * each as it is next scheduled: on a loaded machine one may still answer a request meanwhile.
+ */
+bool allThreadsStopped(pid_t pid)
+{
+    std::error_code error;
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+        std::ifstream stat(task.path() / "stat");
+        std::string line;
+        std::getline(stat, line);
+        // The state follows the command name, which is in parentheses.
+        const auto name = line.rfind(')');
+        if (name == std::string::npos || name + 2 >= line.size() || line[name + 2] != 'T')
+            return false;
+    }
+    return !error;
 }
 
 std::set<ZuUuid> idsOf(const std::vector<ObjectTrackEx>& tracks)
@@ -190,6 +211,7 @@ TEST_F(ClusterProcessesTest, EveryInstanceFindsEveryInstancesDataAndLosingOneLos
     std::set<ZuUuid> others = first;
     others.insert(second.begin(), second.end());
     m_instances[2]->process->signal(SIGSTOP);
+    ASSERT_TRUE(waitFor([&] { return allThreadsStopped(m_instances[2]->process->pid()); }));
     auto started = std::chrono::steady_clock::now();
     auto [status, tracks] = m_instances[0]->client->getDataSync(search);
     EXPECT_EQ(status, StatusCode::ok);
