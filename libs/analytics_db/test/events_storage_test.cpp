@@ -127,6 +127,24 @@ protected:
         return out;
     }
 
+    /** `check` of a filter of each text, in either order, at each limit. */
+    template <typename Check>
+    static void forEachTextSearch(std::initializer_list<const char*> texts,
+                                  std::initializer_list<int> limits, Check check)
+    {
+        for (const char* text : texts) {
+            for (const auto order : {SortOrder::asc, SortOrder::desc}) {
+                for (const int limit : limits) {
+                    Filter f;
+                    f.freeText = text;
+                    f.sortOrder = order;
+                    f.maxObjectTracksToSelect = limit;
+                    check(f, text, limit);
+                }
+            }
+        }
+    }
+
     QTemporaryDir m_dir;
     Settings m_settings;
 };
@@ -507,46 +525,34 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
     // Rare words go to the index at once; testing rows one by one first answers the same.
     // Common words without devices walk the lists of their first letters, with devices they are
     // tested along the device's range: all tracks are on device A, so both answer the same.
-    for (const char* text : {"gre", "green", "grey", "COLOR GREY", "gr", "greenish"}) {
-        for (const auto order : {SortOrder::asc, SortOrder::desc}) {
-            for (const int limit : {1, 7, 300}) {
-                for (const auto& period :
-                     {Filter().timePeriod, ZuTimePeriod(1'000 + 2'000, 1'500)}) {
-                    Filter f;
-                    f.freeText = text;
-                    f.sortOrder = order;
-                    f.maxObjectTracksToSelect = limit;
-                    f.timePeriod = period;
-                    const auto walked = find(*storage, f);
-                    f.deviceIds = {kDeviceA};
-                    EXPECT_EQ(walked, find(*storage, f)) << text << " " << limit;
-                    EXPECT_EQ(walked.size(), std::string(text) == "greenish" ? 0u : limit) << text;
-                }
-            }
-        }
-    }
-
-    for (const char* text : {"raritat", "note green", "rarit grey", "gre"}) {
-        for (const auto order : {SortOrder::asc, SortOrder::desc}) {
-            for (const int limit : {0, 2}) {
-                Filter f;
-                f.freeText = text;
-                f.sortOrder = order;
-                f.maxObjectTracksToSelect = limit;
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
-                f.deviceIds = {kDeviceA};
-                f.timePeriod = ZuTimePeriod(1'000 + 15, 2'000);
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
-                // Types as index ranges, a box, an engine that no track has.
+    forEachTextSearch(
+        {"gre", "green", "grey", "COLOR GREY", "gr", "greenish"}, {1, 7, 300},
+        [&](Filter f, const char* text, int limit) {
+            for (const auto& period : {Filter().timePeriod, ZuTimePeriod(1'000 + 2'000, 1'500)}) {
+                f.timePeriod = period;
                 f.deviceIds = {};
-                f.objectTypeId = {"car", "truck"};
-                f.boundingBox = Rect{0.0, 0.0, 0.15, 0.15};
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
-                f.analyticsEngineId = kOtherEngine;
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), std::vector<std::int64_t>{});
+                const auto walked = find(*storage, f);
+                f.deviceIds = {kDeviceA};
+                EXPECT_EQ(walked, find(*storage, f)) << text << " " << limit;
+                EXPECT_EQ(walked.size(), std::string(text) == "greenish" ? 0u : limit) << text;
             }
-        }
-    }
+        });
+
+    forEachTextSearch(
+        {"raritat", "note green", "rarit grey", "gre"}, {0, 2},
+        [&](Filter f, const char* text, int limit) {
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
+            f.deviceIds = {kDeviceA};
+            f.timePeriod = ZuTimePeriod(1'000 + 15, 2'000);
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
+            // Types as index ranges, a box, an engine that no track has.
+            f.deviceIds = {};
+            f.objectTypeId = {"car", "truck"};
+            f.boundingBox = Rect{0.0, 0.0, 0.15, 0.15};
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
+            f.analyticsEngineId = kOtherEngine;
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), std::vector<std::int64_t>{});
+        });
 }
 
 TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
@@ -600,27 +606,19 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
     // Few matches of one word (4821, blx), of a word of three characters (mid: 120 tracks, more
     // than a few but rare), a word far rarer than the other (77: 35 tracks, every other one
     // grey), words that are only rare together, a one-letter word, common words.
-    for (const char* text :
-         {"BL 4821", "4821 bl blue", "blx bl", "4821 qx", "4821 mid", "mid bl", "mid 90", "bl 77",
-          "771 bl", "grey 77", "black blue", "4821 b", "48 bl", "nothing bl", "bl", "blue"}) {
-        for (const auto order : {SortOrder::asc, SortOrder::desc}) {
-            for (const int limit : {0, 1}) {
-                Filter f;
-                f.freeText = text;
-                f.sortOrder = order;
-                f.maxObjectTracksToSelect = limit;
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
-                // One device at any time: common words go to the index without testing rows
-                // one by one first when that would take more than its budget.
-                f.deviceIds = {kDeviceA};
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches, 10), readMs(f, 0))
-                    << text << limit;
-                f.timePeriod = ZuTimePeriod(1'000 + 5, 10'000);
-                EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
-            }
-        }
-    }
+    forEachTextSearch(
+        {"BL 4821", "4821 bl blue", "blx bl", "4821 qx", "4821 mid", "mid bl", "mid 90", "bl 77",
+         "771 bl", "grey 77", "black blue", "4821 b", "48 bl", "nothing bl", "bl", "blue"},
+        {0, 1}, [&](Filter f, const char* text, int limit) {
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
+            // One device at any time: common words go to the index without testing rows one by
+            // one first when that would take more than its budget.
+            f.deviceIds = {kDeviceA};
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches, 10), readMs(f, 0)) << text << limit;
+            f.timePeriod = ZuTimePeriod(1'000 + 5, 10'000);
+            EXPECT_EQ(readMs(f, TrackReader::kRareTextMatches), readMs(f, 0)) << text << limit;
+        });
 }
 
 TEST_F(EventsStorageTest, FreeTextOfACameraSeldomSeenAmongTracksOfTheSameWord)

@@ -502,19 +502,21 @@ DBResult TrackReader::rareCandidates(const std::vector<int>& chars, bool* rare)
         order[i] = i;
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t a, std::size_t b) { return chars[a] > chars[b]; });
+    // Word `i`'s matches, fewer than `limit` of them, are the candidates.
+    const auto candidatesOf = [&](std::size_t i, std::int64_t limit) {
+        bool common = false;
+        const DBResult result = countWord(m_words[i], chars[i], limit, &m_rareRows, &common);
+        if (result == DBResult::ok && !common) {
+            *rare = true;
+            m_rareRowsTested = true;
+        }
+        return result;
+    };
     // How far apart a word's first matches lie (in row ids) tells how rare it is.
     std::vector<std::int64_t> spread(m_words.size());
     for (const std::size_t i : order) {
-        bool common = false;
-        if (auto r = countWord(m_words[i], chars[i], kFewTextMatches + 1, &m_rareRows, &common);
-            r != DBResult::ok) {
+        if (auto r = candidatesOf(i, kFewTextMatches + 1); r != DBResult::ok || *rare)
             return r;
-        }
-        if (!common) {
-            *rare = true;
-            m_rareRowsTested = true;
-            return DBResult::ok;
-        }
         spread[i] = m_rareRows.back() - m_rareRows.front();
     }
     // Every word has more. When one list is far longer than another (a plate's letters that
@@ -524,17 +526,7 @@ DBResult TrackReader::rareCandidates(const std::vector<int>& chars, bool* rare)
     const auto [commonest, rarest] = std::minmax_element(spread.begin(), spread.end());
     if (*commonest * kCandidateSpread > *rarest)
         return DBResult::ok;
-    bool common = false;
-    const auto word = static_cast<std::size_t>(rarest - spread.begin());
-    if (auto r = countWord(m_words[word], chars[word], kCandidateMatches + 1, &m_rareRows, &common);
-        r != DBResult::ok) {
-        return r;
-    }
-    if (!common) {
-        *rare = true;
-        m_rareRowsTested = true;
-    }
-    return DBResult::ok;
+    return candidatesOf(static_cast<std::size_t>(rarest - spread.begin()), kCandidateMatches + 1);
 }
 
 DBResult TrackReader::scanBudget(const Filter& filter, bool* skipScan)
