@@ -1,7 +1,6 @@
 #include "activity_counter.h"
 
 #include <algorithm>
-#include <limits>
 #include <optional>
 
 #include <kest/analytics_db/time_arithmetic.h>
@@ -20,8 +19,6 @@ using Kind = StoreDictionary::Kind;
 
 namespace {
 
-constexpr std::int64_t kMaxTime = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t kMinTime = std::numeric_limits<std::int64_t>::min();
 /** A type not looked up yet, and one that the filter leaves out. */
 constexpr std::int64_t kUnknownType = -2;
 constexpr std::int64_t kOtherType = -1;
