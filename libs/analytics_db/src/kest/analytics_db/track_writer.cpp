@@ -1,6 +1,7 @@
 #include "track_writer.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include <zlib.h>
 
@@ -74,7 +75,11 @@ struct TrackWriter::OpenTrack
     bool inBatch = false;
     std::vector<ObjectRecord> batch;
     std::vector<AttributeList> batchLists;
-    std::vector<const std::vector<Attribute>*> batchListSources;
+    /**
+     * The last of batchLists as given, in one run of bytes (appendAttributes): a track's objects
+     * mostly repeat it, and the strings of the packet it came from lie all over the heap.
+     */
+    std::string batchListText;
 };
 
 namespace {
@@ -89,6 +94,38 @@ template <typename Container>
 void releaseRoom(Container& container)
 {
     Container().swap(container);
+}
+
+/** Appends each name and value of `attributes` to `text`: its size, then its bytes. */
+void appendAttributes(const std::vector<Attribute>& attributes, std::string* text)
+{
+    for (const Attribute& a : attributes) {
+        for (const std::string* s : {&a.name, &a.value}) {
+            const auto size = static_cast<std::uint32_t>(s->size());
+            text->append(reinterpret_cast<const char*>(&size), sizeof size);
+            text->append(*s);
+        }
+    }
+}
+
+/** Whether `text`, of appendAttributes(), holds `attributes`. */
+bool holdsAttributes(std::string_view text, const std::vector<Attribute>& attributes)
+{
+    for (const Attribute& a : attributes) {
+        for (const std::string* s : {&a.name, &a.value}) {
+            std::uint32_t size = 0;
+            if (text.size() < sizeof size)
+                return false;
+            std::memcpy(&size, text.data(), sizeof size);
+            text.remove_prefix(sizeof size);
+            if (size != s->size() || text.size() < size ||
+                std::memcmp(text.data(), s->data(), size) != 0) {
+                return false;
+            }
+            text.remove_prefix(size);
+        }
+    }
+    return text.empty();
 }
 
 /** Modular: spans of tracks whose times are near the ends of the range stay defined. */
@@ -495,9 +532,8 @@ void TrackWriter::addObject(OpenTrack& track, const ObjectMetadataPacket& packet
 
     // Objects of a track mostly repeat the attributes of the one before: compared, not merged.
     std::uint32_t list = 0;
-    const auto& sources = track.batchListSources;
-    if (!sources.empty() && *sources.back() == object.attributes) {
-        list = static_cast<std::uint32_t>(sources.size() - 1);
+    if (!track.batchLists.empty() && holdsAttributes(track.batchListText, object.attributes)) {
+        list = static_cast<std::uint32_t>(track.batchLists.size() - 1);
     } else {
         t.addAttributes(object.attributes);
         AttributeList codes;
@@ -506,7 +542,8 @@ void TrackWriter::addObject(OpenTrack& track, const ObjectMetadataPacket& packet
             codes.push_back(m_coder.encode(a));
         list = static_cast<std::uint32_t>(track.batchLists.size());
         track.batchLists.push_back(std::move(codes));
-        track.batchListSources.push_back(&object.attributes);
+        track.batchListText.clear();
+        appendAttributes(object.attributes, &track.batchListText);
     }
 
     ObjectRecord r;
@@ -974,7 +1011,7 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         // it is open: under a backlog 3 KB a track, a sixth of the heap.
         releaseRoom(t->batch);
         releaseRoom(t->batchLists);
-        releaseRoom(t->batchListSources);
+        releaseRoom(t->batchListText);
     }
     for (OpenTrack* t : toWrite)
         t->scheduled = false;
