@@ -226,7 +226,28 @@ DBResult TrackWriter::open(const std::string& file, const sql::ConnectionOptions
         return m_db.fail(1, "fts5 tokenizer");
     if (auto r = m_checkpointer.start(file, options, m_db); r != DBResult::ok)
         return r;
+    if (auto r = loadStoredIds(); r != DBResult::ok)
+        return r;
     return recover();
+}
+
+DBResult TrackWriter::loadStoredIds()
+{
+    // The id index alone: 0.8 s for 5M tracks, most of it setting the filter's bits.
+    auto count = m_db.prepare("SELECT count(*) FROM track");
+    if (!count)
+        return m_db.lastResult();
+    const std::int64_t rows = count->step() ? count->int64(0) : 0;
+    if (count->result() != DBResult::ok)
+        return count->result();
+    // Room for half as many again before the filter grows.
+    m_storedIds.reset(static_cast<std::size_t>(rows) + static_cast<std::size_t>(rows) / 2);
+    auto keys = m_db.prepare("SELECT id_key FROM track INDEXED BY track_id");
+    if (!keys)
+        return m_db.lastResult();
+    while (keys->step())
+        m_storedIds.add(static_cast<std::uint64_t>(keys->int64(0)));
+    return keys->result();
 }
 
 DBResult TrackWriter::loadMeta()
@@ -501,9 +522,11 @@ TrackWriter::OpenTrack* TrackWriter::openTrackFor(const ZuUuid& id, DBResult* re
         return it->second.get();
     auto track = std::make_unique<OpenTrack>();
     bool found = false;
-    *result = findStored(id, 0, &track->stored, &found);
-    if (*result != DBResult::ok)
-        return nullptr;
+    if (m_storedIds.mayHold(static_cast<std::uint64_t>(TrackRow::idHalves(id).first))) {
+        *result = findStored(id, 0, &track->stored, &found);
+        if (*result != DBResult::ok)
+            return nullptr;
+    }
     if (found) {
         track->hasRow = true;
         track->storedAttributes = track->stored.track.attributes;
@@ -1107,6 +1130,9 @@ DBResult TrackWriter::writeTrack(OpenTrack& track, bool closing)
     TrackRow::bind(*row, stored, m_coder, m_dictionary, &encoded);
     if (auto r = row->exec(); r != DBResult::ok)
         return r;
+    // Before the commit: a key whose row a rollback takes away only costs a probe.
+    if (!track.hasRow)
+        m_storedIds.add(static_cast<std::uint64_t>(TrackRow::idHalves(t.id).first));
     if (m_activity) {
         const std::int64_t type = m_dictionary.key(Kind::type, t.typeId);
         if (type > ActivityIndex::kMaxTypeKey)

@@ -25,6 +25,7 @@
 #include "object_run.h"
 #include "open_tracks_snapshots.h"
 #include "store_dictionary.h"
+#include "stored_id_filter.h"
 #include "text_matcher.h"
 #include "track_row.h"
 #include "uuid_hash.h"
@@ -152,6 +153,8 @@ private:
     sql::DBResult commit(const std::vector<OpenTrack*>& touched, std::vector<OpenTrack*> toWrite,
                          bool allEnded, SteadyClock::time_point deadline);
     sql::DBResult writeTrack(OpenTrack& track, bool closing);
+    /** Fills m_storedIds from the id index. */
+    sql::DBResult loadStoredIds();
     sql::DBResult storeMeta(const char* key, std::int64_t value);
     /** Once no track is open: what the queues of decide() hold, and their room, go. */
     void releaseQueues();
@@ -168,6 +171,8 @@ private:
     StoreDictionary m_dictionary;
     AttributeCoder m_coder{m_dictionary};
     TextMatcher m_tokenizer;
+    /** The id keys of the track rows: a track seen for the first time is looked up if there. */
+    StoredIdFilter m_storedIds;
 
     /** Flat: a batch looks up every object's track, and a chained map's nodes missed the cache. */
     boost::unordered_flat_map<ZuUuid, std::unique_ptr<OpenTrack>, UuidHash> m_open;
