@@ -30,9 +30,10 @@ TEST(StoredIdFilter, HoldsEveryKeyAddedAndFewOthersAsItGrows)
     EXPECT_FALSE(filter.mayHold(added[1]));
 }
 
-TEST(StoredIdFilter, PastItsMemoryBoundEveryKeyMayBeThere)
+TEST(StoredIdFilter, BeforeItIsFilledOrPastItsMemoryBoundEveryKeyMayBeThere)
 {
     StoredIdFilter filter;
+    EXPECT_TRUE(filter.mayHold(12345));
     filter.reset(StoredIdFilter::kMaxBytes * 8);
     EXPECT_EQ(filter.bytes(), 0u);
     EXPECT_TRUE(filter.mayHold(12345));

@@ -20,7 +20,7 @@ class StoredIdFilter
 public:
     static constexpr std::size_t kMaxBytes = std::size_t{64} << 20;
 
-    /** Empties it, with room for `keys` before it grows. */
+    /** Empties it, with room for `keys` before it grows (before that, every key may be held). */
     void reset(std::size_t keys);
     void add(std::uint64_t key);
     bool mayHold(std::uint64_t key) const;
@@ -44,7 +44,8 @@ private:
     void addLayer(std::size_t capacity);
 
     std::vector<Layer> m_layers;
-    bool m_full = false;
+    /** Also until the first reset(): a filter never filled tells nothing. */
+    bool m_full = true;
 };
 
 }  // namespace kest::analytics::db
