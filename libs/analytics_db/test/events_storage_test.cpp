@@ -69,6 +69,18 @@ std::shared_ptr<const ObjectMetadataPacket> packet(const ZuUuid& device, std::in
     return p;
 }
 
+/** A packet of one object of a track of its own, whose id no test names. */
+std::shared_ptr<const ObjectMetadataPacket> loneObject(const ZuUuid& device,
+                                                       std::int64_t timestampUs, std::string type,
+                                                       Rect box, std::vector<Attribute> attributes)
+{
+    auto p = std::make_shared<ObjectMetadataPacket>(*packet(device, timestampUs, {}));
+    p->objectMetadataList.push_back({ZuUuid::createUuid(), std::move(type),
+                                     ObjectMetadataType::regular, box, std::move(attributes),
+                                     kEngine});
+    return p;
+}
+
 class EventsStorageTest : public ::testing::Test
 {
 protected:
@@ -484,15 +496,8 @@ TEST_F(EventsStorageTest, FreeTextAnswersAlikeForCommonAndRareWords)
         std::vector<Attribute> attributes = {{"color", i % 2 ? "grey" : "green"}};
         if (i == 10 || i == 20 || i == 30)
             attributes.push_back({"note", "Rarität"});
-        auto p =
-            std::make_shared<ObjectMetadataPacket>(*packet(kDeviceA, 1'000'000 + i * 1000, {}));
-        p->objectMetadataList.push_back({ZuUuid::createUuid(),
-                                         "car",
-                                         ObjectMetadataType::regular,
-                                         {0.1, 0.1, 0.1, 0.1},
-                                         attributes,
-                                         kEngine});
-        storage->save(p);
+        storage->save(
+            loneObject(kDeviceA, 1'000'000 + i * 1000, "car", {0.1, 0.1, 0.1, 0.1}, attributes));
     }
     storage->closeOpenTracks();
 
@@ -584,15 +589,8 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
         // More than a few, yet far sparser than "bl": they give the candidates all the same.
         if (i % 17 == 1)
             attributes.push_back({"zone", "77" + std::to_string(i % 3)});
-        auto p = std::make_shared<ObjectMetadataPacket>(
-            *packet(i % 3 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, {}));
-        p->objectMetadataList.push_back({ZuUuid::createUuid(),
-                                         "car",
-                                         ObjectMetadataType::regular,
-                                         {0.1, 0.1, 0.1, 0.1},
-                                         attributes,
-                                         kEngine});
-        storage->save(p);
+        storage->save(loneObject(i % 3 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, "car",
+                                 {0.1, 0.1, 0.1, 0.1}, attributes));
     }
     storage->closeOpenTracks();
 
@@ -627,15 +625,8 @@ TEST_F(EventsStorageTest, FreeTextOfACameraSeldomSeenAmongTracksOfTheSameWord)
     // more of the word's list than it is worth reading, so A's rows are tested one by one.
     auto storage = open();
     for (int i = 0; i < 2200; ++i) {
-        auto p = std::make_shared<ObjectMetadataPacket>(
-            *packet(i % 1000 == 0 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, {}));
-        p->objectMetadataList.push_back({ZuUuid::createUuid(),
-                                         "car",
-                                         ObjectMetadataType::regular,
-                                         {0.1, 0.1, 0.1, 0.1},
-                                         {{"color", i == 1000 ? "green" : "grey"}},
-                                         kEngine});
-        storage->save(p);
+        storage->save(loneObject(i % 1000 == 0 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, "car",
+                                 {0.1, 0.1, 0.1, 0.1}, {{"color", i == 1000 ? "green" : "grey"}}));
     }
     storage->closeOpenTracks();
     Filter filter;
@@ -679,14 +670,8 @@ protected:
     static void saveFillers(EventsStorage& storage, std::int64_t seconds)
     {
         for (int i = 0; i < TrackReader::kTextScanBudget + 100; ++i) {
-            auto p = std::make_shared<ObjectMetadataPacket>(*packet(kDeviceB, seconds * kS, {}));
-            p->objectMetadataList.push_back({ZuUuid::createUuid(),
-                                             "car",
-                                             ObjectMetadataType::regular,
-                                             {0.5, 0.5, 0.1, 0.1},
-                                             {{"color", "grey"}},
-                                             kEngine});
-            storage.save(p);
+            storage.save(loneObject(kDeviceB, seconds * kS, "car", {0.5, 0.5, 0.1, 0.1},
+                                    {{"color", "grey"}}));
         }
         // Everything stored, so that searches walk rows.
         storage.closeOpenTracks();
@@ -769,14 +754,8 @@ TEST_F(RowOrderTextTest, CandidatesOfARareWordEndTheWalkOnlyPastTheLag)
     auto storage = open();
     const auto saveAmongHorses = [&](int n, std::int64_t seconds) {
         for (int i = 0; i < 20; ++i) {
-            auto p = std::make_shared<ObjectMetadataPacket>(*packet(kDeviceB, seconds * kS, {}));
-            p->objectMetadataList.push_back({ZuUuid::createUuid(),
-                                             "animal",
-                                             ObjectMetadataType::regular,
-                                             {0.5, 0.5, 0.1, 0.1},
-                                             {{"kind", "horse"}},
-                                             kEngine});
-            storage->save(p);
+            storage->save(loneObject(kDeviceB, seconds * kS, "animal", {0.5, 0.5, 0.1, 0.1},
+                                     {{"kind", "horse"}}));
         }
         saveZebra(*storage, n, seconds);
     };
