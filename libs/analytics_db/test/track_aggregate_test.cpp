@@ -288,8 +288,15 @@ TEST(ObjectRun, ShortDecimalsAreTheValuesThatSixDigitsOfTextGiveBack)
         values.push_back(digits * std::pow(10.0, exponent - 5));
         values.push_back(std::uniform_real_distribution<>(0, 2)(random) * std::pow(10.0, exponent));
     }
-    for (const double v : values)
+    for (const double v : values) {
         ASSERT_EQ(FixedPoint::isShortDecimal(v), byText(v)) << std::setprecision(17) << v;
+        // Millionths hold every value but the short decimals that they would change.
+        const bool changed = FixedPoint::value(FixedPoint::nearestUnits(v)) != v;
+        if (std::fabs(v) < 1e9) {
+            ASSERT_EQ(FixedPoint::units(v).has_value(), !(byText(v) && changed))
+                << std::setprecision(17) << v;
+        }
+    }
 }
 
 // A value earns a dictionary key once a second stored track carries it; until then, and when it

@@ -44,8 +44,9 @@ std::optional<std::int64_t> FixedPoint::units(double value)
     const auto units = static_cast<std::int64_t>(std::llround(value * kScale));
     if (FixedPoint::value(units) == value)
         return units;
-    // Within 1e-6 in any case; a short decimal must come back as written, though.
-    if (isShortDecimal(value))
+    // Within 1e-6 in any case; a short decimal must come back as written, though. From 0.1 up,
+    // six significant digits end at millionths or above: such a value came back above already.
+    if (std::fabs(value) < 0.1 && isShortDecimal(value))
         return std::nullopt;
     return units;
 }
