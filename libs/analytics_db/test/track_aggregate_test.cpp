@@ -419,4 +419,26 @@ TEST(ObjectRun, PositionsOfAMovingObjectAreSmall)
     EXPECT_LE(ObjectRun::encode(noisy, {{}}, noisy[0].timestampUs).size(), 100u * 10);
 }
 
+// Times are kept in the largest unit that divides every step, which later steps may make smaller.
+TEST(ObjectRun, TimesComeBackWhicheverStepsSetTheirUnit)
+{
+    const std::vector<std::vector<std::int64_t>> stepLists = {
+        {40'000, 40'000, 40'000}, {4, 6, 2, 3}, {6, 4, 2, 1}, {1'000'000, 500'000, 3}, {-4, 6, -9}};
+    for (const auto& steps : stepLists) {
+        std::vector<ObjectRecord> records;
+        std::int64_t t = 1'700'000'000'000'000;
+        records.push_back({t, 0, 1, 0, 0, 0, 0, {0.1, 0.2, 0.3, 0.4}, 0});
+        for (const std::int64_t step : steps) {
+            t += step;
+            records.push_back({t, 0, 1, 0, 0, 0, 0, {0.1, 0.2, 0.3, 0.4}, 0});
+        }
+        std::vector<ObjectRecord> decoded;
+        std::vector<AttributeList> lists;
+        ASSERT_TRUE(ObjectRun::decode(ObjectRun::encode(records, {{}}, 0), 0, &decoded, &lists));
+        ASSERT_EQ(decoded.size(), records.size());
+        for (std::size_t i = 0; i < records.size(); ++i)
+            EXPECT_EQ(decoded[i].timestampUs, records[i].timestampUs) << steps[0] << " " << i;
+    }
+}
+
 }  // namespace kest::analytics::db::test

@@ -104,7 +104,8 @@ std::string ObjectRun::encode(std::span<const ObjectRecord> records,
 
     // Time: the largest unit dividing every step, then plain deltas or deltas of deltas.
     std::uint64_t unit = 0;
-    for (std::size_t i = 1; i < n; ++i) {
+    // Once it is 1 it stays 1: with clocks that jitter by a microsecond it is soon there.
+    for (std::size_t i = 1; i < n && unit != 1; ++i) {
         const std::int64_t step = minus(records[i].timestampUs, records[i - 1].timestampUs);
         unit = gcd(unit, step < 0 ? 0 - static_cast<std::uint64_t>(step)
                                   : static_cast<std::uint64_t>(step));
