@@ -73,6 +73,8 @@ struct TrackWriter::OpenTrack
 
     // The objects of the batch in hand, with their attribute lists.
     bool inBatch = false;
+    /** Where commit() has its run of `batch` encoded (m_encodedRuns), if it has; -1: not. */
+    std::int32_t encodedRun = -1;
     std::vector<ObjectRecord> batch;
     std::vector<AttributeList> batchLists;
     /**
@@ -844,6 +846,36 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     const std::int64_t seq = m_seq + 1;
     std::vector<OpenTrack*>& journaled = m_journaled;
     journaled.clear();
+    // The runs of the batch that go to the journal are encoded on the encoder thread while this
+    // one writes tracks, then by both; any return waits for it, as the tracks may go then.
+    std::vector<OpenTrack*>& toEncode = m_toEncode;
+    toEncode.clear();
+    for (OpenTrack* t : touched) {
+        if (!t->scheduled && !t->batch.empty()) {
+            t->encodedRun = static_cast<std::int32_t>(toEncode.size());
+            toEncode.push_back(t);
+        }
+    }
+    m_encodedRuns.resize(toEncode.size());
+    std::atomic<std::size_t> nextRun{0};
+    const auto encodeRuns = [this, &toEncode, &nextRun] {
+        for (std::size_t i;
+             (i = nextRun.fetch_add(1, std::memory_order_relaxed)) < toEncode.size();)
+            m_encodedRuns[i] = ObjectRun::encode(toEncode[i]->batch, toEncode[i]->batchLists, 0);
+    };
+    struct Drain
+    {
+        TaskThread* thread;
+        ~Drain()
+        {
+            if (thread)
+                thread->drain();
+        }
+    } drain{nullptr};
+    if (toEncode.size() >= kParallelRuns) {
+        m_encoder.post(encodeRuns);
+        drain.thread = &m_encoder;
+    }
     for (OpenTrack* t : toWrite) {
         if (auto r = writeTrack(*t, false); r != DBResult::ok)
             return r;
@@ -903,6 +935,11 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
                std::pair(b.first->stored.rowId, b.second);
     });
     sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
+    encodeRuns();
+    if (drain.thread) {
+        drain.thread->drain();
+        drain.thread = nullptr;
+    }
     const auto now = SteadyClock::now();
     if (!sections.empty()) {
         std::string& data = m_journalData;
@@ -918,7 +955,8 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
             std::int64_t chunk = 0;
             if (index == kBatchPiece) {
                 piece = std::make_shared<const std::string>(
-                    ObjectRun::encode(t->batch, t->batchLists, 0));
+                    t->encodedRun >= 0 ? std::move(m_encodedRuns[t->encodedRun])
+                                       : ObjectRun::encode(t->batch, t->batchLists, 0));
                 // A run this large is a chunk of its own, written where it stays; the journal
                 // only names it. A track keeps a few chunks free for when it is written.
                 if (t->batch.size() >= kDirectChunkObjects &&
@@ -972,16 +1010,11 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
         }
         entry.bytes = data.size();
         m_journal[seq] = std::move(entry);
-        std::string& packed = m_journalPacked;
-        if (!packJournal(data, &packed))
-            return m_db.fail(1 /*SQLITE_ERROR*/, "compressing a journal row");
-        auto* s = m_db.cached("INSERT INTO journal(id, data) VALUES(?, ?)");
-        if (!s)
-            return m_db.lastResult();
-        s->bind(1, seq);
-        s->bindBlobInPlace(2, packed);
-        if (auto r = s->exec(); r != DBResult::ok)
-            return r;
+        // Compressed on the encoder thread while this one prepares the rest of the commit.
+        m_journalPackedOk = false;
+        m_encoder.post(
+            [this] { m_journalPackedOk = packJournal(m_journalData, &m_journalPacked); });
+        drain.thread = &m_encoder;
     }
     for (const std::int64_t row : m_unreferencedJournalRows) {
         auto* s = m_db.cached("DELETE FROM journal WHERE id = ?");
@@ -1016,6 +1049,19 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     for (OpenTrack* t : toWrite)
         t->view = viewOf(*t);
     auto published = snapshot(seq);
+    if (drain.thread) {
+        drain.thread->drain();
+        drain.thread = nullptr;
+        if (!m_journalPackedOk)
+            return m_db.fail(1 /*SQLITE_ERROR*/, "compressing a journal row");
+        auto* s = m_db.cached("INSERT INTO journal(id, data) VALUES(?, ?)");
+        if (!s)
+            return m_db.lastResult();
+        s->bind(1, seq);
+        s->bindBlobInPlace(2, m_journalPacked);
+        if (auto r = s->exec(); r != DBResult::ok)
+            return r;
+    }
     m_snapshots->publish(published);
     m_db.resetCached();
     if (auto r = m_db.exec("COMMIT"); r != DBResult::ok) {
@@ -1033,6 +1079,7 @@ DBResult TrackWriter::commit(const std::vector<OpenTrack*>& touched,
     m_ended.erase(m_ended.begin(), m_ended.begin() + static_cast<std::ptrdiff_t>(closed));
     for (OpenTrack* t : touched) {
         t->inBatch = false;
+        t->encodedRun = -1;
         // Kept for the next batch, the room would stay with every open track for as long as
         // it is open: under a backlog 3 KB a track, a sixth of the heap.
         releaseRoom(t->batch);

@@ -26,6 +26,7 @@
 #include "open_tracks_snapshots.h"
 #include "store_dictionary.h"
 #include "stored_id_filter.h"
+#include "task_thread.h"
 #include "text_matcher.h"
 #include "track_row.h"
 #include "uuid_hash.h"
@@ -72,6 +73,8 @@ public:
     static constexpr std::size_t kRunOverheadBytes = 96;
     /** Open tracks at most; past it the least recently seen ones are written. */
     static constexpr std::size_t kMaxOpenTracks = 200'000;
+    /** Runs of a commit from which the encoder thread encodes them with the writer. */
+    static constexpr std::size_t kParallelRuns = 64;
     /** Tracks that a batch writes for their age (not for their device's time) at most. */
     static constexpr std::size_t kMaxIdleClosesPerBatch = 2048;
     /**
@@ -230,17 +233,22 @@ private:
      * allocator sort all the small blocks freed since, a tenth of the writer's time.
      */
     std::vector<OpenTrack*> m_touched;
+    std::vector<OpenTrack*> m_toEncode;
+    std::vector<std::string> m_encodedRuns;
     std::vector<OpenTrack*> m_journaled;
     std::vector<OpenTrack*> m_toClose;
     std::vector<std::pair<OpenTrack*, std::size_t>> m_sections;
     std::string m_journalData;
     std::string m_journalPacked;
+    bool m_journalPackedOk = false;
     /** writeTrack()'s: a track's positions, and the runs they are decoded from. */
     std::vector<ObjectRecord> m_positions;
     std::vector<AttributeList> m_positionLists;
     std::vector<ObjectRecord> m_records;
     std::vector<AttributeList> m_recordLists;
     std::string m_lastError;
+    /** Encodes the journal's runs with the writer (see commit()); idle between commits. */
+    TaskThread m_encoder;
 };
 
 }  // namespace kest::analytics::db
