@@ -1047,51 +1047,66 @@ DBResult TrackReader::walk(const Query& q, std::vector<Row>* out, bool* gaveUp)
         return m_db.lastResult();
     const std::int64_t batch = std::max<std::int64_t>(2 * q.limit, 256);
     const auto limit = static_cast<std::size_t>(q.limit);
+    // The best rows so far, at most `limit`, as a heap whose top is the last of them: a row that
+    // does not rank before it is not decoded, and the walk stops at the first row past which no
+    // row can, not at the end of a statement's batch, whose rest cost as much again.
     std::vector<Row> best;
     std::int64_t cursor = q.ascending ? q.lowRowId : q.highRowId;
     // The first appearance reached by the walk, the latest one walking down, else the earliest:
     // rows further on lie within the lag of it.
     std::int64_t reached = q.ascending ? kMinTime : kMaxTime;
+    // Rows further on have larger ids walking up, smaller ones walking down, so a tie on first
+    // appearance ranks them after the rows found.
+    const auto nothingFurtherRanks = [&] {
+        if (best.size() < limit)
+            return false;
+        const std::int64_t worst = best.front().stored.track.firstUs;
+        return q.ascending ? worst <= saturatingSub(reached, q.maxLagUs)
+                           : worst >= saturatingAdd(reached, q.maxLagUs);
+    };
     std::int64_t read = 0;
-    for (;;) {
+    for (bool ended = false; !ended;) {
         s->reset();
         bindQuery(s, q, 0, batch);
         s->bind(20, q.ascending ? cursor : q.lowRowId);
         s->bind(21, q.ascending ? q.highRowId : cursor);
         std::int64_t rows = 0;
         while (s->step()) {
-            Row row;
-            if (auto r = readRow(*s, &row); r != DBResult::ok)
-                return r;
-            cursor = row.stored.rowId;
-            const std::int64_t first = row.stored.track.firstUs;
-            reached = q.ascending ? std::max(reached, first) : std::min(reached, first);
-            best.push_back(std::move(row));
             ++rows;
+            cursor = s->int64(TrackRow::kRowIdColumn);
+            const std::int64_t first = s->int64(TrackRow::kFirstUsColumn);
+            reached = q.ascending ? std::max(reached, first) : std::min(reached, first);
+            const std::pair key(first, cursor);
+            if (best.size() < limit ||
+                (q.ascending ? key < best.front().key() : best.front().key() < key)) {
+                Row row;
+                if (auto r = readRow(*s, &row); r != DBResult::ok)
+                    return r;
+                if (best.size() == limit) {
+                    std::pop_heap(best.begin(), best.end(), before);
+                    best.back() = std::move(row);
+                } else {
+                    best.push_back(std::move(row));
+                }
+                std::push_heap(best.begin(), best.end(), before);
+            }
+            if (nothingFurtherRanks()) {
+                ended = true;
+                break;
+            }
         }
         if (s->result() != DBResult::ok)
             return s->result();
         read += rows;
-        if (best.size() >= limit) {
-            std::partial_sort(best.begin(), best.begin() + limit, best.end(), before);
-            best.resize(limit);
-        }
-        if (rows < batch)
+        if (ended || rows < batch)
             break;
-        // Rows further on have larger ids walking up, smaller ones walking down, so a tie
-        // on first appearance ranks them after the rows found.
-        if (best.size() == limit) {
-            const std::int64_t worst = best.back().stored.track.firstUs;
-            if (q.ascending ? worst <= saturatingSub(reached, q.maxLagUs)
-                            : worst >= saturatingAdd(reached, q.maxLagUs)) {
-                break;
-            }
-        }
         if (read >= kRowWalkBudget) {
             *gaveUp = true;
             return DBResult::ok;
         }
     }
+    // Ended between two rows: the statement lets go of what it reads until its next use.
+    s->reset();
     std::sort(best.begin(), best.end(), before);
     for (Row& row : best)
         out->push_back(std::move(row));

@@ -194,7 +194,7 @@ bool TrackRow::decodeAttributes(std::string_view bytes, const StoreDictionary& d
 bool TrackRow::read(const sql::Statement& row, int c, const StoreDictionary& dictionary,
                     StoredTrack* out)
 {
-    out->rowId = row.int64(c);
+    out->rowId = row.int64(c + kRowIdColumn);
     TrackAggregate& t = out->track;
     t.id = idOf(row.int64(c + 1), row.int64(c + 2));
     const auto* device =
@@ -207,7 +207,7 @@ bool TrackRow::read(const sql::Statement& row, int c, const StoreDictionary& dic
     t.deviceId = decodeUuid(*device);
     t.typeId = *type;
     t.engineId = decodeUuid(*engine);
-    t.firstUs = row.int64(c + 6);
+    t.firstUs = row.int64(c + kFirstUsColumn);
     t.lastUs = t.firstUs + row.int64(c + 7);
     t.bestShotKind = static_cast<int>(row.int64(c + 8));
     t.bestShot = BestShot();

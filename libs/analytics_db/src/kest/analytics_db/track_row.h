@@ -39,6 +39,9 @@ public:
         "t.id, t.id_key, t.id_lo, t.device, t.type, t.engine, t.first_us, t.span_us, t.best, "
         "t.grid, t.attributes, t.detail";
     static constexpr int kColumnCount = 12;
+    /** Where the row id and the first appearance are among kColumns. */
+    static constexpr int kRowIdColumn = 0;
+    static constexpr int kFirstUsColumn = 6;
     /** INSERT, and INSERT OR REPLACE, with every column, bound by bind(). */
     static constexpr const char* kInsert =
         "INSERT INTO track(id, id_key, id_lo, device, type, engine, first_us, span_us, best, grid, "
