@@ -36,7 +36,8 @@ namespace kest::analytics::db {
 using PacketPtr = std::shared_ptr<const common::metadata::ObjectMetadataPacket>;
 
 /**
- * The writing side of the events database, used by one thread. Each track is written once: while
+ * The writing side of the events database, used by one thread (which a thread of its own helps
+ * to encode each commit's runs, within the commit). Each track is written once: while
  * objects keep coming its aggregate stays in memory, and each batch adds its objects to the
  * journal table as one compact run per track; when the track ends (its device's time is
  * kCloseGap past it, or nothing came for kIdleClose) its row, its one chunk of positions and its
