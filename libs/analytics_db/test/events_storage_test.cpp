@@ -641,6 +641,34 @@ TEST_F(EventsStorageTest, FreeTextOfACameraSeldomSeenAmongTracksOfTheSameWord)
               (std::vector<std::int64_t>{0, 2000}));
 }
 
+TEST_F(EventsStorageTest, FreeTextOfACameraWhosePrefixListHoldsMostlyAnotherWord)
+{
+    // Camera A's tracks say "salami" but every 40th says "salomi"; camera B's say "salomi" too.
+    // The list of "sal" gives A's walk mostly salami, so after a chunk it takes salomi's own list.
+    auto storage = open();
+    std::vector<std::int64_t> salomi;
+    for (int i = 0; i < 3000; ++i) {
+        const bool hit = i % 40 == 7;
+        if (hit)
+            salomi.push_back(3 * i);
+        storage->save(loneObject(kDeviceA, 1'000'000 + 3 * i * 1000, "car", {0.1, 0.1, 0.1, 0.1},
+                                 {{"word", hit ? "salomi" : "salami"}}));
+        storage->save(loneObject(kDeviceB, 1'000'000 + (3 * i + 1) * 1000, "car",
+                                 {0.1, 0.1, 0.1, 0.1}, {{"word", "salomi"}}));
+    }
+    storage->closeOpenTracks();
+    Filter filter;
+    filter.freeText = "salomi";
+    filter.deviceIds = {kDeviceA};
+    filter.sortOrder = SortOrder::asc;
+    // Every match counts as common, and a scan budget of 10 rows sends the search past it.
+    EXPECT_EQ(readMs(filter, 1, 10), salomi);
+    filter.sortOrder = SortOrder::desc;
+    filter.maxObjectTracksToSelect = 5;
+    EXPECT_EQ(readMs(filter, 1, 10),
+              (std::vector<std::int64_t>(salomi.rbegin(), salomi.rbegin() + 5)));
+}
+
 /**
  * Stores whose row order strays from first-appearance order, searched by a word that takes the
  * row id walk: the first tracks of the time index carry another word, more of them than the

@@ -153,14 +153,14 @@ DBResult TrackReader::open(const std::string& file, const sql::ConnectionOptions
     return m_db.exec("PRAGMA query_only = 1");
 }
 
-std::string TrackReader::prefixQuery() const
+std::string TrackReader::prefixQuery(int maxChars) const
 {
     std::string query;
     for (const std::string& token : m_matcher.queryTokens()) {
-        // Up to kPrefixListChars characters of UTF-8, two at least: a list of its own.
+        // Up to maxChars characters of UTF-8, two at least.
         std::size_t end = 0;
         int chars = 0;
-        while (end < token.size() && chars < kPrefixListChars) {
+        while (end < token.size() && chars < maxChars) {
             ++end;
             while (end < token.size() && (static_cast<unsigned char>(token[end]) & 0xC0) == 0x80)
                 ++end;
@@ -931,6 +931,12 @@ DBResult TrackReader::walkDevice(Query* q, std::int64_t device, std::vector<Row>
         return m_db.lastResult();
     listed->reset();
     listed->bindText(1, prefixQuery());
+    // The words' own lists, should their prefixes' lists turn out to hold mostly other words.
+    std::string ownLists = prefixQuery(std::numeric_limits<int>::max());
+    if (ownLists == prefixQuery())
+        ownLists.clear();
+    std::size_t tested = 0;
+    std::size_t matched = 0;
     const std::size_t limit = q->limit >= 0 ? static_cast<std::size_t>(q->limit) : SIZE_MAX;
     const std::size_t maxListed = static_cast<std::size_t>(kDeviceChunk * kListedPerRow);
     // Past `bound` in the walk's direction.
@@ -985,8 +991,10 @@ DBResult TrackReader::walkDevice(Query* q, std::int64_t device, std::vector<Row>
             bool matches = false;
             if ((result = matchesWords(*attributes, rowId, &matches)) != DBResult::ok)
                 break;
+            tested += listing ? 1 : 0;
             if (!matches)
                 continue;
+            matched += listing ? 1 : 0;
             q->rowId = rowId;
             const std::size_t had = rows->size();
             if ((result = select(*q, device, rows)) != DBResult::ok)
@@ -998,6 +1006,30 @@ DBResult TrackReader::walkDevice(Query* q, std::int64_t device, std::vector<Row>
         if (result != DBResult::ok || found >= limit ||
             static_cast<std::int64_t>(chunk.size()) < kDeviceChunk) {
             break;
+        }
+        // Most of what the prefixes' lists gave were other words ("salami" for "salomi": under
+        // one in kOwnListPrecision matched), and the walk goes on: the words' own lists, which
+        // FTS5 merges in memory once (no prefix list has their length) at several times the cost
+        // of a streamed entry, cost less than the rest of the longer ones. Read from the start, as
+        // later chunks may hold rows before this one's in row id order; what this chunk's span
+        // holds is not counted against the next chunk.
+        if (listing && !ownLists.empty() && tested >= kDeviceChunk / 16 &&
+            matched * kOwnListPrecision < tested) {
+            listed->reset();
+            listed->bindText(1, ownLists);
+            ownLists.clear();
+            seen.clear();
+            listEnded = false;
+            while (!listEnded && (seen.empty() || !beyond(seen.back(), bound))) {
+                if (listed->step())
+                    seen.push_back(listed->int64(0));
+                else if ((result = listed->result()) == DBResult::ok)
+                    listEnded = true;
+                else
+                    break;
+            }
+            if (result != DBResult::ok)
+                break;
         }
     }
     ids->reset();

@@ -144,6 +144,11 @@ public:
      * which its rows are tested one by one instead.
      */
     static constexpr std::int64_t kListedPerRow = 8;
+    /**
+     * ... and the share of the words' prefixes' matches that the words match, below one in this
+     * many of which the words' own lists are taken instead.
+     */
+    static constexpr std::size_t kOwnListPrecision = 8;
     /** Words of at most this many characters have their own lists as prefixes (the schema's). */
     static constexpr int kPrefixListChars = 3;
     /** Tests use it to take either way on small stores; 0 never counts. */
@@ -224,11 +229,11 @@ private:
     sql::DBResult countWord(const std::string& word, int chars, std::int64_t limit,
                             std::vector<std::int64_t>* matches, bool* common);
     /**
-     * The query words cut to their first kPrefixListChars characters, as an FTS5 query of
-     * prefixes that have lists of their own: every track that the words match, and a few more.
-     * Empty when a word is shorter than two characters.
+     * The query words cut to their first `maxChars` characters, as an FTS5 query of prefixes:
+     * every track that the words match, and a few more. Cut to kPrefixListChars, each prefix has
+     * a list of its own. Empty when a word is shorter than two characters.
      */
-    std::string prefixQuery() const;
+    std::string prefixQuery(int maxChars = kPrefixListChars) const;
     /** The row ids that the FTS5 query `fts` matches, `limit` at most. */
     sql::DBResult textMatches(const std::string& fts, std::int64_t limit,
                               std::vector<std::int64_t>* rows);
