@@ -929,11 +929,12 @@ DBResult TrackReader::walkDevice(Query* q, std::int64_t device, std::vector<Row>
     auto* attributes = attributesStatement();
     if (!ids || !listed || !attributes)
         return m_db.lastResult();
+    const std::string prefixLists = prefixQuery();
     listed->reset();
-    listed->bindText(1, prefixQuery());
+    listed->bindText(1, prefixLists);
     // The words' own lists, should their prefixes' lists turn out to hold mostly other words.
     std::string ownLists = prefixQuery(std::numeric_limits<int>::max());
-    if (ownLists == prefixQuery())
+    if (ownLists == prefixLists)
         ownLists.clear();
     std::size_t tested = 0;
     std::size_t matched = 0;
