@@ -54,6 +54,30 @@ TEST(MongoSaveDataAddressTest, FailureHandsBackTheWholeBatch)
 class MongoSaveDataAddressLiveTest : public MongoTest
 {};
 
+TEST_F(MongoSaveDataAddressLiveTest, DevicesAreFoundThroughAnIndex)
+{
+    LogCapture log;
+    // The second instance finds the index that the first made.
+    for (int i = 0; i < 2; ++i) {
+        Storage storage(m_uri);
+        bool failed = false;
+        storage.saveDataAddressSync({{uniqueName("dev"), ZuTimePeriod(1'000, 10)}},
+                                    uniqueName("node"),
+                                    [&](std::vector<DataInfo>) { failed = true; });
+        EXPECT_FALSE(failed);
+    }
+    EXPECT_FALSE(log.contains("Cannot index"));
+
+    Storage storage(m_uri);
+    const auto client = storage.getClient();
+    const auto collection = client.collection("metadataStorage", "dataDistribution");
+    mongo::Cursor indexes(mongoc_collection_find_indexes_with_opts(collection.get(), nullptr));
+    bool found = false;
+    while (const auto index = indexes.next())
+        found = found || index->getDocument("key").has("DeviceId");
+    EXPECT_TRUE(found);
+}
+
 TEST_F(MongoSaveDataAddressLiveTest, SavedSpansReadBack)
 {
     Storage storage(m_uri);

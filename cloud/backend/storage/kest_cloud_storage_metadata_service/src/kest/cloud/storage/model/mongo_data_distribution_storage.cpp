@@ -119,6 +119,26 @@ mongo::PooledClient MongoDataDistributionStorage::getClient() const
     return m_pool->pop();
 }
 
+void MongoDataDistributionStorage::makeDeviceIndex(const mongo::Collection& collection) const
+{
+    if (m_indexMade.load(std::memory_order_acquire))
+        return;
+    std::unique_lock lock(m_indexMutex, std::try_to_lock);
+    if (!lock.owns_lock() || std::chrono::steady_clock::now() < m_nextIndexAttempt)
+        return;
+    try {
+        collection.createIndex(kDeviceId);
+        m_indexMade.store(true, std::memory_order_release);
+        KEST_INFO(this, "The data addresses in MongoDB are indexed by %1", kDeviceId);
+    } catch (const mongo::Error& e) {
+        // Searches and saves still work, by scanning; a user without the createIndex privilege
+        // gets this once every kIndexRetry.
+        m_nextIndexAttempt = std::chrono::steady_clock::now() + kIndexRetry;
+        KEST_WARNING(this, "Cannot index the data addresses in MongoDB by %1: %2", kDeviceId,
+                     e.what());
+    }
+}
+
 void MongoDataDistributionStorage::startTask(MoveOnlyFunc<void()> task)
 {
     m_threadPool.start(new Task(std::move(task)), 0);
@@ -243,6 +263,7 @@ MongoDataDistributionStorage::executeSave(const std::vector<mongo::UpdateOne>& r
                              "+ upserted(%3) != num of items to save(%4)",
                              data, result->modified, result->upserted, data.size());
             }
+            makeDeviceIndex(collection);
             return std::nullopt;
         }
         KEST_ERROR(this, "saving data( %1 ) to MongoDB failed", data);

@@ -3,8 +3,10 @@
 #include <QThreadPool>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -62,6 +64,7 @@ public:
     static constexpr int kMaxConcurrentOperations = 16;
     /** Devices named in one query of getDataAddresses, to keep the query well under 16 MiB. */
     static constexpr std::size_t kDeviceIdsPerRead = 1'000;
+    static constexpr std::chrono::minutes kIndexRetry{1};
 
     /**
      * Connects through "MongoDb/uri" when set, else through the URI built from the other keys.
@@ -129,6 +132,13 @@ public:
 
     /** Blocks while the pool's maxPoolSize clients are in use. */
     mongo::PooledClient getClient() const;
+    /**
+     * Makes the index on "DeviceId" of the data addresses, by which every search, save and
+     * replacement finds a device's document (else a scan of all of them), after a save went
+     * through: a server that cannot be reached costs no second wait. Once per process; after a
+     * failure, again kIndexRetry later. Logs what fails; throws nothing.
+     */
+    void makeDeviceIndex(const mongo::Collection& collection) const;
     const std::string& dbName() const { return m_dbName; }
 
 protected:
@@ -164,6 +174,10 @@ private:
     QThreadPool m_threadPool;
     std::string m_dbName = "metadataStorage";
     mutable std::array<std::atomic<std::uint64_t>, operationCount> m_failures{};
+    mutable std::atomic<bool> m_indexMade{false};
+    /** Held by the task that makes the index; the others go on without waiting for it. */
+    mutable std::mutex m_indexMutex;
+    mutable std::chrono::steady_clock::time_point m_nextIndexAttempt{};
 };
 
 }  // namespace kest::cloud::storage::metadatadb

@@ -73,4 +73,22 @@ Cursor Collection::find(const Document& filter) const
     return Cursor(mongoc_collection_find_with_opts(m_collection, filter.get(), nullptr, nullptr));
 }
 
+void Collection::createIndex(const std::string& field) const
+{
+    Document key;
+    key.appendInt64(field, 1);
+    Document index;
+    index.appendDocument("key", key).appendString("name", field);
+    Document command;
+    command.appendString("createIndexes", mongoc_collection_get_name(m_collection))
+        .appendDocumentArray("indexes", {std::move(index)});
+    bson_t reply;
+    bson_error_t error{};
+    const bool ok = mongoc_collection_write_command_with_opts(m_collection, command.get(), nullptr,
+                                                              &reply, &error);
+    bson_destroy(&reply);
+    if (!ok)
+        throw Error(error);
+}
+
 }  // namespace kest::cloud::storage::metadatadb::mongo

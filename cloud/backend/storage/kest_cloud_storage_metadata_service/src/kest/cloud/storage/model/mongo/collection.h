@@ -38,6 +38,9 @@ public:
     /** Default options: no projection, sort or limit. */
     Cursor find(const Document& filter) const;
 
+    /** An ascending index on `field`, named after it; nothing happens if it exists. */
+    void createIndex(const std::string& field) const;
+
 private:
     mongoc_collection_t* m_collection = nullptr;
 };
