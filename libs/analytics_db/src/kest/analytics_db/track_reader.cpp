@@ -157,7 +157,11 @@ std::string TrackReader::prefixQuery(int maxChars) const
 {
     std::string query;
     for (const std::string& token : m_matcher.queryTokens()) {
-        // Up to maxChars characters of UTF-8, two at least.
+        if (token.find('"') != std::string::npos)
+            return {};
+        // Up to maxChars characters of UTF-8. A one-letter token ("e" of "e-bike") is left to
+        // the matcher, which tests every row the other tokens' lists give: its own list is the
+        // merge of every word's that starts with the letter.
         std::size_t end = 0;
         int chars = 0;
         while (end < token.size() && chars < maxChars) {
@@ -166,8 +170,8 @@ std::string TrackReader::prefixQuery(int maxChars) const
                 ++end;
             ++chars;
         }
-        if (chars < 2 || token.find('"') != std::string::npos)
-            return {};
+        if (chars < 2)
+            continue;
         if (!query.empty())
             query += ' ';
         query += '"' + token.substr(0, end) + "\"*";

@@ -231,7 +231,8 @@ private:
     /**
      * The query words cut to their first `maxChars` characters, as an FTS5 query of prefixes:
      * every track that the words match, and a few more. Cut to kPrefixListChars, each prefix has
-     * a list of its own. Empty when a word is shorter than two characters.
+     * a list of its own. Words of one character are left out (the matcher tests them); empty
+     * when every word is that short.
      */
     std::string prefixQuery(int maxChars = kPrefixListChars) const;
     /** The row ids that the FTS5 query `fts` matches, `limit` at most. */
