@@ -623,12 +623,14 @@ TEST_F(EventsStorageTest, FreeTextTestsTheFewMatchesOfOneWordAgainstTheOthers)
 
 TEST_F(EventsStorageTest, FreeTextOfACameraSeldomSeenAmongTracksOfTheSameWord)
 {
-    // Three tracks of camera A among 2,200 of camera B, all grey: a chunk of A's index spans
+    // Three tracks of camera A among those of camera B, all grey: a chunk of A's index spans
     // more of the word's list than it is worth reading, so A's rows are tested one by one.
+    constexpr int kTracks = TrackReader::kDeviceChunk * TrackReader::kListedPerRow + 200;
+    constexpr int kStep = (kTracks - 1) / 2;
     auto storage = open();
-    for (int i = 0; i < 2200; ++i) {
-        storage->save(loneObject(i % 1000 == 0 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, "car",
-                                 {0.1, 0.1, 0.1, 0.1}, {{"color", i == 1000 ? "green" : "grey"}}));
+    for (int i = 0; i < kTracks; ++i) {
+        storage->save(loneObject(i % kStep == 0 ? kDeviceA : kDeviceB, 1'000'000 + i * 1000, "car",
+                                 {0.1, 0.1, 0.1, 0.1}, {{"color", i == kStep ? "green" : "grey"}}));
     }
     storage->closeOpenTracks();
     Filter filter;
@@ -636,11 +638,11 @@ TEST_F(EventsStorageTest, FreeTextOfACameraSeldomSeenAmongTracksOfTheSameWord)
     filter.deviceIds = {kDeviceA};
     // A text scan budget of 10 rows sends the search past it at once.
     EXPECT_EQ(readMs(filter, TrackReader::kRareTextMatches, 10),
-              (std::vector<std::int64_t>{2000, 1000, 0}));
+              (std::vector<std::int64_t>{2 * kStep, kStep, 0}));
     filter.freeText = "grey";
     filter.sortOrder = SortOrder::asc;
     EXPECT_EQ(readMs(filter, TrackReader::kRareTextMatches, 10),
-              (std::vector<std::int64_t>{0, 2000}));
+              (std::vector<std::int64_t>{0, 2 * kStep}));
 }
 
 TEST_F(EventsStorageTest, FreeTextOfACameraWhosePrefixListHoldsMostlyAnotherWord)
