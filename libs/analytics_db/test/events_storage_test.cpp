@@ -673,6 +673,48 @@ TEST_F(EventsStorageTest, FreeTextOfACameraWhosePrefixListHoldsMostlyAnotherWord
               (std::vector<std::int64_t>(salomi.rbegin(), salomi.rbegin() + 5)));
 }
 
+TEST_F(EventsStorageTest, FreeTextWhosePrefixListHoldsMostlyAnotherWordTakesItsOwnList)
+{
+    // Every 40th track says "salomi", the others "salami": the list of "sal" gives the walk
+    // along the row ids mostly salami, so after a few hundred rows tested in vain it takes the
+    // list of salomi itself.
+    auto storage = open();
+    std::vector<std::int64_t> salomi;
+    for (int i = 0; i < 3000; ++i) {
+        const bool hit = i % 40 == 7;
+        if (hit)
+            salomi.push_back(i);
+        storage->save(loneObject(kDeviceA, 1'000'000 + i * 1000, "car", {0.1, 0.1, 0.1, 0.1},
+                                 {{"word", hit ? "salomi" : "salami"}}));
+    }
+    storage->closeOpenTracks();
+
+    TrackReader reader;
+    ASSERT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
+              sql::DBResult::ok);
+    reader.setRareTextMatches(1);  //< Every word counts as common.
+    for (const auto order : {SortOrder::desc, SortOrder::asc}) {
+        Filter filter;
+        filter.freeText = "salomi";
+        filter.sortOrder = order;
+        filter.maxObjectTracksToSelect = 60;
+        std::vector<std::int64_t> expected(salomi.begin(), salomi.begin() + 60);
+        if (order == SortOrder::desc)
+            expected.assign(salomi.rbegin(), salomi.rbegin() + 60);
+        TrackReader::Profile profile;
+        reader.setProfile(&profile);
+        std::vector<ObjectTrackEx> found;
+        ASSERT_EQ(reader.lookup(filter, &found), ResultCode::ok);
+        reader.setProfile(nullptr);
+        std::vector<std::int64_t> ms;
+        for (const auto& track : found)
+            ms.push_back((track.firstAppearanceTimeUs - 1'000'000) / 1000);
+        EXPECT_EQ(ms, expected);
+        // Walking "sal" to the 60th salomi would test 2,400 rows.
+        EXPECT_LT(profile.rowsMatched, 1000);
+    }
+}
+
 /**
  * Stores whose row order strays from first-appearance order, searched by a word that takes the
  * row id walk: the first tracks of the time index carry another word, more of them than the

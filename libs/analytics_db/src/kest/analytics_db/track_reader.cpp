@@ -196,12 +196,19 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
     const ProfileTimer timer(self->m_profile, &Profile::matcher);
     if (self->m_profile)
         ++self->m_profile->rowsMatched;
-    if (self->m_textBudgetApplies && self->m_matcher.checks() >= self->m_scanBudget) {
+    const std::int64_t checks = self->m_matcher.checks();
+    // A walk of the prefixes' lists in which under one in kOwnListPrecision rows matched has
+    // more of the same ahead: the words' own lists cost less (see lookupIn()).
+    const bool sparse = self->m_ownListsApply && checks >= kDeviceChunk &&
+                        self->m_textHits * static_cast<std::int64_t>(kOwnListPrecision) < checks;
+    if ((self->m_textBudgetApplies && checks >= self->m_scanBudget) || sparse) {
         self->m_textBudgetExceeded = true;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
         return;
     }
-    sqlite3_result_int(context, self->m_matcher.matches(bytesOf(args[0]), self->m_dictionary));
+    const bool hit = self->m_matcher.matches(bytesOf(args[0]), self->m_dictionary);
+    self->m_textHits += hit;
+    sqlite3_result_int(context, hit);
 }
 
 ResultCode TrackReader::lookup(const Filter& filter, std::vector<ObjectTrackEx>* tracks)
@@ -364,7 +371,11 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
         // Common words: their matches walked newest (or oldest) first, from the lists of their
         // first three characters, each row tested against the words as a whole.
         result = run(filter, TextMode::prefixWalk, extra, &stored);
-        if (m_walkGaveUp || (result != DBResult::ok && m_textBudgetExceeded)) {
+        // A walk that read too many matches for the lag rule to settle goes along the time index
+        // instead. One that tested too many rows in vain (a word that few of the words sharing
+        // its first letters are) goes to the words' own lists below: the time index would test
+        // every row the lists gave it, and more.
+        if (m_walkGaveUp) {
             stored.clear();
             m_db.resetCached();
             m_matcher.setQuery(m_words);
@@ -621,6 +632,9 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
         return DBResult::ok;
     // Known matches are few and tested once each: no budget bounds them.
     m_textBudgetApplies = textMode != TextMode::rows;
+    m_textHits = 0;
+    m_ownListsApply = textMode == TextMode::prefixWalk &&
+                      prefixQuery() != prefixQuery(std::numeric_limits<int>::max());
     // Rows that open tracks replace are dropped afterwards: as many more are asked for.
     if (q.limit >= 0)
         q.limit += extra;

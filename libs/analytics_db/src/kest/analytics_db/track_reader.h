@@ -256,6 +256,10 @@ private:
     bool m_rareRowsTested = false;
     bool m_textBudgetApplies = true;
     bool m_textBudgetExceeded = false;
+    /** The prefixes' lists are walked, and the words' own lists are other, shorter ones. */
+    bool m_ownListsApply = false;
+    /** Rows that the matcher found to match, in this run. */
+    std::int64_t m_textHits = 0;
     bool m_walkGaveUp = false;
     std::int64_t m_textScanBudget = kTextScanBudget;
     /** Of this search: m_textScanBudget, or more (scanBudget()). */
