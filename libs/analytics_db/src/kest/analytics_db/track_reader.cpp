@@ -199,7 +199,7 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
     const std::int64_t checks = self->m_matcher.checks();
     // A walk of the prefixes' lists in which under one in kOwnListPrecision rows matched has
     // more of the same ahead: the words' own lists cost less (see lookupIn()).
-    const bool sparse = self->m_ownListsApply && checks >= kDeviceChunk &&
+    const bool sparse = self->m_ownListsApply && checks >= kOwnListAfterRows &&
                         self->m_textHits * static_cast<std::int64_t>(kOwnListPrecision) < checks;
     if ((self->m_textBudgetApplies && checks >= self->m_scanBudget) || sparse) {
         self->m_textBudgetExceeded = true;

@@ -151,6 +151,8 @@ public:
      * many of which the words' own lists are taken instead.
      */
     static constexpr std::size_t kOwnListPrecision = 8;
+    /** ... judged, in the walk along the row ids, once this many rows are tested. */
+    static constexpr std::int64_t kOwnListAfterRows = 256;
     /** Words of at most this many characters have their own lists as prefixes (the schema's). */
     static constexpr int kPrefixListChars = 3;
     /** Tests use it to take either way on small stores; 0 never counts. */

@@ -64,6 +64,7 @@ public:
     static constexpr int kMaxConcurrentOperations = 16;
     /** Devices named in one query of getDataAddresses, to keep the query well under 16 MiB. */
     static constexpr std::size_t kDeviceIdsPerRead = 1'000;
+    /** After a failed attempt at the index on "DeviceId", the next one waits this long. */
     static constexpr std::chrono::minutes kIndexRetry{1};
 
     /**
@@ -132,13 +133,6 @@ public:
 
     /** Blocks while the pool's maxPoolSize clients are in use. */
     mongo::PooledClient getClient() const;
-    /**
-     * Makes the index on "DeviceId" of the data addresses, by which every search, save and
-     * replacement finds a device's document (else a scan of all of them), after a save went
-     * through: a server that cannot be reached costs no second wait. Once per process; after a
-     * failure, again kIndexRetry later. Logs what fails; throws nothing.
-     */
-    void makeDeviceIndex(const mongo::Collection& collection) const;
     const std::string& dbName() const { return m_dbName; }
 
 protected:
@@ -160,6 +154,13 @@ private:
     };
 
     MongoDataDistributionStorage(const std::string& uri, const std::string& source);
+    /**
+     * Makes the index on "DeviceId" of the data addresses, by which every search, save and
+     * replacement finds a device's document (else a scan of all of them), after a save went
+     * through: a server that cannot be reached costs no second wait. Once per process; after a
+     * failure, again kIndexRetry later. Logs what fails; throws nothing.
+     */
+    void makeDeviceIndex(const mongo::Collection& collection) const;
     /** Runs the bulk write of a save and logs what failed; what failed, nothing on success. */
     std::optional<AppendResult> executeSave(const std::vector<mongo::UpdateOne>& requests,
                                             const std::vector<DataInfo>& data) const;
