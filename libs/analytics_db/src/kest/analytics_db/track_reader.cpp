@@ -203,6 +203,7 @@ void TrackReader::textHits(sqlite3_context* context, int, sqlite3_value** args)
                         self->m_textHits * static_cast<std::int64_t>(kOwnListPrecision) < checks;
     if ((self->m_textBudgetApplies && checks >= self->m_scanBudget) || sparse) {
         self->m_textBudgetExceeded = true;
+        self->m_listsSparse = sparse;
         sqlite3_result_error(context, "text scan budget exceeded", -1);
         return;
     }
@@ -371,11 +372,11 @@ DBResult TrackReader::lookupIn(const Filter& filter, std::vector<ObjectTrackEx>*
         // Common words: their matches walked newest (or oldest) first, from the lists of their
         // first three characters, each row tested against the words as a whole.
         result = run(filter, TextMode::prefixWalk, extra, &stored);
-        // A walk that read too many matches for the lag rule to settle goes along the time index
-        // instead. One that tested too many rows in vain (a word that few of the words sharing
-        // its first letters are) goes to the words' own lists below: the time index would test
-        // every row the lists gave it, and more.
-        if (m_walkGaveUp) {
+        // A walk that read or tested too many rows before the lag rule settled goes along the
+        // time index instead, which stops at the limit. One whose lists held mostly other words
+        // (a word that few of the words sharing its first letters are) goes to the words' own
+        // lists below: the time index would test every row the lists gave it, and more.
+        if (m_walkGaveUp || (result != DBResult::ok && m_textBudgetExceeded && !m_listsSparse)) {
             stored.clear();
             m_db.resetCached();
             m_matcher.setQuery(m_words);
@@ -633,6 +634,7 @@ DBResult TrackReader::run(const Filter& filter, TextMode textMode, std::int64_t 
     // Known matches are few and tested once each: no budget bounds them.
     m_textBudgetApplies = textMode != TextMode::rows;
     m_textHits = 0;
+    m_listsSparse = false;
     m_ownListsApply = textMode == TextMode::prefixWalk &&
                       prefixQuery() != prefixQuery(std::numeric_limits<int>::max());
     // Rows that open tracks replace are dropped afterwards: as many more are asked for.

@@ -262,6 +262,8 @@ private:
     bool m_ownListsApply = false;
     /** Rows that the matcher found to match, in this run. */
     std::int64_t m_textHits = 0;
+    /** The run ended as the prefixes' lists held mostly other words. */
+    bool m_listsSparse = false;
     bool m_walkGaveUp = false;
     std::int64_t m_textScanBudget = kTextScanBudget;
     /** Of this search: m_textScanBudget, or more (scanBudget()). */
