@@ -121,16 +121,18 @@ protected:
     /**
      * A search by a reader of its own that counts `rareMatches` matches to decide whether words
      * are rare (0: never) and tests `scanBudget` rows one by one at most; the answers' first
-     * appearances as milliseconds after the first second.
+     * appearances as milliseconds after the first second. `profile`, if given, counts its work.
      */
     std::vector<std::int64_t> readMs(const Filter& filter, std::int64_t rareMatches,
-                                     std::int64_t scanBudget = TrackReader::kTextScanBudget)
+                                     std::int64_t scanBudget = TrackReader::kTextScanBudget,
+                                     TrackReader::Profile* profile = nullptr)
     {
         TrackReader reader;
         EXPECT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
                   sql::DBResult::ok);
         reader.setRareTextMatches(rareMatches);
         reader.setTextScanBudget(scanBudget);
+        reader.setProfile(profile);
         std::vector<ObjectTrackEx> found;
         EXPECT_EQ(reader.lookup(filter, &found), ResultCode::ok);
         std::vector<std::int64_t> out;
@@ -645,22 +647,33 @@ TEST_F(EventsStorageTest, FreeTextOfACameraSeldomSeenAmongTracksOfTheSameWord)
               (std::vector<std::int64_t>{0, 2 * kStep}));
 }
 
-TEST_F(EventsStorageTest, FreeTextOfACameraWhosePrefixListHoldsMostlyAnotherWord)
+/**
+ * 3,000 tracks of camera A, `step` ms apart, that say "salami" but every 40th "salomi", and with
+ * `cameraB` one of camera B after each that says "salomi"; the milliseconds of A's salomi.
+ */
+std::vector<std::int64_t> saveSalamiAndSalomi(EventsStorage& storage, int step, bool cameraB)
 {
-    // Camera A's tracks say "salami" but every 40th says "salomi"; camera B's say "salomi" too.
-    // The list of "sal" gives A's walk mostly salami, so after a chunk it takes salomi's own list.
-    auto storage = open();
     std::vector<std::int64_t> salomi;
     for (int i = 0; i < 3000; ++i) {
         const bool hit = i % 40 == 7;
         if (hit)
-            salomi.push_back(3 * i);
-        storage->save(loneObject(kDeviceA, 1'000'000 + 3 * i * 1000, "car", {0.1, 0.1, 0.1, 0.1},
-                                 {{"word", hit ? "salomi" : "salami"}}));
-        storage->save(loneObject(kDeviceB, 1'000'000 + (3 * i + 1) * 1000, "car",
-                                 {0.1, 0.1, 0.1, 0.1}, {{"word", "salomi"}}));
+            salomi.push_back(step * i);
+        storage.save(loneObject(kDeviceA, 1'000'000 + step * i * 1000, "car", {0.1, 0.1, 0.1, 0.1},
+                                {{"word", hit ? "salomi" : "salami"}}));
+        if (cameraB) {
+            storage.save(loneObject(kDeviceB, 1'000'000 + (step * i + 1) * 1000, "car",
+                                    {0.1, 0.1, 0.1, 0.1}, {{"word", "salomi"}}));
+        }
     }
-    storage->closeOpenTracks();
+    storage.closeOpenTracks();
+    return salomi;
+}
+
+TEST_F(EventsStorageTest, FreeTextOfACameraWhosePrefixListHoldsMostlyAnotherWord)
+{
+    // The list of "sal" gives A's walk mostly salami, so after a chunk it takes salomi's own list.
+    auto storage = open();
+    const std::vector<std::int64_t> salomi = saveSalamiAndSalomi(*storage, 3, /*cameraB*/ true);
     Filter filter;
     filter.freeText = "salomi";
     filter.deviceIds = {kDeviceA};
@@ -675,24 +688,10 @@ TEST_F(EventsStorageTest, FreeTextOfACameraWhosePrefixListHoldsMostlyAnotherWord
 
 TEST_F(EventsStorageTest, FreeTextWhosePrefixListHoldsMostlyAnotherWordTakesItsOwnList)
 {
-    // Every 40th track says "salomi", the others "salami": the list of "sal" gives the walk
-    // along the row ids mostly salami, so after a few hundred rows tested in vain it takes the
-    // list of salomi itself.
+    // The list of "sal" gives the walk along the row ids mostly salami, so after a few hundred
+    // rows tested in vain it takes the list of salomi itself.
     auto storage = open();
-    std::vector<std::int64_t> salomi;
-    for (int i = 0; i < 3000; ++i) {
-        const bool hit = i % 40 == 7;
-        if (hit)
-            salomi.push_back(i);
-        storage->save(loneObject(kDeviceA, 1'000'000 + i * 1000, "car", {0.1, 0.1, 0.1, 0.1},
-                                 {{"word", hit ? "salomi" : "salami"}}));
-    }
-    storage->closeOpenTracks();
-
-    TrackReader reader;
-    ASSERT_EQ(reader.open(m_dir.filePath(EventsStorage::kFileName).toStdString(), {}),
-              sql::DBResult::ok);
-    reader.setRareTextMatches(1);  //< Every word counts as common.
+    const std::vector<std::int64_t> salomi = saveSalamiAndSalomi(*storage, 1, /*cameraB*/ false);
     for (const auto order : {SortOrder::desc, SortOrder::asc}) {
         Filter filter;
         filter.freeText = "salomi";
@@ -702,14 +701,8 @@ TEST_F(EventsStorageTest, FreeTextWhosePrefixListHoldsMostlyAnotherWordTakesItsO
         if (order == SortOrder::desc)
             expected.assign(salomi.rbegin(), salomi.rbegin() + 60);
         TrackReader::Profile profile;
-        reader.setProfile(&profile);
-        std::vector<ObjectTrackEx> found;
-        ASSERT_EQ(reader.lookup(filter, &found), ResultCode::ok);
-        reader.setProfile(nullptr);
-        std::vector<std::int64_t> ms;
-        for (const auto& track : found)
-            ms.push_back((track.firstAppearanceTimeUs - 1'000'000) / 1000);
-        EXPECT_EQ(ms, expected);
+        // Every word counts as common.
+        EXPECT_EQ(readMs(filter, 1, TrackReader::kTextScanBudget, &profile), expected);
         // Walking "sal" to the 60th salomi would test 2,400 rows.
         EXPECT_LT(profile.rowsMatched, 1000);
     }
