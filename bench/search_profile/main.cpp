@@ -40,6 +40,8 @@ struct Options
     std::string shape;
     int repeat = 1;
     bool shortTracks = false;
+    int slowest = 0;
+    std::string text;
 };
 
 double toUs(nanoseconds d)
@@ -65,6 +67,8 @@ struct ShapeFigures
     TrackReader::Profile profile;
     std::size_t jsonBytes = 0;
     std::size_t answers = 0;
+    /** The calling thread's time of each search of the first round, by its index. */
+    std::vector<nanoseconds> directTimes;
 };
 
 ShapeFigures measure(EventsStorage& storage, TrackReader& reader, const QueryKind& kind, int repeat)
@@ -92,6 +96,8 @@ ShapeFigures measure(EventsStorage& storage, TrackReader& reader, const QueryKin
             auto start = steady_clock::now();
             reader.lookup(filter, &tracks);
             f.direct.add(steady_clock::now() - start);
+            if (round == 0)
+                f.directTimes.push_back(steady_clock::now() - start);
             if (i % 2 == 1)
                 throughStorage();
 
@@ -138,6 +144,48 @@ void print(const QueryKind& kind, const ShapeFigures& f)
     std::fflush(stdout);
 }
 
+std::string describe(const Filter& filter)
+{
+    std::string text = "\"" + filter.freeText + "\"";
+    if (!filter.deviceIds.empty())
+        text += ", " + std::to_string(filter.deviceIds.size()) + " device(s)";
+    if (!filter.timePeriod.isInfinite() || filter.timePeriod.startTimeMs > 0)
+        text += ", " + std::to_string(filter.timePeriod.durationMs / 60'000) + " min";
+    if (filter.boundingBox)
+        text += ", a box";
+    if (filter.sortOrder == kest::analytics::db::SortOrder::asc)
+        text += ", oldest first";
+    return text;
+}
+
+/** The `count` slowest searches of the first round, each run once more with a profile of its own.
+ */
+void printSlowest(TrackReader& reader, const QueryKind& kind, const ShapeFigures& f, int count)
+{
+    std::vector<std::size_t> order(f.directTimes.size());
+    for (std::size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    const std::size_t n = std::min<std::size_t>(count, order.size());
+    std::partial_sort(
+        order.begin(), order.begin() + n, order.end(),
+        [&](std::size_t a, std::size_t b) { return f.directTimes[a] > f.directTimes[b]; });
+    for (std::size_t k = 0; k < n; ++k) {
+        const Filter& filter = kind.filters[order[k]];
+        TrackReader::Profile p;
+        reader.setProfile(&p);
+        std::vector<ObjectTrackEx> tracks;
+        reader.lookup(filter, &tracks);
+        reader.setProfile(nullptr);
+        std::printf(
+            "  slow: %.0f us, again %.0f us (statements %.0f, %lld rows decoded, %lld tested), "
+            "%zu answers: %s\n",
+            toUs(f.directTimes[order[k]]), toUs(p.total), toUs(p.statements()),
+            static_cast<long long>(p.rowsDecoded), static_cast<long long>(p.rowsMatched),
+            tracks.size(), describe(filter).c_str());
+    }
+    std::fflush(stdout);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -151,7 +199,10 @@ int main(int argc, char** argv)
         .option("--shape", &options.shape, "only the shapes whose name contains this")
         .option("--repeat", &options.repeat, "rounds of the timed searches (for perf)", 1)
         .flag("--short-tracks", &options.shortTracks,
-              "the short-track store of analytics_db_bench --scale instead, never filled here");
+              "the short-track store of analytics_db_bench --scale instead, never filled here")
+        .option("--slowest", &options.slowest,
+                "print this many slowest searches of each shape, each profiled once more", 0)
+        .option("--text", &options.text, "only the searches of this free text (with --repeat)");
     bool help = false;
     if (!commandLine.parse(argc, argv, &help))
         return help ? 0 : 2;
@@ -184,10 +235,16 @@ int main(int argc, char** argv)
         std::printf("cannot open %s\n", file.c_str());
         return 1;
     }
-    for (const QueryKind& kind : makeQueries(options.seed, options.queries, info)) {
+    for (QueryKind kind : makeQueries(options.seed, options.queries, info)) {
+        if (!options.text.empty()) {
+            std::erase_if(kind.filters,
+                          [&](const Filter& filter) { return filter.freeText != options.text; });
+        }
         if (kind.filters.empty() || kind.name.find(options.shape) == std::string::npos)
             continue;
-        print(kind, measure(*storage, reader, kind, options.repeat));
+        const ShapeFigures figures = measure(*storage, reader, kind, options.repeat);
+        print(kind, figures);
+        printSlowest(reader, kind, figures, options.slowest);
     }
     return 0;
 }
