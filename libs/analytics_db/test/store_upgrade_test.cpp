@@ -225,9 +225,10 @@ TEST_F(StoreUpgradeTest, AStoreOfTheFirstVersionToo)
     expectTheAnswersOfBefore(*storage);
 }
 
-// Versions 5 and 6 had today's tables: 5 its full-text index without prefix lists, both the
-// (device, first appearance) index without the grids. Those indexes alone are made again, from
-// the track rows, and every answer stays.
+// Versions 5 to 7 had today's tables: 5 its full-text index without prefix lists, 5 and 6 the
+// (device, first appearance) index without the grids, all three a full-text index that counted
+// each row's words. Those indexes alone are made again, from the track rows, and every answer
+// stays.
 TEST_F(StoreUpgradeTest, AStoreOfTodaysTablesGetsTheIndexesItLacks)
 {
     open().reset();
@@ -239,33 +240,39 @@ TEST_F(StoreUpgradeTest, AStoreOfTodaysTablesGetsTheIndexesItLacks)
         return s->step() ? std::string(s->text(0)) : std::string();
     };
     const std::string today = schemaOf("track_device_first");
+    const std::string todaysText = schemaOf("track_text");
     ASSERT_NE(today.find("grid"), std::string::npos);
-    ASSERT_NE(schemaOf("track_text").find("prefix"), std::string::npos);
-    for (const int version : {6, 5}) {
+    ASSERT_NE(todaysText.find("prefix"), std::string::npos);
+    ASSERT_EQ(schemaOf("track_text_docsize"), "");
+    for (const int version : {7, 6, 5}) {
         SCOPED_TRACE(version);
         {
             sql::Database db;
             ASSERT_EQ(db.open(file_().toStdString(), {}), sql::DBResult::ok);
             ASSERT_EQ(addStoreFunctions(db), sql::DBResult::ok);
-            std::string sql =
-                "DROP INDEX track_device_first;"
-                "CREATE INDEX track_device_first ON track(device, first_us);";
-            if (version == 5) {
+            std::string sql;
+            if (version < 7) {
                 sql +=
-                    "DROP TABLE track_text;"
-                    "CREATE VIRTUAL TABLE track_text USING fts5(text, content = '', "
-                    "detail = none, tokenize = 'unicode61 remove_diacritics 2');"
-                    "INSERT INTO track_text(rowid, text) "
-                    "SELECT id, search_text(attributes) FROM track;";
+                    "DROP INDEX track_device_first;"
+                    "CREATE INDEX track_device_first ON track(device, first_us);";
             }
+            sql += std::string(
+                       "DROP TABLE track_text;"
+                       "CREATE VIRTUAL TABLE track_text USING fts5(text, content = '', "
+                       "detail = none, ") +
+                   (version == 5 ? "" : "prefix = '2 3', ") +
+                   "tokenize = 'unicode61 remove_diacritics 2');"
+                   "INSERT INTO track_text(rowid, text) "
+                   "SELECT id, search_text(attributes) FROM track;";
             ASSERT_EQ(db.exec(sql + "PRAGMA user_version = " + std::to_string(version)),
                       sql::DBResult::ok);
         }
-        ASSERT_EQ(schemaOf("track_device_first").find("grid"), std::string::npos);
+        ASSERT_NE(schemaOf("track_text_docsize"), "");
         auto storage = open();
         EXPECT_EQ(userVersion(), kSchemaVersion);
         EXPECT_EQ(schemaOf("track_device_first"), today);
-        EXPECT_NE(schemaOf("track_text").find("prefix"), std::string::npos);
+        EXPECT_EQ(schemaOf("track_text"), todaysText);
+        EXPECT_EQ(schemaOf("track_text_docsize"), "");
         expectTheAnswersOfBefore(*storage);
     }
 }

@@ -60,10 +60,10 @@ constexpr const char* kDeviceFirstIndex =
 
 // Searches ask for word prefixes; those of two and three characters (a plate's letters or
 // digits, "no") would merge the lists of every word that starts with them, so they have lists
-// of their own.
+// of their own. Nothing ranks matches, so the index keeps no count of each row's words.
 constexpr const char* kCreateText = R"sql(
 CREATE VIRTUAL TABLE track_text USING fts5(
-    text, content = '', detail = none, prefix = '2 3',
+    text, content = '', detail = none, columnsize = 0, prefix = '2 3',
     tokenize = 'unicode61 remove_diacritics 2');
 )sql";
 
@@ -262,28 +262,30 @@ DBResult upgrade(sql::Database& db, int version, const std::string& file,
     return db.open(file, options);
 }
 
-/** Version 5 had the same tables but no prefix lists: the words are indexed again from the rows. */
-constexpr int kWordsOnlyUpgradeVersion = 5;
-/** Version 6 had the same tables, its (device, first appearance) index without the grids. */
-constexpr int kDeviceIndexUpgradeVersion = 6;
+/** The first version of today's tables: what later ones changed is indexes only. */
+constexpr int kFirstCompactVersion = 5;
+/** Versions before it had the (device, first appearance) index without the grids. */
+constexpr int kDeviceGridsVersion = 7;
 
-/** Upgrades a store of versions 5 and 6, whose tables are those of today, in one transaction. */
+/**
+ * Upgrades a store of versions 5 to 7, whose tables are those of today, in one transaction: the
+ * words are indexed again from the track rows (version 5 had no prefix lists, and up to 7 the
+ * index counted each row's words), and the device index is made again before version 7.
+ */
 DBResult upgradeIndexes(sql::Database& db, int version)
 {
-    const bool words = version == kWordsOnlyUpgradeVersion;
+    const bool grids = version < kDeviceGridsVersion;
     KEST_INFO("analytics_db", "Upgrading the analytics database from version %1 to %2: %3", version,
               kSchemaVersion,
-              words ? "indexing the words and the grids again" : "indexing the grids");
-    std::string sql = "BEGIN IMMEDIATE;";
-    if (words) {
-        if (auto r = addStoreFunctions(db); r != DBResult::ok)
-            return r;
-        sql += std::string("DROP TABLE track_text;") + kCreateText +
-               "INSERT INTO track_text(rowid, text) SELECT id, search_text(attributes) "
-               "FROM track;";
-    }
-    sql += std::string("DROP INDEX track_device_first;") + kDeviceFirstIndex +
-           "PRAGMA user_version = " + std::to_string(kSchemaVersion) + "; COMMIT;";
+              grids ? "indexing the words and the grids again" : "indexing the words again");
+    if (auto r = addStoreFunctions(db); r != DBResult::ok)
+        return r;
+    std::string sql = std::string("BEGIN IMMEDIATE; DROP TABLE track_text;") + kCreateText +
+                      "INSERT INTO track_text(rowid, text) SELECT id, search_text(attributes) "
+                      "FROM track;";
+    if (grids)
+        sql += std::string("DROP INDEX track_device_first;") + kDeviceFirstIndex;
+    sql += "PRAGMA user_version = " + std::to_string(kSchemaVersion) + "; COMMIT;";
     if (auto r = db.exec(sql); r != DBResult::ok) {
         KEST_ERROR("analytics_db", "Upgrading the analytics database failed: %1 (%2)", r,
                    db.lastError());
@@ -315,7 +317,7 @@ DBResult applySchema(sql::Database& db, const std::string& file,
         }
         return DBResult::ok;
     }
-    if (current == kWordsOnlyUpgradeVersion || current == kDeviceIndexUpgradeVersion)
+    if (current >= kFirstCompactVersion)
         return upgradeIndexes(db, current);
     removeDatabase(file + ".upgrade");
     return upgrade(db, current, file, options);

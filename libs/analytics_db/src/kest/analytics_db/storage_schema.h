@@ -19,7 +19,7 @@ namespace kest::analytics::db {
  *   appearance and by (type, first appearance);
  * - `track_text`: contentless FTS5 without positions over the attribute names and values, its
  *   rowid the track's: the words only, the text being the track row's attributes; with lists of
- *   the two- and three-character prefixes;
+ *   the two- and three-character prefixes, without the count of each row's words;
  * - `position`: a track's positions (ObjectRun), one chunk per id positionChunkId(track, part),
  *   mostly one per track;
  * - `journal`: the objects of tracks still open, one row per commit (TrackWriter);
@@ -27,9 +27,10 @@ namespace kest::analytics::db {
  * - `meta`: numbers the storage keeps across restarts (see TrackWriter and the keys below).
  * Versions 1 to 4 kept a row per track rewritten with every batch, its positions in chunks per
  * batch and its text twice; they are upgraded on open, all or nothing. Version 5 lacked the
- * prefix lists, and versions 5 and 6 the grids in the device index: both are made on open.
+ * prefix lists, versions 5 and 6 the grids in the device index, and versions 5 to 7 counted each
+ * row's words in the full-text index: those indexes are made again on open.
  */
-constexpr int kSchemaVersion = 7;
+constexpr int kSchemaVersion = 8;
 
 /** The latest first appearance ever stored. */
 constexpr const char* kMaxFirstKey = "maxFirstUs";
