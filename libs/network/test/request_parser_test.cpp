@@ -277,8 +277,9 @@ TEST(RequestParser, DeclaredBodyIsHeldOnlyAsItArrives)
         if (sent.size() < kDeclared) {
             ASSERT_EQ(result, RequestParser::Result::needMore);
             // Promised bytes are not held before a good part of them has come.
-            if (sent.size() < kDeclared / 8)
+            if (sent.size() < kDeclared / 8) {
                 EXPECT_LT(parser.heldBytes(), kDeclared / 2) << sent.size();
+            }
         } else {
             ASSERT_EQ(result, RequestParser::Result::request);
         }
