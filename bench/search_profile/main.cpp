@@ -149,8 +149,10 @@ std::string describe(const Filter& filter)
     std::string text = "\"" + filter.freeText + "\"";
     if (!filter.deviceIds.empty())
         text += ", " + std::to_string(filter.deviceIds.size()) + " device(s)";
-    if (!filter.timePeriod.isInfinite() || filter.timePeriod.startTimeMs > 0)
+    if (!filter.timePeriod.isInfinite())
         text += ", " + std::to_string(filter.timePeriod.durationMs / 60'000) + " min";
+    else if (filter.timePeriod.startTimeMs > 0)
+        text += ", from a time on";
     if (filter.boundingBox)
         text += ", a box";
     if (filter.sortOrder == kest::analytics::db::SortOrder::asc)
@@ -158,8 +160,7 @@ std::string describe(const Filter& filter)
     return text;
 }
 
-/** The `count` slowest searches of the first round, each run once more with a profile of its own.
- */
+/** The `count` slowest searches of the first round, each profiled as it runs once more. */
 void printSlowest(TrackReader& reader, const QueryKind& kind, const ShapeFigures& f, int count)
 {
     std::vector<std::size_t> order(f.directTimes.size());
