@@ -42,7 +42,10 @@ public:
      */
     virtual bool search(const analytics::db::Filter& filter, std::size_t* tracks) = 0;
 
-    /** Everything the store keeps on disk for the data, its logs folded in. */
+    /**
+     * Everything the store keeps on disk for the data, its logs folded in; after the searches, as
+     * a store may close to be measured.
+     */
     virtual std::uint64_t bytesOnDisk() = 0;
 
     /**
