@@ -44,8 +44,6 @@ constexpr double kNewTracksGoalPerSecond = 66'000;
 constexpr double kBytesPerObjectGoal = 20;
 /** The store whose searches are compared with those of the previous layout. */
 constexpr std::int64_t kComparedTracks = 1'000'000;
-/** Untimed searches of each shape before it is timed. */
-constexpr int kWarmUpQueries = 200;
 
 struct Options
 {
@@ -359,8 +357,7 @@ std::map<std::string, double> measureLookups(EventsStorage& storage, std::uint64
                                              const std::map<std::string, double>& previous)
 {
     const std::vector<QueryKind> kinds = makeQueries(seed, queries, info);
-    const std::vector<QueryKind> warmUp =
-        makeQueries(seed + 1, std::min(queries, kWarmUpQueries), info);
+    const std::vector<QueryKind> warmUp = makeWarmUpQueries(seed, queries, info);
     std::map<std::string, double> p99s;
     std::printf("\n== Lookups, one at a time (milliseconds, from the call to its completion)\n");
     std::printf("%-36s %8s %8s %8s %10s %10s %8s\n", "", "p50", "p99", "max", "goal p99",

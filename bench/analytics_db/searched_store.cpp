@@ -277,6 +277,11 @@ std::vector<QueryKind> makeQueries(std::uint64_t seed, int queries, const StoreI
     return {window, word, oldestWord, scopedWord, deviceWord, plate, box, track, fullTrack};
 }
 
+std::vector<QueryKind> makeWarmUpQueries(std::uint64_t seed, int queries, const StoreInfo& info)
+{
+    return makeQueries(seed + 1, std::min(queries, kWarmUpQueries), info);
+}
+
 std::vector<std::shared_ptr<const ObjectMetadataPacket>> makeIngestPackets(std::uint64_t seed,
                                                                            std::int64_t count)
 {

@@ -68,6 +68,14 @@ constexpr double kFreeTextGoalMs = 50;
 /** `queries` searches of each shape, aimed at data the store holds; the same for a given seed. */
 std::vector<QueryKind> makeQueries(std::uint64_t seed, int queries, const StoreInfo& info);
 
+/** Untimed searches of each shape before it is timed: enough to bring its pages into caches. */
+constexpr int kWarmUpQueries = 200;
+/**
+ * The searches that warm a shape up before those of makeQueries(`seed`, `queries`) are timed:
+ * other ones of the same shapes (the next seed's), kWarmUpQueries at most.
+ */
+std::vector<QueryKind> makeWarmUpQueries(std::uint64_t seed, int queries, const StoreInfo& info);
+
 /** `count` packets of 5 objects from 200 devices, made beforehand, for timing ingest. */
 std::vector<std::shared_ptr<const common::metadata::ObjectMetadataPacket>> makeIngestPackets(
     std::uint64_t seed, std::int64_t count);

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <future>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -164,8 +165,7 @@ std::string describe(const Filter& filter)
 void printSlowest(TrackReader& reader, const QueryKind& kind, const ShapeFigures& f, int count)
 {
     std::vector<std::size_t> order(f.directTimes.size());
-    for (std::size_t i = 0; i < order.size(); ++i)
-        order[i] = i;
+    std::iota(order.begin(), order.end(), 0);
     const std::size_t n = std::min<std::size_t>(count, order.size());
     std::partial_sort(
         order.begin(), order.begin() + n, order.end(),

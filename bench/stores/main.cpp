@@ -48,8 +48,6 @@ constexpr double kFreeTextJsonGoal = 100;         //< The JSON table's free-text
 constexpr double kIngestGoalObjects = 1'000'000;  //< Ours, objects/s.
 constexpr double kShortTrackBytesGoal = 30;       //< Ours, bytes per object of short tracks.
 constexpr double kShortTrackPostgresGoal = 0.5;   //< Ours over PostgreSQL's, the same.
-/** Untimed searches of each shape before it is timed: enough to bring its pages into caches. */
-constexpr int kWarmUpQueries = 200;
 /** Searches of each shape on the scale stores: analytics_db_bench's own count for them. */
 constexpr int kScaleQueries = 300;
 
@@ -717,7 +715,7 @@ int main(int argc, char** argv)
             !loadDataSet(options, generatorOptions(options), *store, &result, &info))
             return 1;
         kinds = makeQueries(options.seed, options.queries, info);
-        warmUp = makeQueries(options.seed + 1, std::min(options.queries, kWarmUpQueries), info);
+        warmUp = makeWarmUpQueries(options.seed, options.queries, info);
         runSearches(options, *store, kinds, warmUp, &result);
         measureSize(*store, &result);
         store->close();
