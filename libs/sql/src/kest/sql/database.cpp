@@ -4,6 +4,8 @@
 
 #include <kest/utils/log/log.h>
 
+#include "shared_map_vfs.h"
+
 namespace kest::sql {
 
 namespace {
@@ -30,6 +32,7 @@ Database::~Database()
 DBResult Database::open(const std::string& path, const ConnectionOptions& options, bool create)
 {
     close();
+    SharedMapVfs::install();
     const int flags =
         SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0) | SQLITE_OPEN_NOMUTEX;
     const int rc = sqlite3_open_v2(path.c_str(), &m_db, flags, nullptr);
