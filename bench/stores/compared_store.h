@@ -41,6 +41,8 @@ public:
      * track; `tracks` gets how many tracks it found.
      */
     virtual bool search(const analytics::db::Filter& filter, std::size_t* tracks) = 0;
+    /** Untimed, before each search: what the store does between searches. */
+    virtual void beforeSearch() {}
 
     /**
      * Everything the store keeps on disk for the data, its logs folded in; after the searches, as

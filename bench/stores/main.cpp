@@ -322,11 +322,14 @@ void runSearches(const Options& options, ComparedStore& store, const std::vector
             for (const auto& filter : warmUp[k].filters) {
                 if (steady_clock::now() >= until)
                     break;
+                store.beforeSearch();
                 store.search(filter, &found);
             }
         }
-        for (std::size_t i = 0; i < std::min<std::size_t>(3, kind.filters.size()); ++i)
+        for (std::size_t i = 0; i < std::min<std::size_t>(3, kind.filters.size()); ++i) {
+            store.beforeSearch();
             store.search(kind.filters[i], &found);
+        }
         LatencyStats stats;
         ShapeResult shape;
         std::size_t hits = 0;
@@ -337,6 +340,7 @@ void runSearches(const Options& options, ComparedStore& store, const std::vector
                 steady_clock::now() >= deadline) {
                 break;
             }
+            store.beforeSearch();
             const auto start = steady_clock::now();
             const bool ok = store.search(filter, &found);
             stats.add(steady_clock::now() - start);
@@ -356,6 +360,28 @@ void runSearches(const Options& options, ComparedStore& store, const std::vector
                 ? std::string(" ").append(std::to_string(shape.failures)).append(" FAILED").c_str()
                 : "");
         std::fflush(stdout);
+    }
+}
+
+/**
+ * Our searches again, each right after a commit, as they run during ingest: a reader then finds
+ * the store changed since its last search (measured, no goal). After the store's size is taken,
+ * as the commits add a track.
+ */
+void measureSearchesAfterCommits(const Options& options, OurStore& store,
+                                 const std::vector<QueryKind>& kinds,
+                                 const std::vector<QueryKind>& warmUp, const StoreInfo& info)
+{
+    std::printf("  searches, each after a commit:\n");
+    store.commitBeforeEachSearch();
+    StoreResult result{"ours after commits"};
+    runSearches(options, store, kinds, warmUp, &result);
+    const std::string section = "stores: searches, each after a commit (" +
+                                std::to_string(options.tracks) + " tracks, " +
+                                std::to_string(info.objectCount) + " objects)";
+    for (const auto& [name, shape] : result.shapes) {
+        recordFigure(Figure::measured(section, name + ": ours p50", shape.p50, "ms"));
+        recordFigure(Figure::measured(section, name + ": ours p99", shape.p99, "ms"));
     }
 }
 
@@ -718,6 +744,8 @@ int main(int argc, char** argv)
         warmUp = makeWarmUpQueries(options.seed, options.queries, info);
         runSearches(options, *store, kinds, warmUp, &result);
         measureSize(*store, &result);
+        if (store->reopen())
+            measureSearchesAfterCommits(options, *store, kinds, warmUp, info);
         store->close();
 
         SqliteCeiling raw;

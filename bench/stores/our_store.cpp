@@ -35,10 +35,18 @@ void OurStore::close()
     m_storage.reset();
 }
 
+bool OurStore::reopen()
+{
+    m_storage = openStorage(m_dir);
+    return m_storage != nullptr;
+}
+
 bool OurStore::load(const std::vector<PacketPtr>& packets)
 {
     for (const auto& packet : packets)
         saveWhenReady(*m_storage, packet);
+    if (!packets.empty())
+        m_lastLoaded = packets.back();
     m_storage->flush();
     const auto statistics = m_storage->statistics();
     return statistics.packetsFailed == 0;
@@ -48,6 +56,27 @@ bool OurStore::finishWriting()
 {
     m_storage->closeOpenTracks();
     return m_storage->statistics().packetsFailed == 0;
+}
+
+void OurStore::commitBeforeEachSearch()
+{
+    if (!m_lastLoaded)
+        return;
+    m_written = std::make_shared<common::metadata::ObjectMetadataPacket>(*m_lastLoaded);
+    m_written->deviceId = ZuUuid::createUuid();
+    for (auto& object : m_written->objectMetadataList)
+        object.attributes.clear();
+}
+
+void OurStore::beforeSearch()
+{
+    if (!m_written)
+        return;
+    m_written->timestampUs += 1000;
+    std::promise<bool> committed;
+    m_storage->saveCommitted({std::make_shared<common::metadata::ObjectMetadataPacket>(*m_written)},
+                             [&committed](bool ok) { committed.set_value(ok); });
+    committed.get_future().get();
 }
 
 bool OurStore::search(const Filter& filter, std::size_t* tracks)

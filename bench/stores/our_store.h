@@ -23,15 +23,25 @@ public:
     bool load(const std::vector<PacketPtr>& packets) override;
     bool finishWriting() override;
     bool search(const analytics::db::Filter& filter, std::size_t* tracks) override;
+    void beforeSearch() override;
     std::uint64_t bytesOnDisk() override;
 
     const std::filesystem::path& dir() const { return m_dir; }
     /** Stops the storage, so that its files can be read by another connection. */
     void close();
+    /** Opens the storage again on the files it left. */
+    bool reopen();
+    /**
+     * From now on each search is preceded by the commit of one packet of a camera of its own,
+     * with no words, as searches during ingest find the store just changed.
+     */
+    void commitBeforeEachSearch();
 
 private:
     std::filesystem::path m_dir;
     std::unique_ptr<analytics::db::EventsStorage> m_storage;
+    PacketPtr m_lastLoaded;
+    std::shared_ptr<common::metadata::ObjectMetadataPacket> m_written;
 };
 
 }  // namespace kest::bench
