@@ -17,12 +17,12 @@ struct ConnectionOptions
     /** "cacheSizeKb": page cache per connection. */
     int cacheSizeKb = 64 * 1024;
     /**
-     * "mmapSizeMb": reads go through a memory map of this much of the file (SQLite caps it at
-     * 2 GiB), so that a page that is not in the page cache costs no system call and no copy;
-     * 0 maps nothing. Its pages are the kernel's file cache: they count as resident once read,
-     * and the kernel takes them back under pressure.
+     * "mmapSizeMb": reads go through a memory map of this much of the file, so that a page that
+     * is not in the page cache costs no system call and no copy; 0 maps nothing. The map is
+     * address space: its pages are the kernel's file cache, resident once read, and the kernel
+     * takes them back under pressure.
      */
-    int mmapSizeMb = 2048;
+    int mmapSizeMb = 64 * 1024;
     /** "busyTimeoutMs": how long a statement waits for a lock. */
     std::chrono::milliseconds busyTimeout{5000};
 

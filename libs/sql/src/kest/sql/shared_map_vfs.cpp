@@ -19,9 +19,6 @@ namespace {
 
 constexpr const char* kName = "kest-shared-map";
 
-/** SQLite's own ceiling on a map (SQLITE_MAX_MMAP_SIZE of 64-bit builds). */
-constexpr sqlite3_int64 kMapBytes = 0x7fff0000;
-
 using FileKey = std::pair<dev_t, ino_t>;
 
 /**
@@ -35,6 +32,7 @@ struct FileMap
     std::vector<int> fds;
     int users = 0;
     const char* base = nullptr;
+    sqlite3_int64 length = 0;
     bool failed = false;
 };
 
@@ -78,27 +76,32 @@ void releaseMap(FileMap* map)
     if (--map->users > 0)
         return;
     if (map->base)
-        ::munmap(const_cast<char*>(map->base), kMapBytes);
+        ::munmap(const_cast<char*>(map->base), map->length);
     for (const int fd : map->fds)
         ::close(fd);
     g_maps.erase(map->key);
     delete map;
 }
 
-/** The whole map's start, made on first call; null when the file cannot be mapped. */
-const char* mapStart(FileMap* map)
+/**
+ * The map, made by the first connection to read through it, `length` bytes long; null when the
+ * file cannot be mapped.
+ */
+const FileMap* mapOf(FileMap* map, sqlite3_int64 length)
 {
     std::lock_guard lock(g_mutex);
     if (!map->base && !map->failed) {
         // Mapped beyond the file's end, so that it never moves as the file grows; a page is
         // handed out only once the file is known to reach past it.
-        void* start = ::mmap(nullptr, kMapBytes, PROT_READ, MAP_SHARED, map->fds.front(), 0);
-        if (start == MAP_FAILED)
+        void* start = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, map->fds.front(), 0);
+        if (start == MAP_FAILED) {
             map->failed = true;
-        else
+        } else {
             map->base = static_cast<const char*>(start);
+            map->length = length;
+        }
     }
-    return map->base;
+    return map->base ? map : nullptr;
 }
 
 /** The file that SQLite holds: the system VFS's file right behind this header. */
@@ -108,7 +111,7 @@ struct MappedFile
     sqlite3_file* real;
     FileMap* map;            // main database files only
     const char* mapped;      // the map's start, once this connection has read through it
-    sqlite3_int64 limit;     // this connection's mmap_size
+    sqlite3_int64 limit;     // this connection's mmap_size, within the map
     sqlite3_int64 readable;  // how far the file went when last looked at
 };
 
@@ -183,7 +186,7 @@ int controlFile(sqlite3_file* file, int op, void* arg)
         auto* size = static_cast<sqlite3_int64*>(arg);
         const sqlite3_int64 previous = mapped->limit;
         if (*size >= 0)
-            mapped->limit = std::min(*size, kMapBytes);
+            mapped->limit = *size;
         *size = previous;
         return SQLITE_OK;
     }
@@ -197,16 +200,17 @@ int fetchPage(sqlite3_file* file, sqlite3_int64 offset, int bytes, void** page)
     if (!mapped->map || mapped->limit <= 0)
         return SQLITE_OK;
     if (!mapped->mapped) {
-        mapped->mapped = mapStart(mapped->map);
-        if (!mapped->mapped) {
+        const FileMap* map = mapOf(mapped->map, mapped->limit);
+        if (!map) {
             mapped->limit = 0;  // read through the system's calls from now on
             return SQLITE_OK;
         }
+        mapped->mapped = map->base;
         lookAtSize(mapped);
     }
     // No page goes out past what the file held when last looked at: the map reaches beyond
     // the file's end, and a page there would be a SIGBUS. SQLite reads such a page instead.
-    if (offset + bytes <= std::min(mapped->readable, mapped->limit))
+    if (offset + bytes <= std::min({mapped->readable, mapped->limit, mapped->map->length}))
         *page = const_cast<char*>(mapped->mapped + offset);
     return SQLITE_OK;
 }
