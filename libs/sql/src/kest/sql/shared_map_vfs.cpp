@@ -42,8 +42,7 @@ std::map<FileKey, FileMap*> g_maps;  // guarded by g_mutex
 FileMap* acquireMap(const char* path)
 {
     std::lock_guard lock(g_mutex);
-    struct stat status
-    {};
+    struct stat status;
     if (::stat(path, &status) == 0) {
         if (auto it = g_maps.find({status.st_dev, status.st_ino}); it != g_maps.end()) {
             ++it->second->users;
