@@ -4,9 +4,12 @@
 #include <unistd.h>
 
 #include <QTemporaryDir>
+#include <atomic>
 #include <fstream>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <kest/sql/database.h>
 
@@ -98,6 +101,39 @@ TEST_F(SharedMapVfsTest, ReadersShareOneMapThatStaysAsTheFileGrows)
 
     for (Database& reader : readers)
         reader.close();
+    m_writer.close();
+    EXPECT_TRUE(mapsOf(file()).empty());
+}
+
+TEST_F(SharedMapVfsTest, ConnectionsComeAndGoOnThreadsWhileTheWriterCommits)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 3; ++t) {
+        readers.emplace_back([&] {
+            std::int64_t seen = 0;
+            while (!stop) {
+                Database reader;
+                if (reader.open(file(), ConnectionOptions{}) != DBResult::ok) {
+                    ++wrong;
+                    return;
+                }
+                // The rows, or -1 when one does not tell its key: one statement, one snapshot.
+                const std::int64_t rows = single(reader,
+                                                 "SELECT CASE WHEN sum(k = CAST(v AS INTEGER)) = "
+                                                 "count(*) THEN count(*) ELSE -1 END FROM t");
+                wrong += rows < seen;
+                seen = rows;
+            }
+        });
+    }
+    for (int round = 0; round < 20; ++round)
+        addRows(200);
+    stop = true;
+    for (auto& reader : readers)
+        reader.join();
+    EXPECT_EQ(wrong, 0);
     m_writer.close();
     EXPECT_TRUE(mapsOf(file()).empty());
 }
